@@ -1,0 +1,5 @@
+#include "config/WidgetConfig.h"
+
+// Placeholder until the configuration record lands.
+WidgetConfig::WidgetConfig(WidgetInstaller* installer) : installer(installer) {}
+WidgetConfig::~WidgetConfig() {}

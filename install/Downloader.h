@@ -1,0 +1,27 @@
+// Downloader fetches one widget package from a URL into one local file with
+// libcurl, synchronously. Destroying it removes that file, so the package
+// never outlives the installation job.
+#ifndef WIDGETENGINE_DOWNLOADER_H_
+#define WIDGETENGINE_DOWNLOADER_H_
+
+#include <string>
+
+class Downloader {
+ public:
+  Downloader(const std::string& url, const std::string& filePath);
+  ~Downloader();
+
+  Downloader(const Downloader&) = delete;
+  Downloader& operator=(const Downloader&) = delete;
+
+  // 0 when the body was stored in filePath, -1 otherwise.
+  int download();
+  // Removes filePath and says so.
+  void clean();
+
+ private:
+  std::string url;
+  std::string filePath;
+};
+
+#endif  // WIDGETENGINE_DOWNLOADER_H_

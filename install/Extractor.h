@@ -1,0 +1,38 @@
+// Extractor checks a widget package (a zip archive) entry by entry and then
+// unpacks it into a target directory. Unless told to keep its files,
+// destroying it removes the whole target directory again.
+#ifndef WIDGETENGINE_EXTRACTOR_H_
+#define WIDGETENGINE_EXTRACTOR_H_
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+class Extractor {
+ public:
+  // Wipes whatever is at targetDir (which must end with "/").
+  Extractor(const std::string& zipPath, const std::string& targetDir);
+  ~Extractor();
+
+  Extractor(const Extractor&) = delete;
+  Extractor& operator=(const Extractor&) = delete;
+
+  // 0 on success, with the archive name of every extracted file appended to
+  // files; -1 on any failure, with one message on standard output.
+  int extract(std::vector<std::string>& files);
+  void setKeepFiles(bool keep);
+  void clean();
+
+  // Creates every missing folder of path that is followed by a "/".
+  int makeDirectories(const std::string& path, mode_t mode);
+  // Deletes a directory and all below it; never follows a symbolic link.
+  void removeDirectoryTree(const std::string& path);
+
+ private:
+  std::string zipPath;
+  std::string targetDir;
+  bool keepFiles;
+};
+
+#endif  // WIDGETENGINE_EXTRACTOR_H_

@@ -1,0 +1,62 @@
+// WidgetInstaller is the job that turns one package URL into one installed
+// widget: download, unpack, parse config.xml, choose the start file and icons,
+// register the widget and compose its launch URL. One object runs once; a
+// failed run is rolled back by destroying the objects it created.
+#ifndef WIDGETENGINE_WIDGETINSTALLER_H_
+#define WIDGETENGINE_WIDGETINSTALLER_H_
+
+#include <cstdio>
+#include <memory>
+#include <string>
+
+class Downloader;
+class Extractor;
+class SqlLite3;
+class WidgetConfig;
+class WidgetConfigParser;
+
+class WidgetInstaller {
+ public:
+  // Derives the widget's name and storage directory from the URL and opens a
+  // registry connection of its own.
+  explicit WidgetInstaller(const std::string& sourceURL);
+  ~WidgetInstaller();
+
+  WidgetInstaller(const WidgetInstaller&) = delete;
+  WidgetInstaller& operator=(const WidgetInstaller&) = delete;
+
+  // Installs the widget; one of the status codes 0 to 11.
+  int run();
+  std::string getLaunchURL();
+  void clean();
+
+  // $WIDGET_PATH or the built-in widget root; created (one level) if missing.
+  static std::string getWidgetBasePath();
+  // Sets name and storagePath from the URL.
+  void buildStoragePath(const std::string& url);
+
+  const std::string& getName() const { return name; }
+  const std::string& getStoragePath() const { return storagePath; }
+
+  // Content types of the widget's files.
+  std::string getMimeTypeFromExtension(const std::string& fileName);
+  std::string getMimeTypeFromContent(FILE* file);
+  // Opens storagePath + fileName for reading; null when it cannot.
+  FILE* openWidgetFile(const std::string& fileName);
+  bool widgetFileExists(const std::string& fileName);
+
+ private:
+  std::string sourceURL;
+  std::string basePath;
+  std::string storagePath;
+  std::string launchURL;
+  std::string name;
+  bool installed;
+  std::unique_ptr<Downloader> downloader;
+  std::unique_ptr<Extractor> extractor;
+  std::unique_ptr<WidgetConfig> config;
+  std::unique_ptr<WidgetConfigParser> parser;
+  std::unique_ptr<SqlLite3> database;
+};
+
+#endif  // WIDGETENGINE_WIDGETINSTALLER_H_

@@ -1,0 +1,72 @@
+// SqlLite3 is one connection to the widget registry, the SQLite file
+// "widget.db": construction opens it and makes sure its three tables exist,
+// isOpen() tells whether it is usable, destruction closes it. Every statement
+// that the engine runs against the registry is an operation of this class.
+#ifndef WIDGETENGINE_SQLLITE3_H_
+#define WIDGETENGINE_SQLLITE3_H_
+
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "registry/WidgetsData.h"
+
+struct sqlite3;
+
+class SqlLite3 {
+ public:
+  // Opens (or creates) the registry at databasePath() and checks its tables.
+  SqlLite3();
+  ~SqlLite3();
+
+  SqlLite3(const SqlLite3&) = delete;
+  SqlLite3& operator=(const SqlLite3&) = delete;
+
+  // $YRA_DATA_PATH (or the built-in default directory) + "widget.db", glued
+  // without a separator.
+  static std::string databasePath();
+
+  bool isOpen();
+
+  // Runs one statement text; the SQLite result code (0 = success). The result
+  // is left in getColumnNames() and getValues() (row after row).
+  int query(std::string sql);
+  const std::vector<std::string>& getColumnNames() const;
+  const std::vector<std::string>& getValues() const;
+
+  bool checkStructure();
+  bool checkTable(const std::string& table, const std::string& createSql);
+
+  // Writes. insertWidget: the new id (> 0), -1 when the Widgets row was
+  // refused, 0 when the id could not be read.
+  int insertWidget(WidgetsData* widget);
+  int insertLocalizedItems(int widgetId, const std::string& item,
+                           const std::map<std::string, std::string>& texts);
+  // Removes the Widgets row called name; the SQLite result code.
+  int deleteWidgetByName(const std::string& name);
+
+  // Groups a job's writes into one transaction. A statement that fails inside
+  // still fails alone.
+  void beginJob();
+  void endJob();
+
+  // Reads. Records are newly allocated; the caller deletes them.
+  std::vector<WidgetsData*> selectWidgets(std::string sql);
+  std::vector<WidgetsData*> selectAllWidgets();
+  std::vector<WidgetsData*> selectWidgetsByName(const std::string& name);
+  std::vector<WidgetsData*> selectWidgetsBySourceURL(const std::string& url);
+
+  int getNameByLaunchURL(const std::string& launchURL, std::string& name);
+  int findLocalizedResource(std::string& url, std::vector<std::string> locales);
+  int getLocalizedItem(int widgetId, const std::string& item,
+                       const std::vector<std::string>& locales,
+                       std::string& value);
+  void loadLocalizedItems(WidgetsData* widget, std::vector<std::string> locales);
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl;
+};
+
+#endif  // WIDGETENGINE_SQLLITE3_H_

@@ -1,0 +1,26 @@
+#!/usr/bin/env bash
+# Installs the Debian packages that building, testing, benchmarking and the
+# demo need, and only those that are missing. Safe to run again.
+set -euo pipefail
+
+packages=(
+  g++ make cmake pkg-config
+  libcurl4-openssl-dev libzip-dev libxml2-dev libsqlite3-dev
+  googletest libgtest-dev libgmock-dev libbenchmark-dev
+  python3 zip unzip curl libarchive-tools binutils
+)
+
+missing=()
+for p in "${packages[@]}"; do
+  status=$(dpkg-query -W -f='${db:Status-Status}' "$p" 2>/dev/null || true)
+  [ "$status" = "installed" ] || missing+=("$p")
+done
+
+[ ${#missing[@]} -eq 0 ] && exit 0
+
+echo "Installing: ${missing[*]}"
+sudo=""
+[ "$(id -u)" -eq 0 ] || sudo="sudo"
+export DEBIAN_FRONTEND=noninteractive
+$sudo apt-get update -qq
+$sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
