@@ -28,13 +28,19 @@ const char kWrongRoot[] = "Document of the wrong type, root node != widget\n";
 const std::string kPng("\x89PNG\r\n\x1a\n\0\0", 10);
 const std::string kGif("GIF89a\x01\x02", 8);
 
-// A widget document in the widgets namespace.
-std::string widgetXml(const std::string& body,
-                      const std::string& attributes = "") {
-  return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-         "<widget xmlns=\"http://www.w3.org/ns/widgets\"" +
+// A widget root element in the widgets namespace.
+std::string widgetElement(const std::string& body,
+                          const std::string& attributes = "") {
+  return "<widget xmlns=\"http://www.w3.org/ns/widgets\"" +
          (attributes.empty() ? std::string() : " " + attributes) + ">" + body +
          "</widget>\n";
+}
+
+// A whole widget document.
+std::string widgetXml(const std::string& body,
+                      const std::string& attributes = "") {
+  return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n" +
+         widgetElement(body, attributes);
 }
 
 // A schema that accepts any well-formed document.
@@ -549,4 +555,258 @@ TEST(WidgetConfigParserNumberTest, WrapsAt32Bits) {
   EXPECT_EQ(1215752191,
             WidgetConfigParser::toNumber("99999999999"));
   WidgetConfigParser::toNumber(std::string(100000, '9'));
+}
+
+// ---- Hostile and oversized input: each ends at once with one clear result.
+
+namespace {
+
+std::string billionLaughs(const std::string& use) {
+  std::string dtd = "<!ENTITY lol \"lol\">\n";
+  for (int i = 1; i <= 9; ++i) {
+    std::string previous = i == 1 ? "lol" : "lol" + std::to_string(i - 1);
+    std::string body;
+    for (int j = 0; j < 10; ++j) body += "&" + previous + ";";
+    dtd += "<!ENTITY lol" + std::to_string(i) + " \"" + body + "\">\n";
+  }
+  return "<?xml version=\"1.0\"?>\n<!DOCTYPE widget [\n" + dtd + "]>\n" +
+         widgetElement(use);
+}
+
+// One 100 kB entity referenced 10,000 times: a 1 MB document that would
+// expand to a gigabyte.
+std::string quadraticBlowup(bool inAttribute) {
+  std::string references;
+  for (int i = 0; i < 10000; ++i) references += "&big;";
+  return "<?xml version=\"1.0\"?>\n<!DOCTYPE widget [<!ENTITY big \"" +
+         std::string(100000, 'x') + "\">]>\n" +
+         (inAttribute ? widgetElement("<name>n</name>", "version=\"" +
+                                                        references + "\"")
+                        : widgetElement("<name>" + references + "</name>"));
+}
+
+// A listening socket on 127.0.0.1 that records whether anyone connected.
+class Listener {
+ public:
+  Listener() {
+    fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address));
+    listen(fd, 8);
+    socklen_t length = sizeof(address);
+    getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+    port = ntohs(address.sin_port);
+    fcntl(fd, F_SETFL, O_NONBLOCK);
+  }
+  ~Listener() { close(fd); }
+
+  bool connected() {
+    const int client = accept(fd, nullptr, nullptr);
+    if (client < 0) return false;
+    close(client);
+    return true;
+  }
+
+  std::string url(const std::string& name) const {
+    return "http://127.0.0.1:" + std::to_string(port) + "/" + name;
+  }
+
+ private:
+  int fd;
+  int port;
+};
+
+void countingGenericError(void* context, const char*, ...) {
+  ++*static_cast<int*>(context);
+}
+void countingStructuredError(void* context, xmlErrorPtr) {
+  ++*static_cast<int*>(context);
+}
+
+}  // namespace
+
+TEST_F(WidgetConfigParserTest, BinaryGarbageIsNotParsed) {
+  std::string garbage;
+  uint32_t state = 12345;
+  for (int i = 0; i < 65536; ++i) {
+    state = state * 1103515245u + 12345u;
+    garbage.push_back(static_cast<char>(state >> 24));
+  }
+  EXPECT_EQ(-1, parse(garbage));
+  EXPECT_EQ(kNotParsed, out);
+  EXPECT_EQ(-1, parse(std::string("<widget\0\xff\xfe", 10)));
+  EXPECT_EQ(kNotParsed, out);
+  expectUntouched();
+}
+
+TEST_F(WidgetConfigParserTest, TenMegabytesOfElementsAreParsed) {
+  std::string body;
+  const std::string text(1000, 'x');
+  int count = 0;
+  while (body.size() < (10u << 20)) {
+    body += "<description xml:lang=\"l" + std::to_string(count++) + "\">" +
+            text + "</description>\n";
+  }
+  ASSERT_EQ(0, parse(widgetXml(body)));
+  EXPECT_EQ(static_cast<size_t>(count), config.getDescriptions().size());
+  EXPECT_EQ(count * std::string("Parsing description...\n").size(),
+            out.size());
+}
+
+TEST_F(WidgetConfigParserTest, TenMegabyteTextEndsWithOneResult) {
+  const int result =
+      parse(widgetXml("<description>" + std::string(10u << 20, 'x') +
+                      "</description>"));
+  if (result == 0) {
+    EXPECT_EQ("Parsing description...\n", out);
+    EXPECT_EQ(10u << 20, config.getDescriptions().at("default").size());
+  } else {
+    EXPECT_EQ(kNotParsed, out);
+    expectUntouched();
+  }
+}
+
+TEST_F(WidgetConfigParserTest, TenThousandNestedElementsAreNotParsed) {
+  std::string open;
+  std::string close;
+  for (int i = 0; i < 10000; ++i) {
+    open += "<d>";
+    close += "</d>";
+  }
+  EXPECT_EQ(-1, parse(widgetXml("<name>n</name>" + open + close)));
+  EXPECT_EQ(kNotParsed, out);
+  expectUntouched();
+}
+
+TEST_F(WidgetConfigParserTest, BillionLaughsAreNotParsed) {
+  EXPECT_EQ(-1, parse(billionLaughs("<name>&lol9;</name>")));
+  EXPECT_EQ(kNotParsed, out);
+  EXPECT_EQ(-1, parse(billionLaughs("<name short=\"&lol9;\">n</name>")));
+  EXPECT_EQ(kNotParsed, out);
+  expectUntouched();
+}
+
+TEST_F(WidgetConfigParserTest, ManyReferencesToALargeEntityAreNotParsed) {
+  EXPECT_EQ(-1, parse(quadraticBlowup(true)));
+  EXPECT_EQ(kNotParsed, out);
+  EXPECT_EQ(-1, parse(quadraticBlowup(false)));
+  EXPECT_EQ(kNotParsed, out);
+  expectUntouched();
+}
+
+TEST_F(WidgetConfigParserTest, SmallInternalEntityInAnAttributeIsExpanded) {
+  ASSERT_EQ(0, parse("<?xml version=\"1.0\"?>\n"
+                     "<!DOCTYPE widget [<!ENTITY who \"clock\">]>\n" +
+                     widgetElement("<name short=\"&who;&who;\">n</name>",
+                               "id=\"urn:&who;\"")));
+  EXPECT_EQ("urn:clock", *config.getId());
+  EXPECT_EQ("clockclock", config.getShortNames().at("default"));
+}
+
+TEST_F(WidgetConfigParserTest, ExternalEntitiesAreNeverRead) {
+  TempDir other;
+  TempDir::writeFile(other.file("secret.txt"), "SECRET");
+  const std::string declaration =
+      "<?xml version=\"1.0\"?>\n<!DOCTYPE widget [<!ENTITY s SYSTEM \"file://" +
+      other.file("secret.txt") + "\">]>\n";
+
+  const int inText = parse(declaration + widgetElement("<name>&s;</name>"));
+  EXPECT_EQ(std::string::npos, out.find("SECRET"));
+  if (inText == 0) {
+    EXPECT_EQ("Parsing name...\n", out);
+  } else {
+    EXPECT_EQ(kInvalid, out);
+  }
+  // XML forbids external entities in attribute values.
+  EXPECT_EQ(-1, parse(declaration + widgetElement("<name>n</name>",
+                                              "id=\"urn:&s;\"")));
+  EXPECT_EQ(kNotParsed, out);
+  for (const auto& name : config.getNames()) {
+    EXPECT_EQ(std::string::npos, name.second.find("SECRET"));
+  }
+  EXPECT_EQ(nullptr, config.getId());
+}
+
+TEST_F(WidgetConfigParserTest, ExternalDtdIsNeverLoaded) {
+  TempDir other;
+  TempDir::writeFile(other.file("w.dtd"),
+                     "<!ENTITY who \"SECRET\">\n"
+                     "<!ATTLIST widget id CDATA \"urn:secret\">\n"
+                     "<!ATTLIST name short CDATA \"SECRET\">\n");
+  const std::string doctype = "<?xml version=\"1.0\"?>\n<!DOCTYPE widget "
+                              "SYSTEM \"" + other.file("w.dtd") + "\">\n";
+  ASSERT_EQ(0, parse(doctype + widgetElement("<name>Clock</name>")));
+  EXPECT_EQ("Parsing name...\n", out);
+  EXPECT_EQ(nullptr, config.getId());
+  EXPECT_TRUE(config.getShortNames().empty());
+
+  parse(doctype + widgetElement("<name>&who;</name>"));
+  EXPECT_EQ(std::string::npos, out.find("SECRET"));
+  EXPECT_NE("SECRET", config.getNames().at("default"));
+}
+
+TEST_F(WidgetConfigParserTest, NetworkIsNeverTouched) {
+  Listener server;
+  const std::string xml =
+      "<?xml version=\"1.0\"?>\n<!DOCTYPE widget SYSTEM \"" +
+      server.url("w.dtd") + "\" [<!ENTITY remote SYSTEM \"" +
+      server.url("e.txt") + "\">]>\n" +
+      widgetElement("<name>&remote;</name><description>d</description>");
+  parse(xml);
+  EXPECT_FALSE(server.connected());
+  EXPECT_TRUE(out == kInvalid || out == "Parsing name...\n"
+                                         "Parsing description...\n")
+      << out;
+
+  // Nor is a document named by URL fetched.
+  EXPECT_EQ(-1, parseFile(server.url("config.xml")));
+  EXPECT_EQ(kNotParsed, out);
+  EXPECT_FALSE(server.connected());
+}
+
+TEST_F(WidgetConfigParserTest, LibxmlReportsNothingOnStandardError) {
+  TempDir elsewhere;
+  CaptureStdout errors(2);
+  parse("not xml");
+  parse(billionLaughs("<name>&lol9;</name>"));
+  parse("<widget><name>n</name></widget>");
+  parse(widgetXml("<name>n</name>"), elsewhere.file("missing.rng"));
+  parse("<?xml version=\"1.0\"?>\n<!DOCTYPE widget SYSTEM \"" +
+        elsewhere.file("missing.dtd") + "\">\n" +
+        widgetElement("<name>&undeclared;</name>"));
+  parseFile(elsewhere.file("missing.xml"));
+  EXPECT_EQ("", errors.text());
+}
+
+TEST_F(WidgetConfigParserTest, CallersErrorHandlersAreRestored) {
+  int generic = 0;
+  int structured = 0;
+  xmlSetGenericErrorFunc(&generic, countingGenericError);
+  xmlSetStructuredErrorFunc(&structured, countingStructuredError);
+
+  EXPECT_EQ(-1, parse("not xml"));
+  EXPECT_EQ(-1, parse("<widget><name>n</name></widget>"));
+  EXPECT_EQ(0, parse(widgetXml("<name>n</name>")));
+  EXPECT_EQ(0, generic + structured);
+
+  EXPECT_EQ(reinterpret_cast<void*>(countingGenericError),
+            reinterpret_cast<void*>(xmlGenericError));
+  EXPECT_EQ(&generic, xmlGenericErrorContext);
+  EXPECT_EQ(reinterpret_cast<void*>(countingStructuredError),
+            reinterpret_cast<void*>(xmlStructuredError));
+  EXPECT_EQ(&structured, xmlStructuredErrorContext);
+
+  xmlSetGenericErrorFunc(nullptr, nullptr);
+  xmlSetStructuredErrorFunc(nullptr, nullptr);
+}
+
+TEST_F(WidgetConfigParserTest, ParserCanRunAgainOnANewRecord) {
+  ASSERT_EQ(0, parse(widgetXml("<name>One</name>")));
+  WidgetConfig second(widget.get());
+  CaptureStdout capture;
+  WidgetConfigParser parser(widget.path("config.xml"), &second);
+  EXPECT_EQ(0, parser.parse());
+  EXPECT_EQ("One", second.getNames().at("default"));
 }
