@@ -9,8 +9,9 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
+#include <cstdio>
 #include <string>
+#include <vector>
 
 #include "config/TestWidget.h"
 #include "config/WidgetConfig.h"
@@ -809,4 +810,59 @@ TEST_F(WidgetConfigParserTest, ParserCanRunAgainOnANewRecord) {
   WidgetConfigParser parser(widget.path("config.xml"), &second);
   EXPECT_EQ(0, parser.parse());
   EXPECT_EQ("One", second.getNames().at("default"));
+}
+
+// ---- Real documents written elsewhere.
+
+TEST_F(WidgetConfigParserTest, CorpusDocumentsEachEndWithOneResult) {
+  const std::string corpus = WIDGETENGINE_SOURCE_DIR "/../shared/corpus";
+  if (!TempDir::exists(corpus)) GTEST_SKIP() << "no corpus at " << corpus;
+  FILE* list = popen(("find '" + corpus + "' -name '*.xml' -type f").c_str(),
+                     "r");
+  ASSERT_NE(nullptr, list);
+  std::vector<std::string> paths;
+  char line[4096];
+  while (fgets(line, sizeof(line), list)) {
+    std::string path(line);
+    if (!path.empty() && path.back() == '\n') path.pop_back();
+    if (path.size() >= 10 &&
+        path.compare(path.size() - 10, 10, "config.xml") == 0) {
+      paths.push_back(path);
+    }
+  }
+  pclose(list);
+  ASSERT_FALSE(paths.empty());
+
+  const std::string failures[] = {kNotParsed, kNoSchema, kInvalid, kWrongRoot,
+                                  "Empty document\n"};
+  int parsed = 0;
+  for (const std::string& path : paths) {
+    WidgetConfig record(widget.get());
+    CaptureStdout capture;
+    WidgetConfigParser parser(path, &record);
+    const int result = parser.parse();
+    const std::string text = capture.text();
+    if (result == 0) {
+      ++parsed;
+      size_t start = 0;
+      while (start < text.size()) {
+        const size_t end = text.find('\n', start);
+        ASSERT_NE(std::string::npos, end) << path;
+        const std::string trace = text.substr(start, end - start);
+        EXPECT_TRUE((trace.compare(0, 8, "Parsing ") == 0 &&
+                     trace.size() > 11 &&
+                     trace.compare(trace.size() - 3, 3, "...") == 0) ||
+                    trace == "Empty widget configuration")
+            << path << ": " << trace;
+        start = end + 1;
+      }
+    } else {
+      ASSERT_EQ(-1, result) << path;
+      bool known = false;
+      for (const std::string& failure : failures) known |= text == failure;
+      EXPECT_TRUE(known) << path << ": " << text;
+      EXPECT_NE(kNoSchema, text) << path;
+    }
+  }
+  EXPECT_GT(parsed, 0);
 }
