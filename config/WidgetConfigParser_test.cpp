@@ -343,7 +343,7 @@ TEST_F(WidgetConfigParserTest, ElementTextIsCollapsed) {
   EXPECT_EQ("Ann Smith", *config.getAuthor());
 }
 
-TEST_F(WidgetConfigParserTest, ElementTextIncludesChildElementText) {
+TEST_F(WidgetConfigParserTest, ElementTextSkipsMarkupInside) {
   ASSERT_EQ(0, parse(widgetXml("<description>before <span>inside</span> "
                                "after</description>")));
   // Only the element's own text nodes are joined; markup inside is skipped.
