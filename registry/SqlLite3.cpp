@@ -178,7 +178,12 @@ struct SqlLite3::Impl {
 SqlLite3::SqlLite3() : impl(new Impl) {
   impl->logPrefix = "XXXXX SQLITE3 XXXX ==> ";
   impl->databasePath = databasePath();
-  impl->resultCode = sqlite3_open(impl->databasePath.c_str(), &impl->db);
+  // One thread uses a connection at a time, so SQLite's per-call locking of
+  // the handle is left out (it costs more than reading a cell).
+  impl->resultCode = sqlite3_open_v2(
+      impl->databasePath.c_str(), &impl->db,
+      SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
+      nullptr);
   if (impl->resultCode != SQLITE_OK) {
     printf("[%s:%s] Can't open database: ", kLevel, kModule);
     printf("[%s:%s] sqlite3 error message : %s\n", kLevel, kModule,
@@ -255,6 +260,15 @@ const std::vector<std::string>& SqlLite3::getValues() const {
 
 bool SqlLite3::checkStructure() {
   if (!impl->db) return false;
+  sqlite3_stmt* stmt = nullptr;
+  int rc = sqlite3_prepare_v2(impl->db, statements::kProbeAllTables, -1, &stmt,
+                              nullptr);
+  if (rc == SQLITE_OK) rc = sqlite3_step(stmt);
+  sqlite3_finalize(stmt);
+  if (rc == SQLITE_DONE || rc == SQLITE_ROW) {
+    impl->resultCode = SQLITE_OK;
+    return true;
+  }
   bool ok = checkTable(statements::kWidgetsTable, statements::kCreateWidgets) &&
             checkTable(statements::kWidgetFilesTable,
                        statements::kCreateWidgetFiles) &&

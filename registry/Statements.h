@@ -34,6 +34,10 @@ constexpr const char kLocalizedItemTable[] = "localizedItem";
 // row count would, without reading a row.
 constexpr const char kProbePrefix[] = "SELECT 1 FROM ";
 constexpr const char kProbeSuffix[] = " LIMIT 0";
+// All three at once: when this succeeds every single probe would, so the
+// usual opening of a complete registry costs one statement.
+constexpr const char kProbeAllTables[] =
+    "SELECT 1 FROM widgets, widgetFiles, localizedItem LIMIT 0";
 
 // Indexes that serve the per-widget lookups. Preparing the check statement
 // fails when the index is missing; then it is created (failure ignored).
