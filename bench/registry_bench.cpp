@@ -529,8 +529,9 @@ void printMemory() {
     db->loadLocalizedItems(&w, kItemLocales);
     struct mallinfo2 after = mallinfo2();
     sqlite3_int64 sqliteAfter = sqlite3_memory_used();
-    double heap = static_cast<double>(after.uordblks) -
-                  static_cast<double>(before.uordblks);
+    // Large blocks are mapped on their own and counted apart (hblkhd).
+    double heap = static_cast<double>(after.uordblks + after.hblkhd) -
+                  static_cast<double>(before.uordblks + before.hblkhd);
     double sqlite = static_cast<double>(sqliteAfter - sqliteBefore);
     printf("registry memory at N=1000: %.2f MB of heap (SQLite %.2f MB, "
            "lookup index and the rest %.2f MB); limit 16 MB\n",
