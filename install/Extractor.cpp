@@ -3,10 +3,12 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 #include <zip.h>
+#include <zlib.h>
 
 #include <cstdint>
 #include <cstdio>
@@ -197,6 +199,166 @@ int openBase(const std::string& dir) {
   return ::open(path.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
 }
 
+// The archive mapped into memory, with the data span of each entry found
+// through its own central directory. libzip stays the judge of the archive
+// (opening, consistency, names, the checks); the map only lets the data of
+// stored and deflated entries go to the disk without the copies and the
+// buffer layers of a read through libzip. Any entry that this simple reader
+// does not fully understand, or on which it disagrees with libzip, is read
+// through libzip instead.
+class MappedArchive {
+ public:
+  explicit MappedArchive(const std::string& path) {
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return;
+    struct stat info;
+    if (fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_size > 0) {
+      void* map = mmap(nullptr, static_cast<size_t>(info.st_size), PROT_READ,
+                       MAP_PRIVATE, fd, 0);
+      if (map != MAP_FAILED) {
+        data_ = static_cast<const unsigned char*>(map);
+        size_ = static_cast<size_t>(info.st_size);
+        madvise(map, size_, MADV_SEQUENTIAL);
+      }
+    }
+    close(fd);
+    if (data_ != nullptr) readDirectory();
+  }
+  ~MappedArchive() {
+    if (data_ != nullptr) munmap(const_cast<unsigned char*>(data_), size_);
+  }
+  MappedArchive(const MappedArchive&) = delete;
+  MappedArchive& operator=(const MappedArchive&) = delete;
+
+  // The compressed bytes of entry index, when they can be used directly:
+  // stored or deflated, not encrypted, and described alike by libzip.
+  bool span(zip_int64_t index, const zip_stat_t& stat, const unsigned char** at,
+            size_t* length, uint16_t* method) const {
+    if (index < 0 || static_cast<size_t>(index) >= entries_.size()) return false;
+    const Entry& entry = entries_[static_cast<size_t>(index)];
+    const zip_uint64_t need = ZIP_STAT_SIZE | ZIP_STAT_COMP_SIZE |
+                              ZIP_STAT_COMP_METHOD;
+    if ((stat.valid & need) != need || stat.comp_method != entry.method ||
+        stat.comp_size != entry.compressedSize || stat.size != entry.size) {
+      return false;
+    }
+    if (entry.method != ZIP_CM_STORE && entry.method != ZIP_CM_DEFLATE) {
+      return false;
+    }
+    if (entry.method == ZIP_CM_STORE && entry.size != entry.compressedSize) {
+      return false;
+    }
+    if ((entry.flags & 1) != 0) return false;  // encrypted
+    const uint64_t local = entry.localOffset;
+    if (local > size_ || size_ - local < 30 || read32(local) != 0x04034b50) {
+      return false;
+    }
+    const uint64_t start = local + 30 + read16(local + 26) + read16(local + 28);
+    if (start > size_ || size_ - start < entry.compressedSize) return false;
+    *at = data_ + start;
+    *length = static_cast<size_t>(entry.compressedSize);
+    *method = entry.method;
+    return true;
+  }
+
+ private:
+  struct Entry {
+    uint16_t flags;
+    uint16_t method;
+    uint64_t compressedSize;
+    uint64_t size;
+    uint64_t localOffset;
+  };
+
+  uint16_t read16(uint64_t at) const {
+    return static_cast<uint16_t>(data_[at] | (data_[at + 1] << 8));
+  }
+  uint32_t read32(uint64_t at) const {
+    return static_cast<uint32_t>(read16(at)) |
+           (static_cast<uint32_t>(read16(at + 2)) << 16);
+  }
+
+  // Fills entries_ from the end-of-central-directory record; leaves it empty
+  // for anything unusual (archives of the 64-bit format, several disks).
+  void readDirectory() {
+    if (size_ < 22) return;
+    const uint64_t lowest = size_ > 22 + 65535 ? size_ - 22 - 65535 : 0;
+    uint64_t end = size_ - 22;
+    for (;; --end) {
+      if (read32(end) == 0x06054b50) break;
+      if (end == lowest) return;
+    }
+    const uint32_t count = read16(end + 10);
+    const uint64_t directorySize = read32(end + 12);
+    uint64_t at = read32(end + 16);
+    if (count == 0xffff || at == 0xffffffffu || at > size_ ||
+        size_ - at < directorySize) {
+      return;
+    }
+    std::vector<Entry> entries;
+    entries.reserve(count);
+    for (uint32_t i = 0; i < count; ++i) {
+      if (size_ - at < 46 || read32(at) != 0x02014b50) return;
+      Entry entry;
+      entry.flags = read16(at + 8);
+      entry.method = read16(at + 10);
+      entry.compressedSize = read32(at + 20);
+      entry.size = read32(at + 24);
+      entry.localOffset = read32(at + 42);
+      if (entry.compressedSize == 0xffffffffu || entry.size == 0xffffffffu ||
+          entry.localOffset == 0xffffffffu) {
+        entry.method = 0xffff;  // sizes live in a 64-bit extra field
+      }
+      entries.push_back(entry);
+      at += 46 + static_cast<uint64_t>(read16(at + 28)) + read16(at + 30) +
+            read16(at + 32);
+      if (at > size_) return;
+    }
+    entries_.swap(entries);
+  }
+
+  const unsigned char* data_ = nullptr;
+  size_t size_ = 0;
+  std::vector<Entry> entries_;
+};
+
+// Writes a stored entry straight from the map, or inflates a deflated one
+// through buffer. Returns false with errno set when writing fails; data that
+// does not inflate ends the copy early, as a read error does.
+bool copySpan(int fd, const unsigned char* at, size_t length, uint16_t method,
+              char* buffer, size_t bufferSize) {
+  if (method == ZIP_CM_STORE) {
+    return writeAll(fd, reinterpret_cast<const char*>(at), length);
+  }
+  z_stream stream{};
+  if (inflateInit2(&stream, -MAX_WBITS) != Z_OK) return true;
+  bool ok = true;
+  size_t left = length;
+  stream.next_in = const_cast<Bytef*>(at);
+  for (;;) {
+    if (stream.avail_in == 0 && left > 0) {
+      const size_t chunk = left < (1u << 30) ? left : (1u << 30);
+      stream.avail_in = static_cast<uInt>(chunk);
+      left -= chunk;
+    }
+    stream.next_out = reinterpret_cast<Bytef*>(buffer);
+    stream.avail_out = static_cast<uInt>(bufferSize);
+    const int status = inflate(&stream, Z_NO_FLUSH);
+    const size_t produced = bufferSize - stream.avail_out;
+    if (produced > 0 && !writeAll(fd, buffer, produced)) {
+      ok = false;
+      break;
+    }
+    if (status != Z_OK || (produced == 0 && stream.avail_in == 0 && left == 0)) {
+      break;
+    }
+  }
+  const int saved = errno;
+  inflateEnd(&stream);
+  errno = saved;
+  return ok;
+}
+
 void say(const std::string& message) { std::cout << message << std::endl; }
 
 void sayWithNumber(const char* message, long number) {
@@ -288,6 +450,7 @@ int Extractor::extract(std::vector<std::string>& files) {
     return -1;
   }
   FolderWalker folders(baseFd.get());
+  const MappedArchive mapped(zipPath);
   std::unique_ptr<char[]> buffer(new char[kCopyBufferSize]);
 
   for (zip_int64_t index = 0; index < count; ++index) {
@@ -343,11 +506,22 @@ int Extractor::extract(std::vector<std::string>& files) {
     }
     // A read error ends the copy and the file still counts as extracted; a
     // write error fails the whole extraction.
-    zip_int64_t n;
-    while ((n = zip_fread(entry.get(), buffer.get(), kCopyBufferSize)) > 0) {
-      if (!writeAll(out.get(), buffer.get(), static_cast<size_t>(n))) {
+    const unsigned char* data;
+    size_t length;
+    uint16_t method;
+    if (mapped.span(index, stat, &data, &length, &method)) {
+      if (!copySpan(out.get(), data, length, method, buffer.get(),
+                    kCopyBufferSize)) {
         sayWithNumber("Error opening file", errno);
         return -1;
+      }
+    } else {
+      zip_int64_t n;
+      while ((n = zip_fread(entry.get(), buffer.get(), kCopyBufferSize)) > 0) {
+        if (!writeAll(out.get(), buffer.get(), static_cast<size_t>(n))) {
+          sayWithNumber("Error opening file", errno);
+          return -1;
+        }
       }
     }
     if (out.reset() != 0) {
