@@ -117,6 +117,35 @@ TEST_F(ExtractorTest, ExtractsFilesAndListsThemInArchiveOrder) {
   EXPECT_EQ(0755u, permissions(target + "images"));
 }
 
+TEST_F(ExtractorTest, EveryCompressionMethodGivesTheSameBytes) {
+  std::string text;
+  for (int i = 0; i < 50000; ++i) text += "row " + std::to_string(i % 97) + ";";
+  std::string noise(3 << 20, '\0');
+  unsigned state = 7;
+  for (char& c : noise) {
+    state = state * 1103515245u + 12345u;
+    c = static_cast<char>(state >> 16);
+  }
+  ZipBuilder zip;
+  zip.addFile("stored.txt", text, ZipBuilder::kStored)
+      .addFile("deflated.txt", text)
+      .addFile("fast.bin", noise, 1)
+      .addFile("bzip2.txt", text, ZipBuilder::kBzip2)
+      .addFile("empty.txt", "")
+      .addFile("empty-stored.txt", "", ZipBuilder::kStored);
+  build(zip);
+  Files files;
+  ASSERT_EQ(0, extract(files));
+  EXPECT_EQ(6u, files.size());
+  EXPECT_TRUE(TempDir::readFile(target + "stored.txt") == text);
+  EXPECT_TRUE(TempDir::readFile(target + "deflated.txt") == text);
+  EXPECT_TRUE(TempDir::readFile(target + "fast.bin") == noise);
+  EXPECT_TRUE(TempDir::readFile(target + "bzip2.txt") == text);
+  EXPECT_TRUE(TempDir::exists(target + "empty.txt"));
+  EXPECT_EQ("", TempDir::readFile(target + "empty.txt"));
+  EXPECT_EQ("", TempDir::readFile(target + "empty-stored.txt"));
+}
+
 TEST_F(ExtractorTest, AppendsToTheListWithoutClearingIt) {
   ZipBuilder zip;
   zip.addFile("a.txt", "a");

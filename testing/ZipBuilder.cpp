@@ -134,6 +134,8 @@ bool ZipBuilder::write(const std::string& path) const {
     int status;
     if (entry.compression == kStored) {
       status = zip_set_file_compression(archive, at, ZIP_CM_STORE, 0);
+    } else if (entry.compression == kBzip2) {
+      status = zip_set_file_compression(archive, at, ZIP_CM_BZIP2, 0);
     } else {
       const zip_uint32_t level =
           entry.compression == kDeflateDefault ? 0 : entry.compression;

@@ -15,9 +15,11 @@
 
 class ZipBuilder {
  public:
-  // How an entry's data is kept: as it is, or deflated at a level (1..9).
+  // How an entry's data is kept: as it is, deflated at a level (1..9) or
+  // with libzip's default, or compressed with bzip2.
   static constexpr int kStored = 0;
   static constexpr int kDeflateDefault = -1;
+  static constexpr int kBzip2 = -2;
 
   ZipBuilder() = default;
   ZipBuilder(const ZipBuilder&) = delete;
