@@ -10,11 +10,13 @@
 #include <zip.h>
 #include <zlib.h>
 
+#include <climits>
 #include <cstdint>
 #include <cstdio>
 #include <iostream>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -132,15 +134,20 @@ bool writeAll(int fd, const char* data, size_t size) {
 class FolderWalker {
  public:
   explicit FolderWalker(int baseFd) : baseFd_(baseFd) {}
-  ~FolderWalker() { truncate(0); }
+  ~FolderWalker() {
+    truncate(0);
+    closeDeep();
+  }
   FolderWalker(const FolderWalker&) = delete;
   FolderWalker& operator=(const FolderWalker&) = delete;
 
-  // Returns a descriptor of folder `relative` ("" is the base itself), or -1
-  // with *error set. *created receives what creating the folder came to: 0
-  // when its last component was made or already there, else an errno.
+  // Returns a descriptor of folder `relative` ("" is the base itself), valid
+  // until the next call, or -1 with *error set. *created receives what
+  // creating the folder came to: 0 when its last component was made or
+  // already there, else an errno.
   int open(const std::string& relative, int* error, int* created) {
     *created = 0;
+    closeDeep();
     std::vector<std::string> parts;
     size_t start = 0;
     while (start < relative.size()) {
@@ -155,11 +162,11 @@ class FolderWalker {
       ++common;
     }
     truncate(common);
+    int current = common == 0 ? baseFd_ : fds_[common - 1];
     for (size_t i = common; i < parts.size(); ++i) {
-      const int parent = i == 0 ? baseFd_ : fds_[i - 1];
       const char* name = parts[i].c_str();
-      *created = mkdirat(parent, name, 0755) == 0 || errno == EEXIST ? 0 : errno;
-      int fd = openat(parent, name,
+      *created = mkdirat(current, name, 0755) == 0 || errno == EEXIST ? 0 : errno;
+      int fd = openat(current, name,
                       O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
       if (fd < 0) {
         // Something other than a folder (or a link) in place of the last
@@ -170,13 +177,23 @@ class FolderWalker {
         if (!last) *created = *error;
         return -1;
       }
-      names_.push_back(parts[i]);
-      fds_.push_back(fd);
+      if (i == fds_.size() && i < kMaxChain) {
+        names_.push_back(parts[i]);
+        fds_.push_back(fd);
+      } else {
+        // Very deep folders are walked with one descriptor at a time, so
+        // that no archive can exhaust the process's descriptors.
+        closeDeep();
+        deepFd_ = fd;
+      }
+      current = fd;
     }
-    return fds_.empty() ? baseFd_ : fds_.back();
+    return current;
   }
 
  private:
+  static constexpr size_t kMaxChain = 32;
+
   void truncate(size_t keep) {
     while (fds_.size() > keep) {
       close(fds_.back());
@@ -184,8 +201,13 @@ class FolderWalker {
       names_.pop_back();
     }
   }
+  void closeDeep() {
+    if (deepFd_ >= 0) close(deepFd_);
+    deepFd_ = -1;
+  }
 
   int baseFd_;
+  int deepFd_ = -1;
   std::vector<std::string> names_;
   std::vector<int> fds_;
 };
@@ -465,10 +487,17 @@ int Extractor::extract(std::vector<std::string>& files) {
     printf("[%s:%s] filename: %s\n", "V", kModule, full.c_str());
     const std::string relative = full.substr(baseLength);
 
+    // Paths are kept within what the system can name in one string, so that
+    // the tree can always be walked and removed again.
+    const bool tooLong = full.size() >= PATH_MAX;
     int error = 0;
     int created = 0;
     if (endsWithSlash(name)) {
-      folders.open(relative, &error, &created);
+      if (tooLong) {
+        created = ENAMETOOLONG;
+      } else {
+        folders.open(relative, &error, &created);
+      }
       if (created != 0) {
         sayWithNumber("Subdirectory could not be created to extract the zip",
                       created);
@@ -483,7 +512,9 @@ int Extractor::extract(std::vector<std::string>& files) {
     const std::string leaf =
         slash == std::string::npos ? relative : relative.substr(slash + 1);
     // A file whose folders cannot be made fails below, when it is opened.
-    const int folderFd = folders.open(folder, &error, &created);
+    const int folderFd =
+        tooLong ? -1 : folders.open(folder, &error, &created);
+    if (tooLong) error = ENAMETOOLONG;
 
     EntryPtr entry(zip_fopen_index(archive.get(), index, ZIP_FL_UNCHANGED));
     if (!entry) {
@@ -582,24 +613,29 @@ void Extractor::removeDirectoryTree(const std::string& path) {
     return;
   }
   // The walk runs inside the tree, with bare names, and leaves the process
-  // in the parent of what it removed.
+  // in the parent of what it removed. The listing is read whole first, so
+  // that no descriptor stays open per level of a deep tree.
   if (fchdir(fd) != 0) {
     closedir(dir);
     return;
   }
+  std::vector<std::pair<std::string, bool>> items;
   while (struct dirent* item = readdir(dir)) {
     const char* name = item->d_name;
     if (name[0] == '.' &&
         (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'))) {
       continue;
     }
-    if (item->d_type == DT_DIR) {
-      removeDirectoryTree(name);
-    } else {
-      remove(name);
-    }
+    items.emplace_back(name, item->d_type == DT_DIR);
   }
   closedir(dir);
+  for (const auto& item : items) {
+    if (item.second) {
+      removeDirectoryTree(item.first);
+    } else {
+      remove(item.first.c_str());
+    }
+  }
   if (chdir("..") != 0) return;
   rmdir(path.c_str());
 }

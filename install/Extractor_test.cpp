@@ -663,6 +663,40 @@ TEST_F(ExtractorTest, TenThousandEntriesExtractAndAreRemovedAgain) {
   EXPECT_FALSE(TempDir::exists(target));
 }
 
+TEST_F(ExtractorTest, DeepTreeExtractsAndIsRemovedWhole) {
+  std::string deep;
+  for (int i = 0; i < 1500; ++i) deep += "d/";
+  ZipBuilder zip;
+  zip.addFile(deep + "leaf.txt", "leaf").addFolder(deep + "e/").addFile(
+      "top.txt", "top");
+  build(zip);
+  CaptureStdout capture;
+  {
+    Extractor extractor(zipPath, target);
+    Files files;
+    ASSERT_EQ(0, extractor.extract(files));
+    EXPECT_EQ((Files{deep + "leaf.txt", "top.txt"}), files);
+    EXPECT_EQ("top", TempDir::readFile(target + "top.txt"));
+  }
+  EXPECT_FALSE(TempDir::exists(target));
+}
+
+TEST_F(ExtractorTest, NameLongerThanAPathCanBeIsNotWritten) {
+  std::string deep;
+  for (int i = 0; i < 2100; ++i) deep += "d/";
+  ZipBuilder zip;
+  zip.addFile("top.txt", "top").addFile(deep + "leaf.txt", "leaf");
+  build(zip);
+  Files files;
+  std::string output;
+  EXPECT_EQ(-1, extract(files, &output));
+  EXPECT_EQ(trace(target + "top.txt") + trace(target + deep + "leaf.txt") +
+                "Error opening file (error " + std::to_string(ENAMETOOLONG) +
+                ")\n",
+            output);
+  EXPECT_FALSE(TempDir::exists(target + "d"));
+}
+
 // Runs one extraction in a child process whose files may not grow beyond
 // limitBytes (writes past it fail with EFBIG, as on a full disk). Returns
 // the child's output; *result gets extract()'s result.
