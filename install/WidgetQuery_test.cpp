@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <sqlite3.h>
+#include <unistd.h>
 
 #include <map>
 #include <string>
@@ -192,4 +193,33 @@ TEST_F(QueryTest, LocaleWithQuoteIsSkippedNotInjected) {
   ASSERT_NE(nullptr, record);
   EXPECT_EQ("Clock", record->getWidgetName());
   delete record;
+}
+
+TEST_F(QueryTest, LaterJobsSeeNewRowsAndAReplacedRegistry) {
+  addWidget("first");
+  CaptureStdout out;
+  auto countAll = [] {
+    WidgetQuery query("");
+    std::vector<WidgetsData*> all = query.getAll();
+    for (WidgetsData* record : all) delete record;
+    return all.size();
+  };
+  EXPECT_EQ(1u, countAll());
+  addWidget("second");
+  EXPECT_EQ(2u, countAll());
+
+  // A registry file removed between jobs is a new, empty registry.
+  ASSERT_EQ(0, unlink((registry_.path() + "/widget.db").c_str()));
+  EXPECT_EQ(0u, countAll());
+  addWidget("third");
+  EXPECT_EQ(1u, countAll());
+
+  // Another registry directory is another registry.
+  TempDir other;
+  ScopedEnv elsewhere("YRA_DATA_PATH", other.path() + "/");
+  EXPECT_EQ(0u, countAll());
+  {
+    WidgetQuery query("third");
+    EXPECT_EQ(nullptr, query.getInfo({}));
+  }
 }
