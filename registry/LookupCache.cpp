@@ -127,15 +127,24 @@ uint32_t LookupCache::counter() const {
   return __builtin_bswap32(raw);
 }
 
-bool LookupCache::fresh(sqlite3* db) {
+bool LookupCache::trusted(sqlite3* db, bool insideRead) {
   // Inside a transaction the connection sees its own uncommitted writes,
   // which the counter does not reflect.
-  if (!sqlite3_get_autocommit(db)) return false;
+  if (!insideRead && !sqlite3_get_autocommit(db)) return false;
   if (!header_ && !map(db)) return false;
-  if (__atomic_load_n(header_ + kWriteVersionOffset, __ATOMIC_RELAXED) == 2 ||
-      __atomic_load_n(header_ + kReadVersionOffset, __ATOMIC_RELAXED) == 2) {
-    return false;
-  }
+  return __atomic_load_n(header_ + kWriteVersionOffset, __ATOMIC_RELAXED) !=
+             2 &&
+         __atomic_load_n(header_ + kReadVersionOffset, __ATOMIC_RELAXED) != 2;
+}
+
+bool LookupCache::stamp(sqlite3* db, uint32_t& value, bool insideRead) {
+  if (!trusted(db, insideRead)) return false;
+  value = counter();
+  return true;
+}
+
+bool LookupCache::fresh(sqlite3* db) {
+  if (!trusted(db, false)) return false;
   uint32_t now = counter();
   if (now == counter_) {
     if (state_ == kLoaded) return true;

@@ -43,6 +43,13 @@ class LookupCache {
   // only are kept).
   bool hasLocalizedFile(int64_t widgetId, const std::string& path) const;
 
+  // The change counter when it can be trusted to tell whether db would read
+  // something else now than when the counter had this value (see fresh());
+  // false otherwise. Lets other snapshots of the file share the check.
+  // insideRead: the caller holds a read transaction of its own on db and
+  // wants the counter of what that transaction reads.
+  bool stamp(sqlite3* db, uint32_t& value, bool insideRead = false);
+
   // Bytes of heap that the loaded index holds.
   size_t memoryUsed() const;
 
@@ -58,6 +65,7 @@ class LookupCache {
   };
 
   bool map(sqlite3* db);
+  bool trusted(sqlite3* db, bool insideRead);
   uint32_t counter() const;
   bool reload(sqlite3* db);
   bool load(sqlite3* db, bool& standard);

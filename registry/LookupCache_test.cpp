@@ -272,6 +272,13 @@ void changeRound(SqlLite3& db, int round) {
 void expectRound(SqlLite3& db, int round) {
   std::string name;
   std::string current = "w" + std::to_string(round);
+  // The listing of every widget is kept between calls too.
+  std::vector<std::string> listed;
+  for (WidgetsData* w : db.selectAllWidgets()) {
+    listed.push_back(w->getName());
+    delete w;
+  }
+  ASSERT_EQ(std::vector<std::string>{current}, listed) << round;
   ASSERT_EQ(1, db.getNameByLaunchURL(
                    "file:///widgets/widget_" + current + "/index.html", name))
       << round;

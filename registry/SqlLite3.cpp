@@ -132,6 +132,12 @@ struct SqlLite3::Impl {
   std::vector<std::string> values;
   sqlite3_stmt* statements[kStatementCount] = {};
   LookupCache cache;
+  // The rows of "SELECT * FROM Widgets" as last read, and the change counter
+  // they were read under: the browser lists every widget at once, and
+  // copying records costs a fraction of reading them again.
+  std::vector<WidgetsData> allWidgets;
+  uint32_t allWidgetsStamp = 0;
+  bool allWidgetsKept = false;
   // Reused buffers of findLocalizedResource.
   std::string queryPart;
   std::string localPath;
@@ -455,9 +461,16 @@ namespace {
 
 // Records of the rows of a statement that selects whole Widgets rows. A
 // statement with fewer columns yields no record; a failing one none at all.
-std::vector<WidgetsData*> widgetRecords(sqlite3_stmt* stmt) {
+// complete, when given, tells whether the statement ran to its end.
+std::vector<WidgetsData*> widgetRecords(sqlite3_stmt* stmt,
+                                        bool* complete = nullptr) {
   std::vector<WidgetsData*> records;
-  if (!stmt || sqlite3_column_count(stmt) < kWidgetColumns) return records;
+  if (complete) *complete = false;
+  if (!stmt) return records;
+  if (sqlite3_column_count(stmt) < kWidgetColumns) {
+    if (complete) *complete = true;
+    return records;
+  }
   int rc;
   while ((rc = sqlite3_step(stmt)) == SQLITE_ROW) {
     WidgetsData* w = new WidgetsData();
@@ -481,6 +494,8 @@ std::vector<WidgetsData*> widgetRecords(sqlite3_stmt* stmt) {
   if (rc != SQLITE_DONE) {
     for (WidgetsData* w : records) delete w;
     records.clear();
+  } else if (complete) {
+    *complete = true;
   }
   return records;
 }
@@ -488,20 +503,20 @@ std::vector<WidgetsData*> widgetRecords(sqlite3_stmt* stmt) {
 }  // namespace
 
 std::vector<WidgetsData*> SqlLite3::readWidgets(int statement,
-                                                const std::string* key) {
+                                                const std::string* key,
+                                                bool* complete) {
+  if (complete) *complete = false;
   if (!impl->db) return {};
   sqlite3_stmt* stmt = impl->statement(static_cast<Statement>(statement));
   if (!stmt) return {};
   ResetOnExit reset(stmt);
   if (key) bindText(stmt, 1, *key);
-  return widgetRecords(stmt);
+  return widgetRecords(stmt, complete);
 }
 
 std::vector<WidgetsData*> SqlLite3::selectWidgets(std::string sql) {
   if (!impl->db) return {};
-  if (sql == statements::kSelectAllWidgets) {
-    return readWidgets(kSelectAllWidgetsStatement, nullptr);
-  }
+  if (sql == statements::kSelectAllWidgets) return selectAllWidgets();
   sqlite3_stmt* stmt = nullptr;
   const char* tail = nullptr;
   if (sqlite3_prepare_v2(impl->db, sql.c_str(), -1, &stmt, &tail) !=
@@ -535,7 +550,39 @@ std::vector<WidgetsData*> SqlLite3::selectWidgets(std::string sql) {
 }
 
 std::vector<WidgetsData*> SqlLite3::selectAllWidgets() {
-  return readWidgets(kSelectAllWidgetsStatement, nullptr);
+  if (!impl->db) return {};
+  uint32_t now = 0;
+  if (!impl->cache.stamp(impl->db, now)) {
+    impl->allWidgetsKept = false;
+    return readWidgets(kSelectAllWidgetsStatement, nullptr);
+  }
+  std::vector<WidgetsData*> records;
+  if (impl->allWidgetsKept && now == impl->allWidgetsStamp) {
+    records.reserve(impl->allWidgets.size());
+    for (const WidgetsData& row : impl->allWidgets) {
+      records.push_back(new WidgetsData(row));
+    }
+    return records;
+  }
+  // Read under one read lock, taken by the select and held to the commit, so
+  // that the counter read before the commit is the one of these rows.
+  impl->allWidgetsKept = false;
+  if (impl->exec(statements::kBegin) != SQLITE_OK) {
+    return readWidgets(kSelectAllWidgetsStatement, nullptr);
+  }
+  bool read = false;
+  records = readWidgets(kSelectAllWidgetsStatement, nullptr, &read);
+  uint32_t stamp = 0;
+  const bool stamped = impl->cache.stamp(impl->db, stamp, true);
+  impl->exec(statements::kCommit);
+  if (read && stamped && sqlite3_get_autocommit(impl->db)) {
+    impl->allWidgets.clear();
+    impl->allWidgets.reserve(records.size());
+    for (const WidgetsData* row : records) impl->allWidgets.push_back(*row);
+    impl->allWidgetsStamp = stamp;
+    impl->allWidgetsKept = true;
+  }
+  return records;
 }
 
 std::vector<WidgetsData*> SqlLite3::selectWidgetsByName(const std::string& name) {

@@ -71,7 +71,8 @@ class SqlLite3 {
 
   void ensureIndexes();
   int insertWidgetRows(WidgetsData* widget, bool ownTransaction);
-  std::vector<WidgetsData*> readWidgets(int statement, const std::string* key);
+  std::vector<WidgetsData*> readWidgets(int statement, const std::string* key,
+                                        bool* complete = nullptr);
 };
 
 #endif  // WIDGETENGINE_SQLLITE3_H_
