@@ -123,11 +123,9 @@ int fail(const std::string& reason) {
 }
 
 int usageError(const std::string& reason, const char* command) {
-  std::cerr << kProgram << ": " << reason << std::endl;
-  if (command)
-    std::cerr << "Try \"widgetctl " << command << " --help\"." << std::endl;
-  else
-    std::cerr << "Try \"widgetctl --help\"." << std::endl;
+  std::cerr << kProgram << ": " << reason << " (see \"widgetctl "
+            << (command ? std::string(command) + " " : std::string()) << "--help\")"
+            << std::endl;
   return 2;
 }
 
