@@ -27,8 +27,6 @@ const char* const kDefaultStartFiles[] = {"index.htm", "index.html", "index.svg"
 // Icons every widget may carry without declaring them, in this order.
 const char* const kDefaultIcons[] = {"icon.svg", "icon.ico", "icon.png",
                                      "icon.gif", "icon.jpg"};
-// Key of the texts that config.xml gives without a language.
-const char kDefaultLanguage[] = "default";
 
 // True when name, taken as a path relative to a widget's directory, has a
 // ".." component and so could lead out of that directory.
@@ -254,10 +252,10 @@ int WidgetInstaller::run() {
   if (config->getAuthorEmail()) record->setAuthorEmail(*config->getAuthorEmail());
   if (config->getAuthorHref()) record->setAuthorHref(*config->getAuthorHref());
   const WidgetConfig::LocalizedMap& names = config->getNames();
-  WidgetConfig::LocalizedMap::const_iterator text = names.find(kDefaultLanguage);
+  WidgetConfig::LocalizedMap::const_iterator text = names.find(localizeditems::kDefaultLanguage);
   if (text != names.end()) record->setWidgetName(text->second);
   const WidgetConfig::LocalizedMap& shortNames = config->getShortNames();
-  text = shortNames.find(kDefaultLanguage);
+  text = shortNames.find(localizeditems::kDefaultLanguage);
   if (text != shortNames.end()) record->setWidgetShorName(text->second);
   if (config->getHeight()) record->setHeight(*config->getHeight());
   if (config->getWidth()) record->setWidth(*config->getWidth());
@@ -274,15 +272,15 @@ int WidgetInstaller::run() {
     launchURL = "about:blank";
     return 10;
   }
-  database->insertLocalizedItems(widgetId, LocalizedItemKeys::kName,
+  database->insertLocalizedItems(widgetId, localizeditems::kName,
                                  config->getNames());
-  database->insertLocalizedItems(widgetId, LocalizedItemKeys::kShortName,
+  database->insertLocalizedItems(widgetId, localizeditems::kShortName,
                                  config->getShortNames());
-  database->insertLocalizedItems(widgetId, LocalizedItemKeys::kDescription,
+  database->insertLocalizedItems(widgetId, localizeditems::kDescription,
                                  config->getDescriptions());
-  database->insertLocalizedItems(widgetId, LocalizedItemKeys::kLicense,
+  database->insertLocalizedItems(widgetId, localizeditems::kLicense,
                                  config->getLicenses());
-  database->insertLocalizedItems(widgetId, LocalizedItemKeys::kLicenseHref,
+  database->insertLocalizedItems(widgetId, localizeditems::kLicenseHref,
                                  config->getLicenseHrefs());
   database->endJob();
 
