@@ -4,8 +4,10 @@
 // line in its order.
 
 #include <dirent.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <widgetengine/WidgetEngineDelegate.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -13,9 +15,6 @@
 #include <memory>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
-#include <widgetengine/WidgetEngineDelegate.h>
 
 #include "testing/CaptureStdout.h"
 #include "testing/HttpServer.h"
@@ -90,8 +89,8 @@ std::vector<std::string> lines(const std::string& text) {
 }
 
 // Passes when every expected line appears in the output, in this order.
-::testing::AssertionResult hasLinesInOrder(const std::string& output,
-                                           const std::vector<std::string>& expected) {
+::testing::AssertionResult hasLinesInOrder(
+    const std::string& output, const std::vector<std::string>& expected) {
   const std::vector<std::string> got = lines(output);
   size_t at = 0;
   for (const std::string& line : expected) {
@@ -110,7 +109,9 @@ struct FreeString {
 };
 typedef std::unique_ptr<char, FreeString> EngineString;
 
-std::string text(const EngineString& value) { return value ? value.get() : "(null)"; }
+std::string text(const EngineString& value) {
+  return value ? value.get() : "(null)";
+}
 
 class EndToEndTest : public ::testing::Test {
  protected:
@@ -149,7 +150,8 @@ class EndToEndTest : public ::testing::Test {
   std::vector<std::unique_ptr<WidgetsData>> all(std::string* output = nullptr) {
     CaptureStdout capture;
     std::vector<std::unique_ptr<WidgetsData>> widgets;
-    for (WidgetsData* widget : engine->getAll(nullptr)) widgets.emplace_back(widget);
+    for (WidgetsData* widget : engine->getAll(nullptr))
+      widgets.emplace_back(widget);
     if (output) *output = capture.text();
     return widgets;
   }
@@ -233,16 +235,30 @@ TEST_F(EndToEndTest, InstallOverHttpPrintsTheWholeStoryAndReturnsTheLaunchURL) {
   ASSERT_TRUE(launchURL);
   EXPECT_EQ("file://" + storage + "index.html", text(launchURL));
   EXPECT_TRUE(hasLinesInOrder(
-      output,
-      {"[Downloading...]", "", "[Extracting...]", "",
-       "[V:Extractor] filename: " + storage + "config.xml",
-       "[V:Extractor] filename: " + storage + "locales/de/index.html", "",
-       "[Remove downloaded file...]", "", "", "[Parsing config.xml...]", "",
-       "Parsing version...", "Parsing name...", "Parsing content...", "",
-       "Path: file://" + storage + "index.html", "", "Download cleaned", "",
-       "[Cleaning...]", ""}));
-  EXPECT_EQ(0u, output.find("[Downloading...]\n\nDownloaded from " + url + " to " +
-                            root + P_tmpdir "/file"));
+      output, {"[Downloading...]",
+               "",
+               "[Extracting...]",
+               "",
+               "[V:Extractor] filename: " + storage + "config.xml",
+               "[V:Extractor] filename: " + storage + "locales/de/index.html",
+               "",
+               "[Remove downloaded file...]",
+               "",
+               "",
+               "[Parsing config.xml...]",
+               "",
+               "Parsing version...",
+               "Parsing name...",
+               "Parsing content...",
+               "",
+               "Path: file://" + storage + "index.html",
+               "",
+               "Download cleaned",
+               "",
+               "[Cleaning...]",
+               ""}));
+  EXPECT_EQ(0u, output.find("[Downloading...]\n\nDownloaded from " + url +
+                            " to " + root + P_tmpdir "/file"));
   EXPECT_EQ(1, server.requestCount("/w/clock.wgt"));
   EXPECT_EQ(1, engine->isWidget(launchURL.get()));
   EXPECT_TRUE(listDirectory(root + "tmp").empty());
@@ -271,8 +287,8 @@ TEST_F(EndToEndTest, AlreadyInstalledURLReturnsANewCopyOfTheStoredLaunchURL) {
   ASSERT_TRUE(second);
   EXPECT_NE(first.get(), second.get());
   EXPECT_EQ(text(first), text(second));
-  EXPECT_EQ("Widget already installed. Launch it with this url : " + text(first) +
-                "\nNothing to clean\n",
+  EXPECT_EQ("Widget already installed. Launch it with this url : " +
+                text(first) + "\nNothing to clean\n",
             output);
   EXPECT_EQ(1, server.requestCount("/w/clock.wgt"));
 }
@@ -281,10 +297,9 @@ TEST_F(EndToEndTest, FailedInstallReturnsNull) {
   std::string output;
   EXPECT_FALSE(receive(server.url("/w/missing.wgt"), &output));
   // The 404 page is stored as the package and refused by the unpacking.
-  EXPECT_TRUE(hasLinesInOrder(output, {"[Downloading...]", "[Extracting...]",
-                                       "Error while extracting",
-                                       "Extraction cleaned", "Download cleaned",
-                                       "Nothing to clean"}));
+  EXPECT_TRUE(hasLinesInOrder(
+      output, {"[Downloading...]", "[Extracting...]", "Error while extracting",
+               "Extraction cleaned", "Download cleaned", "Nothing to clean"}));
   EXPECT_EQ(std::vector<std::string>{"tmp"}, listDirectory(root));
   EXPECT_TRUE(listDirectory(root + "tmp").empty());
 }
@@ -307,8 +322,9 @@ TEST_F(EndToEndTest, DescribesListsMapsAndRemovesALocalizedWidget) {
 
   std::unique_ptr<WidgetsData> french = info("clock", "fr-CA,fr", &output);
   ASSERT_TRUE(french);
-  EXPECT_EQ("[V:UserAgentLocales] Computed locales : fr-ca,fr\nNothing to clean\n",
-            output);
+  EXPECT_EQ(
+      "[V:UserAgentLocales] Computed locales : fr-ca,fr,fr\nNothing to clean\n",
+      output);
   EXPECT_EQ("Horloge", french->getWidgetName());
   EXPECT_EQ("Horloge", french->getWidgetShorName());
   EXPECT_EQ("Donne l heure", french->getDescription());
@@ -371,17 +387,22 @@ TEST_F(EndToEndTest, SameLanguageStringBuildsTheLocaleListOnce) {
   ASSERT_TRUE(info("keeper", "en", &first));
   ASSERT_TRUE(info("keeper", "en", &second));
   ASSERT_TRUE(info("keeper", "EN", &third));
-  EXPECT_EQ("[V:UserAgentLocales] Computed locales : en\nNothing to clean\n", first);
+  EXPECT_EQ("[V:UserAgentLocales] Computed locales : en\nNothing to clean\n",
+            first);
   EXPECT_EQ("Nothing to clean\n", second);
-  EXPECT_EQ("[V:UserAgentLocales] Computed locales : en\nNothing to clean\n", third);
+  EXPECT_EQ("[V:UserAgentLocales] Computed locales : en\nNothing to clean\n",
+            third);
 }
 
 TEST_F(EndToEndTest, IsWidgetComparesTheWholeLaunchURL) {
   installKeeper();
   EXPECT_EQ(1, engine->isWidget(keeperLaunchURL.c_str()));
-  EXPECT_EQ(0, engine->isWidget(("file://" + root + "widget_keeper/style.css").c_str()));
+  EXPECT_EQ(0, engine->isWidget(
+                   ("file://" + root + "widget_keeper/style.css").c_str()));
   EXPECT_EQ(0, engine->isWidget((keeperLaunchURL + "?x=1").c_str()));
-  EXPECT_EQ(0, engine->isWidget(keeperLaunchURL.substr(0, keeperLaunchURL.size() - 1).c_str()));
+  EXPECT_EQ(0,
+            engine->isWidget(
+                keeperLaunchURL.substr(0, keeperLaunchURL.size() - 1).c_str()));
   EXPECT_EQ(0, engine->isWidget(""));
 }
 
@@ -416,23 +437,29 @@ TEST_F(EndToEndTest, BadURLsAreRefusedAndLeaveNothingBehind) {
   addLocalizedWidget(zip);
   const std::string quoted = "file://" + writePackage("it's.wgt", zip);
   const std::vector<BadURL> cases = {
-      {"empty", "", {"[Downloading...]", "Could not download file",
-                     "Error while downloading", "Download cleaned",
-                     "Nothing to clean"}},
-      {"not a URL", "not a url at all", {"Could not download file",
-                                         "Error while downloading",
-                                         "Download cleaned", "Nothing to clean"}},
-      {"unknown scheme", "nosuchscheme://127.0.0.1/w/clock.wgt",
+      {"empty",
+       "",
+       {"[Downloading...]", "Could not download file",
+        "Error while downloading", "Download cleaned", "Nothing to clean"}},
+      {"not a URL",
+       "not a url at all",
        {"Could not download file", "Error while downloading",
         "Download cleaned", "Nothing to clean"}},
-      {"quote", quoted, {"Path: file://" + root + "widget_it's/index.html",
-                         "Cannot insert data to database :(",
-                         "Extraction cleaned", "Download cleaned",
-                         "Nothing to clean"}},
-      {"4000 characters, file", "file://" + packages + longPath.substr(1),
+      {"unknown scheme",
+       "nosuchscheme://127.0.0.1/w/clock.wgt",
        {"Could not download file", "Error while downloading",
         "Download cleaned", "Nothing to clean"}},
-      {"injection", "file://" + packages + "x' OR '1'='1.wgt",
+      {"quote",
+       quoted,
+       {"Path: file://" + root + "widget_it's/index.html",
+        "Cannot insert data to database :(", "Extraction cleaned",
+        "Download cleaned", "Nothing to clean"}},
+      {"4000 characters, file",
+       "file://" + packages + longPath.substr(1),
+       {"Could not download file", "Error while downloading",
+        "Download cleaned", "Nothing to clean"}},
+      {"injection",
+       "file://" + packages + "x' OR '1'='1.wgt",
        {"Could not download file", "Error while downloading",
         "Download cleaned", "Nothing to clean"}},
   };
@@ -448,7 +475,8 @@ TEST_F(EndToEndTest, BadURLsAreRefusedAndLeaveNothingBehind) {
 TEST_F(EndToEndTest, VeryLongHttpURLIsRefusedAndLeavesNothingBehind) {
   installKeeper();
   std::string output;
-  EXPECT_FALSE(receive(server.url("/" + std::string(4000, 'a') + ".wgt"), &output));
+  EXPECT_FALSE(
+      receive(server.url("/" + std::string(4000, 'a') + ".wgt"), &output));
   EXPECT_TRUE(output.find("Error while downloading\n") != std::string::npos ||
               output.find("Error while extracting\n") != std::string::npos)
       << output;
@@ -457,10 +485,18 @@ TEST_F(EndToEndTest, VeryLongHttpURLIsRefusedAndLeavesNothingBehind) {
 
 TEST_F(EndToEndTest, BadNamesFindNothingAndRemoveNothing) {
   installKeeper();
-  const std::vector<std::string> names = {
-      "",          "keeper'",        "it's",          "a/b",
-      "..",        "../widget_keeper", "widget_keeper", "x' OR '1'='1",
-      "keeper' OR '1'='1", "keeper\" OR \"1\"=\"1", "keeper'--", "%"};
+  const std::vector<std::string> names = {"",
+                                          "keeper'",
+                                          "it's",
+                                          "a/b",
+                                          "..",
+                                          "../widget_keeper",
+                                          "widget_keeper",
+                                          "x' OR '1'='1",
+                                          "keeper' OR '1'='1",
+                                          "keeper\" OR \"1\"=\"1",
+                                          "keeper'--",
+                                          "%"};
   for (const std::string& name : names) {
     SCOPED_TRACE(name);
     std::string output;
@@ -501,95 +537,104 @@ TEST_F(EndToEndTest, DefectivePackagesAreRefusedAndLeaveNothingBehind) {
   std::vector<std::pair<std::string, BadPackage>> cases;
 
   server.serve("/w/text.wgt", 200, "just some text, no archive");
-  cases.push_back({server.url("/w/text.wgt"),
-                   {"not a zip", {"Zip archive is not valid (error 19)",
-                                  "Error while extracting", "Extraction cleaned",
-                                  "Download cleaned", "Nothing to clean"}}});
+  cases.push_back(
+      {server.url("/w/text.wgt"),
+       {"not a zip",
+        {"Zip archive is not valid (error 19)", "Error while extracting",
+         "Extraction cleaned", "Download cleaned", "Nothing to clean"}}});
   {
     ZipBuilder zip;
     cases.push_back({served("empty.wgt", zip),
-                     {"empty archive", {"Empty archive", "Error while extracting",
-                                        "Extraction cleaned", "Download cleaned"}}});
+                     {"empty archive",
+                      {"Empty archive", "Error while extracting",
+                       "Extraction cleaned", "Download cleaned"}}});
   }
   {
     ZipBuilder zip;
     zip.addFile("index.html", "<p/>");
     cases.push_back({served("noconfig.wgt", zip),
-                     {"no config.xml", {"Could not find config.xml",
-                                        "Extraction cleaned", "Download cleaned",
-                                        "Nothing to clean"}}});
+                     {"no config.xml",
+                      {"Could not find config.xml", "Extraction cleaned",
+                       "Download cleaned", "Nothing to clean"}}});
   }
   {
     ZipBuilder zip;
     zip.addFile("config.xml", "<widget><name>Clock</name></widget>")
         .addFile("index.html", "<p/>");
-    cases.push_back({served("invalid.wgt", zip),
-                     {"invalid config", {"Widget configuration document is invalid",
-                                         "Error while parsing", "Extraction cleaned",
-                                         "Download cleaned", "Nothing to clean"}}});
+    cases.push_back(
+        {served("invalid.wgt", zip),
+         {"invalid config",
+          {"Widget configuration document is invalid", "Error while parsing",
+           "Extraction cleaned", "Download cleaned", "Nothing to clean"}}});
   }
   {
     ZipBuilder zip;
     zip.addFile("config.xml", "<widget xmlns=\"http://www.w3.org/ns/widgets\">")
         .addFile("index.html", "<p/>");
-    cases.push_back({served("broken.wgt", zip),
-                     {"malformed config", {"Document not parsed successfully",
-                                           "Error while parsing",
-                                           "Extraction cleaned",
-                                           "Download cleaned"}}});
+    cases.push_back(
+        {served("broken.wgt", zip),
+         {"malformed config",
+          {"Document not parsed successfully", "Error while parsing",
+           "Extraction cleaned", "Download cleaned"}}});
   }
   {
     ZipBuilder zip;
     zip.addFile("config.xml", configXml("<name>Clock</name>"))
         .addFile("index.php", "<?php ?>");
     cases.push_back({served("nostart.wgt", zip),
-                     {"no start file", {"No start file found", "Extraction cleaned",
-                                        "Download cleaned", "Nothing to clean"}}});
+                     {"no start file",
+                      {"No start file found", "Extraction cleaned",
+                       "Download cleaned", "Nothing to clean"}}});
   }
   {
     ZipBuilder zip;
     zip.addFile("config.xml", configXml("<name>Clock</name>"))
         .addFile("index.html", "<p/>")
         .addFile("../escape.txt", "out");
-    cases.push_back({served("dotdot.wgt", zip),
-                     {"dot-dot entry", {"Incorrect file name: ../escape.txt",
-                                        "Error while extracting",
-                                        "Extraction cleaned", "Download cleaned"}}});
+    cases.push_back(
+        {served("dotdot.wgt", zip),
+         {"dot-dot entry",
+          {"Incorrect file name: ../escape.txt", "Error while extracting",
+           "Extraction cleaned", "Download cleaned"}}});
   }
   {
     ZipBuilder zip;
     zip.addFile("config.xml", configXml("<name>Clock</name>"))
         .addFile("index.html", "<p/>")
         .addFile("locales/../../widget_keeper/index.html", "overwritten");
-    cases.push_back({served("inner-dotdot.wgt", zip),
-                     {"inner dot-dot entry",
-                      {"Incorrect file name: locales/../../widget_keeper/index.html",
-                       "Error while extracting"}}});
+    cases.push_back(
+        {served("inner-dotdot.wgt", zip),
+         {"inner dot-dot entry",
+          {"Incorrect file name: locales/../../widget_keeper/index.html",
+           "Error while extracting"}}});
   }
   {
     ZipBuilder zip;
     zip.addFile("config.xml", configXml("<name>Clock</name>"))
         .addEncryptedFile("index.html", "<p/>", "secret");
-    cases.push_back({served("encrypted.wgt", zip),
-                     {"encrypted", {"Zip archive must not be encrypted",
-                                    "Error while extracting", "Extraction cleaned",
-                                    "Download cleaned"}}});
+    cases.push_back(
+        {served("encrypted.wgt", zip),
+         {"encrypted",
+          {"Zip archive must not be encrypted", "Error while extracting",
+           "Extraction cleaned", "Download cleaned"}}});
   }
   {
     ZipBuilder zip;
     zip.addFolder("a/").addFolder("a/b/");
-    cases.push_back({served("folders.wgt", zip),
-                     {"only folders", {"Zip archive contains only folders",
-                                       "Error while extracting"}}});
+    cases.push_back(
+        {served("folders.wgt", zip),
+         {"only folders",
+          {"Zip archive contains only folders", "Error while extracting"}}});
   }
   {
     ZipBuilder zip;
     zip.addFile("config.xml", configXml("<name>Clock</name>"))
         .addFile("index.html", "<p/>")
         .addFile("bad|name.txt", "x");
-    cases.push_back({served("badname.wgt", zip),
-                     {"bad name", {"Incorrect file name: bad|name.txt",
-                                   "Error while extracting"}}});
+    cases.push_back(
+        {served("badname.wgt", zip),
+         {"bad name",
+          {"Incorrect file name: bad|name.txt", "Error while extracting"}}});
   }
   server.serve("/w/gone.wgt", 404, "Not Found");
   cases.push_back({server.url("/w/gone.wgt"),
@@ -636,7 +681,8 @@ TEST_F(EndToEndTest, RegistryDirectoryThatDisappearsBetweenCalls) {
   std::map<std::string, std::string> now;
   snapshot(root + "widget_keeper", "", now);
   EXPECT_EQ(keeperFiles, now);
-  EXPECT_EQ((std::vector<std::string>{"tmp", "widget_keeper"}), listDirectory(root));
+  EXPECT_EQ((std::vector<std::string>{"tmp", "widget_keeper"}),
+            listDirectory(root));
   EXPECT_TRUE(listDirectory(root + "tmp").empty());
 }
 

@@ -22,8 +22,8 @@
 namespace {
 
 // Start pages tried, in this order, when config.xml names none that exists.
-const char* const kDefaultStartFiles[] = {"index.htm", "index.html", "index.svg",
-                                          "index.xhtml", "index.xht"};
+const char* const kDefaultStartFiles[] = {
+    "index.htm", "index.html", "index.svg", "index.xhtml", "index.xht"};
 // Icons every widget may carry without declaring them, in this order.
 const char* const kDefaultIcons[] = {"icon.svg", "icon.ico", "icon.png",
                                      "icon.gif", "icon.jpg"};
@@ -102,7 +102,6 @@ bool WidgetInstaller::widgetFileExists(const std::string& fileName) {
   return true;
 }
 
-
 std::string WidgetInstaller::buildDownloadPath() {
   const char* root = getenv("WIDGET_PATH");
   const std::string prefix = root ? root : "";
@@ -114,7 +113,8 @@ std::string WidgetInstaller::buildDownloadPath() {
   // only fails that download; skipping names already taken makes that rare.
   for (int attempt = 0; attempt < 100; ++attempt) {
     std::string name = P_tmpdir "/file";
-    for (int i = 0; i < 6; ++i) name += kLetters[random() % (sizeof(kLetters) - 1)];
+    for (int i = 0; i < 6; ++i)
+      name += kLetters[random() % (sizeof(kLetters) - 1)];
     path = prefix + name;
     struct stat info;
     if (lstat(path.c_str(), &info) != 0 && errno == ENOENT) break;
@@ -144,8 +144,9 @@ int WidgetInstaller::run() {
       return 2;
     }
     if (rows.size() > 1) {
-      std::cout << "It's not possible to see this log. Database integrity problem"
-                << std::endl;
+      std::cout
+          << "It's not possible to see this log. Database integrity problem"
+          << std::endl;
       std::cout << "'sourceURL' Field in 'Widgets' Table must be unique"
                 << std::endl;
       launchURL = "about:blank";
@@ -249,10 +250,13 @@ int WidgetInstaller::run() {
   if (!config->getIcons().empty())
     record->setIcon("file://" + storagePath + config->getIcons()[0].getSrc());
   if (config->getAuthor()) record->setAuthor(*config->getAuthor());
-  if (config->getAuthorEmail()) record->setAuthorEmail(*config->getAuthorEmail());
+  if (config->getAuthorEmail())
+    record->setAuthorEmail(*config->getAuthorEmail());
   if (config->getAuthorHref()) record->setAuthorHref(*config->getAuthorHref());
+  // Only the texts given without a language go into the row; every
+  // language, that one included, goes to the localized items below.
   const WidgetConfig::LocalizedMap& names = config->getNames();
-  WidgetConfig::LocalizedMap::const_iterator text = names.find(localizeditems::kDefaultLanguage);
+  auto text = names.find(localizeditems::kDefaultLanguage);
   if (text != names.end()) record->setWidgetName(text->second);
   const WidgetConfig::LocalizedMap& shortNames = config->getShortNames();
   text = shortNames.find(localizeditems::kDefaultLanguage);

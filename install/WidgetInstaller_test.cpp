@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <dlfcn.h>
+#include <gtest/gtest.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -13,8 +14,6 @@
 #include <regex>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "config/WidgetConfig.h"
 #include "registry/SqlLite3.h"
@@ -57,7 +56,9 @@ const char kJpeg[] = "\xff\xd8\xff\xe0\0\x10JFIF\0\x01";
 const char kGif[] = "GIF89a\x01\0\x01\0\0\0\0";
 const char kIco[] = "\0\0\x01\0\x01\0\x10\x10\0\0\0\0";
 
-std::string bytes(const char* data, size_t size) { return std::string(data, size - 1); }
+std::string bytes(const char* data, size_t size) {
+  return std::string(data, size - 1);
+}
 
 std::string configXml(const std::string& body,
                       const std::string& attributes = "") {
@@ -203,32 +204,41 @@ TEST_F(WidgetInstallerTest, InstallPrintsEveryStepInOrderAndKeepsTheWidget) {
   EXPECT_EQ("file://" + storage + "index.html", launchURL);
 
   const std::string packagePath = downloadedTo(runOutput);
-  EXPECT_EQ(root + P_tmpdir "/file", packagePath.substr(0, packagePath.size() - 6));
+  EXPECT_EQ(root + P_tmpdir "/file",
+            packagePath.substr(0, packagePath.size() - 6));
   EXPECT_EQ(
       "[Downloading...]\n"
       "\n"
-      "Downloaded from " + url + " to " + packagePath + "\n"
-      "\n"
-      "[Extracting...]\n"
-      "\n"
-      "[V:Extractor] filename: " + storage + "config.xml\n"
-      "[V:Extractor] filename: " + storage + "index.html\n"
-      "\n"
-      "[Remove downloaded file...]\n"
-      "\n"
-      "\n"
-      "[Parsing config.xml...]\n"
-      "\n"
-      "Parsing id...\n"
-      "Parsing version...\n"
-      "Parsing height...\n"
-      "Parsing width...\n"
-      "Parsing name...\n"
-      "Parsing content...\n"
-      "\n"
-      "Path: file://" + storage + "index.html\n"
-      "\n"
-      "Download cleaned\n",
+      "Downloaded from " +
+          url + " to " + packagePath +
+          "\n"
+          "\n"
+          "[Extracting...]\n"
+          "\n"
+          "[V:Extractor] filename: " +
+          storage +
+          "config.xml\n"
+          "[V:Extractor] filename: " +
+          storage +
+          "index.html\n"
+          "\n"
+          "[Remove downloaded file...]\n"
+          "\n"
+          "\n"
+          "[Parsing config.xml...]\n"
+          "\n"
+          "Parsing id...\n"
+          "Parsing version...\n"
+          "Parsing height...\n"
+          "Parsing width...\n"
+          "Parsing name...\n"
+          "Parsing content...\n"
+          "\n"
+          "Path: file://" +
+          storage +
+          "index.html\n"
+          "\n"
+          "Download cleaned\n",
       runOutput);
   EXPECT_FALSE(TempDir::exists(packagePath));
   EXPECT_EQ((std::vector<std::string>{"config.xml", "index.html"}),
@@ -259,16 +269,17 @@ TEST_F(WidgetInstallerTest, RecordHoldsConfigurationValuesAndLocalizedItems) {
   ZipBuilder zip;
   zip.addFile(
          "config.xml",
-         configXml("<name short=\"Clk\">Clock</name>"
-                   "<name xml:lang=\"fr\" short=\"Hrl\">Horloge</name>"
-                   "<description>Tells the time</description>"
-                   "<description xml:lang=\"de\">Zeigt die Zeit</description>"
-                   "<license href=\"http://example.org/l\">Free</license>"
-                   "<author href=\"http://example.org/\" email=\"a@example.org\">"
-                   "Ann</author>"
-                   "<icon src=\"logo.png\"/>",
-                   " version=\"2.5\" height=\"100\" width=\"200\""
-                   " viewmodes=\"fullscreen\""))
+         configXml(
+             "<name short=\"Clk\">Clock</name>"
+             "<name xml:lang=\"fr\" short=\"Hrl\">Horloge</name>"
+             "<description>Tells the time</description>"
+             "<description xml:lang=\"de\">Zeigt die Zeit</description>"
+             "<license href=\"http://example.org/l\">Free</license>"
+             "<author href=\"http://example.org/\" email=\"a@example.org\">"
+             "Ann</author>"
+             "<icon src=\"logo.png\"/>",
+             " version=\"2.5\" height=\"100\" width=\"200\""
+             " viewmodes=\"fullscreen\""))
       .addFile("index.html", "<html></html>")
       .addFile("logo.png", bytes(kPng, sizeof(kPng)));
   const std::string url = package("clock.wgt", zip);
@@ -296,14 +307,20 @@ TEST_F(WidgetInstallerTest, RecordHoldsConfigurationValuesAndLocalizedItems) {
   EXPECT_EQ("http://example.org/", row->getAuthorHref());
 
   EXPECT_EQ(2, count("SELECT COUNT(*) FROM localizedItem WHERE item='name'"));
-  EXPECT_EQ(2, count("SELECT COUNT(*) FROM localizedItem WHERE item='shortname'"));
-  EXPECT_EQ(2, count("SELECT COUNT(*) FROM localizedItem WHERE item='description'"));
-  EXPECT_EQ(1, count("SELECT COUNT(*) FROM localizedItem WHERE item='license'"));
-  EXPECT_EQ(1, count("SELECT COUNT(*) FROM localizedItem WHERE item='licensehref'"));
-  EXPECT_EQ(1, count("SELECT COUNT(*) FROM localizedItem WHERE item='shortname' "
-                     "AND lang='fr' AND value='Hrl'"));
-  EXPECT_EQ(1, count("SELECT COUNT(*) FROM localizedItem WHERE item='description' "
-                     "AND lang='default' AND value='Tells the time'"));
+  EXPECT_EQ(2,
+            count("SELECT COUNT(*) FROM localizedItem WHERE item='shortname'"));
+  EXPECT_EQ(
+      2, count("SELECT COUNT(*) FROM localizedItem WHERE item='description'"));
+  EXPECT_EQ(1,
+            count("SELECT COUNT(*) FROM localizedItem WHERE item='license'"));
+  EXPECT_EQ(
+      1, count("SELECT COUNT(*) FROM localizedItem WHERE item='licensehref'"));
+  EXPECT_EQ(1,
+            count("SELECT COUNT(*) FROM localizedItem WHERE item='shortname' "
+                  "AND lang='fr' AND value='Hrl'"));
+  EXPECT_EQ(1,
+            count("SELECT COUNT(*) FROM localizedItem WHERE item='description' "
+                  "AND lang='default' AND value='Tells the time'"));
   EXPECT_EQ(3, count("SELECT COUNT(*) FROM widgetFiles"));
 }
 
@@ -338,12 +355,14 @@ TEST_F(WidgetInstallerTest, SecondRunAfterFailureRunsTheWholeSequenceAgain) {
   EXPECT_EQ(0, installer.run());
   const std::string output = capture.text();
   EXPECT_NE(std::string::npos, output.find("[Downloading...]\n"));
-  EXPECT_NE(std::string::npos, output.find("Path: file://" + root +
-                                           "widget_clock/index.html\n"));
-  EXPECT_EQ("file://" + root + "widget_clock/index.html", installer.getLaunchURL());
+  EXPECT_NE(std::string::npos,
+            output.find("Path: file://" + root + "widget_clock/index.html\n"));
+  EXPECT_EQ("file://" + root + "widget_clock/index.html",
+            installer.getLaunchURL());
 }
 
-TEST_F(WidgetInstallerTest, RegisteredURLAnswersWithStoredLaunchURLWithoutDownloading) {
+TEST_F(WidgetInstallerTest,
+       RegisteredURLAnswersWithStoredLaunchURLWithoutDownloading) {
   HttpServer server;
   ZipBuilder zip;
   zip.addFile("config.xml", configXml("<name>Clock</name>"))
@@ -405,18 +424,24 @@ TEST_F(WidgetInstallerTest, DuplicateSourceURLRowsEndWithStatus4) {
   const std::string schema =
       "CREATE TABLE Widgets(id INTEGER NOT NULL,sourceURL VARCHAR(255),"
       "name VARCHAR(255),launchURL VARCHAR(255),storagePath VARCHAR(255),"
-      "width INTEGER,height INTEGER,version VARCHAR(255),widgetName VARCHAR(255),"
+      "width INTEGER,height INTEGER,version VARCHAR(255),widgetName "
+      "VARCHAR(255),"
       "widgetShorName VARCHAR(255),viewMode VARCHAR(255),icon VARCHAR(255),"
       "author VARCHAR(255),authorEmail VARCHAR(255),authorHref VARCHAR(255),"
       "PRIMARY KEY (id));"
       "CREATE TABLE widgetFiles (id INTEGER PRIMARY KEY AUTOINCREMENT NOT NULL,"
       "widgetID INTEGER NOT NULL,path VARCHAR(255) NOT NULL);"
-      "CREATE TABLE localizedItem (id INTEGER PRIMARY KEY AUTOINCREMENT NOT NULL,"
+      "CREATE TABLE localizedItem (id INTEGER PRIMARY KEY AUTOINCREMENT NOT "
+      "NULL,"
       "widgetID INTEGER NOT NULL,item TEXT NOT NULL,lang TEXT NOT NULL,"
       "value TEXT NOT NULL);"
-      "INSERT INTO Widgets VALUES(NULL,'" + url + "','a','la','pa',1,1,'','','','','','','','');"
-      "INSERT INTO Widgets VALUES(NULL,'" + url + "','b','lb','pb',1,1,'','','','','','','','');";
-  ASSERT_EQ(SQLITE_OK, sqlite3_exec(db, schema.c_str(), nullptr, nullptr, nullptr));
+      "INSERT INTO Widgets VALUES(NULL,'" +
+      url +
+      "','a','la','pa',1,1,'','','','','','','','');"
+      "INSERT INTO Widgets VALUES(NULL,'" +
+      url + "','b','lb','pb',1,1,'','','','','','','','');";
+  ASSERT_EQ(SQLITE_OK,
+            sqlite3_exec(db, schema.c_str(), nullptr, nullptr, nullptr));
   sqlite3_close(db);
 
   CaptureStdout capture;
@@ -465,15 +490,17 @@ TEST_F(WidgetInstallerTest, PackageThatIsNotAZipEndsWithStatus6) {
   EXPECT_EQ(
       "[Downloading...]\n"
       "\n"
-      "Downloaded from " + url + " to " + packagePath + "\n"
-      "\n"
-      "[Extracting...]\n"
-      "\n"
-      "Zip archive is not valid (error 19)\n"
-      "Error while extracting\n"
-      "Extraction cleaned\n"
-      "Download cleaned\n"
-      "Nothing to clean\n",
+      "Downloaded from " +
+          url + " to " + packagePath +
+          "\n"
+          "\n"
+          "[Extracting...]\n"
+          "\n"
+          "Zip archive is not valid (error 19)\n"
+          "Error while extracting\n"
+          "Extraction cleaned\n"
+          "Download cleaned\n"
+          "Nothing to clean\n",
       output);
   expectNothingLeft();
 }
@@ -486,10 +513,15 @@ TEST_F(WidgetInstallerTest, PackageWithoutConfigEndsWithStatus7) {
   EXPECT_EQ(7, install(url, &launchURL, &output));
   EXPECT_EQ("about:blank", launchURL);
   const std::vector<std::string> got = lines(output);
-  const std::vector<std::string> tail = {
-      "[Remove downloaded file...]", "", "", "[Parsing config.xml...]", "",
-      "Could not find config.xml", "Extraction cleaned", "Download cleaned",
-      "Nothing to clean"};
+  const std::vector<std::string> tail = {"[Remove downloaded file...]",
+                                         "",
+                                         "",
+                                         "[Parsing config.xml...]",
+                                         "",
+                                         "Could not find config.xml",
+                                         "Extraction cleaned",
+                                         "Download cleaned",
+                                         "Nothing to clean"};
   ASSERT_GE(got.size(), tail.size());
   EXPECT_EQ(tail, std::vector<std::string>(got.end() - tail.size(), got.end()));
   expectNothingLeft();
@@ -508,8 +540,12 @@ TEST_F(WidgetInstallerTest, InvalidConfigEndsWithStatus8) {
   EXPECT_EQ("about:blank", launchURL);
   const std::vector<std::string> got = lines(output);
   const std::vector<std::string> tail = {
-      "[Parsing config.xml...]", "", "Widget configuration document is invalid",
-      "Error while parsing", "Extraction cleaned", "Download cleaned",
+      "[Parsing config.xml...]",
+      "",
+      "Widget configuration document is invalid",
+      "Error while parsing",
+      "Extraction cleaned",
+      "Download cleaned",
       "Nothing to clean"};
   ASSERT_GE(got.size(), tail.size());
   EXPECT_EQ(tail, std::vector<std::string>(got.end() - tail.size(), got.end()));
@@ -543,12 +579,13 @@ TEST_F(WidgetInstallerTest, RefusedRegistrationEndsWithStatus10AndRollsBack) {
   }
   sqlite3* db = nullptr;
   ASSERT_EQ(SQLITE_OK, sqlite3_open((conf + "widget.db").c_str(), &db));
-  ASSERT_EQ(SQLITE_OK,
-            sqlite3_exec(db,
-                         "INSERT INTO Widgets VALUES(NULL,'http://other/clock.zip',"
-                         "'clock','file:///elsewhere/index.html','/elsewhere/',"
-                         "1,1,'','','','','','','','')",
-                         nullptr, nullptr, nullptr));
+  ASSERT_EQ(
+      SQLITE_OK,
+      sqlite3_exec(db,
+                   "INSERT INTO Widgets VALUES(NULL,'http://other/clock.zip',"
+                   "'clock','file:///elsewhere/index.html','/elsewhere/',"
+                   "1,1,'','','','','','','','')",
+                   nullptr, nullptr, nullptr));
   sqlite3_close(db);
   const std::string url = simplePackage("clock.wgt");
   std::string launchURL, output;
@@ -556,9 +593,12 @@ TEST_F(WidgetInstallerTest, RefusedRegistrationEndsWithStatus10AndRollsBack) {
   EXPECT_EQ("about:blank", launchURL);
   const std::vector<std::string> got = lines(output);
   const std::vector<std::string> tail = {
-      "Path: file://" + root + "widget_clock/index.html", "",
-      "Cannot insert data to database :(", "Extraction cleaned",
-      "Download cleaned", "Nothing to clean"};
+      "Path: file://" + root + "widget_clock/index.html",
+      "",
+      "Cannot insert data to database :(",
+      "Extraction cleaned",
+      "Download cleaned",
+      "Nothing to clean"};
   ASSERT_GE(got.size(), tail.size());
   EXPECT_EQ(tail, std::vector<std::string>(got.end() - tail.size(), got.end()));
   expectNothingLeft();
@@ -572,7 +612,8 @@ TEST_F(WidgetInstallerTest, NameWithAQuoteIsRefusedAtRegistrationWithStatus10) {
   std::string launchURL, output;
   EXPECT_EQ(10, install(url, &launchURL, &output));
   EXPECT_EQ("about:blank", launchURL);
-  EXPECT_NE(std::string::npos, output.find("Cannot insert data to database :(\n"));
+  EXPECT_NE(std::string::npos,
+            output.find("Cannot insert data to database :(\n"));
   expectNothingLeft();
   EXPECT_EQ(0, count("SELECT COUNT(*) FROM Widgets"));
 }
@@ -591,8 +632,9 @@ TEST_F(WidgetInstallerTest, PackageThatCannotBeRemovedEndsWithStatus11) {
   EXPECT_EQ("", launchURL);
   const std::vector<std::string> got = lines(output);
   const std::vector<std::string> tail = {
-      "[Remove downloaded file...]", "", "Error while removing",
-      "Download cleaned", "Extraction cleaned", "Nothing to clean"};
+      "[Remove downloaded file...]", "",
+      "Error while removing",        "Download cleaned",
+      "Extraction cleaned",          "Nothing to clean"};
   ASSERT_GE(got.size(), tail.size());
   EXPECT_EQ(tail, std::vector<std::string>(got.end() - tail.size(), got.end()));
   // The downloader removed the package on its way out.
@@ -644,7 +686,8 @@ TEST_F(WidgetInstallerTest, NameAndDirectoryComeFromTheLastPathSegment) {
   for (const Case& c : cases) {
     WidgetInstaller installer(c.url);
     EXPECT_EQ(c.name, installer.getName()) << c.url;
-    EXPECT_EQ(root + "widget_" + c.name + "/", installer.getStoragePath()) << c.url;
+    EXPECT_EQ(root + "widget_" + c.name + "/", installer.getStoragePath())
+        << c.url;
   }
 }
 
@@ -699,7 +742,8 @@ TEST_F(WidgetInstallerTest, DefaultStartNamesAreTriedInTheirOrder) {
   }
 }
 
-TEST_F(WidgetInstallerTest, ContentElementNamingAMissingFileFallsBackToDefaults) {
+TEST_F(WidgetInstallerTest,
+       ContentElementNamingAMissingFileFallsBackToDefaults) {
   ZipBuilder zip;
   zip.addFile("config.xml",
               configXml("<name>Clock</name><content src=\"main.html\"/>"))
@@ -712,9 +756,10 @@ TEST_F(WidgetInstallerTest, ContentElementNamingAMissingFileFallsBackToDefaults)
 
 TEST_F(WidgetInstallerTest, ContentElementIsTakenAsItStands) {
   ZipBuilder zip;
-  zip.addFile("config.xml",
-              configXml("<name>Clock</name>"
-                        "<content src=\"pages/start.php\" type=\"text/html\"/>"))
+  zip.addFile(
+         "config.xml",
+         configXml("<name>Clock</name>"
+                   "<content src=\"pages/start.php\" type=\"text/html\"/>"))
       .addFile("index.html", "<html></html>")
       .addFile("pages/start.php", "<?php ?>");
   const std::string url = package("clock.wgt", zip);
@@ -723,7 +768,8 @@ TEST_F(WidgetInstallerTest, ContentElementIsTakenAsItStands) {
   EXPECT_EQ("file://" + root + "widget_clock/pages/start.php", launchURL);
 }
 
-TEST_F(WidgetInstallerTest, PngIconHoldingJpegIsNotADefaultIconButSvgIsOnExistence) {
+TEST_F(WidgetInstallerTest,
+       PngIconHoldingJpegIsNotADefaultIconButSvgIsOnExistence) {
   ZipBuilder zip;
   zip.addFile("config.xml", configXml("<name>Clock</name>"))
       .addFile("index.html", "<html></html>")
@@ -814,8 +860,8 @@ TEST_F(WidgetInstallerTest, PackageGoesToThePlainTemporaryNameWhenRootIsUnset) {
   // away again.
   TempDir::removeTree(storage);
   EXPECT_EQ(0, status) << output;
-  EXPECT_TRUE(std::regex_match(packagePath,
-                               std::regex(P_tmpdir "/file[A-Za-z0-9]{6}")))
+  EXPECT_TRUE(
+      std::regex_match(packagePath, std::regex(P_tmpdir "/file[A-Za-z0-9]{6}")))
       << packagePath;
   EXPECT_FALSE(TempDir::exists(packagePath));
 }

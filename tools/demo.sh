@@ -57,16 +57,16 @@ step "List the installed widgets"
 "$widgetctl" list
 
 step "Describe sample-clock in French"
-"$widgetctl" info sample-clock --lang fr-FR,fr
+"$widgetctl" info sample-clock --lang fr
 
 step "Describe sample-clock in German"
 "$widgetctl" info sample-clock --lang de
 
 step "Map its start page for a French reader"
-"$widgetctl" map "$launch" --lang fr
+"$widgetctl" map "$launch" --lang fr-CA
 
 step "Map its start page for a German reader"
-"$widgetctl" map "$launch" --lang de-AT,de
+"$widgetctl" map "$launch" --lang de
 
 step "Is $launch a widget?"
 "$widgetctl" is-widget "$launch"

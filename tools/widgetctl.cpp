@@ -15,14 +15,13 @@
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <widgetengine/WidgetEngineDelegate.h>
 
 #include <cstdio>
 #include <iostream>
 #include <memory>
 #include <string>
 #include <vector>
-
-#include <widgetengine/WidgetEngineDelegate.h>
 
 #include "config/WidgetConfig.h"
 #include "install/WidgetInstaller.h"
@@ -42,7 +41,8 @@ const char kUsage[] =
     "  list                      list the installed widgets\n"
     "  info NAME [--lang LIST]   describe the installed widget NAME\n"
     "  map URL [--lang LIST]     the localized copy of a widget file\n"
-    "  is-widget URL             whether URL is an installed widget's start page\n"
+    "  is-widget URL             whether URL is an installed widget's start "
+    "page\n"
     "  remove NAME               remove the installed widget NAME\n"
     "  check PACKAGE             check a local package without installing it\n"
     "\n"
@@ -67,7 +67,8 @@ const Command kCommands[] = {
      "\n"
      "Downloads the widget package at URL (http://, https:// or file://),\n"
      "unpacks it below WIDGET_PATH, records it in the registry and prints the\n"
-     "launch URL of its start page. A URL that is already installed prints the\n"
+     "launch URL of its start page. A URL that is already installed prints "
+     "the\n"
      "launch URL of that installation.\n"},
     {"list",
      "Usage: widgetctl list\n"
@@ -91,12 +92,14 @@ const Command kCommands[] = {
     {"is-widget",
      "Usage: widgetctl is-widget URL\n"
      "\n"
-     "Prints \"yes\" when URL is exactly the launch URL of an installed widget,\n"
+     "Prints \"yes\" when URL is exactly the launch URL of an installed "
+     "widget,\n"
      "otherwise \"no\" (and exits with status 1).\n"},
     {"remove",
      "Usage: widgetctl remove NAME\n"
      "\n"
-     "Removes the installed widget NAME: its directory and its registry row.\n"},
+     "Removes the installed widget NAME: its directory and its registry "
+     "row.\n"},
     {"check",
      "Usage: widgetctl check PACKAGE\n"
      "\n"
@@ -124,8 +127,8 @@ int fail(const std::string& reason) {
 
 int usageError(const std::string& reason, const char* command) {
   std::cerr << kProgram << ": " << reason << " (see \"widgetctl "
-            << (command ? std::string(command) + " " : std::string()) << "--help\")"
-            << std::endl;
+            << (command ? std::string(command) + " " : std::string())
+            << "--help\")" << std::endl;
   return 2;
 }
 
@@ -174,27 +177,34 @@ struct FreeDeleter {
 };
 typedef std::unique_ptr<char, FreeDeleter> EngineString;
 
-void printField(const char* label, const std::string& value) {
-  std::cout << label << value << std::endl;
+// "label:" padded to one column, then the value.
+std::string field(const std::string& label, const std::string& value) {
+  std::string line = label + ":";
+  line.append(line.size() < 15 ? 15 - line.size() : 1, ' ');
+  return line + value;
+}
+
+void printField(const std::string& label, const std::string& value) {
+  std::cout << field(label, value) << std::endl;
 }
 
 void printRecord(const WidgetsData& widget) {
-  printField("name:          ", widget.getName());
-  printField("title:         ", widget.getWidgetName());
-  printField("short title:   ", widget.getWidgetShorName());
-  printField("description:   ", widget.getDescription());
-  printField("version:       ", widget.getVersion());
-  printField("width:         ", std::to_string(widget.getWidth()));
-  printField("height:        ", std::to_string(widget.getHeight()));
-  printField("author:        ", widget.getAuthor());
-  printField("author email:  ", widget.getAuthorEmail());
-  printField("author href:   ", widget.getAuthorHref());
-  printField("license:       ", widget.getLicense());
-  printField("license href:  ", widget.getLicenseHref());
-  printField("icon:          ", widget.getIcon());
-  printField("launch URL:    ", widget.getLaunchURL());
-  printField("source URL:    ", widget.getSourceURL());
-  printField("storage path:  ", widget.getStoragePath());
+  printField("name", widget.getName());
+  printField("title", widget.getWidgetName());
+  printField("short title", widget.getWidgetShorName());
+  printField("description", widget.getDescription());
+  printField("version", widget.getVersion());
+  printField("width", std::to_string(widget.getWidth()));
+  printField("height", std::to_string(widget.getHeight()));
+  printField("author", widget.getAuthor());
+  printField("author email", widget.getAuthorEmail());
+  printField("author href", widget.getAuthorHref());
+  printField("license", widget.getLicense());
+  printField("license href", widget.getLicenseHref());
+  printField("icon", widget.getIcon());
+  printField("launch URL", widget.getLaunchURL());
+  printField("source URL", widget.getSourceURL());
+  printField("storage path", widget.getStoragePath());
 }
 
 int runInstall(WebWidgetEngineDelegate* engine, const std::string& url) {
@@ -206,7 +216,8 @@ int runInstall(WebWidgetEngineDelegate* engine, const std::string& url) {
 
 int runList(WebWidgetEngineDelegate* engine) {
   std::vector<std::unique_ptr<WidgetsData>> widgets;
-  for (WidgetsData* widget : engine->getAll(nullptr)) widgets.emplace_back(widget);
+  for (WidgetsData* widget : engine->getAll(nullptr))
+    widgets.emplace_back(widget);
   for (const std::unique_ptr<WidgetsData>& widget : widgets)
     std::cout << widget->getName() << '\t' << widget->getVersion() << '\t'
               << widget->getLaunchURL() << std::endl;
@@ -253,15 +264,24 @@ int runRemove(WebWidgetEngineDelegate* engine, const std::string& name) {
 // What each failing installer status means for a package.
 const char* statusReason(int status) {
   switch (status) {
-    case 3: return "the temporary registry could not be opened";
-    case 5: return "the package could not be read";
-    case 6: return "the package is not a valid widget archive";
-    case 7: return "the package has no config.xml";
-    case 8: return "config.xml was rejected";
-    case 9: return "the package has no usable start file";
-    case 10: return "the widget could not be recorded";
-    case 11: return "the downloaded package could not be removed";
-    default: return "the installation failed";
+    case 3:
+      return "the temporary registry could not be opened";
+    case 5:
+      return "the package could not be read";
+    case 6:
+      return "the package is not a valid widget archive";
+    case 7:
+      return "the package has no config.xml";
+    case 8:
+      return "config.xml was rejected";
+    case 9:
+      return "the package has no usable start file";
+    case 10:
+      return "the widget could not be recorded";
+    case 11:
+      return "the downloaded package could not be removed";
+    default:
+      return "the installation failed";
   }
 }
 
@@ -271,7 +291,8 @@ std::string fileURL(const std::string& path) {
   static const char kHex[] = "0123456789ABCDEF";
   std::string url = "file://";
   for (unsigned char c : path) {
-    if (isalnum(c) || c == '/' || c == '-' || c == '.' || c == '_' || c == '~') {
+    if (isalnum(c) || c == '/' || c == '-' || c == '.' || c == '_' ||
+        c == '~') {
       url += static_cast<char>(c);
     } else {
       url += '%';
@@ -311,12 +332,13 @@ int runCheck(const std::string& package) {
   if (stat(package.c_str(), &info) != 0 || !S_ISREG(info.st_mode) ||
       access(package.c_str(), R_OK) != 0)
     return fail("cannot read the package file " + package);
-  std::unique_ptr<char, FreeDeleter> absolute(realpath(package.c_str(), nullptr));
+  std::unique_ptr<char, FreeDeleter> absolute(
+      realpath(package.c_str(), nullptr));
   if (!absolute) return fail("cannot read the package file " + package);
 
   const char* tmp = getenv("TMPDIR");
-  std::string sandbox = std::string(tmp && *tmp ? tmp : P_tmpdir) +
-                        "/widgetctl-check-XXXXXX";
+  std::string sandbox =
+      std::string(tmp && *tmp ? tmp : P_tmpdir) + "/widgetctl-check-XXXXXX";
   if (!mkdtemp(&sandbox[0])) return fail("cannot create a temporary directory");
   const std::string widgetRoot = sandbox + "/widgets/";
   const std::string registryDir = sandbox + "/conf/";
@@ -345,38 +367,42 @@ int runCheck(const std::string& package) {
           delete rows[i];
       }
       const WidgetConfig& config = *installer.getConfig();
-      lines.push_back("start file:    " +
-                      (config.getStartFile() ? *config.getStartFile() : ""));
+      lines.push_back(field(
+          "start file", config.getStartFile() ? *config.getStartFile() : ""));
       for (const WidgetIconInfo& icon : config.getIcons()) {
-        std::string line = "icon:          " + icon.getSrc();
+        std::string line = field("icon", icon.getSrc());
         if (icon.getWidth() || icon.getHeight()) {
-          line += " (" + (icon.getWidth() ? std::to_string(*icon.getWidth()) : "?") +
-                  "x" + (icon.getHeight() ? std::to_string(*icon.getHeight()) : "?") +
+          line += " (" +
+                  (icon.getWidth() ? std::to_string(*icon.getWidth()) : "?") +
+                  "x" +
+                  (icon.getHeight() ? std::to_string(*icon.getHeight()) : "?") +
                   ")";
         }
         lines.push_back(line);
       }
       for (const std::string& file : installer.getFiles())
-        lines.push_back("file:          " + file);
+        lines.push_back(field("file", file));
       // Localized texts as the registry would keep them, every language.
       const std::pair<const char*, const WidgetConfig::LocalizedMap*> maps[] = {
-          {"text name", &config.getNames()},
-          {"text shortname", &config.getShortNames()},
-          {"text description", &config.getDescriptions()},
-          {"text license", &config.getLicenses()},
-          {"text licensehref", &config.getLicenseHrefs()},
+          {"name", &config.getNames()},
+          {"shortname", &config.getShortNames()},
+          {"description", &config.getDescriptions()},
+          {"license", &config.getLicenses()},
+          {"licensehref", &config.getLicenseHrefs()},
       };
       for (const auto& map : maps)
         for (const auto& text : *map.second)
-          lines.push_back(std::string(map.first) + "[" + text.first + "]: " +
-                          text.second);
+          lines.push_back(field(
+              std::string(map.first) + " [" + text.first + "]", text.second));
       for (const WidgetFeatureInfo& feature : config.getFeatures())
-        lines.push_back("feature:       " + feature.getName() +
-                        (feature.isRequired() ? " (required)" : " (optional)"));
+        lines.push_back(
+            field("feature",
+                  feature.getName() +
+                      (feature.isRequired() ? " (required)" : " (optional)")));
       for (const WidgetPreferenceInfo& preference : config.getPreferences())
-        lines.push_back("preference:    " + preference.getName() + " = " +
-                        preference.getValue() +
-                        (preference.isReadonly() ? " (read-only)" : ""));
+        lines.push_back(field(
+            "preference", preference.getName() + " = " + preference.getValue() +
+                              (preference.isReadonly() ? " (read-only)" : "")));
     }
   }
   removeTree(sandbox);
@@ -385,23 +411,24 @@ int runCheck(const std::string& package) {
     return fail(package + " would not install: " + statusReason(status) +
                 " (status " + std::to_string(status) + ")");
   }
-  std::cout << "package:       " << package << std::endl;
+  printField("package", package);
   if (recorded) {
-    printField("name:          ", recorded->getName());
-    printField("title:         ", recorded->getWidgetName());
-    printField("short title:   ", recorded->getWidgetShorName());
-    printField("version:       ", recorded->getVersion());
-    printField("width:         ", std::to_string(recorded->getWidth()));
-    printField("height:        ", std::to_string(recorded->getHeight()));
-    printField("author:        ", recorded->getAuthor());
-    printField("author email:  ", recorded->getAuthorEmail());
-    printField("author href:   ", recorded->getAuthorHref());
-    printField("storage path:  ", underRoot(recorded->getStoragePath(), widgetRoot));
-    printField("launch URL:    ", underRoot(recorded->getLaunchURL(), widgetRoot));
-    printField("icon:          ", underRoot(recorded->getIcon(), widgetRoot));
+    printField("name", recorded->getName());
+    printField("title", recorded->getWidgetName());
+    printField("short title", recorded->getWidgetShorName());
+    printField("version", recorded->getVersion());
+    printField("width", std::to_string(recorded->getWidth()));
+    printField("height", std::to_string(recorded->getHeight()));
+    printField("author", recorded->getAuthor());
+    printField("author email", recorded->getAuthorEmail());
+    printField("author href", recorded->getAuthorHref());
+    printField("storage path",
+               underRoot(recorded->getStoragePath(), widgetRoot));
+    printField("launch URL", underRoot(recorded->getLaunchURL(), widgetRoot));
+    printField("icon", underRoot(recorded->getIcon(), widgetRoot));
   }
   for (const std::string& line : lines) std::cout << line << std::endl;
-  std::cout << "result:        the package would install" << std::endl;
+  printField("result", "the package would install");
   return 0;
 }
 
@@ -434,13 +461,16 @@ int main(int argc, char** argv) {
 
   if (commandName == "check") return runCheck(arguments.positional[0]);
 
-  RefPtr<WebWidgetEngineDelegate> engine = WidgetEngineDelegate::createInstance();
-  if (commandName == "install") return runInstall(engine.get(), arguments.positional[0]);
+  RefPtr<WebWidgetEngineDelegate> engine =
+      WidgetEngineDelegate::createInstance();
+  if (commandName == "install")
+    return runInstall(engine.get(), arguments.positional[0]);
   if (commandName == "list") return runList(engine.get());
   if (commandName == "info")
     return runInfo(engine.get(), arguments.positional[0], arguments.language);
   if (commandName == "map")
     return runMap(engine.get(), arguments.positional[0], arguments.language);
-  if (commandName == "is-widget") return runIsWidget(engine.get(), arguments.positional[0]);
+  if (commandName == "is-widget")
+    return runIsWidget(engine.get(), arguments.positional[0]);
   return runRemove(engine.get(), arguments.positional[0]);
 }

@@ -1,7 +1,9 @@
 // widgetctl as its users run it: the built program in a child process, with
 // its widget root, registry and temporary directory inside a TempDir.
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -11,9 +13,6 @@
 #include <string>
 #include <utility>
 #include <vector>
-
-#include <dirent.h>
-#include <gtest/gtest.h>
 
 #include "testing/TempDir.h"
 #include "testing/ZipBuilder.h"
@@ -89,7 +88,8 @@ class WidgetctlTest : public ::testing::Test {
       setenv("TMPDIR", tmp.c_str(), 1);
       std::vector<char*> argv;
       argv.push_back(const_cast<char*>(kWidgetctl));
-      for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
+      for (const std::string& arg : args)
+        argv.push_back(const_cast<char*>(arg.c_str()));
       argv.push_back(nullptr);
       execv(kWidgetctl, argv.data());
       _exit(127);
@@ -97,7 +97,8 @@ class WidgetctlTest : public ::testing::Test {
     Result result;
     int status = 0;
     waitpid(child, &status, 0);
-    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    result.status =
+        WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     result.out = TempDir::readFile(outPath);
     result.err = TempDir::readFile(errPath);
     return result;
@@ -105,8 +106,13 @@ class WidgetctlTest : public ::testing::Test {
 
   // The bundled sample widget, packed; the package's path.
   std::string samplePackage(const std::string& fileName) {
-    const char* files[] = {"config.xml", "index.html", "style.css", "clock.js",
-                           "icon.png", "icon.svg", "locales/fr/index.html",
+    const char* files[] = {"config.xml",
+                           "index.html",
+                           "style.css",
+                           "clock.js",
+                           "icon.png",
+                           "icon.svg",
+                           "locales/fr/index.html",
                            "locales/de/index.html"};
     ZipBuilder zip;
     for (const char* file : files)
@@ -130,7 +136,8 @@ TEST_F(WidgetctlTest, HelpDescribesTheToolAndEachCommand) {
   for (const char* command :
        {"install", "list", "info", "map", "is-widget", "remove", "check"}) {
     SCOPED_TRACE(command);
-    EXPECT_NE(std::string::npos, help.out.find(std::string("  ") + command + " "));
+    EXPECT_NE(std::string::npos,
+              help.out.find(std::string("  ") + command + " "));
     Result one = run({command, "--help"});
     EXPECT_EQ(0, one.status);
     EXPECT_EQ(0u, one.out.find(std::string("Usage: widgetctl ") + command));
@@ -142,8 +149,13 @@ TEST_F(WidgetctlTest, HelpDescribesTheToolAndEachCommand) {
 
 TEST_F(WidgetctlTest, UsageErrorsGiveOneLineAndStatus2) {
   const std::vector<std::vector<std::string>> cases = {
-      {}, {"frobnicate"}, {"install"}, {"install", "a", "b"}, {"list", "x"},
-      {"info", "x", "--lang"}, {"remove", "--force", "x"}};
+      {},
+      {"frobnicate"},
+      {"install"},
+      {"install", "a", "b"},
+      {"list", "x"},
+      {"info", "x", "--lang"},
+      {"remove", "--force", "x"}};
   for (const std::vector<std::string>& args : cases) {
     Result result = run(args);
     EXPECT_EQ(2, result.status);
@@ -171,22 +183,30 @@ TEST_F(WidgetctlTest, WholeStoryOfTheSampleWidget) {
 
   Result french = run({"info", "sample-clock", "--lang", "fr-FR,fr"});
   EXPECT_EQ(0, french.status);
-  EXPECT_NE(std::string::npos, french.out.find("\ntitle:         Horloge exemple\n"));
-  EXPECT_NE(std::string::npos, french.out.find("\nshort title:   Horloge\n"));
   EXPECT_NE(std::string::npos,
-            french.out.find("\nlicense href:  http://example.org/widgets/licence-fr.html\n"));
-  EXPECT_NE(std::string::npos, french.out.find("\nauthor:        Example Widget Workshop\n"));
-  EXPECT_NE(std::string::npos, french.out.find("\nicon:          file://" + storage + "icon.png\n"));
+            french.out.find("\ntitle:         Horloge exemple\n"));
+  EXPECT_NE(std::string::npos, french.out.find("\nshort title:   Horloge\n"));
+  EXPECT_NE(
+      std::string::npos,
+      french.out.find(
+          "\nlicense href:  http://example.org/widgets/licence-fr.html\n"));
+  EXPECT_NE(std::string::npos,
+            french.out.find("\nauthor:        Example Widget Workshop\n"));
+  EXPECT_NE(std::string::npos, french.out.find("\nicon:          file://" +
+                                               storage + "icon.png\n"));
   EXPECT_EQ("storage path:  " + storage, lastLine(french.out));
 
   Result german = run({"info", "--lang=de", "sample-clock"});
   EXPECT_EQ(0, german.status);
-  EXPECT_NE(std::string::npos, german.out.find("\ntitle:         Beispieluhr\n"));
+  EXPECT_NE(std::string::npos,
+            german.out.find("\ntitle:         Beispieluhr\n"));
 
   Result mapped = run({"map", launchURL, "--lang", "de"});
   EXPECT_EQ(0, mapped.status);
-  EXPECT_EQ("file://" + storage + "/locales/de/index.html", lastLine(mapped.out));
-  Result unmapped = run({"map", "file://" + storage + "style.css", "--lang", "de"});
+  EXPECT_EQ("file://" + storage + "/locales/de/index.html",
+            lastLine(mapped.out));
+  Result unmapped =
+      run({"map", "file://" + storage + "style.css", "--lang", "de"});
   EXPECT_EQ(0, unmapped.status);
   EXPECT_EQ("file://" + storage + "style.css", lastLine(unmapped.out));
 
@@ -248,12 +268,15 @@ TEST_F(WidgetctlTest, CheckShowsWhatAnInstallWouldRecordAndTouchesNothing) {
   EXPECT_NE(std::string::npos, out.find("\nversion:       1.0\n"));
   EXPECT_NE(std::string::npos, out.find("\nwidth:         320\n"));
   EXPECT_NE(std::string::npos,
-            out.find("\nlaunch URL:    file://<widget root>/widget_sample-clock/index.html\n"));
+            out.find("\nlaunch URL:    file://<widget "
+                     "root>/widget_sample-clock/index.html\n"));
   EXPECT_NE(std::string::npos, out.find("\nstart file:    index.html\n"));
+  EXPECT_NE(
+      std::string::npos,
+      out.find("\nicon:          icon.png (16x16)\nicon:          icon.svg\n"));
   EXPECT_NE(std::string::npos,
-            out.find("\nicon:          icon.png (16x16)\nicon:          icon.svg\n"));
-  EXPECT_NE(std::string::npos, out.find("\nfile:          locales/de/index.html\n"));
-  EXPECT_NE(std::string::npos, out.find("\ntext name[fr]: Horloge exemple\n"));
+            out.find("\nfile:          locales/de/index.html\n"));
+  EXPECT_NE(std::string::npos, out.find("\nname [fr]:     Horloge exemple\n"));
   EXPECT_EQ("result:        the package would install", lastLine(out));
 
   EXPECT_FALSE(TempDir::exists(root));
@@ -269,8 +292,10 @@ TEST_F(WidgetctlTest, CheckOfADefectivePackageSaysWhyAndTouchesNothing) {
   ASSERT_TRUE(zip.write(package));
   Result result = run({"check", package});
   EXPECT_EQ(1, result.status);
-  EXPECT_NE(std::string::npos,
-            result.out.find("Widget configuration document is invalid\nError while parsing\n"));
+  EXPECT_NE(
+      std::string::npos,
+      result.out.find(
+          "Widget configuration document is invalid\nError while parsing\n"));
   const std::vector<std::string> errors = lines(result.err);
   ASSERT_FALSE(errors.empty());
   EXPECT_EQ("widgetctl: " + package +
@@ -284,7 +309,8 @@ TEST_F(WidgetctlTest, CheckOfADefectivePackageSaysWhyAndTouchesNothing) {
 TEST_F(WidgetctlTest, CheckOfAMissingPackageFails) {
   Result result = run({"check", dir.path() + "/nothing.wgt"});
   EXPECT_EQ(1, result.status);
-  EXPECT_EQ("widgetctl: cannot read the package file " + dir.path() + "/nothing.wgt\n",
+  EXPECT_EQ("widgetctl: cannot read the package file " + dir.path() +
+                "/nothing.wgt\n",
             result.err);
   EXPECT_EQ("", result.out);
   EXPECT_TRUE(listDirectory(tmp).empty());
