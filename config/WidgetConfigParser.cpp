@@ -1,11 +1,524 @@
 #include "config/WidgetConfigParser.h"
 
-// Placeholder until the parser lands.
+#include <libxml/parser.h>
+#include <libxml/relaxng.h>
+#include <libxml/tree.h>
+#include <libxml/xmlerror.h>
+#include <libxml/xmlschemastypes.h>
+
+#include <cstring>
+#include <iostream>
+#include <unordered_map>
+#include <vector>
+
+#include "config/WidgetConfig.h"
+#include "config/WidgetFeatureInfo.h"
+#include "config/WidgetIconInfo.h"
+#include "config/WidgetPreferenceInfo.h"
+
 const char* const WidgetConfigParser::kSchemaPath = WIDGETENGINE_SCHEMA_PATH;
+
+namespace {
+
+const xmlChar* X(const char* text) {
+  return reinterpret_cast<const xmlChar*>(text);
+}
+
+void ignoreGenericError(void*, const char*, ...) {}
+void ignoreStructuredError(void*, xmlErrorPtr) {}
+
+// libxml2 reports through per-thread handlers that write to standard error by
+// default. While one parse() runs they are silenced, so that the one result
+// line on standard output is all the caller sees, and afterwards they are put
+// back as they were, so that the embedding program's own use of libxml2 is
+// unaffected.
+class QuietLibxml {
+ public:
+  QuietLibxml()
+      : generic(xmlGenericError),
+        genericContext(xmlGenericErrorContext),
+        structured(xmlStructuredError),
+        structuredContext(xmlStructuredErrorContext) {
+    xmlSetGenericErrorFunc(nullptr, ignoreGenericError);
+    xmlSetStructuredErrorFunc(nullptr, ignoreStructuredError);
+  }
+  ~QuietLibxml() {
+    xmlSetGenericErrorFunc(genericContext, generic);
+    xmlSetStructuredErrorFunc(structuredContext, structured);
+    xmlResetLastError();
+  }
+
+  QuietLibxml(const QuietLibxml&) = delete;
+  QuietLibxml& operator=(const QuietLibxml&) = delete;
+
+ private:
+  xmlGenericErrorFunc generic;
+  void* genericContext;
+  xmlStructuredErrorFunc structured;
+  void* structuredContext;
+};
+
+struct DocFree {
+  void operator()(xmlDoc* doc) const { xmlFreeDoc(doc); }
+};
+struct SchemaParserFree {
+  void operator()(xmlRelaxNGParserCtxt* context) const {
+    xmlRelaxNGFreeParserCtxt(context);
+  }
+};
+struct SchemaFree {
+  void operator()(xmlRelaxNG* schema) const { xmlRelaxNGFree(schema); }
+};
+struct ValidatorFree {
+  void operator()(xmlRelaxNGValidCtxt* context) const {
+    xmlRelaxNGFreeValidCtxt(context);
+  }
+};
+
+// The document is read as it stands: entities are not substituted, no
+// external entity or DTD is loaded and nothing is fetched from the network.
+// libxml2's own limits (element depth, text size, entity loops) stay on.
+const int kReadOptions = XML_PARSE_NONET | XML_PARSE_NOERROR |
+                         XML_PARSE_NOWARNING;
+
+// Entity references that the parser leaves in the tree are expanded later,
+// whenever libxml2 turns a node list into a string (attribute lookup, text,
+// validation), and that expansion concatenates piece by piece. A small
+// document can thus demand gigabytes of text or a quadratic number of copies
+// (one large entity referenced many times). EntityBudget measures what each
+// node list would expand to, without building it, and refuses documents
+// beyond fixed bounds before anything expands.
+class EntityBudget {
+ public:
+  explicit EntityBudget(xmlDoc* doc) : doc(doc) {}
+
+  // True when every text and attribute value of the tree expands within the
+  // bounds.
+  bool fits(xmlNode* root) {
+    std::vector<xmlNode*> pending(1, root);
+    while (!pending.empty()) {
+      xmlNode* element = pending.back();
+      pending.pop_back();
+      for (xmlAttr* attr = element->properties; attr; attr = attr->next) {
+        if (!charge(attr->children)) return false;
+      }
+      if (!charge(element->children)) return false;
+      for (xmlNode* child = element->children; child; child = child->next) {
+        if (child->type == XML_ELEMENT_NODE) pending.push_back(child);
+      }
+    }
+    return true;
+  }
+
+ private:
+  // What a node list expands to: its bytes and the number of pieces that
+  // are concatenated one after another to make it.
+  struct Size {
+    uint64_t bytes = 0;
+    uint64_t pieces = 0;
+    bool hasReference = false;
+    bool inProgress = false;
+  };
+
+  // Anything above these is refused. Values without entity references are
+  // never measured against them.
+  static const uint64_t kMaxExpandedBytes = 16u << 20;
+  static const uint64_t kMaxPieces = 1u << 20;
+  // Bytes copied while concatenating one value, at most pieces x length.
+  static const uint64_t kMaxCopyCost = 256u << 20;
+  static const int kMaxEntityDepth = 40;
+
+  static uint64_t add(uint64_t a, uint64_t b) {
+    const uint64_t sum = a + b;
+    return sum < a ? UINT64_MAX : sum;
+  }
+
+  bool charge(xmlNode* list) {
+    Size size;
+    if (!measure(list, 0, &size)) return false;
+    if (!size.hasReference) return true;
+    expanded = add(expanded, size.bytes);
+    pieces = add(pieces, size.pieces);
+    if (expanded > kMaxExpandedBytes || pieces > kMaxPieces) return false;
+    const uint64_t cost =
+        size.pieces != 0 && size.bytes > UINT64_MAX / size.pieces
+            ? UINT64_MAX
+            : size.bytes * size.pieces;
+    return cost <= kMaxCopyCost;
+  }
+
+  // Sizes the flattened text of a node list the way libxml2 flattens it:
+  // text and CDATA pieces, entity references replaced by their entity's
+  // content, other nodes contributing nothing.
+  bool measure(xmlNode* list, int depth, Size* size) {
+    for (xmlNode* node = list; node; node = node->next) {
+      if (node->type == XML_TEXT_NODE ||
+          node->type == XML_CDATA_SECTION_NODE) {
+        if (node->content) {
+          size->bytes = add(size->bytes, strlen(
+              reinterpret_cast<const char*>(node->content)));
+        }
+        size->pieces = add(size->pieces, 1);
+      } else if (node->type == XML_ENTITY_REF_NODE) {
+        size->hasReference = true;
+        Size inner;
+        if (!measureEntity(node, depth, &inner)) return false;
+        size->bytes = add(size->bytes, inner.bytes);
+        size->pieces = add(size->pieces, add(inner.pieces, 1));
+      }
+      if (size->hasReference &&
+          (size->bytes > kMaxExpandedBytes || size->pieces > kMaxPieces)) {
+        return false;
+      }
+    }
+    return true;
+  }
+
+  bool measureEntity(xmlNode* reference, int depth, Size* size) {
+    xmlEntity* entity = xmlGetDocEntity(doc, reference->name);
+    if (!entity) {
+      if (reference->content) {
+        size->bytes = strlen(reinterpret_cast<const char*>(reference->content));
+      }
+      return true;
+    }
+    auto known = sizes.find(entity);
+    if (known != sizes.end()) {
+      // A size still being computed means the entity refers to itself.
+      if (known->second.inProgress) return false;
+      *size = known->second;
+      return true;
+    }
+    if (depth >= kMaxEntityDepth) return false;
+    sizes[entity].inProgress = true;
+    Size result;
+    if (!measure(entity->children, depth + 1, &result)) return false;
+    sizes[entity] = result;
+    *size = result;
+    return true;
+  }
+
+  xmlDoc* doc;
+  uint64_t expanded = 0;
+  uint64_t pieces = 0;
+  std::unordered_map<const xmlEntity*, Size> sizes;
+};
+
+bool isSpace(unsigned char c) { return c == ' ' || (c >= 9 && c <= 13); }
+
+// Removes leading and trailing white space and cuts every inner run down to
+// its first character, which is kept as it is (a tab stays a tab).
+std::string normalizeSpace(const std::string& text) {
+  std::string result;
+  result.reserve(text.size());
+  bool inRun = false;
+  for (char c : text) {
+    if (isSpace(static_cast<unsigned char>(c))) {
+      if (!inRun && !result.empty()) result.push_back(c);
+      inRun = true;
+    } else {
+      result.push_back(c);
+      inRun = false;
+    }
+  }
+  if (inRun && !result.empty()) result.pop_back();
+  return result;
+}
+
+bool hasAttribute(xmlNode* node, const char* name) {
+  return xmlHasProp(node, X(name)) != nullptr;
+}
+
+// The attribute's value exactly as written. Matching is on the local name,
+// so "lang" also finds xml:lang.
+std::string getRawAttribute(xmlNode* node, const char* name) {
+  xmlChar* value = xmlGetProp(node, X(name));
+  if (!value) return std::string();
+  std::string result(reinterpret_cast<const char*>(value));
+  xmlFree(value);
+  return result;
+}
+
+std::string getAttribute(xmlNode* node, const char* name) {
+  return normalizeSpace(getRawAttribute(node, name));
+}
+
+bool isElement(xmlNode* node, const char* name) {
+  return xmlStrcmp(node->name, X(name)) == 0;
+}
+
+}  // namespace
+
 WidgetConfigParser::WidgetConfigParser(const std::string& path,
                                        WidgetConfig* config,
                                        const std::string& schemaPath)
     : path(path), config(config), schemaPath(schemaPath), doc(nullptr),
       node(nullptr) {}
+
 WidgetConfigParser::~WidgetConfigParser() {}
-int WidgetConfigParser::parse() { return -1; }
+
+int WidgetConfigParser::parse() {
+  QuietLibxml quiet;
+
+  std::unique_ptr<xmlDoc, DocFree> document(
+      xmlReadFile(path.c_str(), nullptr, kReadOptions));
+  if (document) {
+    xmlNode* root = xmlDocGetRootElement(document.get());
+    if (root && !EntityBudget(document.get()).fits(root)) document.reset();
+  }
+  if (!document) {
+    std::cout << "Document not parsed successfully" << std::endl;
+    return -1;
+  }
+
+  int valid;
+  {
+    std::unique_ptr<xmlRelaxNGParserCtxt, SchemaParserFree> schemaParser(
+        xmlRelaxNGNewParserCtxt(schemaPath.c_str()));
+    std::unique_ptr<xmlRelaxNG, SchemaFree> schema;
+    if (schemaParser) {
+      xmlRelaxNGSetParserStructuredErrors(schemaParser.get(),
+                                          ignoreStructuredError, nullptr);
+      schema.reset(xmlRelaxNGParse(schemaParser.get()));
+    }
+    if (!schema) {
+      // The message names a variable that nothing reads; the schema path is
+      // fixed when the library is built.
+      std::cout << "Could not find Relax NG file. Please set WIDGET_VALIDATOR "
+                   "directory path."
+                << std::endl;
+      return -1;
+    }
+    std::unique_ptr<xmlRelaxNGValidCtxt, ValidatorFree> validator(
+        xmlRelaxNGNewValidCtxt(schema.get()));
+    if (!validator) {
+      std::cout << "Error while loading Relax NG file" << std::endl;
+      return -1;
+    }
+    xmlRelaxNGSetValidStructuredErrors(validator.get(), ignoreStructuredError,
+                                       nullptr);
+    valid = xmlRelaxNGValidateDoc(validator.get(), document.get());
+  }
+  if (valid != 0) {
+    std::cout << "Widget configuration document is invalid" << std::endl;
+    return -1;
+  }
+
+  xmlNode* root = xmlDocGetRootElement(document.get());
+  if (!root) {
+    std::cout << "Empty document" << std::endl;
+    return -1;
+  }
+  if (!isElement(root, "widget")) {
+    std::cout << "Document of the wrong type, root node != widget"
+              << std::endl;
+    return -1;
+  }
+
+  doc = document.get();
+  node = root;
+  walk();
+  doc = nullptr;
+  node = nullptr;
+  return 0;
+}
+
+std::string WidgetConfigParser::getText(xmlNode* element, int collapse) {
+  xmlChar* text = xmlNodeListGetString(doc, element->children, 1);
+  if (!text) return std::string();
+  std::string result;
+  xmlChar* collapsed = collapse ? xmlSchemaCollapseString(text) : nullptr;
+  result = reinterpret_cast<const char*>(collapsed ? collapsed : text);
+  xmlFree(collapsed);
+  xmlFree(text);
+  return result;
+}
+
+int32_t WidgetConfigParser::toNumber(const std::string& text) {
+  // Unsigned, so that an overlong number wraps like a 32-bit register
+  // instead of overflowing.
+  uint32_t value = 0;
+  for (char c : text) {
+    const unsigned char byte = static_cast<unsigned char>(c);
+    if (isSpace(byte)) continue;
+    if (byte < '0' || byte > '9') break;
+    value = value * 10u + static_cast<uint32_t>(byte - '0');
+  }
+  return static_cast<int32_t>(value);
+}
+
+std::string WidgetConfigParser::languageOf(xmlNode* element,
+                                           const std::string& fallback) {
+  std::string language = fallback;
+  if (hasAttribute(element, "lang")) language = getAttribute(element, "lang");
+  return language.empty() ? "default" : language;
+}
+
+void WidgetConfigParser::walk() {
+  // Each trace line comes before its value is read.
+  if (hasAttribute(node, "id")) {
+    std::cout << "Parsing id..." << std::endl;
+    config->setId(getAttribute(node, "id"));
+  }
+  if (hasAttribute(node, "version")) {
+    std::cout << "Parsing version..." << std::endl;
+    config->setVersion(getAttribute(node, "version"));
+  }
+  if (hasAttribute(node, "height")) {
+    std::cout << "Parsing height..." << std::endl;
+    const int32_t n = toNumber(getAttribute(node, "height"));
+    if (n > 0) config->setHeight(n);
+  }
+  if (hasAttribute(node, "width")) {
+    std::cout << "Parsing width..." << std::endl;
+    const int32_t n = toNumber(getAttribute(node, "width"));
+    if (n > 0) config->setWidth(n);
+  }
+  // View modes are announced but not read: the record keeps none.
+  if (hasAttribute(node, "viewmodes")) {
+    std::cout << "Parsing viewmodes..." << std::endl;
+  }
+  const std::string defaultLanguage =
+      hasAttribute(node, "lang") ? getAttribute(node, "lang") : "default";
+
+  if (!node->children) {
+    std::cout << "Empty widget configuration" << std::endl;
+    return;
+  }
+
+  for (xmlNode* child = node->children; child; child = child->next) {
+    // Text, comments and the like are skipped; so is an unknown element.
+    // Namespaces are not looked at.
+    if (child->type != XML_ELEMENT_NODE) continue;
+    if (isElement(child, "name")) {
+      parseName(child, defaultLanguage);
+    } else if (isElement(child, "description")) {
+      parseDescription(child, defaultLanguage);
+    } else if (isElement(child, "license")) {
+      parseLicense(child, defaultLanguage);
+    } else if (isElement(child, "icon")) {
+      parseIcon(child);
+    } else if (isElement(child, "author")) {
+      parseAuthor(child);
+    } else if (isElement(child, "preference")) {
+      parsePreference(child);
+    } else if (isElement(child, "content")) {
+      parseContent(child);
+    } else if (isElement(child, "feature")) {
+      parseFeature(child);
+    }
+  }
+}
+
+void WidgetConfigParser::parseName(xmlNode* element,
+                                   const std::string& defaultLanguage) {
+  std::cout << "Parsing name..." << std::endl;
+  const std::string language = languageOf(element, defaultLanguage);
+  config->setName(language, getText(element, 1));
+  if (hasAttribute(element, "short")) {
+    config->setShortName(language, getAttribute(element, "short"));
+  }
+}
+
+void WidgetConfigParser::parseDescription(xmlNode* element,
+                                          const std::string& defaultLanguage) {
+  std::cout << "Parsing description..." << std::endl;
+  const std::string language = languageOf(element, defaultLanguage);
+  config->setDescription(language, getText(element, 1));
+}
+
+void WidgetConfigParser::parseLicense(xmlNode* element,
+                                      const std::string& defaultLanguage) {
+  std::cout << "Parsing license..." << std::endl;
+  const std::string language = languageOf(element, defaultLanguage);
+  config->setLicense(language, getText(element, 1));
+  if (hasAttribute(element, "href")) {
+    config->setLicenseHref(language, getAttribute(element, "href"));
+  }
+}
+
+void WidgetConfigParser::parseIcon(xmlNode* element) {
+  std::cout << "Parsing icon..." << std::endl;
+  if (!hasAttribute(element, "src")) return;
+  const std::string src = getAttribute(element, "src");
+  uint32_t height = WidgetIconInfo::kUnset;
+  uint32_t width = WidgetIconInfo::kUnset;
+  if (hasAttribute(element, "height")) {
+    const uint32_t n =
+        static_cast<uint32_t>(toNumber(getAttribute(element, "height")));
+    if (n != 0) height = n;
+  }
+  if (hasAttribute(element, "width")) {
+    const uint32_t n =
+        static_cast<uint32_t>(toNumber(getAttribute(element, "width")));
+    if (n != 0) width = n;
+  }
+  config->addIcon(WidgetIconInfo(src, width, height));
+}
+
+void WidgetConfigParser::parseAuthor(xmlNode* element) {
+  std::cout << "Parsing author..." << std::endl;
+  // The first author element is the author; later ones are ignored.
+  if (config->getAuthor()) return;
+  config->setAuthor(getText(element, 1));
+  if (hasAttribute(element, "href")) {
+    config->setAuthorHref(getAttribute(element, "href"));
+  }
+  if (hasAttribute(element, "email")) {
+    config->setAuthorEmail(getAttribute(element, "email"));
+  }
+}
+
+void WidgetConfigParser::parsePreference(xmlNode* element) {
+  std::cout << "Parsing preference..." << std::endl;
+  if (!hasAttribute(element, "name") || !hasAttribute(element, "value")) {
+    return;
+  }
+  const std::string name = getAttribute(element, "name");
+  if (name.empty()) return;
+  // A preference value is the one value kept with its white space.
+  const std::string value = getRawAttribute(element, "value");
+  const bool readonly = hasAttribute(element, "readonly") &&
+                        getAttribute(element, "readonly") == "true";
+  config->addPreference(WidgetPreferenceInfo(name, value, readonly));
+}
+
+void WidgetConfigParser::parseContent(xmlNode* element) {
+  std::cout << "Parsing content..." << std::endl;
+  if (!hasAttribute(element, "src")) return;
+  // The first content element that names an acceptable file wins.
+  if (config->getStartFile()) return;
+  const std::string src = getAttribute(element, "src");
+  int accepted;
+  if (hasAttribute(element, "type")) {
+    // A declared type is trusted as it stands; only the file must exist.
+    getAttribute(element, "type");
+    accepted = config->setStartFile(src);
+  } else {
+    accepted = config->trySniffedStartFile(src);
+  }
+  if (accepted == 1 && hasAttribute(element, "encoding")) {
+    config->setContentEncoding(getAttribute(element, "encoding"));
+  }
+}
+
+void WidgetConfigParser::parseFeature(xmlNode* element) {
+  std::cout << "Parsing feature..." << std::endl;
+  if (!hasAttribute(element, "name")) return;
+  // Only the exact text "false" makes a feature optional.
+  const bool required = !hasAttribute(element, "required") ||
+                        getAttribute(element, "required") != "false";
+  WidgetFeatureInfo feature(getAttribute(element, "name"), required);
+  for (xmlNode* param = element->children; param; param = param->next) {
+    if (param->type != XML_ELEMENT_NODE || !isElement(param, "param")) {
+      continue;
+    }
+    if (!hasAttribute(param, "name") || !hasAttribute(param, "value")) {
+      continue;
+    }
+    const std::string name = getAttribute(param, "name");
+    const std::string value = getAttribute(param, "value");
+    if (!name.empty() && !value.empty()) feature.setParam(name, value);
+  }
+  config->addFeature(feature);
+}

@@ -31,6 +31,23 @@ class WidgetConfigParser {
   static int32_t toNumber(const std::string& text);
 
  private:
+  // Fills the record from the root element held in node.
+  void walk();
+  void parseName(xmlNode* element, const std::string& defaultLanguage);
+  void parseDescription(xmlNode* element, const std::string& defaultLanguage);
+  void parseLicense(xmlNode* element, const std::string& defaultLanguage);
+  void parseIcon(xmlNode* element);
+  void parseAuthor(xmlNode* element);
+  void parsePreference(xmlNode* element);
+  void parseContent(xmlNode* element);
+  void parseFeature(xmlNode* element);
+
+  // The element's own xml:lang, else the document's; "default" when empty.
+  std::string languageOf(xmlNode* element, const std::string& fallback);
+  // The element's text; with collapse set, white space runs become one blank
+  // and the ends are trimmed.
+  std::string getText(xmlNode* element, int collapse);
+
   std::string path;
   WidgetConfig* config;
   std::string schemaPath;

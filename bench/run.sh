@@ -1,0 +1,18 @@
+#!/usr/bin/env bash
+# Runs every benchmark program of a build: bench/<area>_bench.cpp is built as
+# <area>_bench, prints its table and writes Google Benchmark's JSON to
+# <outdir>/<area>.json.
+set -euo pipefail
+build=${1:?build directory}
+outdir=${2:?output directory}
+mkdir -p "$outdir"
+outdir=$(cd "$outdir" && pwd)
+status=0
+for program in "$build"/*_bench; do
+  [ -x "$program" ] || continue
+  area=$(basename "$program" _bench)
+  echo "== $area =="
+  "$program" --benchmark_out="$outdir/$area.json" --benchmark_out_format=json \
+    --benchmark_counters_tabular=true || status=$?
+done
+exit $status

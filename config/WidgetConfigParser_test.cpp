@@ -1,0 +1,868 @@
+#include "config/WidgetConfigParser.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <libxml/xmlerror.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "config/TestWidget.h"
+#include "config/WidgetConfig.h"
+#include "testing/CaptureStdout.h"
+
+namespace {
+
+const char kNotParsed[] = "Document not parsed successfully\n";
+const char kNoSchema[] =
+    "Could not find Relax NG file. Please set WIDGET_VALIDATOR directory "
+    "path.\n";
+const char kInvalid[] = "Widget configuration document is invalid\n";
+const char kWrongRoot[] = "Document of the wrong type, root node != widget\n";
+
+const std::string kPng("\x89PNG\r\n\x1a\n\0\0", 10);
+const std::string kGif("GIF89a\x01\x02", 8);
+
+// A widget root element in the widgets namespace.
+std::string widgetElement(const std::string& body,
+                          const std::string& attributes = "") {
+  return "<widget xmlns=\"http://www.w3.org/ns/widgets\"" +
+         (attributes.empty() ? std::string() : " " + attributes) + ">" + body +
+         "</widget>\n";
+}
+
+// A whole widget document.
+std::string widgetXml(const std::string& body,
+                      const std::string& attributes = "") {
+  return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n" +
+         widgetElement(body, attributes);
+}
+
+// A schema that accepts any well-formed document.
+const char kAnythingSchema[] =
+    "<grammar xmlns=\"http://relaxng.org/ns/structure/1.0\">\n"
+    "  <start><ref name=\"any\"/></start>\n"
+    "  <define name=\"any\">\n"
+    "    <element><anyName/><zeroOrMore><choice>\n"
+    "      <attribute><anyName/></attribute><text/><ref name=\"any\"/>\n"
+    "    </choice></zeroOrMore></element>\n"
+    "  </define>\n"
+    "</grammar>\n";
+
+class WidgetConfigParserTest : public ::testing::Test {
+ protected:
+  WidgetConfigParserTest() : config(widget.get()) {}
+
+  // Writes config.xml into the widget and parses it; the output is kept.
+  int parse(const std::string& xml,
+            const std::string& schema = WIDGETENGINE_TEST_SCHEMA_PATH) {
+    widget.write("config.xml", xml);
+    return parseFile(widget.path("config.xml"), schema);
+  }
+
+  int parseFile(const std::string& path,
+                const std::string& schema = WIDGETENGINE_TEST_SCHEMA_PATH) {
+    CaptureStdout capture;
+    WidgetConfigParser parser(path, &config, schema);
+    const int result = parser.parse();
+    out = capture.text();
+    return result;
+  }
+
+  // The record is as the constructor left it.
+  void expectUntouched() {
+    EXPECT_EQ(nullptr, config.getId());
+    EXPECT_EQ(nullptr, config.getVersion());
+    EXPECT_EQ(nullptr, config.getWidth());
+    EXPECT_EQ(nullptr, config.getHeight());
+    EXPECT_EQ(nullptr, config.getAuthor());
+    EXPECT_EQ(nullptr, config.getStartFile());
+    EXPECT_EQ("UTF-8", *config.getContentEncoding());
+    EXPECT_TRUE(config.getNames().empty());
+    EXPECT_TRUE(config.getDescriptions().empty());
+    EXPECT_TRUE(config.getIcons().empty());
+    EXPECT_TRUE(config.getPreferences().empty());
+    EXPECT_TRUE(config.getFeatures().empty());
+  }
+
+  TestWidget widget;
+  WidgetConfig config;
+  std::string out;
+};
+
+}  // namespace
+
+// ---- Failures: one message, -1, record untouched.
+
+TEST_F(WidgetConfigParserTest, MissingSchemaIsReportedWhateverTheEnvironment) {
+  TempDir elsewhere;
+  TempDir::writeFile(elsewhere.file("WidgetConfig.rng"), kAnythingSchema);
+  ScopedEnv validator("WIDGET_VALIDATOR", elsewhere.path() + "/");
+  EXPECT_EQ(-1, parse(widgetXml("<name>Clock</name>", "id=\"urn:x\""),
+                      elsewhere.file("missing.rng")));
+  EXPECT_EQ(kNoSchema, out);
+  expectUntouched();
+}
+
+TEST_F(WidgetConfigParserTest, SchemaThatIsNotRelaxNgIsReportedAsMissing) {
+  TempDir elsewhere;
+  TempDir::writeFile(elsewhere.file("bad.rng"), "<notagrammar/>");
+  EXPECT_EQ(-1, parse(widgetXml("<name>Clock</name>"), elsewhere.file("bad.rng")));
+  EXPECT_EQ(kNoSchema, out);
+  expectUntouched();
+}
+
+TEST_F(WidgetConfigParserTest, BuiltInSchemaPathIsTheDefault) {
+  EXPECT_STREQ(WIDGETENGINE_TEST_SCHEMA_PATH, WidgetConfigParser::kSchemaPath);
+  widget.write("config.xml", widgetXml("<name>Clock</name>"));
+  CaptureStdout capture;
+  WidgetConfigParser parser(widget.path("config.xml"), &config);
+  EXPECT_EQ(0, parser.parse());
+  EXPECT_EQ("Parsing name...\n", capture.text());
+}
+
+TEST_F(WidgetConfigParserTest, MissingDocumentIsNotParsed) {
+  EXPECT_EQ(-1, parseFile(widget.path("absent.xml")));
+  EXPECT_EQ(kNotParsed, out);
+  expectUntouched();
+}
+
+TEST_F(WidgetConfigParserTest, TextThatIsNotXmlIsNotParsed) {
+  EXPECT_EQ(-1, parse("this is not xml"));
+  EXPECT_EQ(kNotParsed, out);
+  EXPECT_EQ(-1, parse("<widget xmlns=\"http://www.w3.org/ns/widgets\">"
+                      "<name>Clock</widget>"));
+  EXPECT_EQ(kNotParsed, out);
+  EXPECT_EQ(-1, parse(""));
+  EXPECT_EQ(kNotParsed, out);
+  expectUntouched();
+}
+
+TEST_F(WidgetConfigParserTest, NotParsedComesBeforeTheSchemaCheck) {
+  TempDir elsewhere;
+  EXPECT_EQ(-1, parse("<widget", elsewhere.file("missing.rng")));
+  EXPECT_EQ(kNotParsed, out);
+}
+
+TEST_F(WidgetConfigParserTest, WidgetOutsideTheNamespaceIsInvalid) {
+  EXPECT_EQ(-1, parse("<widget id=\"urn:x\"><name>Clock</name></widget>"));
+  EXPECT_EQ(kInvalid, out);
+  expectUntouched();
+}
+
+TEST_F(WidgetConfigParserTest, WidgetsRootIsInvalidForTheRealSchema) {
+  EXPECT_EQ(-1, parse("<widgets xmlns=\"http://www.w3.org/ns/widgets\" "
+                      "id=\"urn:x\"><name>Clock</name></widgets>"));
+  EXPECT_EQ(kInvalid, out);
+  expectUntouched();
+}
+
+TEST_F(WidgetConfigParserTest, WidgetsRootIsTheWrongTypeWhenTheSchemaAcceptsIt) {
+  TempDir elsewhere;
+  TempDir::writeFile(elsewhere.file("any.rng"), kAnythingSchema);
+  EXPECT_EQ(-1, parse("<widgets xmlns=\"http://www.w3.org/ns/widgets\" "
+                      "id=\"urn:x\"><name>Clock</name></widgets>",
+                      elsewhere.file("any.rng")));
+  EXPECT_EQ(kWrongRoot, out);
+  expectUntouched();
+}
+
+TEST_F(WidgetConfigParserTest, RootIsComparedByLocalName) {
+  TempDir elsewhere;
+  TempDir::writeFile(elsewhere.file("any.rng"), kAnythingSchema);
+  EXPECT_EQ(0, parse("<w:widget xmlns:w=\"urn:other\" id=\"urn:x\"/>",
+                     elsewhere.file("any.rng")));
+  EXPECT_EQ("Parsing id...\nEmpty widget configuration\n", out);
+  EXPECT_EQ("urn:x", *config.getId());
+}
+
+// ---- The walk.
+
+TEST_F(WidgetConfigParserTest, FullDocumentTracesEveryStepInOrder) {
+  widget.write("index.html", "<html/>");
+  widget.write("icon.png", kPng);
+  const std::string xml = widgetXml(
+      "\n  <!-- a clock -->\n"
+      "  <name short=\"Clk\">Clock</name>\n"
+      "  <description>Shows the time</description>\n"
+      "  <license href=\"http://mit.example/\">MIT</license>\n"
+      "  <icon src=\"icon.png\" width=\"64\" height=\"32\"/>\n"
+      "  <author href=\"http://ann.example/\" email=\"ann@example.org\">"
+      "Ann</author>\n"
+      "  <preference name=\"zone\" value=\"UTC\" readonly=\"true\"/>\n"
+      "  <content src=\"index.html\" encoding=\"ISO-8859-1\"/>\n"
+      "  <feature name=\"feature:gps\" required=\"false\">\n"
+      "    <param name=\"accuracy\" value=\"high\"/>\n"
+      "  </feature>\n",
+      "id=\"urn:clock\" version=\"1.2\" height=\"480\" width=\"320\" "
+      "viewmodes=\"fullscreen\" xml:lang=\"en\"");
+  ASSERT_EQ(0, parse(xml));
+  EXPECT_EQ(
+      "Parsing id...\n"
+      "Parsing version...\n"
+      "Parsing height...\n"
+      "Parsing width...\n"
+      "Parsing viewmodes...\n"
+      "Parsing name...\n"
+      "Parsing description...\n"
+      "Parsing license...\n"
+      "Parsing icon...\n"
+      "Parsing author...\n"
+      "Parsing preference...\n"
+      "Parsing content...\n"
+      "Parsing feature...\n",
+      out);
+
+  EXPECT_EQ("urn:clock", *config.getId());
+  EXPECT_EQ("1.2", *config.getVersion());
+  EXPECT_EQ(480, *config.getHeight());
+  EXPECT_EQ(320, *config.getWidth());
+  EXPECT_EQ("Clock", config.getNames().at("en"));
+  EXPECT_EQ("Clk", config.getShortNames().at("en"));
+  EXPECT_EQ("Shows the time", config.getDescriptions().at("en"));
+  EXPECT_EQ("MIT", config.getLicenses().at("en"));
+  EXPECT_EQ("http://mit.example/", config.getLicenseHrefs().at("en"));
+  ASSERT_EQ(1u, config.getIcons().size());
+  EXPECT_EQ("icon.png", config.getIcons()[0].getSrc());
+  EXPECT_EQ(64u, *config.getIcons()[0].getWidth());
+  EXPECT_EQ(32u, *config.getIcons()[0].getHeight());
+  EXPECT_EQ("Ann", *config.getAuthor());
+  EXPECT_EQ("http://ann.example/", *config.getAuthorHref());
+  EXPECT_EQ("ann@example.org", *config.getAuthorEmail());
+  ASSERT_EQ(1u, config.getPreferences().size());
+  EXPECT_EQ("zone", config.getPreferences()[0].getName());
+  EXPECT_EQ("UTC", config.getPreferences()[0].getValue());
+  EXPECT_TRUE(config.getPreferences()[0].isReadonly());
+  EXPECT_EQ("index.html", *config.getStartFile());
+  EXPECT_EQ("ISO-8859-1", *config.getContentEncoding());
+  EXPECT_EQ("text/html", *config.getContentType());
+  ASSERT_EQ(1u, config.getFeatures().size());
+  EXPECT_EQ("feature:gps", config.getFeatures()[0].getName());
+  EXPECT_FALSE(config.getFeatures()[0].isRequired());
+  EXPECT_EQ("high", config.getFeatures()[0].getParams().at("accuracy"));
+  EXPECT_TRUE(config.getViewModes().empty());
+}
+
+TEST_F(WidgetConfigParserTest, RootAttributesAreTracedInFixedOrder) {
+  ASSERT_EQ(0, parse(widgetXml("<name>n</name>",
+                               "viewmodes=\"mini\" width=\"1\" height=\"2\" "
+                               "version=\"3\" id=\"urn:y\"")));
+  EXPECT_EQ(
+      "Parsing id...\nParsing version...\nParsing height...\n"
+      "Parsing width...\nParsing viewmodes...\nParsing name...\n",
+      out);
+}
+
+TEST_F(WidgetConfigParserTest, ChildElementsAreTracedInDocumentOrder) {
+  ASSERT_EQ(0, parse(widgetXml("<feature name=\"f:a\"/><author>A</author>"
+                               "<name>N</name><content src=\"x.html\"/>"
+                               "<author>B</author>")));
+  EXPECT_EQ(
+      "Parsing feature...\nParsing author...\nParsing name...\n"
+      "Parsing content...\nParsing author...\n",
+      out);
+  EXPECT_EQ("A", *config.getAuthor());
+}
+
+TEST_F(WidgetConfigParserTest, RootWithoutChildrenIsAnEmptyConfiguration) {
+  ASSERT_EQ(0, parse(widgetXml("", "id=\"urn:x\"")));
+  EXPECT_EQ("Parsing id...\nEmpty widget configuration\n", out);
+  EXPECT_EQ("urn:x", *config.getId());
+}
+
+TEST_F(WidgetConfigParserTest, RootWithOnlyWhiteSpaceIsNotEmpty) {
+  ASSERT_EQ(0, parse(widgetXml("\n  \n")));
+  EXPECT_EQ("", out);
+}
+
+TEST_F(WidgetConfigParserTest, ViewModesAreOnlyTraced) {
+  ASSERT_EQ(0, parse(widgetXml("<name>n</name>", "viewmodes=\"fullscreen\"")));
+  EXPECT_EQ("Parsing viewmodes...\nParsing name...\n", out);
+  EXPECT_TRUE(config.getViewModes().empty());
+}
+
+TEST_F(WidgetConfigParserTest, InvalidIdIsDroppedSilently) {
+  ASSERT_EQ(0, parse(widgetXml("<name>n</name>", "id=\"1abc:x\"")));
+  EXPECT_EQ("Parsing id...\nParsing name...\n", out);
+  EXPECT_EQ(nullptr, config.getId());
+}
+
+TEST_F(WidgetConfigParserTest, RootLanguageAppliesToNames) {
+  ASSERT_EQ(0, parse(widgetXml("<name>Horloge</name>", "xml:lang=\"fr\"")));
+  ASSERT_EQ(1u, config.getNames().size());
+  EXPECT_EQ("Horloge", config.getNames().at("fr"));
+}
+
+TEST_F(WidgetConfigParserTest, NoLanguageAnywhereGivesDefault) {
+  ASSERT_EQ(0, parse(widgetXml("<name short=\"C\">Clock</name>"
+                               "<description>D</description>"
+                               "<license href=\"http://l/\">L</license>")));
+  EXPECT_EQ("Clock", config.getNames().at("default"));
+  EXPECT_EQ("C", config.getShortNames().at("default"));
+  EXPECT_EQ("D", config.getDescriptions().at("default"));
+  EXPECT_EQ("L", config.getLicenses().at("default"));
+  EXPECT_EQ("http://l/", config.getLicenseHrefs().at("default"));
+}
+
+TEST_F(WidgetConfigParserTest, EmptyElementLanguageGivesDefault) {
+  ASSERT_EQ(0, parse(widgetXml("<name xml:lang=\"\">Clock</name>"
+                               "<name xml:lang=\" de \">Uhr</name>",
+                               "xml:lang=\"fr\"")));
+  EXPECT_EQ(2u, config.getNames().size());
+  EXPECT_EQ("Clock", config.getNames().at("default"));
+  EXPECT_EQ("Uhr", config.getNames().at("de"));
+}
+
+TEST_F(WidgetConfigParserTest, EmptyRootLanguageGivesDefault) {
+  ASSERT_EQ(0, parse(widgetXml("<name>Clock</name>", "xml:lang=\"\"")));
+  EXPECT_EQ("Clock", config.getNames().at("default"));
+}
+
+TEST_F(WidgetConfigParserTest, FirstNamePerLanguageWins) {
+  ASSERT_EQ(0, parse(widgetXml("<name short=\"A\">First</name>"
+                               "<name short=\"B\">Second</name>"
+                               "<name xml:lang=\"fr\">Premier</name>")));
+  EXPECT_EQ("Parsing name...\nParsing name...\nParsing name...\n", out);
+  EXPECT_EQ("First", config.getNames().at("default"));
+  EXPECT_EQ("A", config.getShortNames().at("default"));
+  EXPECT_EQ("Premier", config.getNames().at("fr"));
+}
+
+TEST_F(WidgetConfigParserTest, ElementTextIsCollapsed) {
+  ASSERT_EQ(0, parse(widgetXml("<name>\n  The \t big\n\n clock  </name>"
+                               "<description><![CDATA[ a  b ]]></description>"
+                               "<author>  Ann   Smith </author>")));
+  EXPECT_EQ("The big clock", config.getNames().at("default"));
+  EXPECT_EQ("a b", config.getDescriptions().at("default"));
+  EXPECT_EQ("Ann Smith", *config.getAuthor());
+}
+
+TEST_F(WidgetConfigParserTest, ElementTextSkipsMarkupInside) {
+  ASSERT_EQ(0, parse(widgetXml("<description>before <span>inside</span> "
+                               "after</description>")));
+  // Only the element's own text nodes are joined; markup inside is skipped.
+  EXPECT_EQ("before after", config.getDescriptions().at("default"));
+}
+
+TEST_F(WidgetConfigParserTest, AttributeWhiteSpaceIsNormalised) {
+  ASSERT_EQ(0, parse(widgetXml("<name short=\"  Big   clock  \">n</name>",
+                               "version=\" 1&#9;&#9; 2&#10;\"")));
+  EXPECT_EQ("Big clock", config.getShortNames().at("default"));
+  // A tab that starts a run is kept as a tab.
+  EXPECT_EQ("1\t2", *config.getVersion());
+}
+
+TEST_F(WidgetConfigParserTest, PaddedHeightIsRead) {
+  ASSERT_EQ(0, parse(widgetXml("<name>n</name>", "height=\"  480 \"")));
+  ASSERT_NE(nullptr, config.getHeight());
+  EXPECT_EQ(480, *config.getHeight());
+}
+
+TEST_F(WidgetConfigParserTest, ZeroHeightLeavesItAbsent) {
+  ASSERT_EQ(0, parse(widgetXml("<name>n</name>",
+                               "height=\"0\" width=\"-5\"")));
+  EXPECT_EQ("Parsing height...\nParsing width...\nParsing name...\n", out);
+  EXPECT_EQ(nullptr, config.getHeight());
+  EXPECT_EQ(nullptr, config.getWidth());
+}
+
+TEST_F(WidgetConfigParserTest, SizesStopAtTheFirstNonDigit) {
+  ASSERT_EQ(0, parse(widgetXml("<name>n</name>",
+                               "height=\"1 2\" width=\"120px\"")));
+  EXPECT_EQ(12, *config.getHeight());
+  EXPECT_EQ(120, *config.getWidth());
+}
+
+TEST_F(WidgetConfigParserTest, WrappedNegativeSizeLeavesItAbsent) {
+  // 4294967295 wraps to -1 in 32 bits, which is not a size.
+  ASSERT_EQ(0, parse(widgetXml("<name>n</name>", "width=\"4294967295\"")));
+  EXPECT_EQ(nullptr, config.getWidth());
+}
+
+TEST_F(WidgetConfigParserTest, IconSizeThatIsNotANumberIsNotGiven) {
+  widget.write("icon.png", kPng);
+  ASSERT_EQ(0, parse(widgetXml("<icon src=\"icon.png\" width=\"abc\" "
+                               "height=\"0\"/>")));
+  ASSERT_EQ(1u, config.getIcons().size());
+  EXPECT_EQ(nullptr, config.getIcons()[0].getWidth());
+  EXPECT_EQ(nullptr, config.getIcons()[0].getHeight());
+}
+
+TEST_F(WidgetConfigParserTest, IconsAreCheckedAndDeduplicated) {
+  widget.write("icon.png", kGif);
+  widget.write("icon.gif", kGif);
+  ASSERT_EQ(0, parse(widgetXml("<icon/>"
+                               "<icon src=\"icon.png\"/>"
+                               "<icon src=\" icon.gif \" width=\"16\"/>"
+                               "<icon src=\"icon.gif\" width=\"32\"/>"
+                               "<icon src=\"logo.xyz\"/>")));
+  EXPECT_EQ(
+      "Parsing icon...\nParsing icon...\nParsing icon...\nParsing icon...\n"
+      "Parsing icon...\n",
+      out);
+  ASSERT_EQ(2u, config.getIcons().size());
+  EXPECT_EQ("icon.gif", config.getIcons()[0].getSrc());
+  EXPECT_EQ(16u, *config.getIcons()[0].getWidth());
+  EXPECT_EQ("logo.xyz", config.getIcons()[1].getSrc());
+}
+
+TEST_F(WidgetConfigParserTest, FirstAuthorWinsAndHrefMustBeAnIri) {
+  ASSERT_EQ(0, parse(widgetXml("<author href=\"ann.example\" "
+                               "email=\" not an address \">Ann</author>"
+                               "<author href=\"http://bob/\" email=\"b@b\">"
+                               "Bob</author>")));
+  EXPECT_EQ("Parsing author...\nParsing author...\n", out);
+  EXPECT_EQ("Ann", *config.getAuthor());
+  EXPECT_EQ(nullptr, config.getAuthorHref());
+  EXPECT_EQ("not an address", *config.getAuthorEmail());
+}
+
+TEST_F(WidgetConfigParserTest, PreferenceValueKeepsItsBlanks) {
+  ASSERT_EQ(0, parse(widgetXml("<preference name=\" zone \" "
+                               "value=\" UTC \"/>")));
+  ASSERT_EQ(1u, config.getPreferences().size());
+  EXPECT_EQ("zone", config.getPreferences()[0].getName());
+  EXPECT_EQ(" UTC ", config.getPreferences()[0].getValue());
+  EXPECT_FALSE(config.getPreferences()[0].isReadonly());
+}
+
+TEST_F(WidgetConfigParserTest, PreferencesNeedNameAndValue) {
+  ASSERT_EQ(0, parse(widgetXml(
+      "<preference name=\"a\"/>"
+      "<preference value=\"b\"/>"
+      "<preference name=\"  \" value=\"c\"/>"
+      "<preference name=\"d\" value=\"\" readonly=\" true \"/>"
+      "<preference name=\"d\" value=\"e\" readonly=\"TRUE\"/>")));
+  EXPECT_EQ(5u * std::string("Parsing preference...\n").size(), out.size());
+  ASSERT_EQ(2u, config.getPreferences().size());
+  EXPECT_EQ("d", config.getPreferences()[0].getName());
+  EXPECT_EQ("", config.getPreferences()[0].getValue());
+  EXPECT_TRUE(config.getPreferences()[0].isReadonly());
+  EXPECT_EQ("e", config.getPreferences()[1].getValue());
+  EXPECT_FALSE(config.getPreferences()[1].isReadonly());
+}
+
+TEST_F(WidgetConfigParserTest, FirstAcceptedContentWins) {
+  widget.write("a.html", "<html/>");
+  widget.write("b.html", "<html/>");
+  ASSERT_EQ(0, parse(widgetXml("<content src=\"a.html\" encoding=\"A\"/>"
+                               "<content src=\"b.html\" encoding=\"B\"/>")));
+  EXPECT_EQ("Parsing content...\nParsing content...\n", out);
+  EXPECT_EQ("a.html", *config.getStartFile());
+  EXPECT_EQ("A", *config.getContentEncoding());
+}
+
+TEST_F(WidgetConfigParserTest, RejectedContentLetsTheNextOneIn) {
+  widget.write("b.html", "<html/>");
+  ASSERT_EQ(0, parse(widgetXml("<content src=\"missing.html\" encoding=\"A\"/>"
+                               "<content src=\"b.html\" encoding=\"B\"/>")));
+  EXPECT_EQ("Parsing content...\nParsing content...\n", out);
+  EXPECT_EQ("b.html", *config.getStartFile());
+  EXPECT_EQ("B", *config.getContentEncoding());
+}
+
+TEST_F(WidgetConfigParserTest, ContentWithTypeNeedsOnlyAnExistingFile) {
+  widget.write("main.page", "<html/>");
+  ASSERT_EQ(0, parse(widgetXml("<content src=\"main.page\" "
+                               "type=\"text/plain\"/>")));
+  EXPECT_EQ("main.page", *config.getStartFile());
+  EXPECT_EQ("text/html", *config.getContentType());
+}
+
+TEST_F(WidgetConfigParserTest, ContentWithoutTypeNeedsAKnownExtension) {
+  widget.write("main.page", "<html/>");
+  ASSERT_EQ(0, parse(widgetXml("<content encoding=\"X\"/>"
+                               "<content src=\"main.page\" encoding=\"Y\"/>")));
+  EXPECT_EQ("Parsing content...\nParsing content...\n", out);
+  EXPECT_EQ(nullptr, config.getStartFile());
+  EXPECT_EQ("UTF-8", *config.getContentEncoding());
+}
+
+TEST_F(WidgetConfigParserTest, ContentCannotLeaveTheWidget) {
+  TempDir::writeFile(widget.root().file("outside.html"), "<html/>");
+  ASSERT_EQ(0, parse(widgetXml("<content src=\"../outside.html\"/>")));
+  EXPECT_EQ(nullptr, config.getStartFile());
+}
+
+TEST_F(WidgetConfigParserTest, OnlyExactFalseMakesAFeatureOptional) {
+  ASSERT_EQ(0, parse(widgetXml("<feature name=\"f:a\" required=\"False\"/>"
+                               "<feature name=\"f:b\" required=\" false \"/>"
+                               "<feature name=\"f:c\"/>"
+                               "<feature required=\"false\"/>"
+                               "<feature name=\"f:a\" required=\"no\"/>")));
+  EXPECT_EQ(5u * std::string("Parsing feature...\n").size(), out.size());
+  ASSERT_EQ(4u, config.getFeatures().size());
+  EXPECT_TRUE(config.getFeatures()[0].isRequired());
+  EXPECT_FALSE(config.getFeatures()[1].isRequired());
+  EXPECT_TRUE(config.getFeatures()[2].isRequired());
+  EXPECT_EQ("f:a", config.getFeatures()[3].getName());
+  EXPECT_TRUE(config.getFeatures()[3].isRequired());
+}
+
+TEST_F(WidgetConfigParserTest, FeatureParamsNeedNameAndValue) {
+  ASSERT_EQ(0, parse(widgetXml(
+      "<feature name=\"f:a\">"
+      "<param name=\"k\" value=\"1\"/>"
+      "<param name=\" k \" value=\" 2 \"/>"
+      "<param name=\"empty\" value=\"  \"/>"
+      "<param name=\"novalue\"/>"
+      "<param value=\"noname\"/>"
+      "<x:param xmlns:x=\"urn:ext\" name=\"ext\" value=\"v\"/>"
+      "</feature>")));
+  ASSERT_EQ(1u, config.getFeatures().size());
+  const auto& params = config.getFeatures()[0].getParams();
+  EXPECT_EQ("2", params.at("k"));
+  EXPECT_EQ(0u, params.count("empty"));
+  EXPECT_EQ(0u, params.count("novalue"));
+  // Namespaces are not looked at.
+  EXPECT_EQ("v", params.at("ext"));
+  EXPECT_EQ(2u, params.size());
+}
+
+TEST_F(WidgetConfigParserTest, UnknownAndForeignElementsAreSkipped) {
+  ASSERT_EQ(0, parse(widgetXml(
+      "<access origin=\"*\"/><!-- note --><?name pi?>"
+      "<ext:thing xmlns:ext=\"urn:ext\">text</ext:thing>"
+      "<ext:name xmlns:ext=\"urn:ext\">Foreign</ext:name>")));
+  // An element named "name" is read whatever its namespace.
+  EXPECT_EQ("Parsing name...\n", out);
+  EXPECT_EQ("Foreign", config.getNames().at("default"));
+}
+
+TEST(WidgetConfigParserNumberTest, ReadsDigitsSkippingWhiteSpace) {
+  EXPECT_EQ(0, WidgetConfigParser::toNumber(""));
+  EXPECT_EQ(480, WidgetConfigParser::toNumber("  480 "));
+  EXPECT_EQ(12, WidgetConfigParser::toNumber("1 2"));
+  EXPECT_EQ(123, WidgetConfigParser::toNumber("\t1\n2\v\f\r3"));
+  EXPECT_EQ(120, WidgetConfigParser::toNumber("120px"));
+  EXPECT_EQ(0, WidgetConfigParser::toNumber("-5"));
+  EXPECT_EQ(0, WidgetConfigParser::toNumber("abc"));
+  EXPECT_EQ(1, WidgetConfigParser::toNumber("1.9"));
+  EXPECT_EQ(7, WidgetConfigParser::toNumber(std::string("7\0" "8", 3)));
+}
+
+TEST(WidgetConfigParserNumberTest, WrapsAt32Bits) {
+  EXPECT_EQ(2147483647, WidgetConfigParser::toNumber("2147483647"));
+  EXPECT_EQ(INT32_MIN, WidgetConfigParser::toNumber("2147483648"));
+  EXPECT_EQ(-1, WidgetConfigParser::toNumber("4294967295"));
+  EXPECT_EQ(0, WidgetConfigParser::toNumber("4294967296"));
+  EXPECT_EQ(1, WidgetConfigParser::toNumber("4294967297"));
+  EXPECT_EQ(1215752191,
+            WidgetConfigParser::toNumber("99999999999"));
+  WidgetConfigParser::toNumber(std::string(100000, '9'));
+}
+
+// ---- Hostile and oversized input: each ends at once with one clear result.
+
+namespace {
+
+std::string billionLaughs(const std::string& use) {
+  std::string dtd = "<!ENTITY lol \"lol\">\n";
+  for (int i = 1; i <= 9; ++i) {
+    std::string previous = i == 1 ? "lol" : "lol" + std::to_string(i - 1);
+    std::string body;
+    for (int j = 0; j < 10; ++j) body += "&" + previous + ";";
+    dtd += "<!ENTITY lol" + std::to_string(i) + " \"" + body + "\">\n";
+  }
+  return "<?xml version=\"1.0\"?>\n<!DOCTYPE widget [\n" + dtd + "]>\n" +
+         widgetElement(use);
+}
+
+// One 100 kB entity referenced 10,000 times: a 1 MB document that would
+// expand to a gigabyte.
+std::string quadraticBlowup(bool inAttribute) {
+  std::string references;
+  for (int i = 0; i < 10000; ++i) references += "&big;";
+  return "<?xml version=\"1.0\"?>\n<!DOCTYPE widget [<!ENTITY big \"" +
+         std::string(100000, 'x') + "\">]>\n" +
+         (inAttribute ? widgetElement("<name>n</name>", "version=\"" +
+                                                        references + "\"")
+                        : widgetElement("<name>" + references + "</name>"));
+}
+
+// A listening socket on 127.0.0.1 that records whether anyone connected.
+class Listener {
+ public:
+  Listener() {
+    fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address));
+    listen(fd, 8);
+    socklen_t length = sizeof(address);
+    getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+    port = ntohs(address.sin_port);
+    fcntl(fd, F_SETFL, O_NONBLOCK);
+  }
+  ~Listener() { close(fd); }
+
+  bool connected() {
+    const int client = accept(fd, nullptr, nullptr);
+    if (client < 0) return false;
+    close(client);
+    return true;
+  }
+
+  std::string url(const std::string& name) const {
+    return "http://127.0.0.1:" + std::to_string(port) + "/" + name;
+  }
+
+ private:
+  int fd;
+  int port;
+};
+
+void countingGenericError(void* context, const char*, ...) {
+  ++*static_cast<int*>(context);
+}
+void countingStructuredError(void* context, xmlErrorPtr) {
+  ++*static_cast<int*>(context);
+}
+
+}  // namespace
+
+TEST_F(WidgetConfigParserTest, BinaryGarbageIsNotParsed) {
+  std::string garbage;
+  uint32_t state = 12345;
+  for (int i = 0; i < 65536; ++i) {
+    state = state * 1103515245u + 12345u;
+    garbage.push_back(static_cast<char>(state >> 24));
+  }
+  EXPECT_EQ(-1, parse(garbage));
+  EXPECT_EQ(kNotParsed, out);
+  EXPECT_EQ(-1, parse(std::string("<widget\0\xff\xfe", 10)));
+  EXPECT_EQ(kNotParsed, out);
+  expectUntouched();
+}
+
+TEST_F(WidgetConfigParserTest, TenMegabytesOfElementsAreParsed) {
+  std::string body;
+  const std::string text(1000, 'x');
+  int count = 0;
+  while (body.size() < (10u << 20)) {
+    body += "<description xml:lang=\"l" + std::to_string(count++) + "\">" +
+            text + "</description>\n";
+  }
+  ASSERT_EQ(0, parse(widgetXml(body)));
+  EXPECT_EQ(static_cast<size_t>(count), config.getDescriptions().size());
+  EXPECT_EQ(count * std::string("Parsing description...\n").size(),
+            out.size());
+}
+
+TEST_F(WidgetConfigParserTest, TenMegabyteTextEndsWithOneResult) {
+  const int result =
+      parse(widgetXml("<description>" + std::string(10u << 20, 'x') +
+                      "</description>"));
+  if (result == 0) {
+    EXPECT_EQ("Parsing description...\n", out);
+    EXPECT_EQ(10u << 20, config.getDescriptions().at("default").size());
+  } else {
+    EXPECT_EQ(kNotParsed, out);
+    expectUntouched();
+  }
+}
+
+TEST_F(WidgetConfigParserTest, TenThousandNestedElementsAreNotParsed) {
+  std::string open;
+  std::string close;
+  for (int i = 0; i < 10000; ++i) {
+    open += "<d>";
+    close += "</d>";
+  }
+  EXPECT_EQ(-1, parse(widgetXml("<name>n</name>" + open + close)));
+  EXPECT_EQ(kNotParsed, out);
+  expectUntouched();
+}
+
+TEST_F(WidgetConfigParserTest, BillionLaughsAreNotParsed) {
+  EXPECT_EQ(-1, parse(billionLaughs("<name>&lol9;</name>")));
+  EXPECT_EQ(kNotParsed, out);
+  EXPECT_EQ(-1, parse(billionLaughs("<name short=\"&lol9;\">n</name>")));
+  EXPECT_EQ(kNotParsed, out);
+  expectUntouched();
+}
+
+TEST_F(WidgetConfigParserTest, ManyReferencesToALargeEntityAreNotParsed) {
+  EXPECT_EQ(-1, parse(quadraticBlowup(true)));
+  EXPECT_EQ(kNotParsed, out);
+  EXPECT_EQ(-1, parse(quadraticBlowup(false)));
+  EXPECT_EQ(kNotParsed, out);
+  expectUntouched();
+}
+
+TEST_F(WidgetConfigParserTest, SmallInternalEntityInAnAttributeIsExpanded) {
+  ASSERT_EQ(0, parse("<?xml version=\"1.0\"?>\n"
+                     "<!DOCTYPE widget [<!ENTITY who \"clock\">]>\n" +
+                     widgetElement("<name short=\"&who;&who;\">n</name>",
+                               "id=\"urn:&who;\"")));
+  EXPECT_EQ("urn:clock", *config.getId());
+  EXPECT_EQ("clockclock", config.getShortNames().at("default"));
+}
+
+TEST_F(WidgetConfigParserTest, ExternalEntitiesAreNeverRead) {
+  TempDir other;
+  TempDir::writeFile(other.file("secret.txt"), "SECRET");
+  const std::string declaration =
+      "<?xml version=\"1.0\"?>\n<!DOCTYPE widget [<!ENTITY s SYSTEM \"file://" +
+      other.file("secret.txt") + "\">]>\n";
+
+  const int inText = parse(declaration + widgetElement("<name>&s;</name>"));
+  EXPECT_EQ(std::string::npos, out.find("SECRET"));
+  if (inText == 0) {
+    EXPECT_EQ("Parsing name...\n", out);
+  } else {
+    EXPECT_EQ(kInvalid, out);
+  }
+  // XML forbids external entities in attribute values.
+  EXPECT_EQ(-1, parse(declaration + widgetElement("<name>n</name>",
+                                              "id=\"urn:&s;\"")));
+  EXPECT_EQ(kNotParsed, out);
+  for (const auto& name : config.getNames()) {
+    EXPECT_EQ(std::string::npos, name.second.find("SECRET"));
+  }
+  EXPECT_EQ(nullptr, config.getId());
+}
+
+TEST_F(WidgetConfigParserTest, ExternalDtdIsNeverLoaded) {
+  TempDir other;
+  TempDir::writeFile(other.file("w.dtd"),
+                     "<!ENTITY who \"SECRET\">\n"
+                     "<!ATTLIST widget id CDATA \"urn:secret\">\n"
+                     "<!ATTLIST name short CDATA \"SECRET\">\n");
+  const std::string doctype = "<?xml version=\"1.0\"?>\n<!DOCTYPE widget "
+                              "SYSTEM \"" + other.file("w.dtd") + "\">\n";
+  ASSERT_EQ(0, parse(doctype + widgetElement("<name>Clock</name>")));
+  EXPECT_EQ("Parsing name...\n", out);
+  EXPECT_EQ(nullptr, config.getId());
+  EXPECT_TRUE(config.getShortNames().empty());
+
+  parse(doctype + widgetElement("<name>&who;</name>"));
+  EXPECT_EQ(std::string::npos, out.find("SECRET"));
+  EXPECT_NE("SECRET", config.getNames().at("default"));
+}
+
+TEST_F(WidgetConfigParserTest, NetworkIsNeverTouched) {
+  Listener server;
+  const std::string xml =
+      "<?xml version=\"1.0\"?>\n<!DOCTYPE widget SYSTEM \"" +
+      server.url("w.dtd") + "\" [<!ENTITY remote SYSTEM \"" +
+      server.url("e.txt") + "\">]>\n" +
+      widgetElement("<name>&remote;</name><description>d</description>");
+  parse(xml);
+  EXPECT_FALSE(server.connected());
+  EXPECT_TRUE(out == kInvalid || out == "Parsing name...\n"
+                                         "Parsing description...\n")
+      << out;
+
+  // Nor is a document named by URL fetched.
+  EXPECT_EQ(-1, parseFile(server.url("config.xml")));
+  EXPECT_EQ(kNotParsed, out);
+  EXPECT_FALSE(server.connected());
+}
+
+TEST_F(WidgetConfigParserTest, LibxmlReportsNothingOnStandardError) {
+  TempDir elsewhere;
+  CaptureStdout errors(2);
+  parse("not xml");
+  parse(billionLaughs("<name>&lol9;</name>"));
+  parse("<widget><name>n</name></widget>");
+  parse(widgetXml("<name>n</name>"), elsewhere.file("missing.rng"));
+  parse("<?xml version=\"1.0\"?>\n<!DOCTYPE widget SYSTEM \"" +
+        elsewhere.file("missing.dtd") + "\">\n" +
+        widgetElement("<name>&undeclared;</name>"));
+  parseFile(elsewhere.file("missing.xml"));
+  EXPECT_EQ("", errors.text());
+}
+
+TEST_F(WidgetConfigParserTest, CallersErrorHandlersAreRestored) {
+  int generic = 0;
+  int structured = 0;
+  xmlSetGenericErrorFunc(&generic, countingGenericError);
+  xmlSetStructuredErrorFunc(&structured, countingStructuredError);
+
+  EXPECT_EQ(-1, parse("not xml"));
+  EXPECT_EQ(-1, parse("<widget><name>n</name></widget>"));
+  EXPECT_EQ(0, parse(widgetXml("<name>n</name>")));
+  EXPECT_EQ(0, generic + structured);
+
+  EXPECT_EQ(reinterpret_cast<void*>(countingGenericError),
+            reinterpret_cast<void*>(xmlGenericError));
+  EXPECT_EQ(&generic, xmlGenericErrorContext);
+  EXPECT_EQ(reinterpret_cast<void*>(countingStructuredError),
+            reinterpret_cast<void*>(xmlStructuredError));
+  EXPECT_EQ(&structured, xmlStructuredErrorContext);
+
+  xmlSetGenericErrorFunc(nullptr, nullptr);
+  xmlSetStructuredErrorFunc(nullptr, nullptr);
+}
+
+TEST_F(WidgetConfigParserTest, ParserCanRunAgainOnANewRecord) {
+  ASSERT_EQ(0, parse(widgetXml("<name>One</name>")));
+  WidgetConfig second(widget.get());
+  CaptureStdout capture;
+  WidgetConfigParser parser(widget.path("config.xml"), &second);
+  EXPECT_EQ(0, parser.parse());
+  EXPECT_EQ("One", second.getNames().at("default"));
+}
+
+// ---- Real documents written elsewhere.
+
+TEST_F(WidgetConfigParserTest, CorpusDocumentsEachEndWithOneResult) {
+  const std::string corpus = WIDGETENGINE_SOURCE_DIR "/../shared/corpus";
+  if (!TempDir::exists(corpus)) GTEST_SKIP() << "no corpus at " << corpus;
+  FILE* list = popen(("find '" + corpus + "' -name '*.xml' -type f").c_str(),
+                     "r");
+  ASSERT_NE(nullptr, list);
+  std::vector<std::string> paths;
+  char line[4096];
+  while (fgets(line, sizeof(line), list)) {
+    std::string path(line);
+    if (!path.empty() && path.back() == '\n') path.pop_back();
+    if (path.size() >= 10 &&
+        path.compare(path.size() - 10, 10, "config.xml") == 0) {
+      paths.push_back(path);
+    }
+  }
+  pclose(list);
+  ASSERT_FALSE(paths.empty());
+
+  const std::string failures[] = {kNotParsed, kNoSchema, kInvalid, kWrongRoot,
+                                  "Empty document\n"};
+  int parsed = 0;
+  for (const std::string& path : paths) {
+    WidgetConfig record(widget.get());
+    CaptureStdout capture;
+    WidgetConfigParser parser(path, &record);
+    const int result = parser.parse();
+    const std::string text = capture.text();
+    if (result == 0) {
+      ++parsed;
+      size_t start = 0;
+      while (start < text.size()) {
+        const size_t end = text.find('\n', start);
+        ASSERT_NE(std::string::npos, end) << path;
+        const std::string trace = text.substr(start, end - start);
+        EXPECT_TRUE((trace.compare(0, 8, "Parsing ") == 0 &&
+                     trace.size() > 11 &&
+                     trace.compare(trace.size() - 3, 3, "...") == 0) ||
+                    trace == "Empty widget configuration")
+            << path << ": " << trace;
+        start = end + 1;
+      }
+    } else {
+      ASSERT_EQ(-1, result) << path;
+      bool known = false;
+      for (const std::string& failure : failures) known |= text == failure;
+      EXPECT_TRUE(known) << path << ": " << text;
+      EXPECT_NE(kNoSchema, text) << path;
+    }
+  }
+  EXPECT_GT(parsed, 0);
+}
