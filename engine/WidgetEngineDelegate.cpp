@@ -1,21 +1,128 @@
 #include "engine/WidgetEngineDelegate.h"
 
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <new>
+
+#include "engine/UserAgentLocales.h"
+#include "install/WidgetInstaller.h"
+#include "install/WidgetQuery.h"
+#include "install/WidgetUnInstaller.h"
 #include "registry/SqlLite3.h"
 
-// Placeholder until the engine lands.
-class UserAgentLocales {};
+// Every operation below is a boundary with the host: whatever goes wrong
+// inside (an allocation that fails, a library that throws) ends as the
+// operation's failure answer, never as an exception in the browser.
 
 RefPtr<WebWidgetEngineDelegate> WidgetEngineDelegate::createInstance() {
-  return RefPtr<WebWidgetEngineDelegate>(new WidgetEngineDelegate());
+  try {
+    return RefPtr<WebWidgetEngineDelegate>(new WidgetEngineDelegate());
+  } catch (...) {
+    return RefPtr<WebWidgetEngineDelegate>();
+  }
 }
-WidgetEngineDelegate::WidgetEngineDelegate() {}
-WidgetEngineDelegate::~WidgetEngineDelegate() {}
-char* WidgetEngineDelegate::receiveWidget(const char*, WebFrame*) { return nullptr; }
-int WidgetEngineDelegate::deleteWidget(const char*, WebFrame*) { return -1; }
-WidgetsData* WidgetEngineDelegate::getInfo(const char*, WebFrame*, const char*) {
-  return nullptr;
+
+WidgetEngineDelegate::WidgetEngineDelegate()
+    : userAgentLocales(new UserAgentLocales()), database(new SqlLite3()) {}
+
+WidgetEngineDelegate::~WidgetEngineDelegate() {
+  // The locale list goes first, then the connection is closed.
+  userAgentLocales.reset();
+  database.reset();
 }
-std::vector<WidgetsData*> WidgetEngineDelegate::getAll(WebFrame*) { return {}; }
-char* WidgetEngineDelegate::mapResource(const char*, const char*) { return nullptr; }
-int WidgetEngineDelegate::isWidget(const char*) { return 0; }
-void WidgetEngineDelegate::buildUserAgentLocalesIfNeeded(const std::string&) {}
+
+char* WidgetEngineDelegate::receiveWidget(const char* url, WebFrame*) {
+  if (!url) return nullptr;
+  try {
+    WidgetInstaller installer(url);
+    const int status = installer.run();
+    // An URL installed before answers its existing launch URL, as a fresh
+    // installation would.
+    if (status == 0 || status == 2) {
+      return strdup(installer.getLaunchURL().c_str());
+    }
+    return nullptr;
+  } catch (...) {
+    return nullptr;
+  }
+}
+
+int WidgetEngineDelegate::deleteWidget(const char* name, WebFrame*) {
+  if (!name) return -1;
+  try {
+    WidgetUnInstaller uninstaller(name);
+    return uninstaller.run();
+  } catch (...) {
+    return -1;
+  }
+}
+
+WidgetsData* WidgetEngineDelegate::getInfo(const char* name, WebFrame*,
+                                           const char* language) {
+  if (!name || !language) return nullptr;
+  try {
+    WidgetQuery query(name);
+    buildUserAgentLocalesIfNeeded(language);
+    return query.getInfo(userAgentLocales->getLocales());
+  } catch (...) {
+    return nullptr;
+  }
+}
+
+std::vector<WidgetsData*> WidgetEngineDelegate::getAll(WebFrame*) {
+  try {
+    WidgetQuery query("");
+    return query.getAll();
+  } catch (...) {
+    return std::vector<WidgetsData*>();
+  }
+}
+
+char* WidgetEngineDelegate::mapResource(const char* url,
+                                        const char* language) {
+  if (!url || !language) return nullptr;
+  try {
+    if (database->isOpen() != 1) return nullptr;
+    // Only an address that starts with the scheme is a widget file; anything
+    // else is answered before the locale list is looked at.
+    if (strncmp(url, "file://", 7) != 0) return nullptr;
+    buildUserAgentLocalesIfNeeded(language);
+    // The lookup rewrites its argument even when it finds nothing.
+    std::string mapped(url);
+    if (database->findLocalizedResource(mapped,
+                                        userAgentLocales->getLocales()) != 0) {
+      return strdup(mapped.c_str());
+    }
+    return nullptr;
+  } catch (...) {
+    return nullptr;
+  }
+}
+
+int WidgetEngineDelegate::isWidget(const char* url) {
+  if (!url) return 0;
+  try {
+    if (database->isOpen() != 1) return 0;
+    // The browser asks this for every page it loads; reused buffers spare
+    // it two allocations per call.
+    struct Buffers {
+      std::string launchURL;
+      std::string name;
+    };
+    thread_local Buffers buffers;
+    buffers.launchURL.assign(url);
+    return database->getNameByLaunchURL(buffers.launchURL, buffers.name) != 0
+               ? 1
+               : 0;
+  } catch (...) {
+    return 0;
+  }
+}
+
+void WidgetEngineDelegate::buildUserAgentLocalesIfNeeded(
+    const std::string& language) {
+  if (!userAgentLocales->isComputedFrom(language)) {
+    userAgentLocales->compute(language);
+  }
+}

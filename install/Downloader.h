@@ -22,6 +22,8 @@ class Downloader {
  private:
   std::string url;
   std::string filePath;
+  // Set once download() has created filePath; clean() removes only then.
+  bool createdFile;
 };
 
 #endif  // WIDGETENGINE_DOWNLOADER_H_

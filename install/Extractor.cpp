@@ -1,11 +1,641 @@
 #include "install/Extractor.h"
 
-// Placeholder until the extractor lands.
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+#include <zip.h>
+#include <zlib.h>
+
+#include <climits>
+#include <cstdint>
+#include <cstdio>
+#include <iostream>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace {
+
+// Large enough that a typical resource is copied in one or two calls.
+constexpr size_t kCopyBufferSize = 1024 * 1024;
+
+const char kModule[] = "Extractor";
+
+// Names may use printable ASCII only, minus the characters that some file
+// systems or shells treat specially. Bytes are taken as signed so that every
+// byte from 0x80 up (all of UTF-8 beyond ASCII) is refused as well.
+bool isValidFileName(const std::string& name) {
+  for (char c : name) {
+    const signed char b = static_cast<signed char>(c);
+    if (b < 32) return false;
+    switch (b) {
+      case '!': case '"': case '*': case ':': case '<': case '>': case '?':
+      case '\\': case '^': case '`': case '{': case '|': case '}': case 127:
+        return false;
+      default:
+        break;
+    }
+  }
+  return true;
+}
+
+// A ".." component would climb out of the target directory.
+bool climbsOut(const std::string& name) {
+  size_t start = 0;
+  for (;;) {
+    size_t end = name.find('/', start);
+    if (end == std::string::npos) end = name.size();
+    if (end - start == 2 && name.compare(start, 2, "..") == 0) return true;
+    if (end == name.size()) return false;
+    start = end + 1;
+  }
+}
+
+bool endsWithSlash(const std::string& s) {
+  return !s.empty() && s.back() == '/';
+}
+
+std::string entryName(const zip_stat_t& stat) {
+  if ((stat.valid & ZIP_STAT_NAME) == 0 || stat.name == nullptr) return "";
+  return stat.name;
+}
+
+struct ArchiveDiscarder {
+  void operator()(zip_t* archive) const { zip_discard(archive); }
+};
+using ArchivePtr = std::unique_ptr<zip_t, ArchiveDiscarder>;
+
+struct EntryCloser {
+  void operator()(zip_file_t* entry) const { zip_fclose(entry); }
+};
+using EntryPtr = std::unique_ptr<zip_file_t, EntryCloser>;
+
+class ScopedFd {
+ public:
+  explicit ScopedFd(int fd = -1) : fd_(fd) {}
+  ~ScopedFd() { reset(); }
+  ScopedFd(const ScopedFd&) = delete;
+  ScopedFd& operator=(const ScopedFd&) = delete;
+  int get() const { return fd_; }
+  // Closes now and reports close's own result (0, or -1 with errno).
+  int reset(int fd = -1) {
+    int result = 0;
+    if (fd_ >= 0) result = close(fd_);
+    fd_ = fd;
+    return result;
+  }
+
+ private:
+  int fd_;
+};
+
+// Bytes that the file system holding dir can still give to this user. The
+// directory itself may not exist yet, so its nearest existing ancestor is
+// asked. Returns false when nothing could be asked.
+bool freeSpaceFor(const std::string& dir, uint64_t* bytes) {
+  std::string probe = dir;
+  for (;;) {
+    struct statvfs vfs;
+    if (statvfs(probe.empty() ? "." : probe.c_str(), &vfs) == 0) {
+      *bytes = static_cast<uint64_t>(vfs.f_bavail) * vfs.f_frsize;
+      return true;
+    }
+    if (errno != ENOENT && errno != ENOTDIR) return false;
+    while (endsWithSlash(probe) && probe.size() > 1) probe.pop_back();
+    size_t slash = probe.rfind('/');
+    if (probe.empty() || probe == "/") return false;
+    probe = slash == std::string::npos ? "" : probe.substr(0, slash + 1);
+  }
+}
+
+bool writeAll(int fd, const char* data, size_t size) {
+  while (size > 0) {
+    ssize_t n = write(fd, data, size);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+    data += n;
+    size -= static_cast<size_t>(n);
+  }
+  return true;
+}
+
+// Opens, creating when missing, the folders below one base directory without
+// ever following a symbolic link, so that a link planted inside the tree
+// cannot lead a write elsewhere. The chain of the last folder stays open:
+// archives list the files of one folder together, so most entries need no
+// lookup at all.
+class FolderWalker {
+ public:
+  explicit FolderWalker(int baseFd) : baseFd_(baseFd) {}
+  ~FolderWalker() {
+    truncate(0);
+    closeDeep();
+  }
+  FolderWalker(const FolderWalker&) = delete;
+  FolderWalker& operator=(const FolderWalker&) = delete;
+
+  // Returns a descriptor of folder `relative` ("" is the base itself), valid
+  // until the next call, or -1 with *error set. *created receives what
+  // creating the folder came to: 0 when its last component was made or
+  // already there, else an errno.
+  int open(const std::string& relative, int* error, int* created) {
+    *created = 0;
+    closeDeep();
+    std::vector<std::string> parts;
+    size_t start = 0;
+    while (start < relative.size()) {
+      size_t end = relative.find('/', start);
+      if (end == std::string::npos) end = relative.size();
+      if (end > start) parts.push_back(relative.substr(start, end - start));
+      start = end + 1;
+    }
+    size_t common = 0;
+    while (common < parts.size() && common < names_.size() &&
+           parts[common] == names_[common]) {
+      ++common;
+    }
+    truncate(common);
+    int current = common == 0 ? baseFd_ : fds_[common - 1];
+    for (size_t i = common; i < parts.size(); ++i) {
+      const char* name = parts[i].c_str();
+      *created = mkdirat(current, name, 0755) == 0 || errno == EEXIST ? 0 : errno;
+      int fd = openat(current, name,
+                      O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+      if (fd < 0) {
+        // Something other than a folder (or a link) in place of the last
+        // component still counts as made, as mkdir says; anything deeper
+        // cannot be made without going through it.
+        const bool last = i + 1 == parts.size();
+        *error = (last && *created != 0) ? *created : errno;
+        if (!last) *created = *error;
+        return -1;
+      }
+      if (i == fds_.size() && i < kMaxChain) {
+        names_.push_back(parts[i]);
+        fds_.push_back(fd);
+      } else {
+        // Very deep folders are walked with one descriptor at a time, so
+        // that no archive can exhaust the process's descriptors.
+        closeDeep();
+        deepFd_ = fd;
+      }
+      current = fd;
+    }
+    return current;
+  }
+
+ private:
+  static constexpr size_t kMaxChain = 32;
+
+  void truncate(size_t keep) {
+    while (fds_.size() > keep) {
+      close(fds_.back());
+      fds_.pop_back();
+      names_.pop_back();
+    }
+  }
+  void closeDeep() {
+    if (deepFd_ >= 0) close(deepFd_);
+    deepFd_ = -1;
+  }
+
+  int baseFd_;
+  int deepFd_ = -1;
+  std::vector<std::string> names_;
+  std::vector<int> fds_;
+};
+
+// Opens dir (a path that may end with "/") as the root of an extraction. A
+// link in its place is not followed.
+int openBase(const std::string& dir) {
+  std::string path = dir;
+  while (path.size() > 1 && endsWithSlash(path)) path.pop_back();
+  if (path.empty()) path = ".";
+  return ::open(path.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+}
+
+// The archive mapped into memory, with the data span of each entry found
+// through its own central directory. libzip stays the judge of the archive
+// (opening, consistency, names, the checks); the map only lets the data of
+// stored and deflated entries go to the disk without the copies and the
+// buffer layers of a read through libzip. Any entry that this simple reader
+// does not fully understand, or on which it disagrees with libzip, is read
+// through libzip instead.
+class MappedArchive {
+ public:
+  explicit MappedArchive(const std::string& path) {
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return;
+    struct stat info;
+    if (fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_size > 0) {
+      void* map = mmap(nullptr, static_cast<size_t>(info.st_size), PROT_READ,
+                       MAP_PRIVATE, fd, 0);
+      if (map != MAP_FAILED) {
+        data_ = static_cast<const unsigned char*>(map);
+        size_ = static_cast<size_t>(info.st_size);
+        madvise(map, size_, MADV_SEQUENTIAL);
+      }
+    }
+    close(fd);
+    if (data_ != nullptr) readDirectory();
+  }
+  ~MappedArchive() {
+    if (data_ != nullptr) munmap(const_cast<unsigned char*>(data_), size_);
+  }
+  MappedArchive(const MappedArchive&) = delete;
+  MappedArchive& operator=(const MappedArchive&) = delete;
+
+  // The compressed bytes of entry index, when they can be used directly:
+  // stored or deflated, not encrypted, and described alike by libzip.
+  bool span(zip_int64_t index, const zip_stat_t& stat, const unsigned char** at,
+            size_t* length, uint16_t* method) const {
+    if (index < 0 || static_cast<size_t>(index) >= entries_.size()) return false;
+    const Entry& entry = entries_[static_cast<size_t>(index)];
+    const zip_uint64_t need = ZIP_STAT_SIZE | ZIP_STAT_COMP_SIZE |
+                              ZIP_STAT_COMP_METHOD;
+    if ((stat.valid & need) != need || stat.comp_method != entry.method ||
+        stat.comp_size != entry.compressedSize || stat.size != entry.size) {
+      return false;
+    }
+    if (entry.method != ZIP_CM_STORE && entry.method != ZIP_CM_DEFLATE) {
+      return false;
+    }
+    if (entry.method == ZIP_CM_STORE && entry.size != entry.compressedSize) {
+      return false;
+    }
+    if ((entry.flags & 1) != 0) return false;  // encrypted
+    const uint64_t local = entry.localOffset;
+    if (local > size_ || size_ - local < 30 || read32(local) != 0x04034b50) {
+      return false;
+    }
+    const uint64_t start = local + 30 + read16(local + 26) + read16(local + 28);
+    if (start > size_ || size_ - start < entry.compressedSize) return false;
+    *at = data_ + start;
+    *length = static_cast<size_t>(entry.compressedSize);
+    *method = entry.method;
+    return true;
+  }
+
+ private:
+  struct Entry {
+    uint16_t flags;
+    uint16_t method;
+    uint64_t compressedSize;
+    uint64_t size;
+    uint64_t localOffset;
+  };
+
+  uint16_t read16(uint64_t at) const {
+    return static_cast<uint16_t>(data_[at] | (data_[at + 1] << 8));
+  }
+  uint32_t read32(uint64_t at) const {
+    return static_cast<uint32_t>(read16(at)) |
+           (static_cast<uint32_t>(read16(at + 2)) << 16);
+  }
+
+  // Fills entries_ from the end-of-central-directory record; leaves it empty
+  // for anything unusual (archives of the 64-bit format, several disks).
+  void readDirectory() {
+    if (size_ < 22) return;
+    const uint64_t lowest = size_ > 22 + 65535 ? size_ - 22 - 65535 : 0;
+    uint64_t end = size_ - 22;
+    for (;; --end) {
+      if (read32(end) == 0x06054b50) break;
+      if (end == lowest) return;
+    }
+    const uint32_t count = read16(end + 10);
+    const uint64_t directorySize = read32(end + 12);
+    uint64_t at = read32(end + 16);
+    if (count == 0xffff || at == 0xffffffffu || at > size_ ||
+        size_ - at < directorySize) {
+      return;
+    }
+    std::vector<Entry> entries;
+    entries.reserve(count);
+    for (uint32_t i = 0; i < count; ++i) {
+      if (size_ - at < 46 || read32(at) != 0x02014b50) return;
+      Entry entry;
+      entry.flags = read16(at + 8);
+      entry.method = read16(at + 10);
+      entry.compressedSize = read32(at + 20);
+      entry.size = read32(at + 24);
+      entry.localOffset = read32(at + 42);
+      if (entry.compressedSize == 0xffffffffu || entry.size == 0xffffffffu ||
+          entry.localOffset == 0xffffffffu) {
+        entry.method = 0xffff;  // sizes live in a 64-bit extra field
+      }
+      entries.push_back(entry);
+      at += 46 + static_cast<uint64_t>(read16(at + 28)) + read16(at + 30) +
+            read16(at + 32);
+      if (at > size_) return;
+    }
+    entries_.swap(entries);
+  }
+
+  const unsigned char* data_ = nullptr;
+  size_t size_ = 0;
+  std::vector<Entry> entries_;
+};
+
+// Writes a stored entry straight from the map, or inflates a deflated one
+// through buffer. Returns false with errno set when writing fails; data that
+// does not inflate ends the copy early, as a read error does.
+bool copySpan(int fd, const unsigned char* at, size_t length, uint16_t method,
+              char* buffer, size_t bufferSize) {
+  if (method == ZIP_CM_STORE) {
+    return writeAll(fd, reinterpret_cast<const char*>(at), length);
+  }
+  z_stream stream{};
+  if (inflateInit2(&stream, -MAX_WBITS) != Z_OK) return true;
+  bool ok = true;
+  size_t left = length;
+  stream.next_in = const_cast<Bytef*>(at);
+  for (;;) {
+    if (stream.avail_in == 0 && left > 0) {
+      const size_t chunk = left < (1u << 30) ? left : (1u << 30);
+      stream.avail_in = static_cast<uInt>(chunk);
+      left -= chunk;
+    }
+    stream.next_out = reinterpret_cast<Bytef*>(buffer);
+    stream.avail_out = static_cast<uInt>(bufferSize);
+    const int status = inflate(&stream, Z_NO_FLUSH);
+    const size_t produced = bufferSize - stream.avail_out;
+    if (produced > 0 && !writeAll(fd, buffer, produced)) {
+      ok = false;
+      break;
+    }
+    if (status != Z_OK || (produced == 0 && stream.avail_in == 0 && left == 0)) {
+      break;
+    }
+  }
+  const int saved = errno;
+  inflateEnd(&stream);
+  errno = saved;
+  return ok;
+}
+
+void say(const std::string& message) { std::cout << message << std::endl; }
+
+void sayWithNumber(const char* message, long number) {
+  std::cout << message << " (error " << number << ")" << std::endl;
+}
+
+}  // namespace
+
 Extractor::Extractor(const std::string& zipPath, const std::string& targetDir)
-    : zipPath(zipPath), targetDir(targetDir), keepFiles(false) {}
-Extractor::~Extractor() {}
-int Extractor::extract(std::vector<std::string>&) { return -1; }
+    : zipPath(zipPath), targetDir(targetDir), keepFiles(false) {
+  // Leftovers of an earlier installation must never mix with this package.
+  removeDirectoryTree(targetDir);
+}
+
+Extractor::~Extractor() {
+  if (!keepFiles) clean();
+}
+
+int Extractor::extract(std::vector<std::string>& files) {
+  int openError = 0;
+  ArchivePtr archive(zip_open(zipPath.c_str(), ZIP_CHECKCONS, &openError));
+  if (!archive) {
+    sayWithNumber("Zip archive is not valid", openError);
+    return -1;
+  }
+
+  const zip_int64_t count = zip_get_num_entries(archive.get(), 0);
+  if (count == 0) {
+    say("Empty archive");
+    return -1;
+  }
+
+  // Every entry is checked before a single byte is written, so a package
+  // that is refused leaves the target directory untouched.
+  bool hasFile = false;
+  uint64_t declaredBytes = 0;
+  for (zip_int64_t index = 0; index < count; ++index) {
+    zip_stat_t stat;
+    zip_stat_init(&stat);
+    if (zip_stat_index(archive.get(), index, 0, &stat) == -1) {
+      sayWithNumber("Could not get stats from file inside the zip", openError);
+      return -1;
+    }
+    if ((stat.valid & ZIP_STAT_ENCRYPTION_METHOD) != 0 &&
+        stat.encryption_method != ZIP_EM_NONE) {
+      say("Zip archive must not be encrypted");
+      return -1;
+    }
+    const std::string name = entryName(stat);
+    if (!isValidFileName(name) || climbsOut(name)) {
+      say("Incorrect file name: " + name);
+      return -1;
+    }
+    if (endsWithSlash(name)) continue;
+    hasFile = true;
+    EntryPtr entry(zip_fopen_index(archive.get(), index, ZIP_FL_UNCHANGED));
+    if (!entry) {
+      sayWithNumber("Could not read file in archive", openError);
+      return -1;
+    }
+    if ((stat.valid & ZIP_STAT_SIZE) != 0) {
+      declaredBytes += stat.size;
+      if (declaredBytes < stat.size) declaredBytes = UINT64_MAX;
+    }
+  }
+  if (!hasFile) {
+    say("Zip archive contains only folders");
+    return -1;
+  }
+
+  // A package that cannot fit is refused now rather than half written.
+  uint64_t freeBytes = 0;
+  if (freeSpaceFor(targetDir, &freeBytes) && declaredBytes > freeBytes) {
+    errno = ENOSPC;
+    sayWithNumber("Directory could not be created to extract the zip", errno);
+    return -1;
+  }
+  if (makeDirectories(targetDir, 0755) != 0) {
+    sayWithNumber("Directory could not be created to extract the zip", errno);
+    return -1;
+  }
+
+  // Entry names are glued to targetDir as they are, so everything is written
+  // below the folder that holds targetDir's last "/".
+  const size_t baseLength = targetDir.rfind('/') + 1;  // 0 when there is none
+  ScopedFd baseFd(openBase(targetDir.substr(0, baseLength)));
+  if (baseFd.get() < 0) {
+    sayWithNumber("Directory could not be created to extract the zip", errno);
+    return -1;
+  }
+  FolderWalker folders(baseFd.get());
+  const MappedArchive mapped(zipPath);
+  std::unique_ptr<char[]> buffer(new char[kCopyBufferSize]);
+
+  for (zip_int64_t index = 0; index < count; ++index) {
+    zip_stat_t stat;
+    zip_stat_init(&stat);
+    if (zip_stat_index(archive.get(), index, 0, &stat) == -1) {
+      sayWithNumber("Could not get stats from file inside the zip", openError);
+      return -1;
+    }
+    const std::string name = entryName(stat);
+    const std::string full = targetDir + name;
+    printf("[%s:%s] filename: %s\n", "V", kModule, full.c_str());
+    const std::string relative = full.substr(baseLength);
+
+    // Paths are kept within what the system can name in one string, so that
+    // the tree can always be walked and removed again.
+    const bool tooLong = full.size() >= PATH_MAX;
+    int error = 0;
+    int created = 0;
+    if (endsWithSlash(name)) {
+      if (tooLong) {
+        created = ENAMETOOLONG;
+      } else {
+        folders.open(relative, &error, &created);
+      }
+      if (created != 0) {
+        sayWithNumber("Subdirectory could not be created to extract the zip",
+                      created);
+        return -1;
+      }
+      continue;
+    }
+
+    const size_t slash = relative.rfind('/');
+    const std::string folder =
+        slash == std::string::npos ? "" : relative.substr(0, slash);
+    const std::string leaf =
+        slash == std::string::npos ? relative : relative.substr(slash + 1);
+    // A file whose folders cannot be made fails below, when it is opened.
+    const int folderFd =
+        tooLong ? -1 : folders.open(folder, &error, &created);
+    if (tooLong) error = ENAMETOOLONG;
+
+    EntryPtr entry(zip_fopen_index(archive.get(), index, ZIP_FL_UNCHANGED));
+    if (!entry) {
+      sayWithNumber("Could not read file in archive", openError);
+      return -1;
+    }
+    ScopedFd out;
+    if (folderFd < 0) {
+      errno = error;
+    } else if (leaf.empty()) {
+      errno = EISDIR;  // the name is the target folder itself
+    } else {
+      out.reset(openat(folderFd, leaf.c_str(),
+                       O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC,
+                       0666));
+    }
+    if (out.get() < 0) {
+      sayWithNumber("Error opening file", errno);
+      return -1;
+    }
+    // A read error ends the copy and the file still counts as extracted; a
+    // write error fails the whole extraction.
+    const unsigned char* data;
+    size_t length;
+    uint16_t method;
+    if (mapped.span(index, stat, &data, &length, &method)) {
+      if (!copySpan(out.get(), data, length, method, buffer.get(),
+                    kCopyBufferSize)) {
+        sayWithNumber("Error opening file", errno);
+        return -1;
+      }
+    } else {
+      zip_int64_t n;
+      while ((n = zip_fread(entry.get(), buffer.get(), kCopyBufferSize)) > 0) {
+        if (!writeAll(out.get(), buffer.get(), static_cast<size_t>(n))) {
+          sayWithNumber("Error opening file", errno);
+          return -1;
+        }
+      }
+    }
+    if (out.reset() != 0) {
+      sayWithNumber("Error opening file", errno);
+      return -1;
+    }
+    entry.reset();
+    files.push_back(name);
+  }
+
+  zip_close(archive.release());
+  return 0;
+}
+
 void Extractor::setKeepFiles(bool keep) { keepFiles = keep; }
-void Extractor::clean() {}
-int Extractor::makeDirectories(const std::string&, mode_t) { return 0; }
-void Extractor::removeDirectoryTree(const std::string&) {}
+
+void Extractor::clean() {
+  removeDirectoryTree(targetDir);
+  say("Extraction cleaned");
+}
+
+int Extractor::makeDirectories(const std::string& path, mode_t mode) {
+  if (path.empty()) return 2;
+  int result = 0;
+  size_t search = path[0] == '/' ? 1 : 0;
+  for (;;) {
+    const size_t slash = path.find('/', search);
+    if (slash == std::string::npos) break;
+    // Only the last attempt decides: a component that exists or is made
+    // afterwards clears an earlier failure.
+    if (mkdir(path.substr(0, slash).c_str(), mode) == 0 || errno == EEXIST) {
+      result = 0;
+    } else {
+      result = errno;
+    }
+    search = slash + 1;
+  }
+  return result;
+}
+
+void Extractor::removeDirectoryTree(const std::string& path) {
+  // Looked at without following: a link is removed itself, never descended,
+  // so nothing outside the tree can be deleted through it.
+  std::string bare = path;
+  while (bare.size() > 1 && endsWithSlash(bare)) bare.pop_back();
+  struct stat info;
+  if (bare.empty() || lstat(bare.c_str(), &info) != 0) return;
+  if (S_ISLNK(info.st_mode)) {
+    unlink(bare.c_str());
+    return;
+  }
+  if (!S_ISDIR(info.st_mode)) return;
+  int fd = open(bare.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  if (fd < 0) return;
+  DIR* dir = fdopendir(fd);
+  if (dir == nullptr) {
+    close(fd);
+    return;
+  }
+  // The walk runs inside the tree, with bare names, and leaves the process
+  // in the parent of what it removed. The listing is read whole first, so
+  // that no descriptor stays open per level of a deep tree.
+  if (fchdir(fd) != 0) {
+    closedir(dir);
+    return;
+  }
+  std::vector<std::pair<std::string, bool>> items;
+  while (struct dirent* item = readdir(dir)) {
+    const char* name = item->d_name;
+    if (name[0] == '.' &&
+        (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'))) {
+      continue;
+    }
+    items.emplace_back(name, item->d_type == DT_DIR);
+  }
+  closedir(dir);
+  for (const auto& item : items) {
+    if (item.second) {
+      removeDirectoryTree(item.first);
+    } else {
+      remove(item.first.c_str());
+    }
+  }
+  if (chdir("..") != 0) return;
+  rmdir(path.c_str());
+}

@@ -1,33 +1,711 @@
 #include "registry/SqlLite3.h"
 
-// Placeholder until the registry lands.
-struct SqlLite3::Impl {};
-SqlLite3::SqlLite3() {}
-SqlLite3::~SqlLite3() {}
-std::string SqlLite3::databasePath() { return ""; }
-bool SqlLite3::isOpen() { return false; }
-int SqlLite3::query(std::string) { return 1; }
-static const std::vector<std::string> kNothing;
-const std::vector<std::string>& SqlLite3::getColumnNames() const { return kNothing; }
-const std::vector<std::string>& SqlLite3::getValues() const { return kNothing; }
-bool SqlLite3::checkStructure() { return false; }
-bool SqlLite3::checkTable(const std::string&, const std::string&) { return false; }
-int SqlLite3::insertWidget(WidgetsData*) { return -1; }
-int SqlLite3::insertLocalizedItems(int, const std::string&,
-                                   const std::map<std::string, std::string>&) {
+#include <sqlite3.h>
+
+#include <cctype>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+
+#include "registry/LocalizedItemKeys.h"
+#include "registry/LookupCache.h"
+#include "registry/Statements.h"
+
+namespace {
+
+const char kLevel[] = "E";
+const char kModule[] = "SqlLite3";
+
+// The number of columns of a Widgets row.
+constexpr int kWidgetColumns = 15;
+
+// How long a commit waits for readers of other connections to finish.
+constexpr int kCommitRetries = 2000;  // of 1 ms each
+
+// The statements that are prepared once per connection and kept.
+enum Statement {
+  kInsertWidgetStatement,
+  kInsertWidgetFileStatement,
+  kInsertLocalizedItemStatement,
+  kDeleteWidgetByNameStatement,
+  kSelectAllWidgetsStatement,
+  kSelectWidgetsByNameStatement,
+  kSelectWidgetsBySourceURLStatement,
+  kNameByLaunchURLStatement,
+  kFileOwnerStatement,
+  kLocalizedFileStatement,
+  kLocalizedItemStatement,
+  kLocalizedItemsOfWidgetStatement,
+  kStatementCount
+};
+
+const char* const kStatementTexts[kStatementCount] = {
+    statements::kInsertWidget,
+    statements::kInsertWidgetFile,
+    statements::kInsertLocalizedItem,
+    statements::kDeleteWidgetByName,
+    statements::kSelectAllWidgets,
+    statements::kSelectWidgetsByName,
+    statements::kSelectWidgetsBySourceURL,
+    statements::kNameByLaunchURL,
+    statements::kFileOwner,
+    statements::kLocalizedFile,
+    statements::kLocalizedItem,
+    statements::kLocalizedItemsOfWidget,
+};
+
+// A value may stand in a statement only if it could have been written
+// between quote characters of that kind: one that holds the quote, or a NUL
+// byte (which ends C text), would have broken the statement, so the statement
+// fails instead of running with it.
+bool quotable(const std::string& value, char quote) {
+  return !memchr(value.data(), quote, value.size()) &&
+         !memchr(value.data(), '\0', value.size());
+}
+
+// Text of a cell as a C string would carry it: NULL reads as empty and the
+// text ends at its first NUL byte.
+std::string cellText(sqlite3_stmt* stmt, int column) {
+  const char* text =
+      reinterpret_cast<const char*>(sqlite3_column_text(stmt, column));
+  if (!text) return std::string();
+  return std::string(
+      text, strnlen(text, static_cast<size_t>(sqlite3_column_bytes(stmt, column))));
+}
+
+// atoi() of the cell's text, without its undefined cases.
+int cellInt(sqlite3_stmt* stmt, int column) {
+  if (sqlite3_column_type(stmt, column) == SQLITE_INTEGER) {
+    return static_cast<int>(sqlite3_column_int64(stmt, column));
+  }
+  const char* text =
+      reinterpret_cast<const char*>(sqlite3_column_text(stmt, column));
+  if (!text) return 0;
+  return static_cast<int>(strtol(text, nullptr, 10));
+}
+
+void bindText(sqlite3_stmt* stmt, int index, const std::string& value) {
+  sqlite3_bind_text(stmt, index, value.data(), static_cast<int>(value.size()),
+                    SQLITE_STATIC);
+}
+
+// Resets a kept statement when the operation that used it ends, so that no
+// read lock outlives the operation.
+class ResetOnExit {
+ public:
+  explicit ResetOnExit(sqlite3_stmt* stmt) : stmt_(stmt) {}
+  ~ResetOnExit() {
+    if (stmt_) {
+      sqlite3_reset(stmt_);
+      sqlite3_clear_bindings(stmt_);
+    }
+  }
+  ResetOnExit(const ResetOnExit&) = delete;
+  ResetOnExit& operator=(const ResetOnExit&) = delete;
+
+ private:
+  sqlite3_stmt* stmt_;
+};
+
+bool sameText(const unsigned char* text, int length, const char* s,
+              size_t size) {
+  return static_cast<size_t>(length) == size &&
+         (size == 0 || memcmp(text, s, size) == 0);
+}
+
+}  // namespace
+
+struct SqlLite3::Impl {
+  sqlite3* db = nullptr;
+  char* errorMessage = nullptr;
+  int resultCode = 0;
+  int rowCount = 0;
+  int columnCount = 0;
+  bool opened = false;
+  bool verbose = false;
+  bool jobOpen = false;
+  std::string logPrefix;
+  std::string databasePath;
+  std::vector<std::string> columnNames;
+  std::vector<std::string> values;
+  sqlite3_stmt* statements[kStatementCount] = {};
+  LookupCache cache;
+  // Reused buffers of findLocalizedResource.
+  std::string queryPart;
+  std::string localPath;
+  std::string directory;
+
+  // The kept statement, prepared on first use; null when it cannot be
+  // prepared (then the operation fails as its statement would).
+  sqlite3_stmt* statement(Statement which) {
+    if (!statements[which] && db) {
+      sqlite3_prepare_v3(db, kStatementTexts[which], -1,
+                         SQLITE_PREPARE_PERSISTENT, &statements[which],
+                         nullptr);
+    }
+    return statements[which];
+  }
+
+  int exec(const char* sql) {
+    return sqlite3_exec(db, sql, nullptr, nullptr, nullptr);
+  }
+
+  // Commits, waiting a while for other connections' readers; a commit that
+  // cannot be made is rolled back. True when committed.
+  bool commit() {
+    int rc = exec(statements::kCommit);
+    for (int i = 0; rc == SQLITE_BUSY && i < kCommitRetries; ++i) {
+      sqlite3_sleep(1);
+      rc = exec(statements::kCommit);
+    }
+    if (rc == SQLITE_OK) return true;
+    if (!sqlite3_get_autocommit(db)) exec(statements::kRollback);
+    return false;
+  }
+
+  void closeHandle() {
+    for (sqlite3_stmt*& stmt : statements) {
+      sqlite3_finalize(stmt);
+      stmt = nullptr;
+    }
+    if (db) sqlite3_close_v2(db);
+    db = nullptr;
+  }
+};
+
+SqlLite3::SqlLite3() : impl(new Impl) {
+  impl->logPrefix = "XXXXX SQLITE3 XXXX ==> ";
+  impl->databasePath = databasePath();
+  // One thread uses a connection at a time, so SQLite's per-call locking of
+  // the handle is left out (it costs more than reading a cell).
+  impl->resultCode = sqlite3_open_v2(
+      impl->databasePath.c_str(), &impl->db,
+      SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
+      nullptr);
+  if (impl->resultCode != SQLITE_OK) {
+    printf("[%s:%s] Can't open database: ", kLevel, kModule);
+    printf("[%s:%s] sqlite3 error message : %s\n", kLevel, kModule,
+           sqlite3_errmsg(impl->db));
+    printf("[%s:%s] HAVE YOU READ AND WRITE PERMISSION FOR OPEN OR CREATE "
+           "THIS FILE : %s\n",
+           kLevel, kModule, impl->databasePath.c_str());
+    impl->closeHandle();
+    impl->opened = false;
+    return;
+  }
+  if (impl->verbose) std::cout << "Database open. Good news ;)" << std::endl;
+  if (checkStructure()) {
+    impl->opened = true;
+    ensureIndexes();
+  } else {
+    printf("[%s:%s] Error while checking database structure", kLevel, kModule);
+    impl->opened = false;
+  }
+}
+
+SqlLite3::~SqlLite3() {
+  // A job left open keeps what it wrote, as statements that each committed
+  // on their own would have.
+  if (impl->jobOpen) endJob();
+  impl->closeHandle();
+}
+
+std::string SqlLite3::databasePath() {
+  const char* dir = getenv("YRA_DATA_PATH");
+  return std::string(dir ? dir : WIDGETENGINE_DATABASE_DIR) + "widget.db";
+}
+
+bool SqlLite3::isOpen() { return impl->opened; }
+
+int SqlLite3::query(std::string sql) {
+  impl->columnNames.clear();
+  impl->values.clear();
+  if (!impl->db) {
+    impl->resultCode = SQLITE_MISUSE;
+    return impl->resultCode;
+  }
+  char** table = nullptr;
+  int rows = 0;
+  int columns = 0;
+  impl->resultCode = sqlite3_get_table(impl->db, sql.c_str(), &table, &rows,
+                                       &columns, &impl->errorMessage);
+  impl->rowCount = rows;
+  impl->columnCount = columns;
+  if (impl->resultCode == SQLITE_OK && table) {
+    for (int k = 0; k < columns; ++k) {
+      impl->columnNames.push_back(table[k] ? table[k] : "");
+    }
+    size_t cells = static_cast<size_t>(rows) * static_cast<size_t>(columns);
+    impl->values.reserve(cells);
+    for (size_t i = 0; i < cells; ++i) {
+      const char* cell = table[columns + i];
+      impl->values.push_back(cell ? cell : "");
+    }
+  }
+  sqlite3_free_table(table);
+  sqlite3_free(impl->errorMessage);
+  impl->errorMessage = nullptr;
+  return impl->resultCode;
+}
+
+const std::vector<std::string>& SqlLite3::getColumnNames() const {
+  return impl->columnNames;
+}
+
+const std::vector<std::string>& SqlLite3::getValues() const {
+  return impl->values;
+}
+
+bool SqlLite3::checkStructure() {
+  if (!impl->db) return false;
+  sqlite3_stmt* stmt = nullptr;
+  int rc = sqlite3_prepare_v2(impl->db, statements::kProbeAllTables, -1, &stmt,
+                              nullptr);
+  if (rc == SQLITE_OK) rc = sqlite3_step(stmt);
+  sqlite3_finalize(stmt);
+  if (rc == SQLITE_DONE || rc == SQLITE_ROW) {
+    impl->resultCode = SQLITE_OK;
+    return true;
+  }
+  bool ok = checkTable(statements::kWidgetsTable, statements::kCreateWidgets) &&
+            checkTable(statements::kWidgetFilesTable,
+                       statements::kCreateWidgetFiles) &&
+            checkTable(statements::kLocalizedItemTable,
+                       statements::kCreateLocalizedItem);
+  if (!ok) impl->closeHandle();
+  return ok;
+}
+
+bool SqlLite3::checkTable(const std::string& table,
+                          const std::string& createSql) {
+  if (!impl->db) return false;
+  std::string probe =
+      std::string(statements::kProbePrefix) + table + statements::kProbeSuffix;
+  sqlite3_stmt* stmt = nullptr;
+  int rc = sqlite3_prepare_v2(impl->db, probe.c_str(), -1, &stmt, nullptr);
+  if (rc == SQLITE_OK) {
+    rc = sqlite3_step(stmt);
+    if (rc == SQLITE_ROW || rc == SQLITE_DONE) rc = SQLITE_OK;
+  }
+  sqlite3_finalize(stmt);
+  impl->resultCode = rc;
+  if (rc == SQLITE_OK) return true;
+
+  // Whatever made the probe fail, creating the table is tried; it cannot
+  // harm a table that is there.
+  impl->resultCode = sqlite3_exec(impl->db, createSql.c_str(), nullptr,
+                                  nullptr, &impl->errorMessage);
+  if (impl->resultCode == SQLITE_OK) return true;
+  printf("[%s:%s] Unable to create table %s :  %s (%d)\n", kLevel, kModule,
+         table.c_str(),
+         impl->errorMessage ? impl->errorMessage : sqlite3_errmsg(impl->db),
+         impl->resultCode);
+  sqlite3_free(impl->errorMessage);
+  impl->errorMessage = nullptr;
+  return false;
+}
+
+void SqlLite3::ensureIndexes() {
+  static const char* const kChecks[][2] = {
+      {statements::kHasFilesIndex, statements::kCreateFilesIndex},
+      {statements::kHasItemsIndex, statements::kCreateItemsIndex},
+  };
+  for (const auto& index : kChecks) {
+    sqlite3_stmt* stmt = nullptr;
+    int rc = sqlite3_prepare_v2(impl->db, index[0], -1, &stmt, nullptr);
+    sqlite3_finalize(stmt);
+    // A read-only or locked file keeps working without the index.
+    if (rc != SQLITE_OK) impl->exec(index[1]);
+  }
+}
+
+int SqlLite3::insertWidget(WidgetsData* widget) {
+  bool own = impl->db && sqlite3_get_autocommit(impl->db) &&
+             impl->exec(statements::kBegin) == SQLITE_OK;
+  return insertWidgetRows(widget, own);
+}
+
+int SqlLite3::insertWidgetRows(WidgetsData* widget, bool ownTransaction) {
+  sqlite3_stmt* insert =
+      widget ? impl->statement(kInsertWidgetStatement) : nullptr;
+  int rc = SQLITE_ERROR;
+  if (insert) {
+    ResetOnExit reset(insert);
+    const std::string* texts[] = {
+        &widget->getSourceURL(),  &widget->getName(),
+        &widget->getLaunchURL(),  &widget->getStoragePath(),
+        &widget->getVersion(),    &widget->getWidgetName(),
+        &widget->getWidgetShorName(), &widget->getViewMode(),
+        &widget->getIcon(),       &widget->getAuthor(),
+        &widget->getAuthorEmail(), &widget->getAuthorHref()};
+    bool ok = true;
+    for (const std::string* text : texts) ok = ok && quotable(*text, '\'');
+    if (ok) {
+      bindText(insert, 1, widget->getSourceURL());
+      bindText(insert, 2, widget->getName());
+      bindText(insert, 3, widget->getLaunchURL());
+      bindText(insert, 4, widget->getStoragePath());
+      sqlite3_bind_int(insert, 5, widget->getWidth());
+      sqlite3_bind_int(insert, 6, widget->getHeight());
+      for (int i = 4; i < 12; ++i) bindText(insert, i + 3, *texts[i]);
+      rc = sqlite3_step(insert);
+      if (rc == SQLITE_DONE) rc = SQLITE_OK;
+    }
+  }
+  impl->resultCode = rc;
+  if (rc != SQLITE_OK) {
+    if (ownTransaction && !sqlite3_get_autocommit(impl->db)) {
+      impl->exec(statements::kRollback);
+    }
+    std::cout << "Cannot insert data to database :(" << std::endl;
+    return -1;
+  }
+
+  sqlite3_int64 id = sqlite3_last_insert_rowid(impl->db);
+  std::vector<std::string> files = widget->getFiles();
+  sqlite3_stmt* insertFile = impl->statement(kInsertWidgetFileStatement);
+  for (const std::string& path : files) {
+    if (!insertFile || !quotable(path, '"')) continue;
+    ResetOnExit reset(insertFile);
+    sqlite3_bind_int64(insertFile, 1, id);
+    bindText(insertFile, 2, path);
+    int fileRc = sqlite3_step(insertFile);
+    if (fileRc != SQLITE_DONE && ownTransaction &&
+        sqlite3_get_autocommit(impl->db)) {
+      // SQLite gave up the whole transaction (I/O error, full disk): what
+      // it held is gone, so the rows are written again one by one, where a
+      // failing row only loses itself.
+      return insertWidgetRows(widget, false);
+    }
+  }
+  if (ownTransaction && !impl->commit()) {
+    std::cout << "Cannot insert data to database :(" << std::endl;
+    return -1;
+  }
+
+  if (id > INT_MAX || id < INT_MIN) {
+    printf("[%s:%s] Error convering widgetId to int : %lld\n", kLevel, kModule,
+           static_cast<long long>(id));
+    return 0;
+  }
+  return static_cast<int>(id);
+}
+
+int SqlLite3::insertLocalizedItems(int widgetId, const std::string& item,
+                                   const std::map<std::string, std::string>& texts) {
+  if (!impl->db || texts.empty() || !quotable(item, '\'')) return 0;
+  sqlite3_stmt* insert = impl->statement(kInsertLocalizedItemStatement);
+  if (!insert) return 0;
+  // Returns false when SQLite gave up the transaction the rows were in.
+  auto writeAll = [&](bool inTransaction) {
+    for (const auto& text : texts) {
+      if (!quotable(text.first, '\'') || !quotable(text.second, '\'')) {
+        continue;
+      }
+      ResetOnExit reset(insert);
+      sqlite3_bind_int(insert, 1, widgetId);
+      bindText(insert, 2, item);
+      bindText(insert, 3, text.first);
+      bindText(insert, 4, text.second);
+      if (sqlite3_step(insert) != SQLITE_DONE && inTransaction &&
+          sqlite3_get_autocommit(impl->db)) {
+        return false;
+      }
+    }
+    return true;
+  };
+  bool own = sqlite3_get_autocommit(impl->db) &&
+             impl->exec(statements::kBegin) == SQLITE_OK;
+  if (!writeAll(own)) {
+    // What the transaction held is gone; the rows are written one by one,
+    // where a failing row only loses itself.
+    writeAll(false);
+  } else if (own) {
+    impl->commit();
+  }
   return 0;
 }
-int SqlLite3::deleteWidgetByName(const std::string&) { return 1; }
-void SqlLite3::beginJob() {}
-void SqlLite3::endJob() {}
-std::vector<WidgetsData*> SqlLite3::selectWidgets(std::string) { return {}; }
-std::vector<WidgetsData*> SqlLite3::selectAllWidgets() { return {}; }
-std::vector<WidgetsData*> SqlLite3::selectWidgetsByName(const std::string&) { return {}; }
-std::vector<WidgetsData*> SqlLite3::selectWidgetsBySourceURL(const std::string&) { return {}; }
-int SqlLite3::getNameByLaunchURL(const std::string&, std::string&) { return 0; }
-int SqlLite3::findLocalizedResource(std::string&, std::vector<std::string>) { return 0; }
-int SqlLite3::getLocalizedItem(int, const std::string&,
-                               const std::vector<std::string>&, std::string&) {
+
+int SqlLite3::deleteWidgetByName(const std::string& name) {
+  if (!impl->db) return SQLITE_MISUSE;
+  if (!quotable(name, '\'')) return impl->resultCode = SQLITE_ERROR;
+  sqlite3_stmt* remove = impl->statement(kDeleteWidgetByNameStatement);
+  if (!remove) return impl->resultCode = sqlite3_errcode(impl->db);
+  ResetOnExit reset(remove);
+  bindText(remove, 1, name);
+  int rc = sqlite3_step(remove);
+  impl->resultCode = rc == SQLITE_DONE ? SQLITE_OK : rc;
+  return impl->resultCode;
+}
+
+void SqlLite3::beginJob() {
+  if (!impl->db || impl->jobOpen || !sqlite3_get_autocommit(impl->db)) return;
+  impl->jobOpen = impl->exec(statements::kBegin) == SQLITE_OK;
+}
+
+void SqlLite3::endJob() {
+  if (!impl->jobOpen) return;
+  impl->jobOpen = false;
+  if (!sqlite3_get_autocommit(impl->db)) impl->commit();
+}
+
+namespace {
+
+// Records of the rows of a statement that selects whole Widgets rows. A
+// statement with fewer columns yields no record; a failing one none at all.
+std::vector<WidgetsData*> widgetRecords(sqlite3_stmt* stmt) {
+  std::vector<WidgetsData*> records;
+  if (!stmt || sqlite3_column_count(stmt) < kWidgetColumns) return records;
+  int rc;
+  while ((rc = sqlite3_step(stmt)) == SQLITE_ROW) {
+    WidgetsData* w = new WidgetsData();
+    w->setId(cellInt(stmt, 0));
+    w->setSourceURL(cellText(stmt, 1));
+    w->setName(cellText(stmt, 2));
+    w->setLaunchURL(cellText(stmt, 3));
+    w->setStoragePath(cellText(stmt, 4));
+    w->setWidth(cellInt(stmt, 5));
+    w->setHeight(cellInt(stmt, 6));
+    w->setVersion(cellText(stmt, 7));
+    w->setWidgetName(cellText(stmt, 8));
+    w->setWidgetShorName(cellText(stmt, 9));
+    w->setViewMode(cellText(stmt, 10));
+    w->setIcon(cellText(stmt, 11));
+    w->setAuthor(cellText(stmt, 12));
+    w->setAuthorEmail(cellText(stmt, 13));
+    w->setAuthorHref(cellText(stmt, 14));
+    records.push_back(w);
+  }
+  if (rc != SQLITE_DONE) {
+    for (WidgetsData* w : records) delete w;
+    records.clear();
+  }
+  return records;
+}
+
+}  // namespace
+
+std::vector<WidgetsData*> SqlLite3::readWidgets(int statement,
+                                                const std::string* key) {
+  if (!impl->db) return {};
+  sqlite3_stmt* stmt = impl->statement(static_cast<Statement>(statement));
+  if (!stmt) return {};
+  ResetOnExit reset(stmt);
+  if (key) bindText(stmt, 1, *key);
+  return widgetRecords(stmt);
+}
+
+std::vector<WidgetsData*> SqlLite3::selectWidgets(std::string sql) {
+  if (!impl->db) return {};
+  if (sql == statements::kSelectAllWidgets) {
+    return readWidgets(kSelectAllWidgetsStatement, nullptr);
+  }
+  sqlite3_stmt* stmt = nullptr;
+  const char* tail = nullptr;
+  if (sqlite3_prepare_v2(impl->db, sql.c_str(), -1, &stmt, &tail) !=
+      SQLITE_OK) {
+    sqlite3_finalize(stmt);
+    return {};
+  }
+  bool more = false;
+  for (const char* p = tail; p && *p; ++p) more = more || !isspace(*p);
+  std::vector<WidgetsData*> records;
+  if (!more) {
+    records = widgetRecords(stmt);
+    sqlite3_finalize(stmt);
+    return records;
+  }
+  sqlite3_finalize(stmt);
+  // A text of several statements: their rows, read as whole Widgets rows.
+  if (query(sql) != SQLITE_OK || impl->columnNames.size() <
+                                     static_cast<size_t>(kWidgetColumns)) {
+    return records;
+  }
+  const std::vector<std::string>& v = impl->values;
+  size_t step = impl->columnNames.size();
+  for (size_t i = 0; i + step <= v.size(); i += step) {
+    records.push_back(new WidgetsData(
+        atoi(v[i].c_str()), v[i + 1], v[i + 2], v[i + 3], v[i + 4],
+        atoi(v[i + 5].c_str()), atoi(v[i + 6].c_str()), v[i + 7], v[i + 8],
+        v[i + 9], v[i + 10], v[i + 11], v[i + 12], v[i + 13], v[i + 14]));
+  }
+  return records;
+}
+
+std::vector<WidgetsData*> SqlLite3::selectAllWidgets() {
+  return readWidgets(kSelectAllWidgetsStatement, nullptr);
+}
+
+std::vector<WidgetsData*> SqlLite3::selectWidgetsByName(const std::string& name) {
+  if (!quotable(name, '\'')) return {};
+  return readWidgets(kSelectWidgetsByNameStatement, &name);
+}
+
+std::vector<WidgetsData*> SqlLite3::selectWidgetsBySourceURL(
+    const std::string& url) {
+  if (!quotable(url, '\'')) return {};
+  return readWidgets(kSelectWidgetsBySourceURLStatement, &url);
+}
+
+int SqlLite3::getNameByLaunchURL(const std::string& launchURL,
+                                 std::string& name) {
+  if (!impl->db || !quotable(launchURL, '"')) return 0;
+  if (impl->cache.fresh(impl->db)) {
+    return impl->cache.nameByLaunchURL(launchURL, name) ? 1 : 0;
+  }
+  sqlite3_stmt* stmt = impl->statement(kNameByLaunchURLStatement);
+  if (!stmt) return 0;
+  ResetOnExit reset(stmt);
+  bindText(stmt, 1, launchURL);
+  if (sqlite3_step(stmt) != SQLITE_ROW) return 0;
+  name = cellText(stmt, 0);
+  return 1;
+}
+
+int SqlLite3::findLocalizedResource(std::string& url,
+                                    std::vector<std::string> locales) {
+  // The address loses its "file://" and its query part before the lookup.
+  url.erase(0, 7);
+  std::string& queryPart = impl->queryPart;
+  queryPart.clear();
+  size_t question = url.find('?');
+  if (question != std::string::npos) {
+    queryPart.assign(url, question, std::string::npos);
+    url.resize(question);
+  }
+  if (!impl->db || !quotable(url, '\'')) return 0;
+
+  int64_t widgetId = 0;
+  const char* dir = nullptr;
+  size_t dirLength = 0;
+  bool cached = impl->cache.fresh(impl->db);
+  if (cached) {
+    if (!impl->cache.fileOwner(url, widgetId, dir, dirLength)) return 0;
+  } else {
+    sqlite3_stmt* owner = impl->statement(kFileOwnerStatement);
+    if (!owner) return 0;
+    ResetOnExit reset(owner);
+    bindText(owner, 1, url);
+    int rc;
+    bool found = false;
+    while ((rc = sqlite3_step(owner)) == SQLITE_ROW) {
+      if (!found) widgetId = sqlite3_column_int64(owner, 0);
+      impl->directory = cellText(owner, 1);
+      found = true;
+    }
+    if (rc != SQLITE_DONE || !found) return 0;
+    dir = impl->directory.data();
+    dirLength = impl->directory.size();
+  }
+
+  // What is left is the file's path inside the widget; a file inside a
+  // locale folder already is not redirected.
+  url.erase(0, dirLength);
+  if (url.compare(0, 7, "locales") == 0) return 0;
+
+  std::string& localPath = impl->localPath;
+  for (const std::string& locale : locales) {
+    if (!quotable(locale, '\'')) continue;
+    localPath.assign("locales/");
+    localPath.append(locale);
+    localPath.push_back('/');
+    localPath.append(url);
+    bool hit;
+    if (cached) {
+      hit = impl->cache.hasLocalizedFile(widgetId, localPath);
+    } else {
+      sqlite3_stmt* local = impl->statement(kLocalizedFileStatement);
+      if (!local) continue;
+      ResetOnExit reset(local);
+      sqlite3_bind_int64(local, 1, widgetId);
+      bindText(local, 2, localPath);
+      hit = sqlite3_step(local) == SQLITE_ROW;
+    }
+    if (hit) {
+      url.assign("file://");
+      url.append(dir, dirLength);
+      url.push_back('/');
+      url.append(localPath);
+      url.append(queryPart);
+      return 1;
+    }
+  }
   return 0;
 }
-void SqlLite3::loadLocalizedItems(WidgetsData*, std::vector<std::string>) {}
+
+int SqlLite3::getLocalizedItem(int widgetId, const std::string& item,
+                               const std::vector<std::string>& locales,
+                               std::string& value) {
+  if (!impl->db || !quotable(item, '\'')) return 0;
+  sqlite3_stmt* stmt = impl->statement(kLocalizedItemStatement);
+  if (!stmt) return 0;
+  for (const std::string& locale : locales) {
+    if (!quotable(locale, '\'')) continue;
+    ResetOnExit reset(stmt);
+    sqlite3_bind_int(stmt, 1, widgetId);
+    bindText(stmt, 2, item);
+    bindText(stmt, 3, locale);
+    if (sqlite3_step(stmt) == SQLITE_ROW) {
+      value = cellText(stmt, 0);
+      return 1;
+    }
+  }
+  return 0;
+}
+
+void SqlLite3::loadLocalizedItems(WidgetsData* widget,
+                                  std::vector<std::string> locales) {
+  if (!widget || !impl->db) return;
+  locales.push_back(localizeditems::kDefaultLanguage);
+  sqlite3_stmt* stmt = impl->statement(kLocalizedItemsOfWidgetStatement);
+  if (!stmt) return;
+
+  // One pass over the widget's rows resolves all five items: for each, the
+  // earliest locale of the list that has it, and of its rows the last one.
+  struct Best {
+    size_t rank = SIZE_MAX;
+    sqlite3_int64 row = 0;
+    std::string text;
+  } best[localizeditems::kCount];
+  {
+    ResetOnExit reset(stmt);
+    sqlite3_bind_int(stmt, 1, widget->getId());
+    int rc;
+    while ((rc = sqlite3_step(stmt)) == SQLITE_ROW) {
+      const unsigned char* item = sqlite3_column_text(stmt, 0);
+      int itemLength = sqlite3_column_bytes(stmt, 0);
+      int k = 0;
+      while (k < localizeditems::kCount &&
+             !(item && sameText(item, itemLength, localizeditems::kAll[k],
+                                strlen(localizeditems::kAll[k])))) {
+        ++k;
+      }
+      if (k == localizeditems::kCount) continue;
+      const unsigned char* lang = sqlite3_column_text(stmt, 1);
+      int langLength = sqlite3_column_bytes(stmt, 1);
+      if (!lang) continue;
+      size_t rank = 0;
+      while (rank < locales.size() &&
+             !(sameText(lang, langLength, locales[rank].data(),
+                        locales[rank].size()) &&
+               quotable(locales[rank], '\''))) {
+        ++rank;
+      }
+      if (rank == locales.size()) continue;
+      sqlite3_int64 row = sqlite3_column_int64(stmt, 3);
+      if (rank < best[k].rank || (rank == best[k].rank && row > best[k].row)) {
+        best[k].rank = rank;
+        best[k].row = row;
+        best[k].text = cellText(stmt, 2);
+      }
+    }
+    if (rc != SQLITE_DONE) return;
+  }
+  if (best[0].rank != SIZE_MAX) widget->setWidgetName(best[0].text);
+  if (best[1].rank != SIZE_MAX) widget->setWidgetShorName(best[1].text);
+  if (best[2].rank != SIZE_MAX) widget->setDescription(best[2].text);
+  if (best[3].rank != SIZE_MAX) widget->setLicense(best[3].text);
+  if (best[4].rank != SIZE_MAX) widget->setLicenseHref(best[4].text);
+}

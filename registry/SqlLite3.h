@@ -1,7 +1,8 @@
 // SqlLite3 is one connection to the widget registry, the SQLite file
 // "widget.db": construction opens it and makes sure its three tables exist,
 // isOpen() tells whether it is usable, destruction closes it. Every statement
-// that the engine runs against the registry is an operation of this class.
+// that the engine runs against the registry is an operation of this class;
+// values are bound, and the two hot lookups are served from a LookupCache.
 #ifndef WIDGETENGINE_SQLLITE3_H_
 #define WIDGETENGINE_SQLLITE3_H_
 
@@ -67,6 +68,10 @@ class SqlLite3 {
  private:
   struct Impl;
   std::unique_ptr<Impl> impl;
+
+  void ensureIndexes();
+  int insertWidgetRows(WidgetsData* widget, bool ownTransaction);
+  std::vector<WidgetsData*> readWidgets(int statement, const std::string* key);
 };
 
 #endif  // WIDGETENGINE_SQLLITE3_H_

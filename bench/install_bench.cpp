@@ -1,0 +1,357 @@
+// Speed of getting a package onto the disk: unpacking with Extractor against
+// bsdtar and unzip, and downloading with Downloader against the curl program,
+// on the same packages and URLs in the same run.
+//
+// Runs are paired in turn (one of each contender, then the next round), one
+// iteration per run, each into a directory never used before. The summary at
+// the end gives each contender's median and the ratios that the targets are
+// stated in.
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "install/Downloader.h"
+#include "install/Extractor.h"
+#include "testing/HttpServer.h"
+#include "testing/TempDir.h"
+#include "testing/ZipBuilder.h"
+
+extern char** environ;
+
+namespace {
+
+const std::string kDataDir = std::string(WIDGETENGINE_BINARY_DIR) + "/bench-data";
+const std::string kRunsDir = kDataDir + "/runs";
+
+// Deterministic bytes, so that every run measures the same packages.
+class Random {
+ public:
+  explicit Random(uint64_t seed) : state_(seed * 2654435761u + 1) {}
+  uint64_t next() {
+    state_ ^= state_ << 13;
+    state_ ^= state_ >> 7;
+    state_ ^= state_ << 17;
+    return state_;
+  }
+  size_t below(size_t n) { return static_cast<size_t>(next() % n); }
+
+ private:
+  uint64_t state_;
+};
+
+std::string randomBytes(Random& random, size_t size) {
+  std::string bytes(size, '\0');
+  for (size_t i = 0; i + 8 <= size; i += 8) {
+    uint64_t value = random.next();
+    memcpy(&bytes[i], &value, 8);
+  }
+  return bytes;
+}
+
+// Markup-like text that deflates about as well as real scripts and pages.
+std::string text(Random& random, size_t size) {
+  static const char* const kWords[] = {
+      "function", "var", "return", "widget", "this", "document", "element",
+      "style", "class", "div", "span", "width", "height", "color", "margin",
+      "if", "else", "for", "new", "value", "name", "title", "locale", "icon",
+      "click", "event", "handler", "update", "clock", "time", "date", "hour",
+      "minute", "second", "display", "none", "block", "0px", "1em", "#fff"};
+  const size_t count = sizeof(kWords) / sizeof(kWords[0]);
+  std::string out;
+  out.reserve(size + 16);
+  while (out.size() < size) {
+    out += kWords[random.below(count)];
+    out += random.below(12) == 0 ? ";\n" : " ";
+    if (random.below(50) == 0) out += std::to_string(random.next() % 100000);
+  }
+  out.resize(size);
+  return out;
+}
+
+struct PackageShape {
+  const char* name;
+  int scale;  // the large package is ten typical ones side by side
+};
+
+// About 200 files and 15 MB per unit of scale: scripts, styles, images in
+// nested folders and a localized copy of pages and pictures per language.
+void buildPackage(const PackageShape& shape, const std::string& path) {
+  Random random(shape.scale);
+  ZipBuilder zip;
+  zip.addFile("config.xml", text(random, 2000));
+  zip.addFile("index.html", text(random, 12000));
+  const int scale = shape.scale;
+  zip.addFolder("js/").addFolder("js/lib/").addFolder("js/app/");
+  for (int i = 0; i < 20 * scale; ++i) {
+    zip.addFile(std::string(i % 2 ? "js/lib/" : "js/app/") + "s" +
+                    std::to_string(i) + ".js",
+                text(random, 20000 + random.below(20000)));
+  }
+  zip.addFolder("css/");
+  for (int i = 0; i < 10 * scale; ++i) {
+    zip.addFile("css/c" + std::to_string(i) + ".css",
+                text(random, 5000 + random.below(10000)));
+  }
+  zip.addFolder("images/");
+  for (int set = 0; set < 4 * scale; ++set) {
+    const std::string folder = "images/set" + std::to_string(set) + "/";
+    zip.addFolder(folder);
+    for (int i = 0; i < 10; ++i) {
+      zip.addFile(folder + "p" + std::to_string(i) + ".png",
+                  randomBytes(random, 50000 + random.below(400000)), 1);
+    }
+  }
+  zip.addFolder("images/icons/");
+  for (int i = 0; i < 20 * scale; ++i) {
+    zip.addFile("images/icons/i" + std::to_string(i) + ".png",
+                randomBytes(random, 10000 + random.below(20000)), 1);
+  }
+  zip.addFolder("locales/");
+  for (const char* lang : {"en", "fr", "de", "es", "it", "ja", "pt-br", "zh"}) {
+    const std::string folder = std::string("locales/") + lang + "/";
+    zip.addFolder(folder);
+    for (int i = 0; i < 12 * scale; ++i) {
+      zip.addFile(folder + "page" + std::to_string(i) + ".html",
+                  text(random, 8000 + random.below(16000)));
+    }
+    for (int i = 0; i < 2 * scale; ++i) {
+      zip.addFile(folder + "banner" + std::to_string(i) + ".png",
+                  randomBytes(random, 100000 + random.below(100000)), 1);
+    }
+  }
+  if (!zip.write(path)) {
+    fprintf(stderr, "cannot build %s\n", path.c_str());
+    exit(1);
+  }
+}
+
+const PackageShape kShapes[] = {{"typical", 1}, {"large", 10}};
+
+std::string packagePath(const char* name) {
+  return kDataDir + "/" + name + ".wgt";
+}
+
+// Run directories are numbered and never reused. Nothing is deleted while
+// measuring: on ext4, creating files right after many were deleted costs a
+// scan past every recently freed inode, which would distort whichever
+// contender ran next. The runs are removed when all is measured.
+std::string freshRunPath(const char* kind) {
+  static int counter = 0;
+  // Each run starts with nothing left to write back from the one before, so
+  // that no run pays for another's dirty pages.
+  int fd = open(kDataDir.c_str(), O_RDONLY | O_DIRECTORY);
+  if (fd >= 0) {
+    syncfs(fd);
+    close(fd);
+  }
+  return kRunsDir + "/" + kind + "-" + std::to_string(++counter);
+}
+
+int runProgram(const std::vector<std::string>& arguments) {
+  std::vector<char*> argv;
+  for (const std::string& a : arguments) argv.push_back(const_cast<char*>(a.c_str()));
+  argv.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+  pid_t child;
+  int status = posix_spawnp(&child, argv[0], &actions, nullptr, argv.data(),
+                            environ);
+  posix_spawn_file_actions_destroy(&actions);
+  if (status != 0) return -1;
+  waitpid(child, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// The engine's own lines (one trace line per entry, download messages) go to
+// a log file while measuring, as they would on a device.
+class StdoutToLog {
+ public:
+  StdoutToLog() {
+    fflush(stdout);
+    saved_ = dup(1);
+    int log = open((kDataDir + "/engine-output.log").c_str(),
+                   O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    dup2(log, 1);
+    close(log);
+  }
+  ~StdoutToLog() {
+    fflush(stdout);
+    dup2(saved_, 1);
+    close(saved_);
+  }
+
+ private:
+  int saved_;
+};
+
+std::map<std::string, std::vector<double>> seconds;
+
+void record(benchmark::State& state, const std::string& name,
+            const std::function<bool()>& run) {
+  bool ok = true;
+  for (auto _ : state) {
+    auto start = std::chrono::steady_clock::now();
+    ok = run() && ok;
+    seconds[name].push_back(std::chrono::duration<double>(
+                                std::chrono::steady_clock::now() - start)
+                                .count());
+  }
+  if (!ok) state.SkipWithError("the run failed");
+}
+
+void BM_Extract(benchmark::State& state, const char* package) {
+  const std::string target = freshRunPath("extract") + "/widget_bench/";
+  const std::string zip = packagePath(package);
+  record(state, std::string("BM_Extract/") + package, [&] {
+    StdoutToLog log;
+    Extractor extractor(zip, target);
+    std::vector<std::string> files;
+    const bool ok = extractor.extract(files) == 0;
+    extractor.setKeepFiles(true);
+    return ok;
+  });
+}
+
+void BM_Bsdtar(benchmark::State& state, const char* package) {
+  const std::string target = freshRunPath("bsdtar");
+  mkdir(target.c_str(), 0755);
+  const std::string zip = packagePath(package);
+  record(state, std::string("BM_Bsdtar/") + package, [&] {
+    return runProgram({"bsdtar", "-xf", zip, "-C", target}) == 0;
+  });
+}
+
+void BM_Unzip(benchmark::State& state, const char* package) {
+  const std::string target = freshRunPath("unzip");
+  const std::string zip = packagePath(package);
+  record(state, std::string("BM_Unzip/") + package, [&] {
+    return runProgram({"unzip", "-q", zip, "-d", target}) == 0;
+  });
+}
+
+HttpServer* server = nullptr;
+
+std::string sourceUrl(const char* scheme) {
+  if (std::string(scheme) == "http") return server->url("/typical.wgt");
+  return "file://" + packagePath("typical");
+}
+
+void BM_Download(benchmark::State& state, const char* scheme) {
+  const std::string folder = freshRunPath("download");
+  mkdir(folder.c_str(), 0755);
+  const std::string url = sourceUrl(scheme);
+  record(state, std::string("BM_Download/") + scheme, [&] {
+    StdoutToLog log;
+    Downloader downloader(url, folder + "/fileAbCdEf");
+    return downloader.download() == 0;
+  });
+}
+
+void BM_CurlCli(benchmark::State& state, const char* scheme) {
+  const std::string folder = freshRunPath("curl");
+  mkdir(folder.c_str(), 0755);
+  const std::string url = sourceUrl(scheme);
+  record(state, std::string("BM_CurlCli/") + scheme, [&] {
+    return runProgram({"curl", "-s", "-o", folder + "/fileAbCdEf", url}) == 0;
+  });
+}
+
+double median(std::vector<double> values) {
+  if (values.empty()) return 0;
+  std::sort(values.begin(), values.end());
+  const size_t n = values.size();
+  return n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
+}
+
+void printRatio(const std::string& ours, const std::string& theirs,
+                double target) {
+  const double a = median(seconds[ours]);
+  const double b = median(seconds[theirs]);
+  if (a <= 0 || b <= 0) return;
+  printf("%-22s %9.2f ms  %-22s %9.2f ms  ratio %.3f  target <= %.2f  %s\n",
+         ours.c_str(), a * 1e3, theirs.c_str(), b * 1e3, a / b, target,
+         a / b <= target ? "met" : "MISSED");
+}
+
+int envInt(const char* name, int fallback) {
+  const char* value = getenv(name);
+  return value && *value ? atoi(value) : fallback;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  mkdir(kDataDir.c_str(), 0755);
+  TempDir::removeTree(kRunsDir);
+  mkdir(kRunsDir.c_str(), 0755);
+  for (const PackageShape& shape : kShapes) {
+    struct stat info;
+    if (stat(packagePath(shape.name).c_str(), &info) != 0) {
+      fprintf(stderr, "building the %s package...\n", shape.name);
+      buildPackage(shape, packagePath(shape.name) + ".part");
+      rename((packagePath(shape.name) + ".part").c_str(),
+             packagePath(shape.name).c_str());
+    }
+  }
+  HttpServer httpServer;
+  httpServer.serveFile("/typical.wgt", packagePath("typical"));
+  server = &httpServer;
+
+  // Registered round by round so that the contenders alternate.
+  const int rounds = envInt("INSTALL_BENCH_ROUNDS", 9);
+  for (int round = 0; round < rounds; ++round) {
+    for (const PackageShape& shape : kShapes) {
+      std::string suffix = std::string("/") + shape.name;
+      benchmark::RegisterBenchmark(("BM_Extract" + suffix).c_str(), BM_Extract,
+                                   shape.name)
+          ->Iterations(1)->UseRealTime()->Unit(benchmark::kMillisecond);
+      benchmark::RegisterBenchmark(("BM_Bsdtar" + suffix).c_str(), BM_Bsdtar,
+                                   shape.name)
+          ->Iterations(1)->UseRealTime()->Unit(benchmark::kMillisecond);
+      benchmark::RegisterBenchmark(("BM_Unzip" + suffix).c_str(), BM_Unzip,
+                                   shape.name)
+          ->Iterations(1)->UseRealTime()->Unit(benchmark::kMillisecond);
+    }
+    for (const char* scheme : {"file", "http"}) {
+      std::string suffix = std::string("/") + scheme;
+      benchmark::RegisterBenchmark(("BM_Download" + suffix).c_str(),
+                                   BM_Download, scheme)
+          ->Iterations(1)->UseRealTime()->Unit(benchmark::kMillisecond);
+      benchmark::RegisterBenchmark(("BM_CurlCli" + suffix).c_str(), BM_CurlCli,
+                                   scheme)
+          ->Iterations(1)->UseRealTime()->Unit(benchmark::kMillisecond);
+    }
+  }
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+
+  printf("\nMedians of %d paired rounds:\n", rounds);
+  for (const PackageShape& shape : kShapes) {
+    const std::string suffix = std::string("/") + shape.name;
+    printRatio("BM_Extract" + suffix, "BM_Bsdtar" + suffix, 0.95);
+    printRatio("BM_Extract" + suffix, "BM_Unzip" + suffix, 0.5);
+  }
+  for (const char* scheme : {"file", "http"}) {
+    const std::string suffix = std::string("/") + scheme;
+    printRatio("BM_Download" + suffix, "BM_CurlCli" + suffix, 1.1);
+  }
+  TempDir::removeTree(kRunsDir);
+  return 0;
+}

@@ -1,0 +1,553 @@
+// Speed of the registry's operations on registries of N widgets of 100 files
+// each, every one measured beside its literal twin (the same answer from the
+// plain statement texts run through sqlite3_get_table on a connection of its
+// own) and, for the lookups, beside the floor (the same key looked up in a
+// std::unordered_map already in memory). Prints the ratios and the memory
+// that a connection holds once its lookups have run at N = 1000.
+#include <benchmark/benchmark.h>
+#include <ftw.h>
+#include <malloc.h>
+#include <sqlite3.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <map>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "registry/LocalizedItemKeys.h"
+#include "registry/SqlLite3.h"
+#include "registry/WidgetsData.h"
+
+namespace {
+
+const int kFilesPerWidget = 100;
+const std::vector<std::string> kLocales = {"de", "fr"};
+const std::vector<std::string> kItemLocales = {"fr", "de", "en"};
+
+std::string widgetName(int i) { return "widget" + std::to_string(i); }
+std::string widgetDir(int i) {
+  return "/tmp/widgetEngine/widget_" + widgetName(i) + "/";
+}
+
+// The files of one widget: index.html and page1.html have localized copies
+// (de and fr for the first, fr only for the second), style.css has none.
+std::vector<std::string> widgetFiles() {
+  std::vector<std::string> files = {"index.html",           "page1.html",
+                                    "style.css",            "config.xml",
+                                    "locales/de/index.html", "locales/fr/index.html",
+                                    "locales/fr/page1.html"};
+  for (int k = 0; files.size() < static_cast<size_t>(kFilesPerWidget); ++k) {
+    files.push_back("resources/img/picture" + std::to_string(k) + ".png");
+  }
+  return files;
+}
+
+int removeEntry(const char* path, const struct stat*, int, struct FTW*) {
+  return remove(path);
+}
+
+// One filled registry in a directory of its own.
+struct Registry {
+  int n = 0;
+  std::string dir;
+  std::string path;
+  std::string plainPath;       // a copy with the tables alone
+  sqlite3* literal = nullptr;  // the twins' own connection, on the copy
+
+  explicit Registry(int count) : n(count) {
+    const char* tmp = getenv("TMPDIR");
+    std::string pattern =
+        std::string(tmp && *tmp ? tmp : "/tmp") + "/registry-bench-XXXXXX";
+    if (!mkdtemp(&pattern[0])) abort();
+    dir = pattern + "/";
+    path = dir + "widget.db";
+    use();
+    SqlLite3 db;
+    if (!db.isOpen()) abort();
+    std::vector<std::string> files = widgetFiles();
+    for (int i = 0; i < n; ++i) {
+      db.beginJob();
+      WidgetsData w(0, "http://example.com/" + widgetName(i) + ".wgt",
+                    widgetName(i), "file://" + widgetDir(i) + "index.html",
+                    widgetDir(i), 320, 240, "1.0", "Widget", "W", "windowed",
+                    "icon.png", "Ann", "ann@example.com", "http://example.com");
+      w.setFiles(files);
+      int id = db.insertWidget(&w);
+      if (id <= 0) abort();
+      for (const char* item : localizeditems::kAll) {
+        std::map<std::string, std::string> texts;
+        for (const char* lang : {"en", "fr", "de", "default"}) {
+          texts[lang] = std::string(item) + " of " + widgetName(i) + " in " + lang;
+        }
+        db.insertLocalizedItems(id, item, texts);
+      }
+      db.endJob();
+    }
+    // The twins run over the three tables as they are created, without the
+    // indexes that the engine adds for its own statements.
+    plainPath = dir + "plain.db";
+    FILE* in = fopen(path.c_str(), "rb");
+    FILE* out = fopen(plainPath.c_str(), "wb");
+    char buffer[65536];
+    size_t got;
+    while ((got = fread(buffer, 1, sizeof buffer, in)) > 0) fwrite(buffer, 1, got, out);
+    fclose(in);
+    fclose(out);
+    sqlite3_open(plainPath.c_str(), &literal);
+    sqlite3_exec(literal,
+                 "DROP INDEX widgetFiles_widgetID_path;"
+                 "DROP INDEX localizedItem_widgetID_item_lang;VACUUM",
+                 nullptr, nullptr, nullptr);
+  }
+  ~Registry() {
+    sqlite3_close(literal);
+    nftw(dir.c_str(), removeEntry, 16, FTW_DEPTH | FTW_PHYS);
+  }
+  void use() const { setenv("YRA_DATA_PATH", dir.c_str(), 1); }
+
+  // sqlite3_get_table and the copy of its cells, as the plain query does.
+  int query(const std::string& sql, std::vector<std::string>& values,
+            int* columns = nullptr) {
+    values.clear();
+    char** table = nullptr;
+    int rows = 0, cols = 0;
+    char* error = nullptr;
+    int rc = sqlite3_get_table(literal, sql.c_str(), &table, &rows, &cols, &error);
+    if (rc == SQLITE_OK) {
+      for (int i = 0; i < rows * cols; ++i) values.push_back(table[cols + i]);
+    }
+    sqlite3_free_table(table);
+    sqlite3_free(error);
+    if (columns) *columns = rows ? cols : 0;
+    return rc;
+  }
+};
+
+Registry& registry(int n) {
+  static std::map<int, std::unique_ptr<Registry>> all;
+  std::unique_ptr<Registry>& r = all[n];
+  if (!r) r.reset(new Registry(n));
+  r->use();
+  return *r;
+}
+
+// The engine's long-lived connection of one registry (as the delegate's).
+SqlLite3& connection(int n) {
+  // The registries are made first so that they outlive the connections.
+  registry(n);
+  static std::map<int, std::unique_ptr<SqlLite3>> all;
+  std::unique_ptr<SqlLite3>& c = all[n];
+  if (!c) c.reset(new SqlLite3());
+  return *c;
+}
+
+std::string launchURL(int n) { return "file://" + widgetDir(n / 2) + "index.html"; }
+
+// ---- isWidget: the name behind a launch URL -------------------------------
+
+void BM_IsWidget(benchmark::State& state) {
+  int n = static_cast<int>(state.range(0));
+  SqlLite3& db = connection(n);
+  const std::string key = launchURL(n);
+  std::string name;
+  for (auto _ : state) {
+    int found = db.getNameByLaunchURL(key, name);
+    benchmark::DoNotOptimize(found);
+  }
+  if (name != widgetName(n / 2)) state.SkipWithError("wrong answer");
+}
+
+void BM_IsWidgetLiteral(benchmark::State& state) {
+  int n = static_cast<int>(state.range(0));
+  Registry& r = registry(n);
+  const std::string key = launchURL(n);
+  std::string name;
+  std::vector<std::string> values;
+  for (auto _ : state) {
+    r.query("SELECT  widgets.Name FROM widgets WHERE launchURL = \"" + key + "\"",
+            values);
+    if (!values.empty()) name = values[0];
+  }
+  if (name != widgetName(n / 2)) state.SkipWithError("wrong answer");
+}
+
+void BM_IsWidgetFloor(benchmark::State& state) {
+  int n = static_cast<int>(state.range(0));
+  std::unordered_map<std::string, std::string> names;
+  for (int i = 0; i < n; ++i) names[launchURL(2 * i)] = widgetName(i);
+  const std::string key = launchURL(n);
+  std::string name;
+  for (auto _ : state) {
+    auto it = names.find(key);
+    if (it != names.end()) name = it->second;
+    benchmark::DoNotOptimize(name);
+  }
+  if (name != widgetName(n / 2)) state.SkipWithError("wrong answer");
+}
+
+// ---- findLocalizedResource over a mix of four addresses --------------------
+
+struct Case {
+  std::string url;
+  std::string answer;  // empty: no redirection
+};
+
+std::vector<Case> resourceMix(int n) {
+  std::string dir = widgetDir(n / 2);
+  return {
+      {"file://" + dir + "index.html", "file://" + dir + "/locales/de/index.html"},
+      {"file://" + dir + "page1.html?x=1",
+       "file://" + dir + "/locales/fr/page1.html?x=1"},
+      {"file://" + dir + "style.css", ""},
+      {"file:///elsewhere/index.html", ""},
+  };
+}
+
+void BM_FindLocalizedResource(benchmark::State& state) {
+  int n = static_cast<int>(state.range(0));
+  SqlLite3& db = connection(n);
+  std::vector<Case> mix = resourceMix(n);
+  std::string url;
+  size_t i = 0;
+  bool right = true;
+  for (auto _ : state) {
+    const Case& c = mix[i++ & 3];
+    url = c.url;
+    int found = db.findLocalizedResource(url, kLocales);
+    right = right && (found ? url == c.answer : c.answer.empty());
+  }
+  if (!right) state.SkipWithError("wrong answer");
+}
+
+int literalFind(Registry& r, std::string& url,
+                const std::vector<std::string>& locales) {
+  std::vector<std::string> values;
+  url.erase(0, 7);
+  std::string query;
+  size_t q = url.find('?');
+  if (q != std::string::npos) {
+    query = url.substr(q);
+    url.resize(q);
+  }
+  r.query("SELECT  widgets.ID, widgets.storagePath from widgetFiles LEFT JOIN "
+          "widgets ON widgetFiles.widgetID=widgets.ID where storagePath || path "
+          "= '" + url + "'",
+          values);
+  if (values.empty()) return 0;
+  std::string id = values.front();
+  std::string dir = values.back();
+  url.erase(0, dir.size());
+  if (url.find("locales") == 0) return 0;
+  for (const std::string& locale : locales) {
+    r.query("SELECT path FROM widgetfiles WHERE widgetID=" + id +
+                " AND PATH='locales/" + locale + "/" + url + "'",
+            values);
+    if (!values.empty()) {
+      url = "file://" + dir + "/" + values.back() + query;
+      return 1;
+    }
+  }
+  return 0;
+}
+
+void BM_FindLocalizedResourceLiteral(benchmark::State& state) {
+  int n = static_cast<int>(state.range(0));
+  Registry& r = registry(n);
+  std::vector<Case> mix = resourceMix(n);
+  std::string url;
+  size_t i = 0;
+  bool right = true;
+  for (auto _ : state) {
+    const Case& c = mix[i++ & 3];
+    url = c.url;
+    int found = literalFind(r, url, kLocales);
+    right = right && (found ? url == c.answer : c.answer.empty());
+  }
+  if (!right) state.SkipWithError("wrong answer");
+}
+
+void BM_FindLocalizedResourceFloor(benchmark::State& state) {
+  int n = static_cast<int>(state.range(0));
+  std::unordered_map<std::string, std::string> answers;
+  std::vector<std::string> files = widgetFiles();
+  for (int w = 0; w < n; ++w) {
+    for (const Case& c : resourceMix(2 * w)) answers[c.url] = c.answer;
+  }
+  std::vector<Case> mix = resourceMix(n);
+  std::string url;
+  size_t i = 0;
+  bool right = true;
+  for (auto _ : state) {
+    const Case& c = mix[i++ & 3];
+    auto it = answers.find(c.url);
+    int found = it != answers.end() && !it->second.empty();
+    if (found) url = it->second;
+    right = right && (found ? url == c.answer : c.answer.empty());
+  }
+  if (!right) state.SkipWithError("wrong answer");
+}
+
+// ---- loadLocalizedItems for three locales ---------------------------------
+
+void BM_LoadLocalizedItems(benchmark::State& state) {
+  int n = static_cast<int>(state.range(0));
+  SqlLite3& db = connection(n);
+  WidgetsData w;
+  w.setId(n / 2 + 1);
+  for (auto _ : state) db.loadLocalizedItems(&w, kItemLocales);
+  if (w.getLicenseHref() != "licensehref of " + widgetName(n / 2) + " in fr") {
+    state.SkipWithError("wrong answer");
+  }
+}
+
+void BM_LoadLocalizedItemsLiteral(benchmark::State& state) {
+  int n = static_cast<int>(state.range(0));
+  Registry& r = registry(n);
+  WidgetsData w;
+  w.setId(n / 2 + 1);
+  std::vector<std::string> values;
+  for (auto _ : state) {
+    std::vector<std::string> locales = kItemLocales;
+    locales.push_back("default");
+    std::string text;
+    std::string found[localizeditems::kCount];
+    for (int k = 0; k < localizeditems::kCount; ++k) {
+      for (const std::string& locale : locales) {
+        r.query("SELECT value FROM localizedItem WHERE widgetId=" +
+                    std::to_string(w.getId()) + " AND item='" +
+                    localizeditems::kAll[k] + "' AND lang='" + locale + "'",
+                values);
+        if (!values.empty()) {
+          found[k] = values.back();
+          break;
+        }
+      }
+    }
+    w.setWidgetName(found[0]);
+    w.setWidgetShorName(found[1]);
+    w.setDescription(found[2]);
+    w.setLicense(found[3]);
+    w.setLicenseHref(found[4]);
+  }
+  if (w.getLicenseHref() != "licensehref of " + widgetName(n / 2) + " in fr") {
+    state.SkipWithError("wrong answer");
+  }
+}
+
+void BM_LoadLocalizedItemsFloor(benchmark::State& state) {
+  int n = static_cast<int>(state.range(0));
+  std::unordered_map<std::string, std::string> texts;
+  for (int i = 0; i < n; ++i) {
+    for (const char* item : localizeditems::kAll) {
+      texts[std::to_string(i + 1) + "/" + item] =
+          std::string(item) + " of " + widgetName(i) + " in fr";
+    }
+  }
+  WidgetsData w;
+  w.setId(n / 2 + 1);
+  std::string keys[localizeditems::kCount];
+  for (int k = 0; k < localizeditems::kCount; ++k) {
+    keys[k] = std::to_string(w.getId()) + "/" + localizeditems::kAll[k];
+  }
+  for (auto _ : state) {
+    w.setWidgetName(texts.find(keys[0])->second);
+    w.setWidgetShorName(texts.find(keys[1])->second);
+    w.setDescription(texts.find(keys[2])->second);
+    w.setLicense(texts.find(keys[3])->second);
+    w.setLicenseHref(texts.find(keys[4])->second);
+  }
+  if (w.getLicenseHref() != "licensehref of " + widgetName(n / 2) + " in fr") {
+    state.SkipWithError("wrong answer");
+  }
+}
+
+// ---- opening a connection with its structure check ------------------------
+
+void BM_Open(benchmark::State& state) {
+  registry(static_cast<int>(state.range(0)));
+  bool open = true;
+  for (auto _ : state) {
+    SqlLite3 db;
+    open = open && db.isOpen();
+  }
+  if (!open) state.SkipWithError("not open");
+}
+
+void BM_OpenLiteral(benchmark::State& state) {
+  Registry& r = registry(static_cast<int>(state.range(0)));
+  bool open = true;
+  for (auto _ : state) {
+    sqlite3* db = nullptr;
+    open = open && sqlite3_open(r.plainPath.c_str(), &db) == SQLITE_OK;
+    for (const char* table : {"widgets", "widgetFiles", "localizedItem"}) {
+      char* error = nullptr;
+      std::string sql = std::string("SELECT COUNT(*) FROM ") + table;
+      open = open && sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &error) ==
+                         SQLITE_OK;
+      sqlite3_free(error);
+    }
+    sqlite3_close(db);
+  }
+  if (!open) state.SkipWithError("not open");
+}
+
+// ---- selectWidgets("SELECT * FROM Widgets") -------------------------------
+
+void BM_SelectWidgets(benchmark::State& state) {
+  int n = static_cast<int>(state.range(0));
+  SqlLite3& db = connection(n);
+  size_t count = 0;
+  for (auto _ : state) {
+    std::vector<WidgetsData*> rows = db.selectWidgets("SELECT * FROM Widgets");
+    count = rows.size();
+    for (WidgetsData* w : rows) delete w;
+  }
+  if (count != static_cast<size_t>(n)) state.SkipWithError("wrong answer");
+}
+
+void BM_SelectWidgetsLiteral(benchmark::State& state) {
+  int n = static_cast<int>(state.range(0));
+  Registry& r = registry(n);
+  std::vector<std::string> v;
+  size_t count = 0;
+  for (auto _ : state) {
+    int columns = 0;
+    r.query("SELECT * FROM Widgets", v, &columns);
+    std::vector<WidgetsData*> rows;
+    for (size_t i = 0; columns && i < v.size(); i += columns) {
+      rows.push_back(new WidgetsData(
+          atoi(v[i].c_str()), v[i + 1], v[i + 2], v[i + 3], v[i + 4],
+          atoi(v[i + 5].c_str()), atoi(v[i + 6].c_str()), v[i + 7], v[i + 8],
+          v[i + 9], v[i + 10], v[i + 11], v[i + 12], v[i + 13], v[i + 14]));
+    }
+    count = rows.size();
+    for (WidgetsData* w : rows) delete w;
+  }
+  if (count != static_cast<size_t>(n)) state.SkipWithError("wrong answer");
+}
+
+void BM_SelectWidgetsFloor(benchmark::State& state) {
+  int n = static_cast<int>(state.range(0));
+  std::unordered_map<std::string, std::vector<WidgetsData>> results;
+  std::vector<WidgetsData>& all = results["SELECT * FROM Widgets"];
+  for (int i = 0; i < n; ++i) {
+    all.emplace_back(i + 1, "http://example.com/" + widgetName(i) + ".wgt",
+                     widgetName(i), "file://" + widgetDir(i) + "index.html",
+                     widgetDir(i), 320, 240, "1.0", "Widget", "W", "windowed",
+                     "icon.png", "Ann", "ann@example.com", "http://example.com");
+  }
+  size_t count = 0;
+  for (auto _ : state) {
+    const std::vector<WidgetsData>& found = results.find("SELECT * FROM Widgets")->second;
+    std::vector<WidgetsData*> rows;
+    for (const WidgetsData& w : found) rows.push_back(new WidgetsData(w));
+    count = rows.size();
+    for (WidgetsData* w : rows) delete w;
+  }
+  if (count != static_cast<size_t>(n)) state.SkipWithError("wrong answer");
+}
+
+#define REGISTRY_BENCHMARK(name) \
+  BENCHMARK(name)->Arg(10)->Arg(100)->Arg(1000)->Unit(benchmark::kNanosecond)
+
+REGISTRY_BENCHMARK(BM_IsWidget);
+REGISTRY_BENCHMARK(BM_IsWidgetLiteral);
+REGISTRY_BENCHMARK(BM_IsWidgetFloor);
+REGISTRY_BENCHMARK(BM_FindLocalizedResource);
+REGISTRY_BENCHMARK(BM_FindLocalizedResourceLiteral);
+REGISTRY_BENCHMARK(BM_FindLocalizedResourceFloor);
+REGISTRY_BENCHMARK(BM_LoadLocalizedItems);
+REGISTRY_BENCHMARK(BM_LoadLocalizedItemsLiteral);
+REGISTRY_BENCHMARK(BM_LoadLocalizedItemsFloor);
+REGISTRY_BENCHMARK(BM_Open);
+REGISTRY_BENCHMARK(BM_OpenLiteral);
+REGISTRY_BENCHMARK(BM_SelectWidgets);
+REGISTRY_BENCHMARK(BM_SelectWidgetsLiteral);
+REGISTRY_BENCHMARK(BM_SelectWidgetsFloor);
+
+// Keeps every run's time per iteration for the ratios printed at the end.
+class RatioReporter : public benchmark::ConsoleReporter {
+ public:
+  void ReportRuns(const std::vector<Run>& runs) override {
+    for (const Run& run : runs) {
+      if (run.run_type == Run::RT_Iteration && !run.error_occurred) {
+        times_[run.benchmark_name()] = run.GetAdjustedRealTime();
+      }
+    }
+    ConsoleReporter::ReportRuns(runs);
+  }
+  double time(const std::string& name) const {
+    auto it = times_.find(name);
+    return it == times_.end() ? 0 : it->second;
+  }
+
+ private:
+  std::map<std::string, double> times_;
+};
+
+void printRatios(const RatioReporter& r) {
+  const char* ops[] = {"IsWidget", "FindLocalizedResource", "LoadLocalizedItems",
+                       "Open", "SelectWidgets"};
+  printf("\n%-24s %6s %14s %14s %14s %12s %12s\n", "operation", "N", "ns",
+         "literal ns", "floor ns", "literal/op", "op/floor");
+  for (const char* op : ops) {
+    for (int n : {10, 100, 1000}) {
+      std::string suffix = "/" + std::to_string(n);
+      double mine = r.time(std::string("BM_") + op + suffix);
+      double literal = r.time(std::string("BM_") + op + "Literal" + suffix);
+      double floor = r.time(std::string("BM_") + op + "Floor" + suffix);
+      if (mine <= 0) continue;
+      printf("%-24s %6d %14.1f %14.1f %14.1f %12.1f %12.2f\n", op, n, mine,
+             literal, floor, literal / mine, floor > 0 ? mine / floor : 0.0);
+    }
+  }
+  double at10 = r.time("BM_FindLocalizedResource/10");
+  double at1000 = r.time("BM_FindLocalizedResource/1000");
+  if (at10 > 0) {
+    printf("FindLocalizedResource N=1000 / N=10: %.2f\n", at1000 / at10);
+  }
+}
+
+// The heap that one long-lived connection holds at N = 1000 once its
+// lookups have run (index, kept statements, SQLite's page cache).
+void printMemory() {
+  registry(1000);
+  sqlite3_int64 sqliteBefore = sqlite3_memory_used();
+  struct mallinfo2 before = mallinfo2();
+  {
+    std::unique_ptr<SqlLite3> db(new SqlLite3());
+    std::string name;
+    db->getNameByLaunchURL(launchURL(1000), name);
+    std::string url = resourceMix(1000)[0].url;
+    db->findLocalizedResource(url, kLocales);
+    WidgetsData w;
+    w.setId(501);
+    db->loadLocalizedItems(&w, kItemLocales);
+    struct mallinfo2 after = mallinfo2();
+    sqlite3_int64 sqliteAfter = sqlite3_memory_used();
+    // Large blocks are mapped on their own and counted apart (hblkhd).
+    double heap = static_cast<double>(after.uordblks + after.hblkhd) -
+                  static_cast<double>(before.uordblks + before.hblkhd);
+    double sqlite = static_cast<double>(sqliteAfter - sqliteBefore);
+    printf("registry memory at N=1000: %.2f MB of heap (SQLite %.2f MB, "
+           "lookup index and the rest %.2f MB); limit 16 MB\n",
+           heap / 1048576.0, sqlite / 1048576.0, (heap - sqlite) / 1048576.0);
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  RatioReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  printRatios(reporter);
+  printMemory();
+  benchmark::Shutdown();
+  return 0;
+}

@@ -1,0 +1,378 @@
+// Checks the engine as a browser meets it: the handle, the reference count,
+// the slot order of the interface, the exported symbols, and a host program
+// built against an installed copy of the library.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <new>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <widgetengine/WidgetEngineDelegate.h>
+
+#include "registry/SqlLite3.h"
+#include "testing/CaptureStdout.h"
+#include "testing/ScopedEnv.h"
+#include "testing/TempDir.h"
+
+namespace {
+
+// Runs a shell command; its exit status, with stdout and stderr in *output.
+int runCommand(const std::string& command, std::string* output) {
+  FILE* pipe = popen((command + " 2>&1").c_str(), "r");
+  if (!pipe) return -1;
+  std::string text;
+  char buffer[4096];
+  size_t n;
+  while ((n = fread(buffer, 1, sizeof buffer, pipe)) > 0) text.append(buffer, n);
+  const int status = pclose(pipe);
+  if (output) *output = text;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+std::string shellQuoted(const std::string& text) { return "'" + text + "'"; }
+
+// Slot index of a virtual member function, read from its pointer-to-member
+// representation: the vtable byte offset plus one.
+template <typename Member>
+long slotOf(Member member) {
+  struct Representation {
+    uintptr_t ptr;
+    ptrdiff_t adjustment;
+  };
+  static_assert(sizeof(Member) == sizeof(Representation), "two words");
+  Representation representation;
+  memcpy(&representation, &member, sizeof representation);
+  if ((representation.ptr & 1) == 0) return -1;  // not virtual
+  return static_cast<long>((representation.ptr - 1) / sizeof(void*));
+}
+
+// A browser-side implementation that records which operation ran.
+class Recorder : public WebWidgetEngineDelegate {
+ public:
+  explicit Recorder(std::string* log) : log_(log) {}
+  ~Recorder() override { *log_ += "~"; }
+  char* receiveWidget(const char*, WebFrame*) override {
+    *log_ += "receiveWidget";
+    return nullptr;
+  }
+  int deleteWidget(const char*, WebFrame*) override {
+    *log_ += "deleteWidget";
+    return 0;
+  }
+  WidgetsData* getInfo(const char*, WebFrame*, const char*) override {
+    *log_ += "getInfo";
+    return nullptr;
+  }
+  std::vector<WidgetsData*> getAll(WebFrame*) override {
+    *log_ += "getAll";
+    return {};
+  }
+  char* mapResource(const char*, const char*) override {
+    *log_ += "mapResource";
+    return nullptr;
+  }
+  int isWidget(const char*) override {
+    *log_ += "isWidget";
+    return 7;
+  }
+
+ private:
+  std::string* log_;
+};
+
+class Probe : public WidgetEngineDelegate {
+ public:
+  explicit Probe(bool* destroyed) : destroyed_(destroyed) {}
+  ~Probe() override { *destroyed_ = true; }
+
+ private:
+  bool* destroyed_;
+};
+
+void** vtableOf(const void* object) {
+  void** table;
+  memcpy(&table, object, sizeof table);
+  return table;
+}
+
+class PublicInterfaceTest : public ::testing::Test {
+ protected:
+  PublicInterfaceTest() : env_("YRA_DATA_PATH", registry_.path() + "/") {}
+  TempDir registry_;
+  ScopedEnv env_;
+};
+
+}  // namespace
+
+TEST_F(PublicInterfaceTest, HandleIsOnePointerWide) {
+  static_assert(sizeof(RefPtr<WebWidgetEngineDelegate>) == sizeof(void*),
+                "the handle is one pointer");
+  EXPECT_EQ(sizeof(void*), sizeof(RefPtr<WebWidgetEngineDelegate>));
+  EXPECT_EQ(sizeof(unsigned), sizeof(SharedObject<WebWidgetEngineDelegate>));
+}
+
+TEST_F(PublicInterfaceTest, FactoryCountIsOneAndCopiesRaiseIt) {
+  RefPtr<WebWidgetEngineDelegate> engine = WidgetEngineDelegate::createInstance();
+  ASSERT_TRUE(engine);
+  EXPECT_EQ(1u, engine->refCount());
+  {
+    RefPtr<WebWidgetEngineDelegate> copy(engine);
+    EXPECT_EQ(2u, engine->refCount());
+    RefPtr<WebWidgetEngineDelegate> assigned;
+    assigned = copy;
+    EXPECT_EQ(3u, engine->refCount());
+    EXPECT_EQ(engine.get(), assigned.get());
+  }
+  EXPECT_EQ(1u, engine->refCount());
+  RefPtr<WebWidgetEngineDelegate> moved(std::move(engine));
+  EXPECT_EQ(1u, moved->refCount());
+  EXPECT_FALSE(engine);
+}
+
+TEST_F(PublicInterfaceTest, LastReleaseDeletesThroughVirtualDestructor) {
+  bool destroyed = false;
+  RefPtr<WebWidgetEngineDelegate> first(new Probe(&destroyed));
+  RefPtr<WebWidgetEngineDelegate> second(first);
+  first = RefPtr<WebWidgetEngineDelegate>();
+  EXPECT_FALSE(destroyed);
+  EXPECT_EQ(1u, second->refCount());
+  second = RefPtr<WebWidgetEngineDelegate>();
+  EXPECT_TRUE(destroyed);
+}
+
+TEST_F(PublicInterfaceTest, OperationsSitInTheirSlotsAfterTheTwoDestructors) {
+  EXPECT_EQ(2, slotOf(&WebWidgetEngineDelegate::receiveWidget));
+  EXPECT_EQ(3, slotOf(&WebWidgetEngineDelegate::deleteWidget));
+  EXPECT_EQ(4, slotOf(&WebWidgetEngineDelegate::getInfo));
+  EXPECT_EQ(5, slotOf(&WebWidgetEngineDelegate::getAll));
+  EXPECT_EQ(6, slotOf(&WebWidgetEngineDelegate::mapResource));
+  EXPECT_EQ(7, slotOf(&WebWidgetEngineDelegate::isWidget));
+  EXPECT_EQ(2, slotOf(&WidgetEngineDelegate::receiveWidget));
+  EXPECT_EQ(3, slotOf(&WidgetEngineDelegate::deleteWidget));
+  EXPECT_EQ(4, slotOf(&WidgetEngineDelegate::getInfo));
+  EXPECT_EQ(5, slotOf(&WidgetEngineDelegate::getAll));
+  EXPECT_EQ(6, slotOf(&WidgetEngineDelegate::mapResource));
+  EXPECT_EQ(7, slotOf(&WidgetEngineDelegate::isWidget));
+  // The reference count is not virtual and adds no slot.
+  EXPECT_EQ(-1, slotOf(&WebWidgetEngineDelegate::ref));
+}
+
+TEST_F(PublicInterfaceTest, SlotsCalledByIndexReachTheirOperations) {
+  using Receive = char* (*)(WebWidgetEngineDelegate*, const char*, WebFrame*);
+  using Delete = int (*)(WebWidgetEngineDelegate*, const char*, WebFrame*);
+  using Info = WidgetsData* (*)(WebWidgetEngineDelegate*, const char*,
+                                WebFrame*, const char*);
+  using All = std::vector<WidgetsData*> (*)(WebWidgetEngineDelegate*, WebFrame*);
+  using Map = char* (*)(WebWidgetEngineDelegate*, const char*, const char*);
+  using Is = int (*)(WebWidgetEngineDelegate*, const char*);
+  using Destroy = void (*)(WebWidgetEngineDelegate*);
+
+  std::string log;
+  Recorder* recorder = new Recorder(&log);
+  WebWidgetEngineDelegate* object = recorder;
+  void** table = vtableOf(object);
+  reinterpret_cast<Receive>(table[2])(object, "u", nullptr);
+  reinterpret_cast<Delete>(table[3])(object, "n", nullptr);
+  reinterpret_cast<Info>(table[4])(object, "n", nullptr, "en");
+  reinterpret_cast<All>(table[5])(object, nullptr);
+  reinterpret_cast<Map>(table[6])(object, "u", "en");
+  EXPECT_EQ(7, reinterpret_cast<Is>(table[7])(object, "u"));
+  EXPECT_EQ("receiveWidgetdeleteWidgetgetInfogetAllmapResourceisWidget", log);
+
+  // Slot 1 destroys and frees the object.
+  log.clear();
+  reinterpret_cast<Destroy>(table[1])(object);
+  EXPECT_EQ("~", log);
+
+  // Slot 0 destroys without freeing.
+  alignas(Recorder) unsigned char storage[sizeof(Recorder)];
+  WebWidgetEngineDelegate* placed = new (storage) Recorder(&log);
+  log.clear();
+  reinterpret_cast<Destroy>(vtableOf(placed)[0])(placed);
+  EXPECT_EQ("~", log);
+}
+
+TEST_F(PublicInterfaceTest, EngineAnswersThroughItsSlots) {
+  using Is = int (*)(WebWidgetEngineDelegate*, const char*);
+  using All = std::vector<WidgetsData*> (*)(WebWidgetEngineDelegate*, WebFrame*);
+  RefPtr<WebWidgetEngineDelegate> engine = WidgetEngineDelegate::createInstance();
+  void** table = vtableOf(engine.get());
+  CaptureStdout out;
+  EXPECT_EQ(0, reinterpret_cast<Is>(table[7])(engine.get(), "file:///x"));
+  EXPECT_TRUE(reinterpret_cast<All>(table[5])(engine.get(), nullptr).empty());
+  EXPECT_EQ("Nothing to clean\n", out.text());
+}
+
+TEST_F(PublicInterfaceTest, LibraryExportsOnlyTheEngineInterface) {
+  const std::string library =
+      std::string(WIDGETENGINE_BINARY_DIR) + "/libwidgetengine.so";
+  ASSERT_EQ(0, access(library.c_str(), R_OK)) << library;
+  std::string listing;
+  ASSERT_EQ(0, runCommand("nm -D --defined-only -C " + shellQuoted(library), &listing))
+      << listing;
+
+  const std::set<std::string> allowedWhole = {
+      "vtable for WidgetEngineDelegate",
+      "typeinfo for WidgetEngineDelegate",
+      "typeinfo name for WidgetEngineDelegate",
+      "vtable for WebWidgetEngineDelegate",
+      "typeinfo for WebWidgetEngineDelegate",
+      "typeinfo name for WebWidgetEngineDelegate",
+      "vtable for SharedObject<WebWidgetEngineDelegate>",
+      "typeinfo for SharedObject<WebWidgetEngineDelegate>",
+      "typeinfo name for SharedObject<WebWidgetEngineDelegate>",
+  };
+  std::istringstream lines(listing);
+  std::string line;
+  std::vector<std::string> strangers;
+  bool sawFactory = false;
+  bool sawRecord = false;
+  while (std::getline(lines, line)) {
+    // "<address> <type> <demangled name>"
+    const size_t first = line.find(' ');
+    if (first == std::string::npos) continue;
+    const size_t second = line.find(' ', first + 1);
+    if (second == std::string::npos) continue;
+    const std::string name = line.substr(second + 1);
+    if (name.rfind("WidgetEngineDelegate::", 0) == 0) {
+      if (name == "WidgetEngineDelegate::createInstance()") sawFactory = true;
+      continue;
+    }
+    if (name.rfind("WidgetsData::", 0) == 0) {
+      sawRecord = true;
+      continue;
+    }
+    if (allowedWhole.count(name)) continue;
+    strangers.push_back(line);
+  }
+  EXPECT_TRUE(sawFactory) << listing;
+  EXPECT_TRUE(sawRecord) << listing;
+  std::string report;
+  for (const std::string& stranger : strangers) report += stranger + "\n";
+  EXPECT_TRUE(strangers.empty()) << "exported beyond the interface:\n" << report;
+}
+
+namespace {
+
+const char kHostProgram[] = R"(#include <widgetengine/WidgetEngineDelegate.h>
+#include <cstdio>
+int main(int argc, char** argv) {
+  RefPtr<WebWidgetEngineDelegate> engine = WidgetEngineDelegate::createInstance();
+  if (!engine || engine->refCount() != 1 || argc < 2) return 2;
+  int known = engine->isWidget(argv[1]);
+  std::vector<WidgetsData*> all = engine->getAll(nullptr);
+  std::printf("host: %d %zu %s\n", known, all.size(), all.empty() ? "-" : all[0]->getName().c_str());
+  for (WidgetsData* widget : all) delete widget;
+  return 0;
+}
+)";
+
+const char kHostProject[] = R"(cmake_minimum_required(VERSION 3.16)
+project(host LANGUAGES CXX)
+set(CMAKE_CXX_STANDARD 17)
+find_package(widgetengine REQUIRED)
+add_executable(host host.cpp)
+target_link_libraries(host PRIVATE widgetengine::widgetengine)
+)";
+
+#if defined(__SANITIZE_ADDRESS__)
+// The library of this build needs the sanitizer runtime first in line.
+const char kHostFlags[] =
+    "-fsanitize=address,undefined -fno-omit-frame-pointer";
+#else
+const char kHostFlags[] = "";
+#endif
+
+class InstalledPackageTest : public PublicInterfaceTest {
+ protected:
+  // Installs the build tree into a fresh prefix. The schema and the registry
+  // directory go to absolute places; a build that points them outside the
+  // source tree gets a staging root so that nothing lands on the system.
+  void SetUp() override {
+    const std::string schema = WIDGETENGINE_TEST_SCHEMA_PATH;
+    const std::string source = WIDGETENGINE_SOURCE_DIR;
+    std::string destdir;
+    if (schema.rfind(source + "/", 0) != 0) {
+      destdir = "DESTDIR=" + shellQuoted(work_.file("stage")) + " ";
+      prefix_ = work_.file("stage") + "/opt/widgetengine";
+      installPrefix_ = "/opt/widgetengine";
+    } else {
+      prefix_ = work_.file("prefix");
+      installPrefix_ = prefix_;
+    }
+    std::string output;
+    ASSERT_EQ(0, runCommand(destdir + "cmake --install " +
+                                shellQuoted(WIDGETENGINE_BINARY_DIR) + " --prefix " +
+                                shellQuoted(installPrefix_),
+                            &output))
+        << output;
+    ASSERT_EQ(0, access((prefix_ + "/include/widgetengine/WidgetEngineDelegate.h")
+                            .c_str(),
+                        R_OK));
+    TempDir::writeFile(work_.file("host.cpp"), kHostProgram);
+
+    // One registered widget for the host to find.
+    SqlLite3 db;
+    ASSERT_TRUE(db.isOpen());
+    WidgetsData widget(0, "http://127.0.0.1/clock.wgt", "clock",
+                       "file:///w/widget_clock/index.html", "/w/widget_clock/",
+                       1, 1, "1", "Clock", "C", "", "", "", "", "");
+    ASSERT_GT(db.insertWidget(&widget), 0);
+  }
+
+  std::string libraryPath() const {
+    return "LD_LIBRARY_PATH=" + shellQuoted(prefix_ + "/lib") + " ";
+  }
+
+  void expectHostAnswers(const std::string& host) {
+    std::string output;
+    ASSERT_EQ(0, runCommand(libraryPath() + shellQuoted(host) +
+                                " file:///w/widget_clock/index.html",
+                            &output))
+        << output;
+    EXPECT_NE(std::string::npos, output.find("host: 1 1 clock\n")) << output;
+  }
+
+  TempDir work_;
+  std::string prefix_;
+  std::string installPrefix_;
+};
+
+}  // namespace
+
+TEST_F(InstalledPackageTest, HostBuildsWithPkgConfig) {
+  std::string output;
+  const std::string flags =
+      "PKG_CONFIG_PATH=" + shellQuoted(prefix_ + "/lib/pkgconfig") +
+      " pkg-config --cflags --libs widgetengine";
+  ASSERT_EQ(0, runCommand(flags, &output)) << output;
+  EXPECT_NE(std::string::npos, output.find("-lwidgetengine")) << output;
+  const std::string host = work_.file("host-pc");
+  ASSERT_EQ(0, runCommand("c++ -std=c++17 " + std::string(kHostFlags) + " " +
+                              shellQuoted(work_.file("host.cpp")) + " -o " +
+                              shellQuoted(host) + " $(" + flags + ")",
+                          &output))
+      << output;
+  expectHostAnswers(host);
+}
+
+TEST_F(InstalledPackageTest, HostBuildsWithFindPackage) {
+  TempDir::writeFile(work_.file("CMakeLists.txt"), kHostProject);
+  std::string output;
+  ASSERT_EQ(0, runCommand("cmake -S " + shellQuoted(work_.path()) + " -B " +
+                              shellQuoted(work_.file("build")) +
+                              " -DCMAKE_PREFIX_PATH=" + shellQuoted(prefix_) +
+                              " -DCMAKE_CXX_FLAGS=" + shellQuoted(kHostFlags),
+                          &output))
+      << output;
+  ASSERT_EQ(0, runCommand("cmake --build " + shellQuoted(work_.file("build")), &output))
+      << output;
+  expectHostAnswers(work_.file("build/host"));
+}

@@ -1,0 +1,96 @@
+#include "engine/UserAgentLocales.h"
+
+#include <cctype>
+#include <cstdio>
+#include <sstream>
+
+#include "install/WidgetQuery.h"
+
+namespace {
+
+// Compared in this order; the "i-" ones are also caught by the prefix test.
+const char* const kIrregularTags[] = {
+    "art-lojban", "i-ami",       "i-bnn",       "i-hak",     "i-klingon",
+    "i-lux",      "i-navajo",    "i-pwn",       "i-tao",     "i-tay",
+    "i-tsu",      "no-bok",      "no-nyn",      "sgn-be-fr", "sgn-be-nl",
+    "sgn-ch-de",  "zh-guoyu",    "zh-hakka",    "zh-min",    "zh-xiang",
+    "sgn-br",     "sgn-co",      "sgn-de",      "sgn-dk",    "sgn-es",
+    "sgn-fr",     "sgn-gb",      "sgn-gr",      "sgn-ie",    "sgn-it",
+    "sgn-jp",     "sgn-mx",      "sgn-ni",      "sgn-nl",    "sgn-no",
+    "sgn-pt",     "sgn-se",      "sgn-us",      "sgn-za",    "zh-cmn",
+    "zh-cmn-hans", "zh-cmn-hant", "zh-gan",     "zh-wuu",    "zh-yue",
+};
+
+}  // namespace
+
+UserAgentLocales::UserAgentLocales() {}
+
+UserAgentLocales::UserAgentLocales(const std::string& language) {
+  compute(language);
+}
+
+void UserAgentLocales::compute(std::string language) {
+  this->language = language;
+  for (char& c : language) {
+    c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+  }
+
+  std::vector<std::string> tokens;
+  splitString(language, ',', tokens);
+  locales.clear();
+
+  for (std::string& token : tokens) {
+    // A token that is empty reads '\0' here, which is no star.
+    if (token[0] == '*') continue;
+    // Cannot hold once the test above passed; kept so that the filters read
+    // as the list of rules they implement.
+    if (token.compare(0, 2, "*-") == 0) continue;
+    if (hasInnerSpace(token)) continue;
+    if (isIrregularTag(token)) continue;
+
+    // "en-*" becomes "en" and "en-*-us" becomes "en-us": each star goes with
+    // the character before it. The first character is never a star here.
+    for (size_t star = token.find('*'); star != std::string::npos;
+         star = token.find('*')) {
+      token.erase(star - 1, 2);
+    }
+
+    locales.push_back(token);
+    for (size_t dash = token.rfind('-'); dash != std::string::npos;
+         dash = token.rfind('-')) {
+      token.erase(dash);
+      locales.push_back(token);
+    }
+  }
+
+  printf("[%s:%s] Computed locales : %s\n", "V", "UserAgentLocales",
+         joinStrings(locales).c_str());
+}
+
+std::string UserAgentLocales::getLanguage() const { return language; }
+
+std::vector<std::string> UserAgentLocales::getLocales() const {
+  return locales;
+}
+
+bool UserAgentLocales::isIrregularTag(const std::string& tag) const {
+  if (tag.compare(0, 2, "i-") == 0) return true;
+  for (const char* irregular : kIrregularTags) {
+    if (tag == irregular) return true;
+  }
+  return false;
+}
+
+bool UserAgentLocales::hasInnerSpace(const std::string& tag) const {
+  for (size_t i = 1; i < tag.size(); ++i) {
+    if (isspace(static_cast<unsigned char>(tag[i]))) return true;
+  }
+  return false;
+}
+
+void UserAgentLocales::splitString(const std::string& text, char delimiter,
+                                   std::vector<std::string>& out) {
+  std::istringstream stream(text);
+  std::string piece;
+  while (std::getline(stream, piece, delimiter)) out.push_back(piece);
+}

@@ -1,0 +1,798 @@
+#include "install/Extractor.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "testing/CaptureStdout.h"
+#include "testing/TempDir.h"
+#include "testing/ZipBuilder.h"
+
+namespace {
+
+using Files = std::vector<std::string>;
+
+std::string trace(const std::string& full) {
+  return "[V:Extractor] filename: " + full + "\n";
+}
+
+bool isDirectory(const std::string& path) {
+  struct stat info;
+  return lstat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+}
+
+mode_t permissions(const std::string& path) {
+  struct stat info;
+  if (lstat(path.c_str(), &info) != 0) return 0;
+  return info.st_mode & 07777;
+}
+
+std::string currentDirectory() {
+  char buffer[PATH_MAX];
+  return getcwd(buffer, sizeof(buffer)) ? buffer : "";
+}
+
+// Offsets of the zip records that the fault tests rewrite.
+std::vector<size_t> findAll(const std::string& bytes, const char* signature) {
+  std::vector<size_t> at;
+  for (size_t i = bytes.find(signature, 0, 4); i != std::string::npos;
+       i = bytes.find(signature, i + 1, 4)) {
+    at.push_back(i);
+  }
+  return at;
+}
+const char kLocalHeader[] = "PK\x03\x04";
+const char kCentralHeader[] = "PK\x01\x02";
+
+void put16(std::string& bytes, size_t at, uint16_t value) {
+  bytes[at] = static_cast<char>(value & 0xff);
+  bytes[at + 1] = static_cast<char>(value >> 8);
+}
+void put32(std::string& bytes, size_t at, uint32_t value) {
+  for (int i = 0; i < 4; ++i) {
+    bytes[at + i] = static_cast<char>((value >> (8 * i)) & 0xff);
+  }
+}
+
+class ExtractorTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    umask(022);
+    zipPath = dir.file("package.wgt");
+    target = dir.file("widget_clock") + "/";
+  }
+
+  void build(const ZipBuilder& zip) { ASSERT_TRUE(zip.write(zipPath)); }
+
+  // Runs one extraction into target and returns its result; output holds
+  // what it printed (without the destruction's line, which ends in cleaned).
+  int extract(Files& files, std::string* output = nullptr) {
+    CaptureStdout capture;
+    Extractor extractor(zipPath, target);
+    int result = extractor.extract(files);
+    extractor.setKeepFiles(true);
+    if (output) *output = capture.text();
+    return result;
+  }
+
+  TempDir dir;
+  std::string zipPath;
+  std::string target;
+};
+
+TEST_F(ExtractorTest, ExtractsFilesAndListsThemInArchiveOrder) {
+  ZipBuilder zip;
+  zip.addFile("config.xml", "<widget/>")
+      .addFolder("images/")
+      .addFile("images/icon.png", std::string("\x89PNG\0\1", 6),
+               ZipBuilder::kStored)
+      .addFile("index.html", "<html></html>");
+  build(zip);
+  Files files;
+  std::string output;
+  ASSERT_EQ(0, extract(files, &output));
+  EXPECT_EQ((Files{"config.xml", "images/icon.png", "index.html"}), files);
+  EXPECT_EQ(trace(target + "config.xml") + trace(target + "images/") +
+                trace(target + "images/icon.png") +
+                trace(target + "index.html"),
+            output);
+  EXPECT_EQ("<widget/>", TempDir::readFile(target + "config.xml"));
+  EXPECT_EQ(std::string("\x89PNG\0\1", 6),
+            TempDir::readFile(target + "images/icon.png"));
+  EXPECT_EQ("<html></html>", TempDir::readFile(target + "index.html"));
+  EXPECT_EQ(0644u, permissions(target + "config.xml"));
+  EXPECT_EQ(0755u, permissions(target + "images"));
+}
+
+TEST_F(ExtractorTest, EveryCompressionMethodGivesTheSameBytes) {
+  std::string text;
+  for (int i = 0; i < 50000; ++i) text += "row " + std::to_string(i % 97) + ";";
+  std::string noise(3 << 20, '\0');
+  unsigned state = 7;
+  for (char& c : noise) {
+    state = state * 1103515245u + 12345u;
+    c = static_cast<char>(state >> 16);
+  }
+  ZipBuilder zip;
+  zip.addFile("stored.txt", text, ZipBuilder::kStored)
+      .addFile("deflated.txt", text)
+      .addFile("fast.bin", noise, 1)
+      .addFile("bzip2.txt", text, ZipBuilder::kBzip2)
+      .addFile("empty.txt", "")
+      .addFile("empty-stored.txt", "", ZipBuilder::kStored);
+  build(zip);
+  Files files;
+  ASSERT_EQ(0, extract(files));
+  EXPECT_EQ(6u, files.size());
+  EXPECT_TRUE(TempDir::readFile(target + "stored.txt") == text);
+  EXPECT_TRUE(TempDir::readFile(target + "deflated.txt") == text);
+  EXPECT_TRUE(TempDir::readFile(target + "fast.bin") == noise);
+  EXPECT_TRUE(TempDir::readFile(target + "bzip2.txt") == text);
+  EXPECT_TRUE(TempDir::exists(target + "empty.txt"));
+  EXPECT_EQ("", TempDir::readFile(target + "empty.txt"));
+  EXPECT_EQ("", TempDir::readFile(target + "empty-stored.txt"));
+}
+
+TEST_F(ExtractorTest, AppendsToTheListWithoutClearingIt) {
+  ZipBuilder zip;
+  zip.addFile("a.txt", "a");
+  build(zip);
+  Files files{"earlier"};
+  ASSERT_EQ(0, extract(files));
+  EXPECT_EQ((Files{"earlier", "a.txt"}), files);
+}
+
+TEST_F(ExtractorTest, ListsOnlyFilesNeverFolders) {
+  ZipBuilder zip;
+  zip.addFolder("a/").addFile("a/1.txt", "1").addFolder("b/").addFolder(
+      "b/c/").addFile("2.txt", "2");
+  build(zip);
+  Files files;
+  ASSERT_EQ(0, extract(files));
+  EXPECT_EQ((Files{"a/1.txt", "2.txt"}), files);
+  EXPECT_TRUE(isDirectory(target + "b/c"));
+}
+
+TEST_F(ExtractorTest, ArchiveOfFoldersOnlyIsRefused) {
+  ZipBuilder zip;
+  zip.addFolder("images/").addFolder("locales/").addFolder("locales/fr/");
+  build(zip);
+  Files files;
+  std::string output;
+  EXPECT_EQ(-1, extract(files, &output));
+  EXPECT_EQ("Zip archive contains only folders\n", output);
+  EXPECT_TRUE(files.empty());
+  EXPECT_FALSE(TempDir::exists(target));
+}
+
+TEST_F(ExtractorTest, EmptyArchiveIsRefused) {
+  build(ZipBuilder());
+  Files files;
+  std::string output;
+  EXPECT_EQ(-1, extract(files, &output));
+  EXPECT_EQ("Empty archive\n", output);
+  EXPECT_FALSE(TempDir::exists(target));
+}
+
+TEST_F(ExtractorTest, NestedNameWithoutFolderEntriesCreatesItsFolders) {
+  ZipBuilder zip;
+  zip.addFile("a/b/c.txt", "deep");
+  build(zip);
+  Files files;
+  std::string output;
+  ASSERT_EQ(0, extract(files, &output));
+  EXPECT_EQ(Files{"a/b/c.txt"}, files);
+  EXPECT_EQ(trace(target + "a/b/c.txt"), output);
+  EXPECT_EQ("deep", TempDir::readFile(target + "a/b/c.txt"));
+  EXPECT_EQ(0755u, permissions(target + "a"));
+  EXPECT_EQ(0755u, permissions(target + "a/b"));
+}
+
+TEST_F(ExtractorTest, NonAsciiNameIsRefusedBeforeAnythingIsWritten) {
+  ZipBuilder zip;
+  zip.addFile("config.xml", "<widget/>").addFile("caf\xC3\xA9.html", "x");
+  build(zip);
+  Files files;
+  std::string output;
+  EXPECT_EQ(-1, extract(files, &output));
+  EXPECT_EQ("Incorrect file name: caf\xC3\xA9.html\n", output);
+  EXPECT_FALSE(TempDir::exists(target));
+}
+
+TEST_F(ExtractorTest, EachRefusedCharacterIsRefused) {
+  const char refused[] = {'!', '"', '*', ':', '<', '>', '?',
+                          '\\', '^', '`', '{', '|', '}', 127};
+  for (char c : refused) {
+    SCOPED_TRACE(static_cast<int>(c));
+    const std::string name = std::string("ok.txt") + c + "x";
+    ZipBuilder zip;
+    zip.addFile("first.txt", "1").addFile(name, "2");
+    build(zip);
+    Files files;
+    std::string output;
+    EXPECT_EQ(-1, extract(files, &output));
+    EXPECT_EQ("Incorrect file name: " + name + "\n", output);
+    EXPECT_FALSE(TempDir::exists(target));
+  }
+}
+
+// Control characters and high bytes are refused; the name printed is the one
+// the archive reader reports, which may have been recoded.
+TEST_F(ExtractorTest, ControlCharactersAndHighBytesAreRefused) {
+  for (int byte : {0x01, 0x09, 0x1F, 0x80, 0xA0, 0xFF}) {
+    SCOPED_TRACE(byte);
+    ZipBuilder zip;
+    zip.addFile(std::string("n") + static_cast<char>(byte) + ".txt", "x");
+    build(zip);
+    Files files;
+    std::string output;
+    EXPECT_EQ(-1, extract(files, &output));
+    EXPECT_EQ(0u, output.rfind("Incorrect file name: n", 0)) << output;
+    EXPECT_FALSE(TempDir::exists(target));
+  }
+}
+
+TEST_F(ExtractorTest, PunctuationThatIsAllowedExtracts) {
+  const std::string name = "a b#%&'()+,;=@[]~$-_.txt";
+  ZipBuilder zip;
+  zip.addFile(name, "fine");
+  build(zip);
+  Files files;
+  ASSERT_EQ(0, extract(files));
+  EXPECT_EQ(Files{name}, files);
+  EXPECT_EQ("fine", TempDir::readFile(target + name));
+}
+
+TEST_F(ExtractorTest, ParentFolderComponentIsRefused) {
+  for (const char* name : {"../evil.txt", "a/../../evil.txt", "a/..",
+                           "../", "a/../b.txt"}) {
+    SCOPED_TRACE(name);
+    ZipBuilder zip;
+    zip.addFile("config.xml", "<widget/>").addFile(name, "evil");
+    build(zip);
+    Files files;
+    std::string output;
+    EXPECT_EQ(-1, extract(files, &output));
+    EXPECT_EQ(std::string("Incorrect file name: ") + name + "\n", output);
+    EXPECT_FALSE(TempDir::exists(target));
+    EXPECT_FALSE(TempDir::exists(dir.file("evil.txt")));
+  }
+}
+
+TEST_F(ExtractorTest, DotsInsideANameAreNotAParentFolder) {
+  ZipBuilder zip;
+  zip.addFile("a/..b/c..txt", "ok").addFile("...", "dots");
+  build(zip);
+  Files files;
+  ASSERT_EQ(0, extract(files));
+  EXPECT_EQ("ok", TempDir::readFile(target + "a/..b/c..txt"));
+  EXPECT_EQ("dots", TempDir::readFile(target + "..."));
+}
+
+TEST_F(ExtractorTest, AbsoluteNameStaysInsideTheTarget) {
+  ZipBuilder zip;
+  zip.addFile("/abs.txt", "inside");
+  build(zip);
+  Files files;
+  ASSERT_EQ(0, extract(files));
+  EXPECT_EQ(Files{"/abs.txt"}, files);
+  EXPECT_EQ("inside", TempDir::readFile(target + "abs.txt"));
+}
+
+TEST_F(ExtractorTest, EncryptedEntryIsRefusedBeforeAnythingIsWritten) {
+  ZipBuilder zip;
+  zip.addFile("config.xml", "<widget/>")
+      .addEncryptedFile("secret.html", "hidden", "password");
+  build(zip);
+  Files files;
+  std::string output;
+  EXPECT_EQ(-1, extract(files, &output));
+  EXPECT_EQ("Zip archive must not be encrypted\n", output);
+  EXPECT_FALSE(TempDir::exists(target));
+}
+
+TEST_F(ExtractorTest, ConstructionWipesAnExistingTargetBeforeAnyCheck) {
+  mkdir(target.c_str(), 0755);
+  mkdir((target + "old").c_str(), 0755);
+  TempDir::writeFile(target + "old/stale.txt", "stale");
+  TempDir::writeFile(target + "top.txt", "stale");
+  CaptureStdout capture;
+  Extractor extractor(dir.file("no-such.wgt"), target);
+  EXPECT_FALSE(TempDir::exists(target));
+  extractor.setKeepFiles(true);
+  EXPECT_EQ("", capture.text());
+}
+
+TEST_F(ExtractorTest, TargetWithoutFinalSlashGluesNamesToItsLastComponent) {
+  ZipBuilder zip;
+  zip.addFile("a.txt", "a").addFile("sub/b.txt", "b");
+  build(zip);
+  target = dir.file("out");
+  Files files;
+  std::string output;
+  ASSERT_EQ(0, extract(files, &output));
+  EXPECT_EQ(trace(target + "a.txt") + trace(target + "sub/b.txt"), output);
+  EXPECT_FALSE(TempDir::exists(dir.file("out")));
+  EXPECT_EQ("a", TempDir::readFile(dir.file("outa.txt")));
+  EXPECT_EQ("b", TempDir::readFile(dir.file("outsub/b.txt")));
+}
+
+TEST_F(ExtractorTest, DestructionRemovesTheTreeAndSaysSo) {
+  ZipBuilder zip;
+  zip.addFile("a/b/c.txt", "c").addFile("d.txt", "d");
+  build(zip);
+  CaptureStdout capture;
+  {
+    Extractor extractor(zipPath, target);
+    Files files;
+    ASSERT_EQ(0, extractor.extract(files));
+    EXPECT_TRUE(TempDir::exists(target + "a/b/c.txt"));
+  }
+  EXPECT_EQ(trace(target + "a/b/c.txt") + trace(target + "d.txt") +
+                "Extraction cleaned\n",
+            capture.text());
+  EXPECT_FALSE(TempDir::exists(target));
+}
+
+TEST_F(ExtractorTest, KeptFilesSurviveDestructionSilently) {
+  ZipBuilder zip;
+  zip.addFile("d.txt", "d");
+  build(zip);
+  CaptureStdout capture;
+  {
+    Extractor extractor(zipPath, target);
+    Files files;
+    ASSERT_EQ(0, extractor.extract(files));
+    extractor.setKeepFiles(true);
+  }
+  EXPECT_EQ(trace(target + "d.txt"), capture.text());
+  EXPECT_EQ("d", TempDir::readFile(target + "d.txt"));
+}
+
+TEST_F(ExtractorTest, KeepingCanBeWithdrawn) {
+  ZipBuilder zip;
+  zip.addFile("d.txt", "d");
+  build(zip);
+  CaptureStdout capture;
+  {
+    Extractor extractor(zipPath, target);
+    Files files;
+    ASSERT_EQ(0, extractor.extract(files));
+    extractor.setKeepFiles(true);
+    extractor.setKeepFiles(false);
+  }
+  EXPECT_NE(std::string::npos, capture.text().find("Extraction cleaned\n"));
+  EXPECT_FALSE(TempDir::exists(target));
+}
+
+TEST_F(ExtractorTest, CleanRemovesAMissingTreeQuietlyAndStillSaysSo) {
+  CaptureStdout capture;
+  Extractor extractor(zipPath, target);
+  extractor.clean();
+  extractor.setKeepFiles(true);
+  EXPECT_EQ("Extraction cleaned\n", capture.text());
+}
+
+TEST_F(ExtractorTest, MakeDirectoriesCreatesEveryComponentFollowedByASlash) {
+  Extractor extractor(zipPath, target);
+  extractor.setKeepFiles(true);
+  EXPECT_EQ(0, extractor.makeDirectories(dir.file("x/y/z/"), 0755));
+  EXPECT_TRUE(isDirectory(dir.file("x/y/z")));
+  EXPECT_EQ(0755u, permissions(dir.file("x/y")));
+  EXPECT_EQ(0, extractor.makeDirectories(dir.file("p/q/file.txt"), 0755));
+  EXPECT_TRUE(isDirectory(dir.file("p/q")));
+  EXPECT_FALSE(TempDir::exists(dir.file("p/q/file.txt")));
+  // Existing folders count as made.
+  EXPECT_EQ(0, extractor.makeDirectories(dir.file("x/y/z/"), 0755));
+  EXPECT_EQ(2, extractor.makeDirectories("", 0755));
+  EXPECT_EQ(0, extractor.makeDirectories("nothing", 0755));
+}
+
+TEST_F(ExtractorTest, MakeDirectoriesReportsOnlyTheLastAttempt) {
+  Extractor extractor(zipPath, target);
+  extractor.setKeepFiles(true);
+  TempDir::writeFile(dir.file("file"), "f");
+  // Below a file nothing can be made; the last attempt gives ENOTDIR.
+  EXPECT_EQ(ENOTDIR, extractor.makeDirectories(dir.file("file/sub/"), 0755));
+  // A file in the middle makes every deeper attempt fail alike.
+  EXPECT_EQ(ENOTDIR,
+            extractor.makeDirectories(dir.file("file/sub/deeper/"), 0755));
+  // Only the last attempt decides: a path whose last component exists counts
+  // as made whatever happened before.
+  EXPECT_EQ(0, extractor.makeDirectories(dir.file("file/"), 0755));
+}
+
+TEST_F(ExtractorTest, RemovalLeavesTheWorkingDirectoryAtTheParent) {
+  const std::string tree = dir.file("tree");
+  ASSERT_EQ(0, mkdir(tree.c_str(), 0755));
+  ASSERT_EQ(0, mkdir((tree + "/sub").c_str(), 0755));
+  TempDir::writeFile(tree + "/sub/f.txt", "f");
+  Extractor extractor(zipPath, target);
+  extractor.setKeepFiles(true);
+  extractor.removeDirectoryTree(tree);
+  EXPECT_FALSE(TempDir::exists(tree));
+  char real[PATH_MAX];
+  ASSERT_NE(nullptr, realpath(dir.path().c_str(), real));
+  EXPECT_EQ(std::string(real), currentDirectory());
+}
+
+TEST_F(ExtractorTest, RemovalDeletesLinksButNotWhatTheyPointAt) {
+  TempDir outside;
+  TempDir::writeFile(outside.file("precious.txt"), "keep");
+  ASSERT_EQ(0, mkdir(target.c_str(), 0755));
+  ASSERT_EQ(0, mkdir((target + "sub").c_str(), 0755));
+  ASSERT_EQ(0, symlink(outside.path().c_str(), (target + "sub/dir").c_str()));
+  ASSERT_EQ(0, symlink(outside.file("precious.txt").c_str(),
+                       (target + "file").c_str()));
+  { Extractor extractor(zipPath, target); }
+  EXPECT_FALSE(TempDir::exists(target));
+  EXPECT_EQ("keep", TempDir::readFile(outside.file("precious.txt")));
+}
+
+TEST_F(ExtractorTest, LinkAtTheTopOfTheTreeIsRemovedNotDescended) {
+  TempDir outside;
+  TempDir::writeFile(outside.file("precious.txt"), "keep");
+  ASSERT_EQ(0, symlink(outside.path().c_str(), dir.file("widget_clock").c_str()));
+  const std::string before = currentDirectory();
+  { Extractor extractor(zipPath, target); }
+  EXPECT_FALSE(TempDir::exists(dir.file("widget_clock")));
+  EXPECT_EQ("keep", TempDir::readFile(outside.file("precious.txt")));
+  EXPECT_EQ(before, currentDirectory());
+}
+
+TEST_F(ExtractorTest, LinkPlantedInTheTreeIsNeverWrittenThrough) {
+  TempDir outside;
+  ZipBuilder zip;
+  zip.addFile("a/x.txt", "evil");
+  build(zip);
+  CaptureStdout capture;
+  Files files;
+  int result;
+  {
+    Extractor extractor(zipPath, target);
+    ASSERT_EQ(0, mkdir(target.c_str(), 0755));
+    ASSERT_EQ(0, symlink(outside.path().c_str(), (target + "a").c_str()));
+    result = extractor.extract(files);
+  }
+  EXPECT_EQ(-1, result);
+  EXPECT_EQ(trace(target + "a/x.txt") + "Error opening file (error " +
+                std::to_string(ENOTDIR) + ")\nExtraction cleaned\n",
+            capture.text());
+  EXPECT_FALSE(TempDir::exists(outside.file("x.txt")));
+  EXPECT_FALSE(TempDir::exists(target));
+}
+
+TEST_F(ExtractorTest, LinkPlantedAtAFileNameIsNeverWrittenThrough) {
+  TempDir outside;
+  TempDir::writeFile(outside.file("precious.txt"), "keep");
+  ZipBuilder zip;
+  zip.addFile("config.xml", "evil");
+  build(zip);
+  CaptureStdout capture;
+  Files files;
+  int result;
+  {
+    Extractor extractor(zipPath, target);
+    ASSERT_EQ(0, mkdir(target.c_str(), 0755));
+    ASSERT_EQ(0, symlink(outside.file("precious.txt").c_str(),
+                         (target + "config.xml").c_str()));
+    result = extractor.extract(files);
+  }
+  EXPECT_EQ(-1, result);
+  EXPECT_EQ(trace(target + "config.xml") + "Error opening file (error " +
+                std::to_string(ELOOP) + ")\nExtraction cleaned\n",
+            capture.text());
+  EXPECT_EQ("keep", TempDir::readFile(outside.file("precious.txt")));
+}
+
+TEST_F(ExtractorTest, FolderEntryOverAFileFailsTheFilesBelowIt) {
+  ZipBuilder zip;
+  zip.addFile("a", "file").addFolder("a/").addFile("a/b.txt", "b");
+  build(zip);
+  Files files;
+  std::string output;
+  EXPECT_EQ(-1, extract(files, &output));
+  EXPECT_EQ(trace(target + "a") + trace(target + "a/") +
+                trace(target + "a/b.txt") + "Error opening file (error " +
+                std::to_string(ENOTDIR) + ")\n",
+            output);
+}
+
+TEST_F(ExtractorTest, FolderThatCannotBeMadeIsReported) {
+  ZipBuilder zip;
+  zip.addFile("a", "file").addFolder("a/b/");
+  build(zip);
+  Files files;
+  std::string output;
+  EXPECT_EQ(-1, extract(files, &output));
+  EXPECT_EQ(trace(target + "a") + trace(target + "a/b/") +
+                "Subdirectory could not be created to extract the zip (error " +
+                std::to_string(ENOTDIR) + ")\n",
+            output);
+}
+
+TEST_F(ExtractorTest, TargetThatCannotBeMadeIsReported) {
+  TempDir::writeFile(dir.file("blocker"), "f");
+  target = dir.file("blocker/widget/");
+  ZipBuilder zip;
+  zip.addFile("a.txt", "a");
+  build(zip);
+  Files files;
+  std::string output;
+  EXPECT_EQ(-1, extract(files, &output));
+  EXPECT_EQ("Directory could not be created to extract the zip (error " +
+                std::to_string(ENOTDIR) + ")\n",
+            output);
+}
+
+// ---- Bad input and faults ----
+
+TEST_F(ExtractorTest, MissingPackageIsNotAValidArchive) {
+  Files files;
+  std::string output;
+  EXPECT_EQ(-1, extract(files, &output));
+  EXPECT_EQ("Zip archive is not valid (error 9)\n", output);
+  EXPECT_FALSE(TempDir::exists(target));
+}
+
+TEST_F(ExtractorTest, RandomBytesAreNotAValidArchive) {
+  std::mt19937 random(42);
+  std::string bytes(64 * 1024, '\0');
+  for (char& c : bytes) c = static_cast<char>(random());
+  TempDir::writeFile(zipPath, bytes);
+  Files files;
+  std::string output;
+  EXPECT_EQ(-1, extract(files, &output));
+  EXPECT_EQ("Zip archive is not valid (error 19)\n", output);
+  EXPECT_FALSE(TempDir::exists(target));
+}
+
+TEST_F(ExtractorTest, HtmlErrorPageIsNotAValidArchive) {
+  TempDir::writeFile(zipPath, "<html><body>404 Not Found</body></html>\n");
+  Files files;
+  std::string output;
+  EXPECT_EQ(-1, extract(files, &output));
+  EXPECT_EQ("Zip archive is not valid (error 19)\n", output);
+}
+
+TEST_F(ExtractorTest, TruncatedArchiveIsNotAValidArchive) {
+  ZipBuilder zip;
+  zip.addFile("config.xml", std::string(4000, 'c'))
+      .addFile("index.html", std::string(4000, 'i'), ZipBuilder::kStored);
+  build(zip);
+  std::string bytes = TempDir::readFile(zipPath);
+  TempDir::writeFile(zipPath, bytes.substr(0, bytes.size() / 2));
+  Files files;
+  std::string output;
+  EXPECT_EQ(-1, extract(files, &output));
+  EXPECT_EQ("Zip archive is not valid (error 19)\n", output);
+  EXPECT_FALSE(TempDir::exists(target));
+}
+
+TEST_F(ExtractorTest, CorruptEntryDataEndsItsCopyAndStillCounts) {
+  std::string text;
+  for (int i = 0; i < 2000; ++i) text += "line " + std::to_string(i) + "\n";
+  ZipBuilder zip;
+  zip.addFile("config.xml", "<widget/>").addFile("index.html", text);
+  build(zip);
+  std::string bytes = TempDir::readFile(zipPath);
+  std::vector<size_t> local = findAll(bytes, kLocalHeader);
+  ASSERT_EQ(2u, local.size());
+  // Scramble the middle of the second entry's deflated data.
+  const size_t middle = (local[1] + bytes.find(kCentralHeader)) / 2;
+  for (size_t i = middle; i < middle + 16; ++i) bytes[i] = ~bytes[i];
+  TempDir::writeFile(zipPath, bytes);
+  Files files;
+  std::string output;
+  EXPECT_EQ(0, extract(files, &output));
+  EXPECT_EQ((Files{"config.xml", "index.html"}), files);
+  EXPECT_EQ(trace(target + "config.xml") + trace(target + "index.html"),
+            output);
+  EXPECT_LT(TempDir::readFile(target + "index.html").size(), text.size());
+}
+
+TEST_F(ExtractorTest, CentralDirectoryThatLiesAboutSizesIsInconsistent) {
+  ZipBuilder zip;
+  zip.addFile("config.xml", "<widget/>")
+      .addFile("index.html", std::string(1000, 'i'), ZipBuilder::kStored);
+  build(zip);
+  std::string bytes = TempDir::readFile(zipPath);
+  std::vector<size_t> central = findAll(bytes, kCentralHeader);
+  ASSERT_EQ(2u, central.size());
+  put32(bytes, central[1] + 20, 10);  // compressed size
+  put32(bytes, central[1] + 24, 10);  // uncompressed size
+  TempDir::writeFile(zipPath, bytes);
+  Files files;
+  std::string output;
+  EXPECT_EQ(-1, extract(files, &output));
+  EXPECT_EQ("Zip archive is not valid (error 21)\n", output);
+  EXPECT_FALSE(TempDir::exists(target));
+}
+
+TEST_F(ExtractorTest, UnreadableEntryMethodIsRefusedWithTheOpenErrorNumber) {
+  ZipBuilder zip;
+  zip.addFile("config.xml", "<widget/>")
+      .addFile("index.html", "data", ZipBuilder::kStored);
+  build(zip);
+  std::string bytes = TempDir::readFile(zipPath);
+  std::vector<size_t> local = findAll(bytes, kLocalHeader);
+  std::vector<size_t> central = findAll(bytes, kCentralHeader);
+  ASSERT_EQ(2u, local.size());
+  ASSERT_EQ(2u, central.size());
+  // A compression method this reader has no decoder for.
+  put16(bytes, local[1] + 8, 97);
+  put16(bytes, central[1] + 10, 97);
+  TempDir::writeFile(zipPath, bytes);
+  Files files;
+  std::string output;
+  EXPECT_EQ(-1, extract(files, &output));
+  EXPECT_EQ("Could not read file in archive (error 0)\n", output);
+  EXPECT_FALSE(TempDir::exists(target));
+}
+
+TEST_F(ExtractorTest, TenThousandEntriesExtractAndAreRemovedAgain) {
+  ZipBuilder zip;
+  for (int i = 0; i < 10000; ++i) {
+    zip.addFile("d" + std::to_string(i % 100) + "/f" + std::to_string(i) +
+                    ".txt",
+                std::to_string(i), ZipBuilder::kStored);
+  }
+  build(zip);
+  CaptureStdout capture;
+  {
+    Extractor extractor(zipPath, target);
+    Files files;
+    ASSERT_EQ(0, extractor.extract(files));
+    ASSERT_EQ(10000u, files.size());
+    EXPECT_EQ("d99/f9999.txt", files.back());
+    EXPECT_EQ("9999", TempDir::readFile(target + "d99/f9999.txt"));
+  }
+  EXPECT_FALSE(TempDir::exists(target));
+}
+
+TEST_F(ExtractorTest, DeepTreeExtractsAndIsRemovedWhole) {
+  std::string deep;
+  for (int i = 0; i < 1500; ++i) deep += "d/";
+  ZipBuilder zip;
+  zip.addFile(deep + "leaf.txt", "leaf").addFolder(deep + "e/").addFile(
+      "top.txt", "top");
+  build(zip);
+  CaptureStdout capture;
+  {
+    Extractor extractor(zipPath, target);
+    Files files;
+    ASSERT_EQ(0, extractor.extract(files));
+    EXPECT_EQ((Files{deep + "leaf.txt", "top.txt"}), files);
+    EXPECT_EQ("top", TempDir::readFile(target + "top.txt"));
+  }
+  EXPECT_FALSE(TempDir::exists(target));
+}
+
+TEST_F(ExtractorTest, NameLongerThanAPathCanBeIsNotWritten) {
+  std::string deep;
+  for (int i = 0; i < 2100; ++i) deep += "d/";
+  ZipBuilder zip;
+  zip.addFile("top.txt", "top").addFile(deep + "leaf.txt", "leaf");
+  build(zip);
+  Files files;
+  std::string output;
+  EXPECT_EQ(-1, extract(files, &output));
+  EXPECT_EQ(trace(target + "top.txt") + trace(target + deep + "leaf.txt") +
+                "Error opening file (error " + std::to_string(ENAMETOOLONG) +
+                ")\n",
+            output);
+  EXPECT_FALSE(TempDir::exists(target + "d"));
+}
+
+// Runs one extraction in a child process whose files may not grow beyond
+// limitBytes (writes past it fail with EFBIG, as on a full disk). Returns
+// the child's output; *result gets extract()'s result.
+std::string extractWithFileSizeLimit(const std::string& zipPath,
+                                     const std::string& target,
+                                     rlim_t limitBytes, int* result) {
+  TempDir scratch;
+  const std::string outputPath = scratch.file("output.txt");
+  fflush(stdout);
+  pid_t child = fork();
+  if (child == 0) {
+    FILE* out = freopen(outputPath.c_str(), "w", stdout);
+    if (out == nullptr) _exit(100);
+    signal(SIGXFSZ, SIG_IGN);
+    struct rlimit limit = {limitBytes, limitBytes};
+    if (setrlimit(RLIMIT_FSIZE, &limit) != 0) _exit(101);
+    int status;
+    {
+      Extractor extractor(zipPath, target);
+      Files files;
+      status = extractor.extract(files);
+    }
+    fflush(stdout);
+    _exit(status == 0 ? 0 : 1);
+  }
+  int wstatus = 0;
+  waitpid(child, &wstatus, 0);
+  *result = WIFEXITED(wstatus) && WEXITSTATUS(wstatus) <= 1
+                ? -WEXITSTATUS(wstatus)
+                : 99;
+  return TempDir::readFile(outputPath);
+}
+
+TEST_F(ExtractorTest, WriteThatFailsOnAFullDiskFailsTheExtraction) {
+  ZipBuilder zip;
+  zip.addFile("config.xml", "<widget/>")
+      .addFile("big.bin", std::string(3 << 20, 'b'), ZipBuilder::kStored)
+      .addFile("after.txt", "after");
+  build(zip);
+  int result = 0;
+  std::string output =
+      extractWithFileSizeLimit(zipPath, target, 1 << 20, &result);
+  EXPECT_EQ(-1, result);
+  EXPECT_EQ(trace(target + "config.xml") + trace(target + "big.bin") +
+                "Error opening file (error " + std::to_string(EFBIG) +
+                ")\nExtraction cleaned\n",
+            output);
+  EXPECT_FALSE(TempDir::exists(target));
+}
+
+TEST_F(ExtractorTest, EntryThatInflatesToAGigabyteStopsAtTheFileSizeLimit) {
+  ZipBuilder zip;
+  zip.addFile("config.xml", "<widget/>").addZeros("huge.bin", 1ull << 30);
+  build(zip);
+  EXPECT_LT(TempDir::readFile(zipPath).size(), 8u << 20);
+  int result = 0;
+  std::string output =
+      extractWithFileSizeLimit(zipPath, target, 4 << 20, &result);
+  EXPECT_EQ(-1, result);
+  EXPECT_EQ(trace(target + "config.xml") + trace(target + "huge.bin") +
+                "Error opening file (error " + std::to_string(EFBIG) +
+                ")\nExtraction cleaned\n",
+            output);
+  EXPECT_FALSE(TempDir::exists(target));
+}
+
+TEST_F(ExtractorTest, PackageLargerThanTheFreeSpaceIsRefusedBeforeWriting) {
+  struct statvfs vfs;
+  ASSERT_EQ(0, statvfs(dir.path().c_str(), &vfs));
+  const uint64_t freeBytes = static_cast<uint64_t>(vfs.f_bavail) * vfs.f_frsize;
+  // Each entry declares almost 4 GiB (the local and central records agree),
+  // so the archive stays tiny while its declared total exceeds the space.
+  const uint32_t declared = 0xFFFF0000u;
+  const size_t entries = static_cast<size_t>(freeBytes / declared) + 2;
+  ZipBuilder zip;
+  for (size_t i = 0; i < entries; ++i) {
+    zip.addFile("f" + std::to_string(i) + ".bin", "x", ZipBuilder::kStored);
+  }
+  build(zip);
+  std::string bytes = TempDir::readFile(zipPath);
+  std::vector<size_t> local = findAll(bytes, kLocalHeader);
+  std::vector<size_t> central = findAll(bytes, kCentralHeader);
+  ASSERT_EQ(entries, local.size());
+  ASSERT_EQ(entries, central.size());
+  for (size_t i = 0; i < entries; ++i) {
+    put32(bytes, local[i] + 22, declared);
+    put32(bytes, central[i] + 24, declared);
+  }
+  TempDir::writeFile(zipPath, bytes);
+  Files files;
+  std::string output;
+  EXPECT_EQ(-1, extract(files, &output));
+  EXPECT_EQ("Directory could not be created to extract the zip (error " +
+                std::to_string(ENOSPC) + ")\n",
+            output);
+  EXPECT_FALSE(TempDir::exists(target));
+}
+
+}  // namespace

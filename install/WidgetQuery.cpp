@@ -1,0 +1,123 @@
+#include "install/WidgetQuery.h"
+
+#include <sys/stat.h>
+
+#include <iostream>
+
+#include "registry/SqlLite3.h"
+
+namespace {
+
+// The registry connection of the last query job on this thread, kept for the
+// next one: opening the registry reads its schema, which costs more than the
+// lookups a query makes. SQLite shows every connection what others have
+// committed, so a kept connection answers as a new one would, as long as it
+// still has the file that the registry path names open.
+struct KeptConnection {
+  std::unique_ptr<SqlLite3> database;
+  std::string path;
+  dev_t device = 0;
+  ino_t inode = 0;
+};
+
+thread_local KeptConnection kept;
+
+bool identify(const std::string& path, dev_t* device, ino_t* inode) {
+  struct stat status;
+  if (stat(path.c_str(), &status) != 0) return false;
+  *device = status.st_dev;
+  *inode = status.st_ino;
+  return true;
+}
+
+std::unique_ptr<SqlLite3> openRegistry() {
+  std::unique_ptr<SqlLite3> database = std::move(kept.database);
+  dev_t device;
+  ino_t inode;
+  if (database && kept.path == SqlLite3::databasePath() &&
+      identify(kept.path, &device, &inode) && device == kept.device &&
+      inode == kept.inode) {
+    return database;
+  }
+  database.reset();
+  return std::unique_ptr<SqlLite3>(new SqlLite3());
+}
+
+// Keeps database for the next job when it is usable; it is identified by
+// the file at the registry path now, just after its own job used it.
+void keepRegistry(std::unique_ptr<SqlLite3> database) {
+  if (!database || !database->isOpen()) return;
+  KeptConnection next;
+  next.path = SqlLite3::databasePath();
+  if (!identify(next.path, &next.device, &next.inode)) return;
+  next.database = std::move(database);
+  kept = std::move(next);
+}
+
+void deleteAll(std::vector<WidgetsData*>& records) {
+  for (WidgetsData* record : records) delete record;
+  records.clear();
+}
+
+}  // namespace
+
+WidgetQuery::WidgetQuery(const std::string& name)
+    : alreadyRun(false), name(name), database(openRegistry()) {}
+
+WidgetQuery::~WidgetQuery() {
+  clean();
+  keepRegistry(std::move(database));
+}
+
+void WidgetQuery::clean() {
+  if (alreadyRun) {
+    std::cout << std::endl << "[Cleaning...]" << std::endl << std::endl;
+    alreadyRun = false;
+  } else {
+    std::cout << "Nothing to clean" << std::endl;
+  }
+}
+
+WidgetsData* WidgetQuery::getInfo(const std::vector<std::string>& locales) {
+  // The query job shares the uninstaller's texts, this one included.
+  if (alreadyRun) {
+    std::cout << "WidgetUnInstaller cannot be run twice" << std::endl;
+    return nullptr;
+  }
+  if (database->isOpen() != 1) return nullptr;
+
+  std::vector<WidgetsData*> records = database->selectWidgetsByName(name);
+  if (records.size() == 1) {
+    database->loadLocalizedItems(records[0], locales);
+    return records[0];
+  }
+  if (records.empty()) {
+    std::cout << "No widget with this name" << std::endl;
+    return nullptr;
+  }
+  std::cout << "It's not possible to see this log. Database integrity problem"
+            << std::endl;
+  std::cout << "'name' Field in 'Widgets' Table must be unique" << std::endl;
+  deleteAll(records);
+  return nullptr;
+}
+
+std::vector<WidgetsData*> WidgetQuery::getAll() {
+  std::vector<WidgetsData*> result;
+  if (alreadyRun) {
+    std::cout << "WidgetUnInstaller cannot be run twice" << std::endl;
+    return result;
+  }
+  if (database->isOpen() != 1) return result;
+  result = database->selectAllWidgets();
+  return result;
+}
+
+std::string joinStrings(const std::vector<std::string>& items) {
+  std::string joined;
+  for (size_t i = 0; i < items.size(); ++i) {
+    if (i > 0) joined += ',';
+    joined += items[i];
+  }
+  return joined;
+}

@@ -1,0 +1,41 @@
+// WidgetQuery is the job that answers the browser's read requests: the record
+// of one installed widget, by name, with its texts localized for a locale
+// list (getInfo), and the records of every installed widget (getAll). It opens
+// a registry connection of its own for its life.
+#ifndef WIDGETENGINE_WIDGETQUERY_H_
+#define WIDGETENGINE_WIDGETQUERY_H_
+
+#include <memory>
+#include <string>
+#include <vector>
+
+class SqlLite3;
+class WidgetsData;
+
+class WidgetQuery {
+ public:
+  // name is the widget getInfo describes; getAll ignores it.
+  explicit WidgetQuery(const std::string& name);
+  ~WidgetQuery();
+
+  WidgetQuery(const WidgetQuery&) = delete;
+  WidgetQuery& operator=(const WidgetQuery&) = delete;
+
+  // The widget called name with its localized texts resolved for locales (the
+  // "default" texts last), or null. The caller deletes the record.
+  WidgetsData* getInfo(const std::vector<std::string>& locales);
+  // Every registered widget, in the registry's order, without localized
+  // texts; empty on failure. The caller deletes the records.
+  std::vector<WidgetsData*> getAll();
+  void clean();
+
+ private:
+  bool alreadyRun;
+  std::string name;
+  std::unique_ptr<SqlLite3> database;
+};
+
+// The items in order with "," between neighbours; "" for an empty list.
+std::string joinStrings(const std::vector<std::string>& items);
+
+#endif  // WIDGETENGINE_WIDGETQUERY_H_

@@ -1,0 +1,156 @@
+#include "install/WidgetUnInstaller.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <iostream>
+#include <vector>
+
+#include "registry/SqlLite3.h"
+
+namespace {
+
+void deleteAll(std::vector<WidgetsData*>& records) {
+  for (WidgetsData* record : records) delete record;
+  records.clear();
+}
+
+// Removes everything inside the directory open at fd, and closes fd. Entries
+// are opened relative to their parent's descriptor with O_NOFOLLOW, so a link
+// met anywhere is unlinked, never followed, and a directory swapped for a link
+// while the walk runs cannot lead it elsewhere.
+void removeContents(int fd) {
+  DIR* dir = fdopendir(fd);
+  if (!dir) {
+    close(fd);
+    return;
+  }
+  const int parent = dirfd(dir);
+  while (const dirent* entry = readdir(dir)) {
+    const char* name = entry->d_name;
+    if (name[0] == '.' &&
+        (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'))) {
+      continue;
+    }
+    bool isDirectory = entry->d_type == DT_DIR;
+    if (entry->d_type == DT_UNKNOWN) {
+      struct stat status;
+      isDirectory = fstatat(parent, name, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+                    S_ISDIR(status.st_mode);
+    }
+    if (!isDirectory) {
+      unlinkat(parent, name, 0);
+      continue;
+    }
+    const int child =
+        openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (child >= 0) {
+      removeContents(child);
+    } else if (errno != ELOOP && errno != ENOTDIR) {
+      perror("Error opendir()");
+    }
+    // Failures are not reported: only the top directory decides the answer.
+    if (unlinkat(parent, name, AT_REMOVEDIR) != 0 && errno == ENOTDIR) {
+      unlinkat(parent, name, 0);
+    }
+  }
+  closedir(dir);
+}
+
+}  // namespace
+
+WidgetUnInstaller::WidgetUnInstaller(const std::string& name)
+    : alreadyRun(false), name(name), database(new SqlLite3()) {}
+
+WidgetUnInstaller::~WidgetUnInstaller() {
+  clean();
+  database.reset();
+}
+
+void WidgetUnInstaller::clean() {
+  if (alreadyRun) {
+    std::cout << std::endl << "[Cleaning...]" << std::endl << std::endl;
+    alreadyRun = false;
+  } else {
+    std::cout << "Nothing to clean" << std::endl;
+  }
+}
+
+int WidgetUnInstaller::run() {
+  if (alreadyRun) {
+    std::cout << "WidgetUnInstaller cannot be run twice" << std::endl;
+    return -1;
+  }
+  if (database->isOpen() != 1) return -1;
+
+  std::vector<WidgetsData*> records = database->selectWidgetsByName(name);
+  if (records.empty()) return 0;
+  if (records.size() > 1) {
+    std::cout << "It's not possible to see this log. Database integrity problem"
+              << std::endl;
+    std::cout << "'name' Field in 'Widgets' Table must be unique" << std::endl;
+    deleteAll(records);
+    return -1;
+  }
+
+  const std::string storagePath = records[0]->getStoragePath();
+  deleteAll(records);
+
+  std::cout << "Try to delete directory on fileSystem : " << storagePath
+            << std::endl;
+  if (!removeWidgetDirectory(storagePath)) {
+    std::cout << "Error : can't delete this directory : " << storagePath
+              << std::endl;
+    return -1;
+  }
+
+  std::cout << "Delete OK !!!" << std::endl;
+  std::cout << "Delete from database ..." << std::endl;
+  if (database->deleteWidgetByName(name) != 0) {
+    std::cout << "Error, can't delete this widget in database !!!" << std::endl;
+    std::cout << "Integrity problem because widget is in database, but not in "
+                 "fileSystem :("
+              << std::endl;
+    return -1;
+  }
+  std::cout << "Delete OK !!!" << std::endl;
+  return 1;
+}
+
+bool WidgetUnInstaller::removeWidgetDirectory(const std::string& path) {
+  // Without its trailing slashes, so that a link at the top is seen as a link
+  // and not resolved by the path lookup.
+  std::string top = path;
+  while (top.size() > 1 && top.back() == '/') top.pop_back();
+
+  const int fd =
+      open(top.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  if (fd < 0) {
+    int error = errno;
+    struct stat status;
+    if (lstat(top.c_str(), &status) == 0 && S_ISLNK(status.st_mode)) {
+      // A link to a directory stands for the directory: the link goes, what
+      // it points to stays. Any other link fails as its target would.
+      struct stat target;
+      if (stat(top.c_str(), &target) == 0) {
+        if (S_ISDIR(target.st_mode)) {
+          unlink(top.c_str());
+          return true;
+        }
+        error = ENOTDIR;
+      } else {
+        error = errno;
+      }
+    }
+    errno = error;
+    perror("Error opendir()");
+    return false;
+  }
+  removeContents(fd);
+  rmdir(top.c_str());
+  return true;
+}

@@ -1,0 +1,35 @@
+// WidgetUnInstaller is the job that removes one installed widget by name: it
+// finds the widget's row, deletes its storage directory, then deletes the
+// row. It opens a registry connection of its own for its life.
+#ifndef WIDGETENGINE_WIDGETUNINSTALLER_H_
+#define WIDGETENGINE_WIDGETUNINSTALLER_H_
+
+#include <memory>
+#include <string>
+
+class SqlLite3;
+
+class WidgetUnInstaller {
+ public:
+  explicit WidgetUnInstaller(const std::string& name);
+  ~WidgetUnInstaller();
+
+  WidgetUnInstaller(const WidgetUnInstaller&) = delete;
+  WidgetUnInstaller& operator=(const WidgetUnInstaller&) = delete;
+
+  // 1 removed, 0 no widget has that name, -1 failure.
+  int run();
+  void clean();
+
+  // Removes the directory tree at path without following any symbolic link
+  // (a link is removed itself, at the top too) and without changing the
+  // working directory. False only when the top directory cannot be opened.
+  bool removeWidgetDirectory(const std::string& path);
+
+ private:
+  bool alreadyRun;
+  std::string name;
+  std::unique_ptr<SqlLite3> database;
+};
+
+#endif  // WIDGETENGINE_WIDGETUNINSTALLER_H_

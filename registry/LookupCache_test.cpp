@@ -1,0 +1,426 @@
+// The in-memory lookups answer exactly what the lookup statements, pasted
+// and run through sqlite3_get_table, answer on the same rows, and they are
+// never stale: a change made through another connection, in this process or
+// in another, is seen by the very next lookup.
+#include "registry/LookupCache.h"
+
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "registry/RegistryTestUtil.h"
+#include "registry/SqlLite3.h"
+
+using registrytest::makeWidget;
+using registrytest::Raw;
+using registrytest::RegistryTest;
+
+namespace {
+
+// The lookups as plain pasted statements, on a connection of their own.
+class Literal {
+ public:
+  explicit Literal(const std::string& path) {
+    sqlite3_open(path.c_str(), &db_);
+  }
+  ~Literal() { sqlite3_close(db_); }
+  Literal(const Literal&) = delete;
+  Literal& operator=(const Literal&) = delete;
+
+  std::vector<std::string> values(const std::string& sql) {
+    std::vector<std::string> out;
+    char** table = nullptr;
+    int rows = 0, columns = 0;
+    char* error = nullptr;
+    if (sqlite3_get_table(db_, sql.c_str(), &table, &rows, &columns, &error) ==
+        SQLITE_OK) {
+      for (int i = 0; i < rows * columns; ++i) {
+        const char* cell = table[columns + i];
+        out.push_back(cell ? cell : "");
+      }
+    }
+    sqlite3_free_table(table);
+    sqlite3_free(error);
+    return out;
+  }
+
+  int name(const std::string& launchURL, std::string& name) {
+    std::vector<std::string> v = values(
+        "SELECT  widgets.Name FROM widgets WHERE launchURL = \"" + launchURL +
+        "\"");
+    if (v.empty()) return 0;
+    name = v[0];
+    return 1;
+  }
+
+  int find(std::string& url, const std::vector<std::string>& locales) {
+    url.erase(0, 7);
+    std::string query;
+    size_t q = url.find('?');
+    if (q != std::string::npos) {
+      query = url.substr(q);
+      url.resize(q);
+    }
+    std::vector<std::string> v = values(
+        "SELECT  widgets.ID, widgets.storagePath from widgetFiles LEFT JOIN "
+        "widgets ON widgetFiles.widgetID=widgets.ID where storagePath || path "
+        "= '" +
+        url + "'");
+    if (v.empty()) return 0;
+    std::string id = v.front();
+    std::string dir = v.back();
+    url.erase(0, dir.size());
+    if (url.find("locales") == 0) return 0;
+    for (const std::string& locale : locales) {
+      std::vector<std::string> hit = values(
+          "SELECT path FROM widgetfiles WHERE widgetID=" + id + " AND PATH=" +
+          "'locales/" + locale + "/" + url + "'");
+      if (!hit.empty()) {
+        url = "file://" + dir + "/" + hit.back() + query;
+        return 1;
+      }
+    }
+    return 0;
+  }
+
+ private:
+  sqlite3* db_ = nullptr;
+};
+
+// Rows that exercise every corner of the join: file rows left behind by a
+// removed widget, an id given again to a new widget, one path reachable
+// through two widgets, a widget without directory, case differences.
+void fillTrickyRows(const std::string& path) {
+  Raw raw(path);
+  const char* sql[] = {
+      "INSERT INTO Widgets (id, storagePath, launchURL, name) VALUES "
+      "(1, '/w/a/', 'file:///w/a/index.html', 'a'),"
+      "(2, '/m/', 'file:///m/index.html', 'm1'),"
+      "(3, '/m/ab/', 'file:///m/ab/index.html', 'm2'),"
+      "(4, NULL, 'file:///nulldir/index.html', NULL),"
+      "(5, '/w/e/', NULL, 'nolaunch')",
+      "INSERT INTO widgetFiles (widgetID, path) VALUES "
+      "(1, 'index.html'), (1, 'locales/fr/index.html'),"
+      "(1, 'locales/de/index.html'), (1, 'Index.html'),"
+      "(9, 'orphan.html'), (9, 'locales/fr/orphan.html'),"
+      "(7, 'old.html'), (7, 'locales/de/old.html'),"
+      "(2, 'ab/c.html'), (3, 'c.html'), (2, 'locales/fr/c.html'),"
+      "(3, 'locales/de/c.html'), (4, 'index.html'),"
+      "(4, 'locales/fr/index.html'), (1, 'locales/it/index.html'),"
+      "(1, 'locales/it/index.html'), (1, 'q''s.html'), (1, 'locales'),"
+      "(1, 'localesX.html'), (1, 'locales/fr/localesX.html'),"
+      "('abc', 'abc.html'), (1, 'locales/x''/index.html'),"
+      "(5, 'e.html'), (5, 'locales/FR/e.html'), (5, 'locales/fr/e.html'),"
+      "(1, 'a/b.html'), (1, 'locales/de/a/b.html')",
+      // Widget 7 arrives after its id's old file rows.
+      "INSERT INTO Widgets (id, storagePath, launchURL, name) VALUES "
+      "(7, '/w/g/', 'file:///w/g/index.html', 'g')",
+  };
+  for (const char* s : sql) ASSERT_EQ(SQLITE_OK, raw.exec(s)) << s;
+}
+
+// A copy of the registry without the engine's added indexes, so that the
+// pasted statements run over the tables alone.
+std::string plainCopy(const registrytest::RegistryTest*, const std::string& path) {
+  std::string copy = path + ".plain";
+  TempDir::writeFile(copy, TempDir::readFile(path));
+  Raw raw(copy);
+  raw.exec("DROP INDEX widgetFiles_widgetID_path");
+  raw.exec("DROP INDEX localizedItem_widgetID_item_lang");
+  return copy;
+}
+
+std::vector<std::string> trickyAddresses() {
+  std::vector<std::string> dirs = {"/w/a/", "/m/", "/m/ab/", "/w/g/",
+                                   "/w/e/", "/nulldir/", ""};
+  std::vector<std::string> files = {
+      "index.html",    "Index.html",   "INDEX.html",  "orphan.html",
+      "old.html",      "ab/c.html",    "c.html",      "q's.html",
+      "locales",       "localesX.html", "abc.html",   "e.html",
+      "a/b.html",      "locales/fr/index.html",       "index.html?x=1&y=2",
+      "c.html?z",      "missing.html"};
+  std::vector<std::string> out = {"", "file://", "file:///", "http://x/y"};
+  for (const std::string& d : dirs) {
+    for (const std::string& f : files) out.push_back("file://" + d + f);
+  }
+  return out;
+}
+
+std::vector<std::vector<std::string>> trickyLocales() {
+  return {{},           {"de"},        {"fr"},           {"it", "fr"},
+          {"x'", "de"}, {"FR"},        {"de", "fr"},     {"fr", "de"},
+          {"x"},        {"en", "it"},  {"fr' OR 'a'='a"}, {"", "fr"}};
+}
+
+void expectSameAnswers(SqlLite3& db, Literal& literal, const char* mode) {
+  for (const std::string& address : trickyAddresses()) {
+    for (const std::vector<std::string>& locales : trickyLocales()) {
+      std::string mine = address;
+      std::string theirs = address;
+      int a = db.findLocalizedResource(mine, locales);
+      int b = literal.find(theirs, locales);
+      std::string list;
+      for (const std::string& l : locales) list += l + ",";
+      ASSERT_EQ(b, a) << mode << " " << address << " [" << list << "]";
+      ASSERT_EQ(theirs, mine) << mode << " " << address << " [" << list << "]";
+    }
+  }
+  std::vector<std::string> launches = {
+      "file:///w/a/index.html", "file:///m/index.html", "file:///m/ab/index.html",
+      "file:///nulldir/index.html", "file:///w/g/index.html", "file:///w/e/index.html",
+      "file:///W/a/index.html", "", "x\"", "file:///w/a/index.html\""};
+  for (const std::string& launch : launches) {
+    std::string mine = "?";
+    std::string theirs = "?";
+    ASSERT_EQ(literal.name(launch, theirs), db.getNameByLaunchURL(launch, mine))
+        << mode << " " << launch;
+    ASSERT_EQ(theirs, mine) << mode << " " << launch;
+  }
+}
+
+}  // namespace
+
+TEST_F(RegistryTest, IndexAnswersExactlyAsTheStatementsOnTrickyRows) {
+  { SqlLite3 create; }
+  fillTrickyRows(dbPath());
+  Literal literal(plainCopy(this, dbPath()));
+  SqlLite3 db;
+  ASSERT_TRUE(db.isOpen());
+  expectSameAnswers(db, literal, "index");
+}
+
+TEST_F(RegistryTest, StatementsInsideATransactionAnswerExactlyTheSame) {
+  { SqlLite3 create; }
+  fillTrickyRows(dbPath());
+  Literal literal(plainCopy(this, dbPath()));
+  SqlLite3 db;
+  ASSERT_TRUE(db.isOpen());
+  db.beginJob();
+  expectSameAnswers(db, literal, "transaction");
+  db.endJob();
+}
+
+TEST_F(RegistryTest, WalModeFallsBackToStatementsWithTheSameAnswers) {
+  { SqlLite3 create; }
+  fillTrickyRows(dbPath());
+  Literal literal(plainCopy(this, dbPath()));
+  SqlLite3 db;
+  ASSERT_TRUE(db.isOpen());
+  std::string name;
+  ASSERT_EQ(1, db.getNameByLaunchURL("file:///w/a/index.html", name));
+  ASSERT_EQ(0, db.query("PRAGMA journal_mode=WAL"));
+  expectSameAnswers(db, literal, "wal");
+  // Writes in WAL mode leave the file's counter alone; the lookups still see
+  // them.
+  SqlLite3 other;
+  WidgetsData w = makeWidget("walnew", {"index.html"});
+  ASSERT_GT(other.insertWidget(&w), 0);
+  EXPECT_EQ(1, db.getNameByLaunchURL(w.getLaunchURL(), name));
+  EXPECT_EQ("walnew", name);
+  ASSERT_EQ(0, other.deleteWidgetByName("walnew"));
+  EXPECT_EQ(0, db.getNameByLaunchURL(w.getLaunchURL(), name));
+}
+
+TEST_F(RegistryTest, TablesOfAnotherShapeAreAnsweredByStatements) {
+  {
+    Raw raw(dbPath());
+    ASSERT_EQ(SQLITE_OK, raw.exec("CREATE TABLE Widgets(id INTEGER PRIMARY KEY, "
+                                  "storagePath, launchURL, name)"));
+    ASSERT_EQ(SQLITE_OK, raw.exec(
+        "INSERT INTO Widgets VALUES (1, '/w/', 'file:///w/i.html', 'w'), "
+        "(2, '/v/', 'file:///w/i.html', 'v')"));
+  }
+  SqlLite3 db;
+  ASSERT_TRUE(db.isOpen());
+  std::string name;
+  // Without the unique constraint two rows match; the first one answers.
+  EXPECT_EQ(1, db.getNameByLaunchURL("file:///w/i.html", name));
+  EXPECT_EQ("w", name);
+}
+
+TEST_F(RegistryTest, ReusedIdJoinsLeftBehindFilesToTheNewWidget) {
+  SqlLite3 reader;
+  SqlLite3 writer;
+  WidgetsData first = makeWidget("first", {"index.html", "locales/de/old.html", "old.html"});
+  ASSERT_EQ(1, writer.insertWidget(&first));
+  std::string url = "file:///widgets/widget_first/old.html";
+  EXPECT_EQ(1, reader.findLocalizedResource(url, {"de"}));
+  ASSERT_EQ(0, writer.deleteWidgetByName("first"));
+  url = "file:///widgets/widget_first/old.html";
+  EXPECT_EQ(0, reader.findLocalizedResource(url, {"de"}));
+  WidgetsData second = makeWidget("second", {"index.html"});
+  ASSERT_EQ(1, writer.insertWidget(&second));
+  url = "file:///widgets/widget_second/old.html";
+  EXPECT_EQ(1, reader.findLocalizedResource(url, {"de"}));
+  EXPECT_EQ("file:///widgets/widget_second//locales/de/old.html", url);
+}
+
+namespace {
+
+// One round of changes: widget r arrives, widget r - 1 goes.
+void changeRound(SqlLite3& db, int round) {
+  WidgetsData w = makeWidget("w" + std::to_string(round),
+                             {"index.html", "locales/fr/index.html"});
+  db.insertWidget(&w);
+  if (round > 0) db.deleteWidgetByName("w" + std::to_string(round - 1));
+}
+
+void expectRound(SqlLite3& db, int round) {
+  std::string name;
+  std::string current = "w" + std::to_string(round);
+  ASSERT_EQ(1, db.getNameByLaunchURL(
+                   "file:///widgets/widget_" + current + "/index.html", name))
+      << round;
+  ASSERT_EQ(current, name);
+  std::string url = "file:///widgets/widget_" + current + "/index.html";
+  ASSERT_EQ(1, db.findLocalizedResource(url, {"de", "fr"})) << round;
+  ASSERT_EQ("file:///widgets/widget_" + current + "//locales/fr/index.html", url);
+  if (round > 0) {
+    std::string gone = "w" + std::to_string(round - 1);
+    ASSERT_EQ(0, db.getNameByLaunchURL(
+                     "file:///widgets/widget_" + gone + "/index.html", name))
+        << round;
+    url = "file:///widgets/widget_" + gone + "/index.html";
+    ASSERT_EQ(0, db.findLocalizedResource(url, {"fr"})) << round;
+  }
+}
+
+}  // namespace
+
+TEST_F(RegistryTest, ChangesOfAnotherConnectionAreSeenAtTheNextLookup) {
+  SqlLite3 reader;
+  SqlLite3 writer;
+  std::string name;
+  EXPECT_EQ(0, reader.getNameByLaunchURL("file:///nothing", name));
+  for (int round = 0; round < 60; ++round) {
+    changeRound(writer, round);
+    expectRound(reader, round);
+  }
+}
+
+TEST_F(RegistryTest, ChangesOfAnotherProcessAreSeenAtTheNextLookup) {
+  SqlLite3 reader;
+  ASSERT_TRUE(reader.isOpen());
+  std::string name;
+  EXPECT_EQ(0, reader.getNameByLaunchURL("file:///nothing", name));
+  int go[2], done[2];
+  ASSERT_EQ(0, pipe(go));
+  ASSERT_EQ(0, pipe(done));
+  const int kRounds = 100;
+  pid_t pid = fork();
+  if (pid == 0) {
+    close(go[1]);
+    close(done[0]);
+    SqlLite3 writer;
+    char c;
+    for (int round = 0; round < kRounds; ++round) {
+      if (read(go[0], &c, 1) != 1) _exit(1);
+      changeRound(writer, round);
+      if (write(done[1], &c, 1) != 1) _exit(1);
+    }
+    _exit(0);
+  }
+  close(go[0]);
+  close(done[1]);
+  for (int round = 0; round < kRounds; ++round) {
+    char c = 'x';
+    ASSERT_EQ(1, write(go[1], &c, 1));
+    ASSERT_EQ(1, read(done[0], &c, 1));
+    expectRound(reader, round);
+  }
+  close(go[1]);
+  close(done[0]);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+}
+
+TEST_F(RegistryTest, LookupWhileAnotherProcessHoldsTheLockAfterAChangeFindsNothing) {
+  SqlLite3 reader;
+  std::string name;
+  EXPECT_EQ(0, reader.getNameByLaunchURL("file:///nothing", name));
+  {
+    SqlLite3 writer;
+    WidgetsData w = makeWidget("late", {"index.html"});
+    ASSERT_EQ(1, writer.insertWidget(&w));
+  }
+  // The index is out of date and cannot be reloaded under the lock: the
+  // lookup fails as its statement would.
+  registrytest::ExclusiveLock lock(dbPath());
+  ASSERT_TRUE(lock.held());
+  EXPECT_EQ(0, reader.getNameByLaunchURL("file:///widgets/widget_late/index.html", name));
+  std::string url = "file:///widgets/widget_late/index.html";
+  EXPECT_EQ(0, reader.findLocalizedResource(url, {"fr"}));
+}
+
+TEST_F(RegistryTest, IndexServesTheRegistryAndStepsAsideWhenItCannotBeTrusted) {
+  { SqlLite3 create; }
+  fillTrickyRows(dbPath());
+  Raw raw(dbPath());
+  LookupCache cache;
+  ASSERT_TRUE(cache.fresh(raw.handle()));
+  EXPECT_GT(cache.memoryUsed(), 0u);
+  std::string name;
+  EXPECT_TRUE(cache.nameByLaunchURL("file:///w/a/index.html", name));
+  EXPECT_EQ("a", name);
+
+  // One path reachable through two widgets: the first file row's widget id,
+  // the last one's directory.
+  int64_t id = 0;
+  const char* dir = nullptr;
+  size_t length = 0;
+  ASSERT_TRUE(cache.fileOwner("/m/ab/c.html", id, dir, length));
+  EXPECT_EQ(2, id);
+  EXPECT_EQ("/m/ab/", std::string(dir, length));
+  // Rows written before widget 7 existed join it now.
+  ASSERT_TRUE(cache.fileOwner("/w/g/old.html", id, dir, length));
+  EXPECT_EQ(7, id);
+  EXPECT_TRUE(cache.hasLocalizedFile(7, "locales/de/old.html"));
+  EXPECT_TRUE(cache.hasLocalizedFile(9, "locales/fr/orphan.html"));
+  EXPECT_FALSE(cache.fileOwner("/w/a/orphan.html", id, dir, length));
+  EXPECT_FALSE(cache.fileOwner("/nulldir/index.html", id, dir, length));
+  EXPECT_FALSE(cache.fileOwner("/w/a/INDEX.html", id, dir, length));
+
+  ASSERT_EQ(SQLITE_OK, raw.exec("BEGIN"));
+  EXPECT_FALSE(cache.fresh(raw.handle()));
+  ASSERT_EQ(SQLITE_OK, raw.exec("COMMIT"));
+  EXPECT_TRUE(cache.fresh(raw.handle()));
+
+  // A change of shape hands the answers to the statements.
+  ASSERT_EQ(SQLITE_OK, raw.exec("ALTER TABLE Widgets ADD COLUMN extra"));
+  EXPECT_FALSE(cache.fresh(raw.handle()));
+  EXPECT_FALSE(cache.fresh(raw.handle()));
+}
+
+TEST_F(RegistryTest, IndexStepsAsideInWalMode) {
+  { SqlLite3 create; }
+  Raw raw(dbPath());
+  LookupCache cache;
+  ASSERT_TRUE(cache.fresh(raw.handle()));
+  ASSERT_EQ("wal", raw.one("PRAGMA journal_mode=WAL"));
+  EXPECT_FALSE(cache.fresh(raw.handle()));
+}
+
+TEST_F(RegistryTest, TrickyRowsGiveTheExpectedRedirections) {
+  { SqlLite3 create; }
+  fillTrickyRows(dbPath());
+  SqlLite3 db;
+  std::string url = "file:///m/ab/c.html?z";
+  EXPECT_EQ(1, db.findLocalizedResource(url, {"de", "fr"}));
+  EXPECT_EQ("file:///m/ab//locales/fr/c.html?z", url);
+  url = "file:///w/g/old.html";
+  EXPECT_EQ(1, db.findLocalizedResource(url, {"fr", "de"}));
+  EXPECT_EQ("file:///w/g//locales/de/old.html", url);
+  url = "file:///w/a/a/b.html";
+  EXPECT_EQ(1, db.findLocalizedResource(url, {"de"}));
+  EXPECT_EQ("file:///w/a//locales/de/a/b.html", url);
+  url = "file:///w/e/e.html";
+  EXPECT_EQ(1, db.findLocalizedResource(url, {"FR"}));
+  EXPECT_EQ("file:///w/e//locales/FR/e.html", url);
+  url = "file:///w/a/orphan.html";
+  EXPECT_EQ(0, db.findLocalizedResource(url, {"fr"}));
+}

@@ -1,0 +1,179 @@
+// Helpers shared by the registry's tests: a registry in a fresh directory, a
+// plain SQLite connection to look at the file behind the engine's back, and
+// a child process whose standard output is collected.
+#ifndef WIDGETENGINE_REGISTRYTESTUTIL_H_
+#define WIDGETENGINE_REGISTRYTESTUTIL_H_
+
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <functional>
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include "registry/SqlLite3.h"
+#include "registry/WidgetsData.h"
+#include "testing/ScopedEnv.h"
+#include "testing/TempDir.h"
+
+namespace registrytest {
+
+// A test whose registry lives in its own directory.
+class RegistryTest : public ::testing::Test {
+ protected:
+  RegistryTest() : env_("YRA_DATA_PATH", dir_.path() + "/") {}
+  std::string dbPath() const { return dir_.file("widget.db"); }
+  const TempDir& dir() const { return dir_; }
+
+ private:
+  TempDir dir_;
+  ScopedEnv env_;
+};
+
+// A plain connection for looking at (or preparing) the file directly.
+class Raw {
+ public:
+  explicit Raw(const std::string& path) {
+    if (sqlite3_open(path.c_str(), &db_) != SQLITE_OK) {
+      ADD_FAILURE() << "cannot open " << path;
+    }
+  }
+  ~Raw() { sqlite3_close(db_); }
+  Raw(const Raw&) = delete;
+  Raw& operator=(const Raw&) = delete;
+
+  int exec(const std::string& sql) {
+    return sqlite3_exec(db_, sql.c_str(), nullptr, nullptr, nullptr);
+  }
+  // Every cell of the result, row after row; NULL as "<null>".
+  std::vector<std::string> cells(const std::string& sql) {
+    std::vector<std::string> out;
+    sqlite3_stmt* stmt = nullptr;
+    if (sqlite3_prepare_v2(db_, sql.c_str(), -1, &stmt, nullptr) != SQLITE_OK) {
+      ADD_FAILURE() << sql << ": " << sqlite3_errmsg(db_);
+      return out;
+    }
+    while (sqlite3_step(stmt) == SQLITE_ROW) {
+      for (int i = 0; i < sqlite3_column_count(stmt); ++i) {
+        const unsigned char* text = sqlite3_column_text(stmt, i);
+        out.push_back(text ? reinterpret_cast<const char*>(text) : "<null>");
+      }
+    }
+    sqlite3_finalize(stmt);
+    return out;
+  }
+  std::string one(const std::string& sql) {
+    std::vector<std::string> all = cells(sql);
+    return all.empty() ? "<none>" : all[0];
+  }
+  sqlite3* handle() { return db_; }
+
+ private:
+  sqlite3* db_ = nullptr;
+};
+
+// A widget record shaped as the installer fills it.
+inline WidgetsData makeWidget(const std::string& name,
+                              std::vector<std::string> files = {},
+                              const std::string& root = "/widgets/") {
+  std::string dir = root + "widget_" + name + "/";
+  WidgetsData w(0, "http://example.com/" + name + ".wgt", name,
+                "file://" + dir + "index.html", dir, 320, 240, "1.0",
+                "Widget " + name, "W" + name, "windowed", "icon.png", "Ann",
+                "ann@example.com", "http://example.com/ann");
+  w.setFiles(std::move(files));
+  return w;
+}
+
+inline void deleteAll(std::vector<WidgetsData*>& records) {
+  for (WidgetsData* w : records) delete w;
+  records.clear();
+}
+
+// Runs body in a child process and returns its exit status; what the child
+// wrote to its standard output lands in output.
+inline int runInChild(const std::function<int()>& body, std::string* output) {
+  std::cout.flush();
+  fflush(stdout);
+  int fds[2];
+  if (pipe(fds) != 0) return -1;
+  pid_t pid = fork();
+  if (pid == 0) {
+    close(fds[0]);
+    dup2(fds[1], 1);
+    close(fds[1]);
+    int code = body();
+    std::cout.flush();
+    fflush(stdout);
+    _exit(code);
+  }
+  close(fds[1]);
+  std::string text;
+  char buffer[4096];
+  ssize_t n;
+  while ((n = read(fds[0], buffer, sizeof buffer)) > 0) text.append(buffer, n);
+  close(fds[0]);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  if (output) *output = text;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// A child process that holds the database under an exclusive lock from
+// construction until destruction.
+class ExclusiveLock {
+ public:
+  explicit ExclusiveLock(const std::string& path) {
+    int ready[2];
+    if (pipe(ready) != 0 || pipe(release_) != 0) return;
+    pid_ = fork();
+    if (pid_ == 0) {
+      close(ready[0]);
+      close(release_[1]);
+      sqlite3* db = nullptr;
+      char ok = 0;
+      if (sqlite3_open(path.c_str(), &db) == SQLITE_OK &&
+          sqlite3_exec(db, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr) ==
+              SQLITE_OK) {
+        ok = 1;
+      }
+      if (write(ready[1], &ok, 1) != 1) _exit(1);
+      char c;
+      if (read(release_[0], &c, 1) < 0) _exit(1);
+      sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
+      sqlite3_close(db);
+      _exit(0);
+    }
+    close(ready[1]);
+    close(release_[0]);
+    char ok = 0;
+    held_ = read(ready[0], &ok, 1) == 1 && ok == 1;
+    close(ready[0]);
+  }
+  ~ExclusiveLock() {
+    if (pid_ <= 0) return;
+    char c = 0;
+    if (write(release_[1], &c, 1) != 1) {
+      // The child ends on the closed pipe all the same.
+    }
+    close(release_[1]);
+    int status;
+    waitpid(pid_, &status, 0);
+  }
+  ExclusiveLock(const ExclusiveLock&) = delete;
+  ExclusiveLock& operator=(const ExclusiveLock&) = delete;
+  bool held() const { return held_; }
+
+ private:
+  pid_t pid_ = -1;
+  int release_[2] = {-1, -1};
+  bool held_ = false;
+};
+
+}  // namespace registrytest
+
+#endif  // WIDGETENGINE_REGISTRYTESTUTIL_H_

@@ -1,0 +1,111 @@
+// Every statement text that the engine runs against the registry. Nothing
+// outside registry/ holds SQL; values are always bound to the numbered
+// parameters, never pasted into these texts.
+#ifndef WIDGETENGINE_STATEMENTS_H_
+#define WIDGETENGINE_STATEMENTS_H_
+
+namespace statements {
+
+// The three tables, created exactly so on a fresh file.
+constexpr const char kCreateWidgets[] =
+    "CREATE TABLE Widgets(id INTEGER NOT NULL,sourceURL VARCHAR(255),"
+    "name VARCHAR(255),launchURL VARCHAR(255),storagePath VARCHAR(255),"
+    "width INTEGER,height INTEGER,version VARCHAR(255),"
+    "widgetName VARCHAR(255),widgetShorName VARCHAR(255),"
+    "viewMode VARCHAR(255),icon VARCHAR(255),author VARCHAR(255),"
+    "authorEmail VARCHAR(255),authorHref VARCHAR(255),PRIMARY KEY (id),"
+    "UNIQUE (name),UNIQUE (launchURL),UNIQUE(sourceURL),UNIQUE(storagePath))";
+constexpr const char kCreateWidgetFiles[] =
+    "CREATE TABLE widgetFiles (id INTEGER PRIMARY KEY AUTOINCREMENT NOT NULL,"
+    "widgetID INTEGER NOT NULL,path VARCHAR(255) NOT NULL)";
+constexpr const char kCreateLocalizedItem[] =
+    "CREATE TABLE localizedItem (id INTEGER PRIMARY KEY AUTOINCREMENT NOT "
+    "NULL,widgetID INTEGER NOT NULL,item TEXT NOT NULL,lang TEXT NOT NULL,"
+    "value TEXT NOT NULL)";
+
+// Table names as probed by the structure check (the first one in lower case;
+// SQLite names are case-insensitive).
+constexpr const char kWidgetsTable[] = "widgets";
+constexpr const char kWidgetFilesTable[] = "widgetFiles";
+constexpr const char kLocalizedItemTable[] = "localizedItem";
+
+// Existence probe of a table: prefix + table name + suffix. Preparing needs
+// the schema and stepping takes the read lock, so it fails exactly when a
+// row count would, without reading a row.
+constexpr const char kProbePrefix[] = "SELECT 1 FROM ";
+constexpr const char kProbeSuffix[] = " LIMIT 0";
+// All three at once: when this succeeds every single probe would, so the
+// usual opening of a complete registry costs one statement.
+constexpr const char kProbeAllTables[] =
+    "SELECT 1 FROM widgets, widgetFiles, localizedItem LIMIT 0";
+
+// Indexes that serve the per-widget lookups. Preparing the check statement
+// fails when the index is missing; then it is created (failure ignored).
+constexpr const char kHasFilesIndex[] =
+    "SELECT 1 FROM widgetFiles INDEXED BY widgetFiles_widgetID_path "
+    "WHERE widgetID=0";
+constexpr const char kCreateFilesIndex[] =
+    "CREATE INDEX IF NOT EXISTS widgetFiles_widgetID_path "
+    "ON widgetFiles(widgetID, path)";
+constexpr const char kHasItemsIndex[] =
+    "SELECT 1 FROM localizedItem INDEXED BY localizedItem_widgetID_item_lang "
+    "WHERE widgetID=0";
+constexpr const char kCreateItemsIndex[] =
+    "CREATE INDEX IF NOT EXISTS localizedItem_widgetID_item_lang "
+    "ON localizedItem(widgetID, item, lang)";
+
+// Job transactions.
+constexpr const char kBegin[] = "BEGIN";
+constexpr const char kCommit[] = "COMMIT";
+constexpr const char kRollback[] = "ROLLBACK";
+
+// Writes.
+constexpr const char kInsertWidget[] =
+    "INSERT INTO Widgets VALUES(NULL,?1,?2,?3,?4,?5,?6,?7,?8,?9,?10,?11,?12,"
+    "?13,?14)";
+constexpr const char kInsertWidgetFile[] =
+    "INSERT INTO widgetFiles (widgetID, path) VALUES (?1,?2)";
+constexpr const char kInsertLocalizedItem[] =
+    "INSERT INTO localizedItem (widgetId, item, lang, value) VALUES "
+    "(?1, ?2, ?3, ?4)";
+constexpr const char kDeleteWidgetByName[] =
+    "DELETE FROM Widgets WHERE name=?1";
+
+// Reads of whole Widgets rows.
+constexpr const char kSelectAllWidgets[] = "SELECT * FROM Widgets";
+constexpr const char kSelectWidgetsByName[] =
+    "SELECT * FROM Widgets WHERE name = ?1";
+constexpr const char kSelectWidgetsBySourceURL[] =
+    "SELECT * FROM Widgets WHERE sourceURL=?1";
+
+// Lookups. The join keeps the file rows in the order they were written, so
+// that with several matches the first row's id and the last row's directory
+// are the ones used.
+constexpr const char kNameByLaunchURL[] =
+    "SELECT  widgets.Name FROM widgets WHERE launchURL = ?1";
+constexpr const char kFileOwner[] =
+    "SELECT  widgets.ID, widgets.storagePath from widgetFiles LEFT JOIN "
+    "widgets ON widgetFiles.widgetID=widgets.ID where storagePath || path = ?1 "
+    "ORDER BY widgetFiles.id";
+constexpr const char kLocalizedFile[] =
+    "SELECT path FROM widgetfiles WHERE widgetID=?1 AND PATH=?2 "
+    "ORDER BY id DESC LIMIT 1";
+constexpr const char kLocalizedItem[] =
+    "SELECT value FROM localizedItem WHERE widgetId=?1 AND item=?2 AND "
+    "lang=?3 ORDER BY id DESC LIMIT 1";
+constexpr const char kLocalizedItemsOfWidget[] =
+    "SELECT item, lang, value, id FROM localizedItem WHERE widgetID=?1";
+
+// The in-memory lookup index is loaded with these, inside one read
+// transaction. The schema rows tell whether the tables are the ones this
+// engine creates, for which the index answers exactly like the lookups.
+constexpr const char kSchemaTables[] =
+    "SELECT name, sql FROM sqlite_master WHERE type='table'";
+constexpr const char kIndexWidgets[] =
+    "SELECT id, storagePath, launchURL, name FROM Widgets ORDER BY id";
+constexpr const char kIndexFiles[] =
+    "SELECT widgetID, path FROM widgetFiles ORDER BY id";
+
+}  // namespace statements
+
+#endif  // WIDGETENGINE_STATEMENTS_H_

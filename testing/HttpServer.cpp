@@ -1,0 +1,247 @@
+#include "testing/HttpServer.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/sendfile.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+int boundLoopbackSocket(int* port) {
+  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) {
+    perror("socket");
+    abort();
+  }
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  address.sin_port = 0;
+  socklen_t length = sizeof(address);
+  if (bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
+      getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+    perror("bind");
+    abort();
+  }
+  *port = ntohs(address.sin_port);
+  return fd;
+}
+
+bool sendAll(int fd, const char* data, size_t size) {
+  while (size > 0) {
+    ssize_t n = send(fd, data, size, MSG_NOSIGNAL);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+    data += n;
+    size -= static_cast<size_t>(n);
+  }
+  return true;
+}
+
+std::string loopbackUrl(int port, const std::string& path) {
+  return "http://127.0.0.1:" + std::to_string(port) + path;
+}
+
+}  // namespace
+
+HttpServer::HttpServer() {
+  listener_ = boundLoopbackSocket(&port_);
+  if (listen(listener_, 16) != 0) {
+    perror("listen");
+    abort();
+  }
+  int pipeFds[2];
+  if (pipe2(pipeFds, O_CLOEXEC) != 0) {
+    perror("pipe");
+    abort();
+  }
+  wakeRead_ = pipeFds[0];
+  wakeWrite_ = pipeFds[1];
+  thread_ = std::thread(&HttpServer::run, this);
+}
+
+HttpServer::~HttpServer() {
+  char stop = 's';
+  while (write(wakeWrite_, &stop, 1) < 0 && errno == EINTR) {
+  }
+  thread_.join();
+  close(listener_);
+  close(wakeRead_);
+  close(wakeWrite_);
+}
+
+void HttpServer::serveFile(const std::string& path,
+                           const std::string& filePath) {
+  Route route;
+  route.filePath = filePath;
+  std::lock_guard<std::mutex> lock(mutex_);
+  routes_[path] = route;
+}
+
+void HttpServer::serve(const std::string& path, int status,
+                       const std::string& body, const Headers& headers) {
+  Route route;
+  route.status = status;
+  route.body = body;
+  route.headers = headers;
+  std::lock_guard<std::mutex> lock(mutex_);
+  routes_[path] = route;
+}
+
+void HttpServer::serveRedirect(const std::string& path,
+                               const std::string& location,
+                               const std::string& body) {
+  serve(path, 302, body, {{"Location", location}});
+}
+
+void HttpServer::serveTruncated(const std::string& path,
+                                const std::string& body, size_t sentBytes) {
+  Route route;
+  route.body = body;
+  route.sentBytes = sentBytes;
+  std::lock_guard<std::mutex> lock(mutex_);
+  routes_[path] = route;
+}
+
+std::string HttpServer::url(const std::string& path) const {
+  return loopbackUrl(port_, path);
+}
+
+int HttpServer::requestCount() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return total_;
+}
+
+int HttpServer::requestCount(const std::string& path) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  auto found = counts_.find(path);
+  return found == counts_.end() ? 0 : found->second;
+}
+
+const char* HttpServer::reason(int status) {
+  switch (status) {
+    case 200: return "OK";
+    case 301: return "Moved Permanently";
+    case 302: return "Found";
+    case 404: return "Not Found";
+    case 500: return "Internal Server Error";
+    default: return "Status";
+  }
+}
+
+void HttpServer::run() {
+  for (;;) {
+    pollfd fds[2] = {{wakeRead_, POLLIN, 0}, {listener_, POLLIN, 0}};
+    if (poll(fds, 2, -1) < 0) {
+      if (errno == EINTR) continue;
+      return;
+    }
+    if (fds[0].revents != 0) return;
+    if ((fds[1].revents & POLLIN) == 0) continue;
+    int client = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+    if (client < 0) continue;
+    answer(client);
+    close(client);
+  }
+}
+
+void HttpServer::answer(int client) {
+  // Reads the request head; a client that says nothing for a while, or a
+  // stop request, ends the exchange.
+  std::string request;
+  while (request.find("\r\n\r\n") == std::string::npos) {
+    pollfd fds[2] = {{wakeRead_, POLLIN, 0}, {client, POLLIN, 0}};
+    int ready = poll(fds, 2, 10000);
+    if (ready < 0 && errno == EINTR) continue;
+    if (ready <= 0 || fds[0].revents != 0) return;
+    char chunk[4096];
+    ssize_t n = recv(client, chunk, sizeof(chunk), 0);
+    if (n <= 0) return;
+    request.append(chunk, static_cast<size_t>(n));
+    if (request.size() > (1 << 20)) return;
+  }
+  std::string path;
+  size_t space = request.find(' ');
+  if (space != std::string::npos) {
+    size_t end = request.find(' ', space + 1);
+    if (end != std::string::npos) path = request.substr(space + 1, end - space - 1);
+  }
+
+  Route route;
+  bool known;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    ++total_;
+    ++counts_[path];
+    auto found = routes_.find(path);
+    known = found != routes_.end();
+    if (known) route = found->second;
+  }
+  if (!known) {
+    route.status = 404;
+    route.body = "<html><body>Not Found</body></html>\n";
+  }
+
+  int file = -1;
+  size_t length = route.body.size();
+  if (!route.filePath.empty()) {
+    file = open(route.filePath.c_str(), O_RDONLY | O_CLOEXEC);
+    struct stat info;
+    if (file < 0 || fstat(file, &info) != 0) {
+      if (file >= 0) close(file);
+      file = -1;
+      route.status = 404;
+      route.body = "missing file\n";
+      length = route.body.size();
+    } else {
+      length = static_cast<size_t>(info.st_size);
+    }
+  }
+
+  std::string head = "HTTP/1.1 " + std::to_string(route.status) + " " +
+                     reason(route.status) + "\r\n";
+  for (const auto& header : route.headers) {
+    head += header.first + ": " + header.second + "\r\n";
+  }
+  head += "Content-Length: " + std::to_string(length) + "\r\n";
+  head += "Connection: close\r\n\r\n";
+  if (!sendAll(client, head.data(), head.size())) {
+    if (file >= 0) close(file);
+    return;
+  }
+
+  if (file >= 0) {
+    off_t offset = 0;
+    while (static_cast<size_t>(offset) < length) {
+      ssize_t n = sendfile(client, file, &offset, length - offset);
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) break;
+    }
+    close(file);
+  } else {
+    size_t sent = route.sentBytes < length ? route.sentBytes : length;
+    sendAll(client, route.body.data(), sent);
+  }
+  // The client reads until the server closes; a clean end of the sending
+  // side makes sure it sees every byte sent.
+  shutdown(client, SHUT_WR);
+}
+
+RefusingPort::RefusingPort() { socket_ = boundLoopbackSocket(&port_); }
+
+RefusingPort::~RefusingPort() { close(socket_); }
+
+std::string RefusingPort::url(const std::string& path) const {
+  return loopbackUrl(port_, path);
+}

@@ -1,0 +1,93 @@
+// HttpServer is a small real HTTP/1.1 server on 127.0.0.1 for tests and
+// benchmarks that download: it listens on a free port from construction to
+// destruction, answers each request from a table of routes on its own thread
+// and closes the connection after every answer. Unknown paths get 404.
+//
+//   HttpServer server;
+//   server.serveFile("/w/clock.wgt", packagePath);
+//   Downloader d(server.url("/w/clock.wgt"), target);
+#ifndef WIDGETENGINE_TESTING_HTTPSERVER_H_
+#define WIDGETENGINE_TESTING_HTTPSERVER_H_
+
+#include <atomic>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+class HttpServer {
+ public:
+  using Headers = std::vector<std::pair<std::string, std::string>>;
+
+  HttpServer();
+  ~HttpServer();
+
+  HttpServer(const HttpServer&) = delete;
+  HttpServer& operator=(const HttpServer&) = delete;
+
+  // 200 with the bytes of filePath as they are when a request comes.
+  void serveFile(const std::string& path, const std::string& filePath);
+  // Any status with a body and extra header lines (Content-Length and
+  // Connection are added).
+  void serve(const std::string& path, int status, const std::string& body,
+             const Headers& headers = {});
+  // 302 to location, with a body of its own.
+  void serveRedirect(const std::string& path, const std::string& location,
+                     const std::string& body);
+  // 200 announcing the whole body's length, then closing the connection after
+  // the first sentBytes bytes of it.
+  void serveTruncated(const std::string& path, const std::string& body,
+                      size_t sentBytes);
+
+  int port() const { return port_; }
+  // "http://127.0.0.1:<port>" + path.
+  std::string url(const std::string& path) const;
+  // Requests received so far, in all and for one path.
+  int requestCount() const;
+  int requestCount(const std::string& path) const;
+
+ private:
+  struct Route {
+    int status = 200;
+    std::string body;
+    std::string filePath;  // when not empty, the body is read from here
+    Headers headers;
+    size_t sentBytes = static_cast<size_t>(-1);
+  };
+
+  void run();
+  void answer(int client);
+  static const char* reason(int status);
+
+  int listener_ = -1;
+  int wakeRead_ = -1;
+  int wakeWrite_ = -1;
+  int port_ = 0;
+  mutable std::mutex mutex_;
+  std::map<std::string, Route> routes_;
+  std::map<std::string, int> counts_;
+  int total_ = 0;
+  std::thread thread_;
+};
+
+// A port on 127.0.0.1 where a connection is refused: the socket is bound, so
+// no one else gets the port, but never listens.
+class RefusingPort {
+ public:
+  RefusingPort();
+  ~RefusingPort();
+
+  RefusingPort(const RefusingPort&) = delete;
+  RefusingPort& operator=(const RefusingPort&) = delete;
+
+  int port() const { return port_; }
+  std::string url(const std::string& path) const;
+
+ private:
+  int socket_ = -1;
+  int port_ = 0;
+};
+
+#endif  // WIDGETENGINE_TESTING_HTTPSERVER_H_
