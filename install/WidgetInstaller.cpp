@@ -3,17 +3,30 @@
 #include <sys/stat.h>
 #include <sys/types.h>
 
+#include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <iostream>
+#include <random>
+#include <vector>
 
 #include "config/WidgetConfig.h"
 #include "config/WidgetConfigParser.h"
 #include "install/ContentType.h"
 #include "install/Downloader.h"
 #include "install/Extractor.h"
+#include "registry/LocalizedItemKeys.h"
 #include "registry/SqlLite3.h"
+#include "registry/WidgetsData.h"
 
 namespace {
+
+// Start pages tried, in this order, when config.xml names none that exists.
+const char* const kDefaultStartFiles[] = {
+    "index.htm", "index.html", "index.svg", "index.xhtml", "index.xht"};
+// Icons every widget may carry without declaring them, in this order.
+const char* const kDefaultIcons[] = {"icon.svg", "icon.ico", "icon.png",
+                                     "icon.gif", "icon.jpg"};
 
 // True when name, taken as a path relative to a widget's directory, has a
 // ".." component and so could lead out of that directory.
@@ -89,8 +102,200 @@ bool WidgetInstaller::widgetFileExists(const std::string& fileName) {
   return true;
 }
 
-// run() and clean() live below.
-int WidgetInstaller::run() { return 3; }
+std::string WidgetInstaller::buildDownloadPath() {
+  const char* root = getenv("WIDGET_PATH");
+  const std::string prefix = root ? root : "";
+  static const char kLetters[] =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
+  std::random_device random;
+  std::string path;
+  // The downloader creates the file exclusively, so a name taken in between
+  // only fails that download; skipping names already taken makes that rare.
+  for (int attempt = 0; attempt < 100; ++attempt) {
+    std::string name = P_tmpdir "/file";
+    for (int i = 0; i < 6; ++i)
+      name += kLetters[random() % (sizeof(kLetters) - 1)];
+    path = prefix + name;
+    struct stat info;
+    if (lstat(path.c_str(), &info) != 0 && errno == ENOENT) break;
+  }
+  return path;
+}
+
+int WidgetInstaller::run() {
+  if (installed) {
+    std::cout << "WidgetInstaller cannot be run twice" << std::endl;
+    return 1;
+  }
+
+  if (!database->isOpen()) {
+    launchURL = "about:blank";
+    return 3;
+  }
+
+  {
+    std::vector<std::unique_ptr<WidgetsData>> rows;
+    for (WidgetsData* row : database->selectWidgetsBySourceURL(sourceURL))
+      rows.emplace_back(row);
+    if (rows.size() == 1) {
+      std::cout << "Widget already installed. Launch it with this url : "
+                << rows[0]->getLaunchURL() << std::endl;
+      launchURL = rows[0]->getLaunchURL();
+      return 2;
+    }
+    if (rows.size() > 1) {
+      std::cout
+          << "It's not possible to see this log. Database integrity problem"
+          << std::endl;
+      std::cout << "'sourceURL' Field in 'Widgets' Table must be unique"
+                << std::endl;
+      launchURL = "about:blank";
+      return 4;
+    }
+  }
+
+  std::unique_ptr<WidgetsData> record(new WidgetsData());
+  record->setSourceURL(sourceURL);
+  record->setName(name);
+
+  const std::string downloadPath = buildDownloadPath();
+
+  std::cout << "[Downloading...]" << std::endl << std::endl;
+  downloader.reset(new Downloader(sourceURL, downloadPath));
+  if (downloader->download() == -1) {
+    std::cout << "Error while downloading" << std::endl;
+    downloader.reset();
+    record.reset();
+    launchURL = "about:blank";
+    return 5;
+  }
+
+  std::cout << std::endl << "[Extracting...]" << std::endl << std::endl;
+  extractor.reset(new Extractor(downloadPath, storagePath));
+  files.clear();
+  if (extractor->extract(files) == -1) {
+    std::cout << "Error while extracting" << std::endl;
+    extractor.reset();
+    downloader.reset();
+    record.reset();
+    launchURL = "about:blank";
+    return 6;
+  }
+
+  record->setFiles(files);
+
+  std::cout << std::endl
+            << "[Remove downloaded file...]" << std::endl
+            << std::endl;
+  if (remove(downloadPath.c_str()) != 0) {
+    // The launch URL is deliberately left as it was here.
+    std::cout << "Error while removing" << std::endl;
+    record.reset();
+    downloader.reset();
+    extractor.reset();
+    return 11;
+  }
+
+  std::cout << std::endl << "[Parsing config.xml...]" << std::endl << std::endl;
+  const std::string configPath = storagePath + "config.xml";
+  FILE* configFile = fopen(configPath.c_str(), "r");
+  if (!configFile) {
+    std::cout << "Could not find config.xml" << std::endl;
+    extractor.reset();
+    downloader.reset();
+    record.reset();
+    launchURL = "about:blank";
+    return 7;
+  }
+  fclose(configFile);
+
+  config->setConfigPath(configPath);
+  parser.reset(new WidgetConfigParser(configPath, config.get()));
+  if (parser->parse() == -1) {
+    std::cout << "Error while parsing" << std::endl;
+    parser.reset();
+    extractor.reset();
+    downloader.reset();
+    record.reset();
+    launchURL = "about:blank";
+    return 8;
+  }
+
+  // A content element is only recorded once its file was found, so without
+  // one the default names are tried; the trial records the one accepted.
+  if (!config->getStartFile()) {
+    for (const char* candidate : kDefaultStartFiles) {
+      if (config->trySniffedStartFile(candidate) == 1) break;
+    }
+  }
+  if (!config->getStartFile()) {
+    std::cout << "No start file found" << std::endl;
+    parser.reset();
+    extractor.reset();
+    downloader.reset();
+    record.reset();
+    launchURL = "about:blank";
+    return 9;
+  }
+
+  launchURL = "file://" + storagePath + *config->getStartFile();
+  std::cout << std::endl << "Path: " << launchURL << std::endl << std::endl;
+
+  record->setLaunchURL(launchURL);
+  record->setStoragePath(storagePath);
+  // Declared icons were offered while parsing and so come first; every
+  // default name is offered too, the record refusing duplicates and files
+  // that are missing or not what their name says.
+  for (const char* icon : kDefaultIcons) config->addIcon(WidgetIconInfo(icon));
+  if (!config->getIcons().empty())
+    record->setIcon("file://" + storagePath + config->getIcons()[0].getSrc());
+  if (config->getAuthor()) record->setAuthor(*config->getAuthor());
+  if (config->getAuthorEmail())
+    record->setAuthorEmail(*config->getAuthorEmail());
+  if (config->getAuthorHref()) record->setAuthorHref(*config->getAuthorHref());
+  // Only the texts given without a language go into the row; every
+  // language, that one included, goes to the localized items below.
+  const WidgetConfig::LocalizedMap& names = config->getNames();
+  auto text = names.find(localizeditems::kDefaultLanguage);
+  if (text != names.end()) record->setWidgetName(text->second);
+  const WidgetConfig::LocalizedMap& shortNames = config->getShortNames();
+  text = shortNames.find(localizeditems::kDefaultLanguage);
+  if (text != shortNames.end()) record->setWidgetShorName(text->second);
+  if (config->getHeight()) record->setHeight(*config->getHeight());
+  if (config->getWidth()) record->setWidth(*config->getWidth());
+  if (config->getVersion()) record->setVersion(*config->getVersion());
+
+  database->beginJob();
+  const int widgetId = database->insertWidget(record.get());
+  if (widgetId <= 0) {
+    database->endJob();
+    parser.reset();
+    extractor.reset();
+    downloader.reset();
+    record.reset();
+    launchURL = "about:blank";
+    return 10;
+  }
+  database->insertLocalizedItems(widgetId, localizeditems::kName,
+                                 config->getNames());
+  database->insertLocalizedItems(widgetId, localizeditems::kShortName,
+                                 config->getShortNames());
+  database->insertLocalizedItems(widgetId, localizeditems::kDescription,
+                                 config->getDescriptions());
+  database->insertLocalizedItems(widgetId, localizeditems::kLicense,
+                                 config->getLicenses());
+  database->insertLocalizedItems(widgetId, localizeditems::kLicenseHref,
+                                 config->getLicenseHrefs());
+  database->endJob();
+
+  extractor->setKeepFiles(true);
+  installed = true;
+  parser.reset();
+  extractor.reset();
+  downloader.reset();
+  record.reset();
+  return 0;
+}
 
 void WidgetInstaller::clean() {
   if (installed) {

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <memory>
 #include <string>
+#include <vector>
 
 class Downloader;
 class Extractor;
@@ -37,6 +38,11 @@ class WidgetInstaller {
 
   const std::string& getName() const { return name; }
   const std::string& getStoragePath() const { return storagePath; }
+  // What the last run read from config.xml and chose (start file, icons);
+  // kept until the installer is destroyed.
+  const WidgetConfig* getConfig() const { return config.get(); }
+  // The archive names of the files the last run unpacked, in archive order.
+  const std::vector<std::string>& getFiles() const { return files; }
 
   // Content types of the widget's files.
   std::string getMimeTypeFromExtension(const std::string& fileName);
@@ -46,6 +52,10 @@ class WidgetInstaller {
   bool widgetFileExists(const std::string& fileName);
 
  private:
+  // Where the package is downloaded: $WIDGET_PATH (or nothing) followed by a
+  // fresh temporary file name.
+  static std::string buildDownloadPath();
+
   std::string sourceURL;
   std::string basePath;
   std::string storagePath;
@@ -57,6 +67,7 @@ class WidgetInstaller {
   std::unique_ptr<WidgetConfig> config;
   std::unique_ptr<WidgetConfigParser> parser;
   std::unique_ptr<SqlLite3> database;
+  std::vector<std::string> files;
 };
 
 #endif  // WIDGETENGINE_WIDGETINSTALLER_H_

@@ -1,0 +1,704 @@
+// The engine as a browser drives it: every call goes through the delegate that
+// createInstance() returns, packages come from a real HTTP server on
+// 127.0.0.1 or from file:// URLs, and the engine's output is checked line by
+// line in its order.
+
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <widgetengine/WidgetEngineDelegate.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "testing/CaptureStdout.h"
+#include "testing/HttpServer.h"
+#include "testing/ScopedEnv.h"
+#include "testing/TempDir.h"
+#include "testing/ZipBuilder.h"
+
+namespace {
+
+std::string configXml(const std::string& body) {
+  return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+         "<widget xmlns=\"http://www.w3.org/ns/widgets\" version=\"1.0\">" +
+         body + "</widget>\n";
+}
+
+const char kLocalizedBody[] =
+    "<name short=\"Clock\">Clock</name>"
+    "<name xml:lang=\"fr\" short=\"Horloge\">Horloge</name>"
+    "<name xml:lang=\"de\" short=\"Uhr\">Uhr</name>"
+    "<description>Tells the time</description>"
+    "<description xml:lang=\"fr\">Donne l heure</description>"
+    "<description xml:lang=\"de\">Zeigt die Zeit</description>"
+    "<license href=\"http://example.org/l\">Free</license>"
+    "<license xml:lang=\"de\" href=\"http://example.org/de\">Frei</license>"
+    "<content src=\"index.html\"/>";
+
+void addLocalizedWidget(ZipBuilder& zip) {
+  zip.addFile("config.xml", configXml(kLocalizedBody))
+      .addFile("index.html", "<p>time</p>")
+      .addFile("style.css", "p {}")
+      .addFile("locales/fr/index.html", "<p>heure</p>")
+      .addFile("locales/de/index.html", "<p>Zeit</p>");
+}
+
+std::vector<std::string> listDirectory(const std::string& path) {
+  std::vector<std::string> names;
+  DIR* dir = opendir(path.c_str());
+  if (!dir) return names;
+  while (dirent* entry = readdir(dir)) {
+    std::string name = entry->d_name;
+    if (name != "." && name != "..") names.push_back(name);
+  }
+  closedir(dir);
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+// Every regular file below path, relative name to contents.
+void snapshot(const std::string& path, const std::string& prefix,
+              std::map<std::string, std::string>& files) {
+  for (const std::string& name : listDirectory(path)) {
+    const std::string full = path + "/" + name;
+    struct stat info;
+    if (lstat(full.c_str(), &info) != 0) continue;
+    if (S_ISDIR(info.st_mode))
+      snapshot(full, prefix + name + "/", files);
+    else
+      files[prefix + name] = TempDir::readFile(full);
+  }
+}
+
+std::vector<std::string> lines(const std::string& text) {
+  std::vector<std::string> result;
+  size_t start = 0;
+  while (start < text.size()) {
+    size_t end = text.find('\n', start);
+    if (end == std::string::npos) end = text.size();
+    result.push_back(text.substr(start, end - start));
+    start = end + 1;
+  }
+  return result;
+}
+
+// Passes when every expected line appears in the output, in this order.
+::testing::AssertionResult hasLinesInOrder(
+    const std::string& output, const std::vector<std::string>& expected) {
+  const std::vector<std::string> got = lines(output);
+  size_t at = 0;
+  for (const std::string& line : expected) {
+    while (at < got.size() && got[at] != line) ++at;
+    if (at == got.size())
+      return ::testing::AssertionFailure()
+             << "missing (or out of order): \"" << line << "\" in:\n"
+             << output;
+    ++at;
+  }
+  return ::testing::AssertionSuccess();
+}
+
+struct FreeString {
+  void operator()(char* text) const { free(text); }
+};
+typedef std::unique_ptr<char, FreeString> EngineString;
+
+std::string text(const EngineString& value) {
+  return value ? value.get() : "(null)";
+}
+
+class EndToEndTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    root = dir.path() + "/widgets/";
+    conf = dir.path() + "/conf/";
+    packages = dir.path() + "/packages/";
+    ASSERT_EQ(0, mkdir(root.c_str(), 0755));
+    ASSERT_EQ(0, mkdir((root + "tmp").c_str(), 0755));
+    ASSERT_EQ(0, mkdir(conf.c_str(), 0755));
+    ASSERT_EQ(0, mkdir(packages.c_str(), 0755));
+    widgetPath.reset(new ScopedEnv("WIDGET_PATH", root));
+    dataPath.reset(new ScopedEnv("YRA_DATA_PATH", conf));
+    CaptureStdout quiet;
+    engine = WidgetEngineDelegate::createInstance();
+  }
+
+  std::string writePackage(const std::string& fileName, const ZipBuilder& zip) {
+    EXPECT_TRUE(zip.write(packages + fileName));
+    return packages + fileName;
+  }
+
+  // Serves the package over HTTP; its URL.
+  std::string served(const std::string& fileName, const ZipBuilder& zip) {
+    server.serveFile("/w/" + fileName, writePackage(fileName, zip));
+    return server.url("/w/" + fileName);
+  }
+
+  EngineString receive(const std::string& url, std::string* output = nullptr) {
+    CaptureStdout capture;
+    EngineString launchURL(engine->receiveWidget(url.c_str(), nullptr));
+    if (output) *output = capture.text();
+    return launchURL;
+  }
+
+  std::vector<std::unique_ptr<WidgetsData>> all(std::string* output = nullptr) {
+    CaptureStdout capture;
+    std::vector<std::unique_ptr<WidgetsData>> widgets;
+    for (WidgetsData* widget : engine->getAll(nullptr))
+      widgets.emplace_back(widget);
+    if (output) *output = capture.text();
+    return widgets;
+  }
+
+  std::unique_ptr<WidgetsData> info(const std::string& name,
+                                    const std::string& language,
+                                    std::string* output = nullptr) {
+    CaptureStdout capture;
+    std::unique_ptr<WidgetsData> widget(
+        engine->getInfo(name.c_str(), nullptr, language.c_str()));
+    if (output) *output = capture.text();
+    return widget;
+  }
+
+  EngineString map(const std::string& url, const std::string& language,
+                   std::string* output = nullptr) {
+    CaptureStdout capture;
+    EngineString mapped(engine->mapResource(url.c_str(), language.c_str()));
+    if (output) *output = capture.text();
+    return mapped;
+  }
+
+  int remove(const std::string& name, std::string* output = nullptr) {
+    CaptureStdout capture;
+    const int status = engine->deleteWidget(name.c_str(), nullptr);
+    if (output) *output = capture.text();
+    return status;
+  }
+
+  // A widget installed before the bad input arrives; it must come through
+  // untouched.
+  void installKeeper() {
+    ZipBuilder zip;
+    addLocalizedWidget(zip);
+    keeperURL = served("keeper.wgt", zip);
+    EngineString launchURL = receive(keeperURL);
+    ASSERT_TRUE(launchURL);
+    keeperLaunchURL = launchURL.get();
+    snapshot(root + "widget_keeper", "", keeperFiles);
+    ASSERT_EQ(5u, keeperFiles.size());
+  }
+
+  void expectKeeperUntouched() {
+    std::map<std::string, std::string> now;
+    snapshot(root + "widget_keeper", "", now);
+    EXPECT_EQ(keeperFiles, now);
+    EXPECT_EQ((std::vector<std::string>{"tmp", "widget_keeper"}),
+              listDirectory(root));
+    EXPECT_TRUE(listDirectory(root + "tmp").empty());
+    EXPECT_EQ(1, engine->isWidget(keeperLaunchURL.c_str()));
+    std::unique_ptr<WidgetsData> keeper = info("keeper", "");
+    ASSERT_TRUE(keeper);
+    EXPECT_EQ(keeperURL, keeper->getSourceURL());
+    EXPECT_EQ(1u, all().size());
+  }
+
+  TempDir dir;
+  std::string root;
+  std::string conf;
+  std::string packages;
+  std::unique_ptr<ScopedEnv> widgetPath;
+  std::unique_ptr<ScopedEnv> dataPath;
+  HttpServer server;
+  RefPtr<WebWidgetEngineDelegate> engine;
+  std::string keeperURL;
+  std::string keeperLaunchURL;
+  std::map<std::string, std::string> keeperFiles;
+};
+
+TEST_F(EndToEndTest, CreateInstanceHoldsTheOnlyReference) {
+  EXPECT_EQ(1u, engine->refCount());
+}
+
+TEST_F(EndToEndTest, InstallOverHttpPrintsTheWholeStoryAndReturnsTheLaunchURL) {
+  ZipBuilder zip;
+  addLocalizedWidget(zip);
+  const std::string url = served("clock.wgt", zip);
+  const std::string storage = root + "widget_clock/";
+  std::string output;
+  EngineString launchURL = receive(url, &output);
+  ASSERT_TRUE(launchURL);
+  EXPECT_EQ("file://" + storage + "index.html", text(launchURL));
+  EXPECT_TRUE(hasLinesInOrder(
+      output, {"[Downloading...]",
+               "",
+               "[Extracting...]",
+               "",
+               "[V:Extractor] filename: " + storage + "config.xml",
+               "[V:Extractor] filename: " + storage + "locales/de/index.html",
+               "",
+               "[Remove downloaded file...]",
+               "",
+               "",
+               "[Parsing config.xml...]",
+               "",
+               "Parsing version...",
+               "Parsing name...",
+               "Parsing content...",
+               "",
+               "Path: file://" + storage + "index.html",
+               "",
+               "Download cleaned",
+               "",
+               "[Cleaning...]",
+               ""}));
+  EXPECT_EQ(0u, output.find("[Downloading...]\n\nDownloaded from " + url +
+                            " to " + root + P_tmpdir "/file"));
+  EXPECT_EQ(1, server.requestCount("/w/clock.wgt"));
+  EXPECT_EQ(1, engine->isWidget(launchURL.get()));
+  EXPECT_TRUE(listDirectory(root + "tmp").empty());
+}
+
+TEST_F(EndToEndTest, InstallFromFileURL) {
+  ZipBuilder zip;
+  addLocalizedWidget(zip);
+  const std::string url = "file://" + writePackage("clock.wgt", zip);
+  EngineString launchURL = receive(url);
+  ASSERT_TRUE(launchURL);
+  EXPECT_EQ("file://" + root + "widget_clock/index.html", text(launchURL));
+  EXPECT_EQ((std::vector<std::string>{"config.xml", "index.html", "locales",
+                                      "style.css"}),
+            listDirectory(root + "widget_clock"));
+}
+
+TEST_F(EndToEndTest, AlreadyInstalledURLReturnsANewCopyOfTheStoredLaunchURL) {
+  ZipBuilder zip;
+  addLocalizedWidget(zip);
+  const std::string url = served("clock.wgt", zip);
+  EngineString first = receive(url);
+  ASSERT_TRUE(first);
+  std::string output;
+  EngineString second = receive(url, &output);
+  ASSERT_TRUE(second);
+  EXPECT_NE(first.get(), second.get());
+  EXPECT_EQ(text(first), text(second));
+  EXPECT_EQ("Widget already installed. Launch it with this url : " +
+                text(first) + "\nNothing to clean\n",
+            output);
+  EXPECT_EQ(1, server.requestCount("/w/clock.wgt"));
+}
+
+TEST_F(EndToEndTest, FailedInstallReturnsNull) {
+  std::string output;
+  EXPECT_FALSE(receive(server.url("/w/missing.wgt"), &output));
+  // The 404 page is stored as the package and refused by the unpacking.
+  EXPECT_TRUE(hasLinesInOrder(
+      output, {"[Downloading...]", "[Extracting...]", "Error while extracting",
+               "Extraction cleaned", "Download cleaned", "Nothing to clean"}));
+  EXPECT_EQ(std::vector<std::string>{"tmp"}, listDirectory(root));
+  EXPECT_TRUE(listDirectory(root + "tmp").empty());
+}
+
+TEST_F(EndToEndTest, DescribesListsMapsAndRemovesALocalizedWidget) {
+  ZipBuilder zip;
+  addLocalizedWidget(zip);
+  const std::string url = served("clock.wgt", zip);
+  EngineString launchURL = receive(url);
+  ASSERT_TRUE(launchURL);
+  const std::string storage = root + "widget_clock/";
+
+  std::string output;
+  std::vector<std::unique_ptr<WidgetsData>> widgets = all(&output);
+  ASSERT_EQ(1u, widgets.size());
+  EXPECT_EQ("Nothing to clean\n", output);
+  EXPECT_EQ("clock", widgets[0]->getName());
+  EXPECT_EQ("Clock", widgets[0]->getWidgetName());
+  EXPECT_EQ("", widgets[0]->getDescription());
+
+  std::unique_ptr<WidgetsData> french = info("clock", "fr-CA,fr", &output);
+  ASSERT_TRUE(french);
+  EXPECT_EQ(
+      "[V:UserAgentLocales] Computed locales : fr-ca,fr,fr\nNothing to clean\n",
+      output);
+  EXPECT_EQ("Horloge", french->getWidgetName());
+  EXPECT_EQ("Horloge", french->getWidgetShorName());
+  EXPECT_EQ("Donne l heure", french->getDescription());
+  EXPECT_EQ("Free", french->getLicense());
+  EXPECT_EQ("http://example.org/l", french->getLicenseHref());
+  EXPECT_EQ(text(launchURL), french->getLaunchURL());
+  EXPECT_EQ(url, french->getSourceURL());
+
+  std::unique_ptr<WidgetsData> german = info("clock", "de");
+  ASSERT_TRUE(german);
+  EXPECT_EQ("Uhr", german->getWidgetName());
+  EXPECT_EQ("Zeigt die Zeit", german->getDescription());
+  EXPECT_EQ("Frei", german->getLicense());
+  EXPECT_EQ("http://example.org/de", german->getLicenseHref());
+
+  std::unique_ptr<WidgetsData> other = info("clock", "it");
+  ASSERT_TRUE(other);
+  EXPECT_EQ("Clock", other->getWidgetName());
+  EXPECT_EQ("Tells the time", other->getDescription());
+
+  EngineString toFrench = map(text(launchURL), "fr");
+  EXPECT_EQ("file://" + storage + "/locales/fr/index.html", text(toFrench));
+  EngineString toGerman = map(text(launchURL) + "?a=1", "it,de-AT");
+  EXPECT_EQ("file://" + storage + "/locales/de/index.html?a=1", text(toGerman));
+  EXPECT_FALSE(map("file://" + storage + "style.css", "fr"));
+  EXPECT_FALSE(map("file://" + storage + "locales/fr/index.html", "fr"));
+
+  EXPECT_EQ(1, remove("clock", &output));
+  EXPECT_EQ("Try to delete directory on fileSystem : " + storage +
+                "\nDelete OK !!!\nDelete from database ...\nDelete OK !!!\n"
+                "Nothing to clean\n",
+            output);
+  EXPECT_EQ(std::vector<std::string>{"tmp"}, listDirectory(root));
+  EXPECT_EQ(0, engine->isWidget(launchURL.get()));
+  EXPECT_TRUE(all().empty());
+  EXPECT_FALSE(info("clock", "fr", &output));
+  EXPECT_EQ("No widget with this name\nNothing to clean\n", output);
+  EXPECT_EQ(0, remove("clock"));
+}
+
+TEST_F(EndToEndTest, MapResourceOfAnotherSchemeLeavesTheLocaleCacheAlone) {
+  ZipBuilder zip;
+  addLocalizedWidget(zip);
+  EngineString launchURL = receive(served("clock.wgt", zip));
+  ASSERT_TRUE(launchURL);
+  std::string output;
+  EXPECT_FALSE(map(server.url("/w/index.html"), "fr", &output));
+  EXPECT_EQ("", output);
+  EXPECT_FALSE(map("http://example.org/?u=" + text(launchURL), "fr", &output));
+  EXPECT_EQ("", output);
+  // The locale list for "fr" is computed only now, at the first file:// URL.
+  EngineString mapped = map(text(launchURL), "fr", &output);
+  EXPECT_TRUE(mapped);
+  EXPECT_EQ("[V:UserAgentLocales] Computed locales : fr\n", output);
+}
+
+TEST_F(EndToEndTest, SameLanguageStringBuildsTheLocaleListOnce) {
+  installKeeper();
+  std::string first, second, third;
+  ASSERT_TRUE(info("keeper", "en", &first));
+  ASSERT_TRUE(info("keeper", "en", &second));
+  ASSERT_TRUE(info("keeper", "EN", &third));
+  EXPECT_EQ("[V:UserAgentLocales] Computed locales : en\nNothing to clean\n",
+            first);
+  EXPECT_EQ("Nothing to clean\n", second);
+  EXPECT_EQ("[V:UserAgentLocales] Computed locales : en\nNothing to clean\n",
+            third);
+}
+
+TEST_F(EndToEndTest, IsWidgetComparesTheWholeLaunchURL) {
+  installKeeper();
+  EXPECT_EQ(1, engine->isWidget(keeperLaunchURL.c_str()));
+  EXPECT_EQ(0, engine->isWidget(
+                   ("file://" + root + "widget_keeper/style.css").c_str()));
+  EXPECT_EQ(0, engine->isWidget((keeperLaunchURL + "?x=1").c_str()));
+  EXPECT_EQ(0,
+            engine->isWidget(
+                keeperLaunchURL.substr(0, keeperLaunchURL.size() - 1).c_str()));
+  EXPECT_EQ(0, engine->isWidget(""));
+}
+
+TEST_F(EndToEndTest, UnopenableRegistryAnswersNothing) {
+  ScopedEnv missing("YRA_DATA_PATH", dir.path() + "/no/such/dir/");
+  RefPtr<WebWidgetEngineDelegate> broken;
+  {
+    CaptureStdout quiet;
+    broken = WidgetEngineDelegate::createInstance();
+  }
+  CaptureStdout quiet;
+  EXPECT_EQ(0, broken->isWidget("file:///x/index.html"));
+  EXPECT_EQ(nullptr, broken->mapResource("file:///x/index.html", "fr"));
+  EXPECT_EQ(nullptr, broken->getInfo("clock", nullptr, "fr"));
+  EXPECT_TRUE(broken->getAll(nullptr).empty());
+  EXPECT_EQ(-1, broken->deleteWidget("clock", nullptr));
+  EXPECT_EQ(nullptr, broken->receiveWidget("file:///x/clock.wgt", nullptr));
+}
+
+// --- bad input -----------------------------------------------------------
+
+struct BadURL {
+  const char* label;
+  std::string url;
+  std::vector<std::string> lines;
+};
+
+TEST_F(EndToEndTest, BadURLsAreRefusedAndLeaveNothingBehind) {
+  installKeeper();
+  const std::string longPath = "/" + std::string(4000, 'a') + ".wgt";
+  ZipBuilder zip;
+  addLocalizedWidget(zip);
+  const std::string quoted = "file://" + writePackage("it's.wgt", zip);
+  const std::vector<BadURL> cases = {
+      {"empty",
+       "",
+       {"[Downloading...]", "Could not download file",
+        "Error while downloading", "Download cleaned", "Nothing to clean"}},
+      {"not a URL",
+       "not a url at all",
+       {"Could not download file", "Error while downloading",
+        "Download cleaned", "Nothing to clean"}},
+      {"unknown scheme",
+       "nosuchscheme://127.0.0.1/w/clock.wgt",
+       {"Could not download file", "Error while downloading",
+        "Download cleaned", "Nothing to clean"}},
+      {"quote",
+       quoted,
+       {"Path: file://" + root + "widget_it's/index.html",
+        "Cannot insert data to database :(", "Extraction cleaned",
+        "Download cleaned", "Nothing to clean"}},
+      {"4000 characters, file",
+       "file://" + packages + longPath.substr(1),
+       {"Could not download file", "Error while downloading",
+        "Download cleaned", "Nothing to clean"}},
+      {"injection",
+       "file://" + packages + "x' OR '1'='1.wgt",
+       {"Could not download file", "Error while downloading",
+        "Download cleaned", "Nothing to clean"}},
+  };
+  for (const BadURL& c : cases) {
+    SCOPED_TRACE(c.label);
+    std::string output;
+    EXPECT_FALSE(receive(c.url, &output));
+    EXPECT_TRUE(hasLinesInOrder(output, c.lines));
+    expectKeeperUntouched();
+  }
+}
+
+TEST_F(EndToEndTest, VeryLongHttpURLIsRefusedAndLeavesNothingBehind) {
+  installKeeper();
+  std::string output;
+  EXPECT_FALSE(
+      receive(server.url("/" + std::string(4000, 'a') + ".wgt"), &output));
+  EXPECT_TRUE(output.find("Error while downloading\n") != std::string::npos ||
+              output.find("Error while extracting\n") != std::string::npos)
+      << output;
+  expectKeeperUntouched();
+}
+
+TEST_F(EndToEndTest, BadNamesFindNothingAndRemoveNothing) {
+  installKeeper();
+  const std::vector<std::string> names = {"",
+                                          "keeper'",
+                                          "it's",
+                                          "a/b",
+                                          "..",
+                                          "../widget_keeper",
+                                          "widget_keeper",
+                                          "x' OR '1'='1",
+                                          "keeper' OR '1'='1",
+                                          "keeper\" OR \"1\"=\"1",
+                                          "keeper'--",
+                                          "%"};
+  for (const std::string& name : names) {
+    SCOPED_TRACE(name);
+    std::string output;
+    EXPECT_EQ(0, remove(name, &output));
+    EXPECT_EQ("Nothing to clean\n", output);
+    EXPECT_FALSE(info(name, "", &output));
+    EXPECT_EQ("No widget with this name\nNothing to clean\n", output);
+    expectKeeperUntouched();
+  }
+}
+
+TEST_F(EndToEndTest, MapAndIsWidgetWithHostileURLsAnswerNothing) {
+  installKeeper();
+  const std::string storage = root + "widget_keeper/";
+  const std::vector<std::string> urls = {
+      "file://",
+      "file://" + storage + "index.html' OR '1'='1",
+      "file://" + storage + "../widget_keeper/index.html",
+      "file://" + storage + "locales/../index.html",
+      "file://' OR 1=1 --",
+      "file://" + std::string(4000, '/'),
+  };
+  for (const std::string& url : urls) {
+    SCOPED_TRACE(url.substr(0, 80));
+    EXPECT_FALSE(map(url, "fr"));
+    EXPECT_EQ(0, engine->isWidget(url.c_str()));
+  }
+  expectKeeperUntouched();
+}
+
+struct BadPackage {
+  const char* label;
+  std::vector<std::string> lines;
+};
+
+TEST_F(EndToEndTest, DefectivePackagesAreRefusedAndLeaveNothingBehind) {
+  installKeeper();
+  std::vector<std::pair<std::string, BadPackage>> cases;
+
+  server.serve("/w/text.wgt", 200, "just some text, no archive");
+  cases.push_back(
+      {server.url("/w/text.wgt"),
+       {"not a zip",
+        {"Zip archive is not valid (error 19)", "Error while extracting",
+         "Extraction cleaned", "Download cleaned", "Nothing to clean"}}});
+  {
+    ZipBuilder zip;
+    cases.push_back({served("empty.wgt", zip),
+                     {"empty archive",
+                      {"Empty archive", "Error while extracting",
+                       "Extraction cleaned", "Download cleaned"}}});
+  }
+  {
+    ZipBuilder zip;
+    zip.addFile("index.html", "<p/>");
+    cases.push_back({served("noconfig.wgt", zip),
+                     {"no config.xml",
+                      {"Could not find config.xml", "Extraction cleaned",
+                       "Download cleaned", "Nothing to clean"}}});
+  }
+  {
+    ZipBuilder zip;
+    zip.addFile("config.xml", "<widget><name>Clock</name></widget>")
+        .addFile("index.html", "<p/>");
+    cases.push_back(
+        {served("invalid.wgt", zip),
+         {"invalid config",
+          {"Widget configuration document is invalid", "Error while parsing",
+           "Extraction cleaned", "Download cleaned", "Nothing to clean"}}});
+  }
+  {
+    ZipBuilder zip;
+    zip.addFile("config.xml", "<widget xmlns=\"http://www.w3.org/ns/widgets\">")
+        .addFile("index.html", "<p/>");
+    cases.push_back(
+        {served("broken.wgt", zip),
+         {"malformed config",
+          {"Document not parsed successfully", "Error while parsing",
+           "Extraction cleaned", "Download cleaned"}}});
+  }
+  {
+    ZipBuilder zip;
+    zip.addFile("config.xml", configXml("<name>Clock</name>"))
+        .addFile("index.php", "<?php ?>");
+    cases.push_back({served("nostart.wgt", zip),
+                     {"no start file",
+                      {"No start file found", "Extraction cleaned",
+                       "Download cleaned", "Nothing to clean"}}});
+  }
+  {
+    ZipBuilder zip;
+    zip.addFile("config.xml", configXml("<name>Clock</name>"))
+        .addFile("index.html", "<p/>")
+        .addFile("../escape.txt", "out");
+    cases.push_back(
+        {served("dotdot.wgt", zip),
+         {"dot-dot entry",
+          {"Incorrect file name: ../escape.txt", "Error while extracting",
+           "Extraction cleaned", "Download cleaned"}}});
+  }
+  {
+    ZipBuilder zip;
+    zip.addFile("config.xml", configXml("<name>Clock</name>"))
+        .addFile("index.html", "<p/>")
+        .addFile("locales/../../widget_keeper/index.html", "overwritten");
+    cases.push_back(
+        {served("inner-dotdot.wgt", zip),
+         {"inner dot-dot entry",
+          {"Incorrect file name: locales/../../widget_keeper/index.html",
+           "Error while extracting"}}});
+  }
+  {
+    ZipBuilder zip;
+    zip.addFile("config.xml", configXml("<name>Clock</name>"))
+        .addEncryptedFile("index.html", "<p/>", "secret");
+    cases.push_back(
+        {served("encrypted.wgt", zip),
+         {"encrypted",
+          {"Zip archive must not be encrypted", "Error while extracting",
+           "Extraction cleaned", "Download cleaned"}}});
+  }
+  {
+    ZipBuilder zip;
+    zip.addFolder("a/").addFolder("a/b/");
+    cases.push_back(
+        {served("folders.wgt", zip),
+         {"only folders",
+          {"Zip archive contains only folders", "Error while extracting"}}});
+  }
+  {
+    ZipBuilder zip;
+    zip.addFile("config.xml", configXml("<name>Clock</name>"))
+        .addFile("index.html", "<p/>")
+        .addFile("bad|name.txt", "x");
+    cases.push_back(
+        {served("badname.wgt", zip),
+         {"bad name",
+          {"Incorrect file name: bad|name.txt", "Error while extracting"}}});
+  }
+  server.serve("/w/gone.wgt", 404, "Not Found");
+  cases.push_back({server.url("/w/gone.wgt"),
+                   {"404", {"Error while extracting", "Nothing to clean"}}});
+
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.second.label);
+    std::string output;
+    {
+      CaptureStdout errors(2);
+      EXPECT_FALSE(receive(c.first, &output));
+    }
+    EXPECT_TRUE(hasLinesInOrder(output, c.second.lines));
+    expectKeeperUntouched();
+    EXPECT_FALSE(TempDir::exists(root + "escape.txt"));
+    EXPECT_FALSE(TempDir::exists(dir.path() + "/escape.txt"));
+  }
+}
+
+TEST_F(EndToEndTest, RegistryDirectoryThatDisappearsBetweenCalls) {
+  installKeeper();
+  TempDir::removeTree(conf);
+  ZipBuilder zip;
+  addLocalizedWidget(zip);
+  const std::string url = served("clock.wgt", zip);
+
+  std::string output;
+  EXPECT_FALSE(receive(url, &output));
+  // The installer's own connection could not be opened: it stops before
+  // downloading anything.
+  EXPECT_EQ(std::string::npos, output.find("[Downloading...]"));
+  EXPECT_NE(std::string::npos, output.find("Can't open database"));
+  ASSERT_FALSE(lines(output).empty());
+  EXPECT_EQ("Nothing to clean", lines(output).back());
+  EXPECT_EQ(0, server.requestCount("/w/clock.wgt"));
+
+  EXPECT_EQ(-1, remove("keeper", &output));
+  EXPECT_FALSE(info("keeper", "fr"));
+  EXPECT_TRUE(all().empty());
+  // The engine's own connection was opened before and still reads the file
+  // it opened.
+  EXPECT_EQ(1, engine->isWidget(keeperLaunchURL.c_str()));
+
+  std::map<std::string, std::string> now;
+  snapshot(root + "widget_keeper", "", now);
+  EXPECT_EQ(keeperFiles, now);
+  EXPECT_EQ((std::vector<std::string>{"tmp", "widget_keeper"}),
+            listDirectory(root));
+  EXPECT_TRUE(listDirectory(root + "tmp").empty());
+}
+
+TEST_F(EndToEndTest, RegistryFileThatDisappearsBetweenCalls) {
+  installKeeper();
+  ASSERT_EQ(0, unlink((conf + "widget.db").c_str()));
+  std::string output;
+  // New connections start an empty registry in its place.
+  EXPECT_FALSE(info("keeper", "", &output));
+  EXPECT_EQ("No widget with this name\nNothing to clean\n", output);
+  EXPECT_EQ(0, remove("keeper", &output));
+  EXPECT_TRUE(all().empty());
+  std::map<std::string, std::string> now;
+  snapshot(root + "widget_keeper", "", now);
+  EXPECT_EQ(keeperFiles, now);
+  EXPECT_TRUE(listDirectory(root + "tmp").empty());
+}
+
+}  // namespace

@@ -1,0 +1,881 @@
+#include "install/WidgetInstaller.h"
+
+#include <dirent.h>
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <memory>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "config/WidgetConfig.h"
+#include "registry/SqlLite3.h"
+#include "registry/WidgetsData.h"
+#include "testing/CaptureStdout.h"
+#include "testing/HttpServer.h"
+#include "testing/ScopedEnv.h"
+#include "testing/TempDir.h"
+#include "testing/ZipBuilder.h"
+
+// Fault injection for the one failure no package can cause: the package file
+// that cannot be removed after unpacking. While armed, the next remove() of a
+// path that starts with the armed prefix fails; every other call, and every
+// call once the failure was used, goes to the C library.
+namespace {
+std::string gFailRemovalPrefix;
+int gRemovalFailuresLeft = 0;
+int gRemovalFailuresUsed = 0;
+}  // namespace
+
+extern "C" int remove(const char* path) noexcept {
+  typedef int (*RemoveFunction)(const char*);
+  static RemoveFunction next =
+      reinterpret_cast<RemoveFunction>(dlsym(RTLD_NEXT, "remove"));
+  if (gRemovalFailuresLeft > 0 && path &&
+      std::string(path).compare(0, gFailRemovalPrefix.size(),
+                                gFailRemovalPrefix) == 0) {
+    --gRemovalFailuresLeft;
+    ++gRemovalFailuresUsed;
+    errno = EACCES;
+    return -1;
+  }
+  return next(path);
+}
+
+namespace {
+
+const char kPng[] = "\x89PNG\r\n\x1a\n\0\0\0\rIHDR";
+const char kJpeg[] = "\xff\xd8\xff\xe0\0\x10JFIF\0\x01";
+const char kGif[] = "GIF89a\x01\0\x01\0\0\0\0";
+const char kIco[] = "\0\0\x01\0\x01\0\x10\x10\0\0\0\0";
+
+std::string bytes(const char* data, size_t size) {
+  return std::string(data, size - 1);
+}
+
+std::string configXml(const std::string& body,
+                      const std::string& attributes = "") {
+  return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+         "<widget xmlns=\"http://www.w3.org/ns/widgets\"" +
+         attributes + ">" + body + "</widget>\n";
+}
+
+std::vector<std::string> listDirectory(const std::string& path) {
+  std::vector<std::string> names;
+  DIR* dir = opendir(path.c_str());
+  if (!dir) return names;
+  while (dirent* entry = readdir(dir)) {
+    std::string name = entry->d_name;
+    if (name != "." && name != "..") names.push_back(name);
+  }
+  closedir(dir);
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+bool isDirectory(const std::string& path) {
+  struct stat info;
+  return lstat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+}
+
+std::vector<std::string> lines(const std::string& text) {
+  std::vector<std::string> result;
+  size_t start = 0;
+  while (start < text.size()) {
+    size_t end = text.find('\n', start);
+    if (end == std::string::npos) end = text.size();
+    result.push_back(text.substr(start, end - start));
+    start = end + 1;
+  }
+  return result;
+}
+
+// Every test gets its own widget root (with the tmp/ folder that receives
+// downloads), its own registry directory and a folder of packages.
+class WidgetInstallerTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    root = dir.path() + "/widgets/";
+    conf = dir.path() + "/conf/";
+    packages = dir.path() + "/packages/";
+    ASSERT_EQ(0, mkdir(root.c_str(), 0755));
+    ASSERT_EQ(0, mkdir((root + "tmp").c_str(), 0755));
+    ASSERT_EQ(0, mkdir(conf.c_str(), 0755));
+    ASSERT_EQ(0, mkdir(packages.c_str(), 0755));
+    widgetPath.reset(new ScopedEnv("WIDGET_PATH", root));
+    dataPath.reset(new ScopedEnv("YRA_DATA_PATH", conf));
+  }
+
+  // Writes the package into the packages folder; its file:// URL.
+  std::string package(const std::string& fileName, const ZipBuilder& zip) {
+    const std::string path = packages + fileName;
+    EXPECT_TRUE(zip.write(path));
+    return "file://" + path;
+  }
+
+  std::string simplePackage(const std::string& fileName) {
+    ZipBuilder zip;
+    zip.addFile("config.xml", configXml("<name>Clock</name>"))
+        .addFile("index.html", "<html></html>");
+    return package(fileName, zip);
+  }
+
+  // The number of rows a statement counts in the test's registry.
+  int count(const std::string& sql) {
+    sqlite3* db = nullptr;
+    int result = -1;
+    if (sqlite3_open_v2((conf + "widget.db").c_str(), &db, SQLITE_OPEN_READONLY,
+                        nullptr) == SQLITE_OK) {
+      sqlite3_stmt* statement = nullptr;
+      if (sqlite3_prepare_v2(db, sql.c_str(), -1, &statement, nullptr) ==
+              SQLITE_OK &&
+          sqlite3_step(statement) == SQLITE_ROW)
+        result = sqlite3_column_int(statement, 0);
+      sqlite3_finalize(statement);
+    }
+    sqlite3_close(db);
+    return result;
+  }
+
+  // Installs url with a fresh installer; its status.
+  int install(const std::string& url, std::string* launchURL = nullptr,
+              std::string* output = nullptr) {
+    CaptureStdout capture;
+    int status;
+    {
+      WidgetInstaller installer(url);
+      status = installer.run();
+      if (launchURL) *launchURL = installer.getLaunchURL();
+    }
+    if (output) *output = capture.text();
+    return status;
+  }
+
+  // The widget root holds nothing but its empty tmp/ folder.
+  void expectNothingLeft() {
+    EXPECT_EQ(std::vector<std::string>{"tmp"}, listDirectory(root));
+    EXPECT_TRUE(listDirectory(root + "tmp").empty());
+  }
+
+  TempDir dir;
+  std::string root;
+  std::string conf;
+  std::string packages;
+  std::unique_ptr<ScopedEnv> widgetPath;
+  std::unique_ptr<ScopedEnv> dataPath;
+};
+
+// The package path the download line names.
+std::string downloadedTo(const std::string& output) {
+  std::smatch match;
+  static const std::regex line("Downloaded from [^\n]* to ([^\n]*)\n");
+  if (!std::regex_search(output, match, line)) return "";
+  return match[1];
+}
+
+TEST_F(WidgetInstallerTest, InstallPrintsEveryStepInOrderAndKeepsTheWidget) {
+  ZipBuilder zip;
+  zip.addFile("config.xml",
+              configXml("<name>Clock</name><content src=\"index.html\"/>",
+                        " id=\"urn:test:clock\" version=\"1.0\" height=\"240\""
+                        " width=\"320\""))
+      .addFile("index.html", "<html></html>");
+  const std::string url = package("clock.wgt", zip);
+  const std::string storage = root + "widget_clock/";
+
+  CaptureStdout capture;
+  std::string launchURL;
+  int status;
+  std::string runOutput;
+  {
+    WidgetInstaller installer(url);
+    status = installer.run();
+    launchURL = installer.getLaunchURL();
+    runOutput = capture.text();
+  }
+  EXPECT_EQ(0, status);
+  EXPECT_EQ("file://" + storage + "index.html", launchURL);
+
+  const std::string packagePath = downloadedTo(runOutput);
+  EXPECT_EQ(root + P_tmpdir "/file",
+            packagePath.substr(0, packagePath.size() - 6));
+  EXPECT_EQ(
+      "[Downloading...]\n"
+      "\n"
+      "Downloaded from " +
+          url + " to " + packagePath +
+          "\n"
+          "\n"
+          "[Extracting...]\n"
+          "\n"
+          "[V:Extractor] filename: " +
+          storage +
+          "config.xml\n"
+          "[V:Extractor] filename: " +
+          storage +
+          "index.html\n"
+          "\n"
+          "[Remove downloaded file...]\n"
+          "\n"
+          "\n"
+          "[Parsing config.xml...]\n"
+          "\n"
+          "Parsing id...\n"
+          "Parsing version...\n"
+          "Parsing height...\n"
+          "Parsing width...\n"
+          "Parsing name...\n"
+          "Parsing content...\n"
+          "\n"
+          "Path: file://" +
+          storage +
+          "index.html\n"
+          "\n"
+          "Download cleaned\n",
+      runOutput);
+  EXPECT_FALSE(TempDir::exists(packagePath));
+  EXPECT_EQ((std::vector<std::string>{"config.xml", "index.html"}),
+            listDirectory(storage));
+  EXPECT_EQ(1, count("SELECT COUNT(*) FROM Widgets WHERE name='clock'"));
+  EXPECT_EQ(2, count("SELECT COUNT(*) FROM widgetFiles"));
+}
+
+TEST_F(WidgetInstallerTest, DestroyingAfterSuccessPrintsCleaning) {
+  const std::string url = simplePackage("clock.wgt");
+  std::unique_ptr<WidgetInstaller> installer(new WidgetInstaller(url));
+  {
+    CaptureStdout quiet;
+    ASSERT_EQ(0, installer->run());
+  }
+  CaptureStdout capture;
+  installer.reset();
+  EXPECT_EQ("\n[Cleaning...]\n\n", capture.text());
+}
+
+TEST_F(WidgetInstallerTest, DestroyingWithoutSuccessPrintsNothingToClean) {
+  CaptureStdout capture;
+  { WidgetInstaller installer("file:///nowhere/clock.wgt"); }
+  EXPECT_EQ("Nothing to clean\n", capture.text());
+}
+
+TEST_F(WidgetInstallerTest, RecordHoldsConfigurationValuesAndLocalizedItems) {
+  ZipBuilder zip;
+  zip.addFile(
+         "config.xml",
+         configXml(
+             "<name short=\"Clk\">Clock</name>"
+             "<name xml:lang=\"fr\" short=\"Hrl\">Horloge</name>"
+             "<description>Tells the time</description>"
+             "<description xml:lang=\"de\">Zeigt die Zeit</description>"
+             "<license href=\"http://example.org/l\">Free</license>"
+             "<author href=\"http://example.org/\" email=\"a@example.org\">"
+             "Ann</author>"
+             "<icon src=\"logo.png\"/>",
+             " version=\"2.5\" height=\"100\" width=\"200\""
+             " viewmodes=\"fullscreen\""))
+      .addFile("index.html", "<html></html>")
+      .addFile("logo.png", bytes(kPng, sizeof(kPng)));
+  const std::string url = package("clock.wgt", zip);
+  ASSERT_EQ(0, install(url));
+
+  SqlLite3 registry;
+  ASSERT_TRUE(registry.isOpen());
+  std::vector<WidgetsData*> rows = registry.selectWidgetsBySourceURL(url);
+  ASSERT_EQ(1u, rows.size());
+  std::unique_ptr<WidgetsData> row(rows[0]);
+  const std::string storage = root + "widget_clock/";
+  EXPECT_EQ(url, row->getSourceURL());
+  EXPECT_EQ("clock", row->getName());
+  EXPECT_EQ("file://" + storage + "index.html", row->getLaunchURL());
+  EXPECT_EQ(storage, row->getStoragePath());
+  EXPECT_EQ(200, row->getWidth());
+  EXPECT_EQ(100, row->getHeight());
+  EXPECT_EQ("2.5", row->getVersion());
+  EXPECT_EQ("Clock", row->getWidgetName());
+  EXPECT_EQ("Clk", row->getWidgetShorName());
+  EXPECT_EQ("", row->getViewMode());
+  EXPECT_EQ("file://" + storage + "logo.png", row->getIcon());
+  EXPECT_EQ("Ann", row->getAuthor());
+  EXPECT_EQ("a@example.org", row->getAuthorEmail());
+  EXPECT_EQ("http://example.org/", row->getAuthorHref());
+
+  EXPECT_EQ(2, count("SELECT COUNT(*) FROM localizedItem WHERE item='name'"));
+  EXPECT_EQ(2,
+            count("SELECT COUNT(*) FROM localizedItem WHERE item='shortname'"));
+  EXPECT_EQ(
+      2, count("SELECT COUNT(*) FROM localizedItem WHERE item='description'"));
+  EXPECT_EQ(1,
+            count("SELECT COUNT(*) FROM localizedItem WHERE item='license'"));
+  EXPECT_EQ(
+      1, count("SELECT COUNT(*) FROM localizedItem WHERE item='licensehref'"));
+  EXPECT_EQ(1,
+            count("SELECT COUNT(*) FROM localizedItem WHERE item='shortname' "
+                  "AND lang='fr' AND value='Hrl'"));
+  EXPECT_EQ(1,
+            count("SELECT COUNT(*) FROM localizedItem WHERE item='description' "
+                  "AND lang='default' AND value='Tells the time'"));
+  EXPECT_EQ(3, count("SELECT COUNT(*) FROM widgetFiles"));
+}
+
+TEST_F(WidgetInstallerTest, SecondRunAfterSuccessIsRefused) {
+  const std::string url = simplePackage("clock.wgt");
+  WidgetInstaller installer(url);
+  {
+    CaptureStdout quiet;
+    ASSERT_EQ(0, installer.run());
+  }
+  const std::string launchURL = installer.getLaunchURL();
+  CaptureStdout capture;
+  EXPECT_EQ(1, installer.run());
+  EXPECT_EQ("WidgetInstaller cannot be run twice\n", capture.text());
+  EXPECT_EQ(launchURL, installer.getLaunchURL());
+  EXPECT_EQ(1, count("SELECT COUNT(*) FROM Widgets"));
+}
+
+TEST_F(WidgetInstallerTest, SecondRunAfterFailureRunsTheWholeSequenceAgain) {
+  const std::string path = packages + "clock.wgt";
+  WidgetInstaller installer("file://" + path);
+  {
+    CaptureStdout quiet;
+    ASSERT_EQ(5, installer.run());
+  }
+  EXPECT_EQ("about:blank", installer.getLaunchURL());
+  ZipBuilder zip;
+  zip.addFile("config.xml", configXml("<name>Clock</name>"))
+      .addFile("index.html", "<html></html>");
+  ASSERT_TRUE(zip.write(path));
+  CaptureStdout capture;
+  EXPECT_EQ(0, installer.run());
+  const std::string output = capture.text();
+  EXPECT_NE(std::string::npos, output.find("[Downloading...]\n"));
+  EXPECT_NE(std::string::npos,
+            output.find("Path: file://" + root + "widget_clock/index.html\n"));
+  EXPECT_EQ("file://" + root + "widget_clock/index.html",
+            installer.getLaunchURL());
+}
+
+TEST_F(WidgetInstallerTest,
+       RegisteredURLAnswersWithStoredLaunchURLWithoutDownloading) {
+  HttpServer server;
+  ZipBuilder zip;
+  zip.addFile("config.xml", configXml("<name>Clock</name>"))
+      .addFile("index.html", "<html></html>");
+  ASSERT_TRUE(zip.write(packages + "clock.wgt"));
+  server.serveFile("/w/clock.wgt", packages + "clock.wgt");
+  const std::string url = server.url("/w/clock.wgt");
+  std::string first;
+  ASSERT_EQ(0, install(url, &first));
+  ASSERT_EQ(1, server.requestCount());
+  // A file the installation did not make: a new download and unpacking would
+  // wipe the directory and lose it.
+  const std::string marker = root + "widget_clock/marker.txt";
+  TempDir::writeFile(marker, "mine");
+
+  CaptureStdout capture;
+  std::string launchURL;
+  int status;
+  {
+    WidgetInstaller installer(url);
+    status = installer.run();
+    launchURL = installer.getLaunchURL();
+  }
+  EXPECT_EQ(2, status);
+  EXPECT_EQ(first, launchURL);
+  EXPECT_EQ("Widget already installed. Launch it with this url : " + first +
+                "\nNothing to clean\n",
+            capture.text());
+  EXPECT_EQ(1, server.requestCount());
+  EXPECT_EQ("mine", TempDir::readFile(marker));
+  EXPECT_TRUE(listDirectory(root + "tmp").empty());
+}
+
+TEST_F(WidgetInstallerTest, UnopenableRegistryEndsSilentlyWithStatus3) {
+  ScopedEnv missing("YRA_DATA_PATH", dir.path() + "/no/such/dir/");
+  const std::string url = simplePackage("clock.wgt");
+  std::unique_ptr<WidgetInstaller> installer;
+  {
+    CaptureStdout quiet;
+    installer.reset(new WidgetInstaller(url));
+  }
+  CaptureStdout capture;
+  EXPECT_EQ(3, installer->run());
+  EXPECT_EQ("", capture.text());
+  EXPECT_EQ("about:blank", installer->getLaunchURL());
+  {
+    CaptureStdout quiet;
+    installer.reset();
+  }
+  expectNothingLeft();
+}
+
+TEST_F(WidgetInstallerTest, DuplicateSourceURLRowsEndWithStatus4) {
+  const std::string url = simplePackage("clock.wgt");
+  // A registry made without the UNIQUE constraints, as an older or damaged
+  // file may be: the tables exist, so it is used as it is.
+  sqlite3* db = nullptr;
+  ASSERT_EQ(SQLITE_OK, sqlite3_open((conf + "widget.db").c_str(), &db));
+  const std::string schema =
+      "CREATE TABLE Widgets(id INTEGER NOT NULL,sourceURL VARCHAR(255),"
+      "name VARCHAR(255),launchURL VARCHAR(255),storagePath VARCHAR(255),"
+      "width INTEGER,height INTEGER,version VARCHAR(255),widgetName "
+      "VARCHAR(255),"
+      "widgetShorName VARCHAR(255),viewMode VARCHAR(255),icon VARCHAR(255),"
+      "author VARCHAR(255),authorEmail VARCHAR(255),authorHref VARCHAR(255),"
+      "PRIMARY KEY (id));"
+      "CREATE TABLE widgetFiles (id INTEGER PRIMARY KEY AUTOINCREMENT NOT NULL,"
+      "widgetID INTEGER NOT NULL,path VARCHAR(255) NOT NULL);"
+      "CREATE TABLE localizedItem (id INTEGER PRIMARY KEY AUTOINCREMENT NOT "
+      "NULL,"
+      "widgetID INTEGER NOT NULL,item TEXT NOT NULL,lang TEXT NOT NULL,"
+      "value TEXT NOT NULL);"
+      "INSERT INTO Widgets VALUES(NULL,'" +
+      url +
+      "','a','la','pa',1,1,'','','','','','','','');"
+      "INSERT INTO Widgets VALUES(NULL,'" +
+      url + "','b','lb','pb',1,1,'','','','','','','','');";
+  ASSERT_EQ(SQLITE_OK,
+            sqlite3_exec(db, schema.c_str(), nullptr, nullptr, nullptr));
+  sqlite3_close(db);
+
+  CaptureStdout capture;
+  std::string launchURL;
+  int status;
+  {
+    WidgetInstaller installer(url);
+    status = installer.run();
+    launchURL = installer.getLaunchURL();
+  }
+  EXPECT_EQ(4, status);
+  EXPECT_EQ("about:blank", launchURL);
+  EXPECT_EQ(
+      "It's not possible to see this log. Database integrity problem\n"
+      "'sourceURL' Field in 'Widgets' Table must be unique\n"
+      "Nothing to clean\n",
+      capture.text());
+  EXPECT_EQ(2, count("SELECT COUNT(*) FROM Widgets"));
+  expectNothingLeft();
+}
+
+TEST_F(WidgetInstallerTest, FailedDownloadEndsWithStatus5AndLeavesNothing) {
+  const std::string url = "file://" + packages + "missing.wgt";
+  std::string launchURL, output;
+  EXPECT_EQ(5, install(url, &launchURL, &output));
+  EXPECT_EQ("about:blank", launchURL);
+  EXPECT_EQ(
+      "[Downloading...]\n"
+      "\n"
+      "Could not download file\n"
+      "Error while downloading\n"
+      "Download cleaned\n"
+      "Nothing to clean\n",
+      output);
+  expectNothingLeft();
+  EXPECT_EQ(0, count("SELECT COUNT(*) FROM Widgets"));
+}
+
+TEST_F(WidgetInstallerTest, PackageThatIsNotAZipEndsWithStatus6) {
+  TempDir::writeFile(packages + "clock.wgt", "this is not an archive");
+  const std::string url = "file://" + packages + "clock.wgt";
+  std::string launchURL, output;
+  EXPECT_EQ(6, install(url, &launchURL, &output));
+  EXPECT_EQ("about:blank", launchURL);
+  const std::string packagePath = downloadedTo(output);
+  EXPECT_EQ(
+      "[Downloading...]\n"
+      "\n"
+      "Downloaded from " +
+          url + " to " + packagePath +
+          "\n"
+          "\n"
+          "[Extracting...]\n"
+          "\n"
+          "Zip archive is not valid (error 19)\n"
+          "Error while extracting\n"
+          "Extraction cleaned\n"
+          "Download cleaned\n"
+          "Nothing to clean\n",
+      output);
+  expectNothingLeft();
+}
+
+TEST_F(WidgetInstallerTest, PackageWithoutConfigEndsWithStatus7) {
+  ZipBuilder zip;
+  zip.addFile("index.html", "<html></html>");
+  const std::string url = package("clock.wgt", zip);
+  std::string launchURL, output;
+  EXPECT_EQ(7, install(url, &launchURL, &output));
+  EXPECT_EQ("about:blank", launchURL);
+  const std::vector<std::string> got = lines(output);
+  const std::vector<std::string> tail = {"[Remove downloaded file...]",
+                                         "",
+                                         "",
+                                         "[Parsing config.xml...]",
+                                         "",
+                                         "Could not find config.xml",
+                                         "Extraction cleaned",
+                                         "Download cleaned",
+                                         "Nothing to clean"};
+  ASSERT_GE(got.size(), tail.size());
+  EXPECT_EQ(tail, std::vector<std::string>(got.end() - tail.size(), got.end()));
+  expectNothingLeft();
+}
+
+TEST_F(WidgetInstallerTest, InvalidConfigEndsWithStatus8) {
+  ZipBuilder zip;
+  zip.addFile("config.xml", "<widget><name>Clock</name></widget>")
+      .addFile("index.html", "<html></html>");
+  const std::string url = package("clock.wgt", zip);
+  std::string launchURL, output;
+  {
+    CaptureStdout errors(2);
+    EXPECT_EQ(8, install(url, &launchURL, &output));
+  }
+  EXPECT_EQ("about:blank", launchURL);
+  const std::vector<std::string> got = lines(output);
+  const std::vector<std::string> tail = {
+      "[Parsing config.xml...]",
+      "",
+      "Widget configuration document is invalid",
+      "Error while parsing",
+      "Extraction cleaned",
+      "Download cleaned",
+      "Nothing to clean"};
+  ASSERT_GE(got.size(), tail.size());
+  EXPECT_EQ(tail, std::vector<std::string>(got.end() - tail.size(), got.end()));
+  expectNothingLeft();
+}
+
+TEST_F(WidgetInstallerTest, OnlyAnUnknownPageEndsWithStatus9AndNoDirectory) {
+  ZipBuilder zip;
+  zip.addFile("config.xml", configXml("<name>Clock</name>"))
+      .addFile("index.php", "<?php ?>");
+  const std::string url = package("clock.wgt", zip);
+  std::string launchURL, output;
+  EXPECT_EQ(9, install(url, &launchURL, &output));
+  EXPECT_EQ("about:blank", launchURL);
+  const std::vector<std::string> got = lines(output);
+  const std::vector<std::string> tail = {
+      "Parsing name...", "No start file found", "Extraction cleaned",
+      "Download cleaned", "Nothing to clean"};
+  ASSERT_GE(got.size(), tail.size());
+  EXPECT_EQ(tail, std::vector<std::string>(got.end() - tail.size(), got.end()));
+  expectNothingLeft();
+  EXPECT_EQ(0, count("SELECT COUNT(*) FROM Widgets"));
+}
+
+TEST_F(WidgetInstallerTest, RefusedRegistrationEndsWithStatus10AndRollsBack) {
+  // Another widget already holds the name "clock" (installed elsewhere).
+  {
+    CaptureStdout quiet;
+    SqlLite3 registry;
+    ASSERT_TRUE(registry.isOpen());
+  }
+  sqlite3* db = nullptr;
+  ASSERT_EQ(SQLITE_OK, sqlite3_open((conf + "widget.db").c_str(), &db));
+  ASSERT_EQ(
+      SQLITE_OK,
+      sqlite3_exec(db,
+                   "INSERT INTO Widgets VALUES(NULL,'http://other/clock.zip',"
+                   "'clock','file:///elsewhere/index.html','/elsewhere/',"
+                   "1,1,'','','','','','','','')",
+                   nullptr, nullptr, nullptr));
+  sqlite3_close(db);
+  const std::string url = simplePackage("clock.wgt");
+  std::string launchURL, output;
+  EXPECT_EQ(10, install(url, &launchURL, &output));
+  EXPECT_EQ("about:blank", launchURL);
+  const std::vector<std::string> got = lines(output);
+  const std::vector<std::string> tail = {
+      "Path: file://" + root + "widget_clock/index.html",
+      "",
+      "Cannot insert data to database :(",
+      "Extraction cleaned",
+      "Download cleaned",
+      "Nothing to clean"};
+  ASSERT_GE(got.size(), tail.size());
+  EXPECT_EQ(tail, std::vector<std::string>(got.end() - tail.size(), got.end()));
+  expectNothingLeft();
+  EXPECT_EQ(1, count("SELECT COUNT(*) FROM Widgets"));
+  EXPECT_EQ(0, count("SELECT COUNT(*) FROM widgetFiles"));
+  EXPECT_EQ(0, count("SELECT COUNT(*) FROM localizedItem"));
+}
+
+TEST_F(WidgetInstallerTest, NameWithAQuoteIsRefusedAtRegistrationWithStatus10) {
+  const std::string url = simplePackage("it's.wgt");
+  std::string launchURL, output;
+  EXPECT_EQ(10, install(url, &launchURL, &output));
+  EXPECT_EQ("about:blank", launchURL);
+  EXPECT_NE(std::string::npos,
+            output.find("Cannot insert data to database :(\n"));
+  expectNothingLeft();
+  EXPECT_EQ(0, count("SELECT COUNT(*) FROM Widgets"));
+}
+
+TEST_F(WidgetInstallerTest, PackageThatCannotBeRemovedEndsWithStatus11) {
+  const std::string url = simplePackage("clock.wgt");
+  gFailRemovalPrefix = root + P_tmpdir "/file";
+  gRemovalFailuresLeft = 1;
+  gRemovalFailuresUsed = 0;
+  std::string launchURL, output;
+  const int status = install(url, &launchURL, &output);
+  gRemovalFailuresLeft = 0;
+  EXPECT_EQ(1, gRemovalFailuresUsed);
+  EXPECT_EQ(11, status);
+  // Left as it was before the run, unlike every other failure.
+  EXPECT_EQ("", launchURL);
+  const std::vector<std::string> got = lines(output);
+  const std::vector<std::string> tail = {
+      "[Remove downloaded file...]", "",
+      "Error while removing",        "Download cleaned",
+      "Extraction cleaned",          "Nothing to clean"};
+  ASSERT_GE(got.size(), tail.size());
+  EXPECT_EQ(tail, std::vector<std::string>(got.end() - tail.size(), got.end()));
+  // The downloader removed the package on its way out.
+  expectNothingLeft();
+  EXPECT_EQ(0, count("SELECT COUNT(*) FROM Widgets"));
+}
+
+TEST_F(WidgetInstallerTest, LastUnderscoreOfTheNameBecomesADash) {
+  const std::string url = simplePackage("my_big_clock.wgt");
+  std::string launchURL;
+  ASSERT_EQ(0, install(url, &launchURL));
+  EXPECT_EQ("file://" + root + "widget_my_big-clock/index.html", launchURL);
+  EXPECT_TRUE(isDirectory(root + "widget_my_big-clock"));
+  EXPECT_EQ(1, count("SELECT COUNT(*) FROM Widgets WHERE name='my_big-clock'"));
+}
+
+TEST_F(WidgetInstallerTest, UnderscoreInTheMiddleOfTheNameBecomesADash) {
+  const std::string url = simplePackage("my_clock.wgt");
+  ASSERT_EQ(0, install(url));
+  EXPECT_TRUE(isDirectory(root + "widget_my-clock"));
+  EXPECT_EQ(1, count("SELECT COUNT(*) FROM Widgets WHERE name='my-clock'"));
+}
+
+TEST_F(WidgetInstallerTest, LeadingUnderscoreOfTheNameIsKept) {
+  const std::string url = simplePackage("_clock.wgt");
+  ASSERT_EQ(0, install(url));
+  EXPECT_TRUE(isDirectory(root + "widget__clock"));
+  EXPECT_EQ(1, count("SELECT COUNT(*) FROM Widgets WHERE name='_clock'"));
+}
+
+TEST_F(WidgetInstallerTest, NameAndDirectoryComeFromTheLastPathSegment) {
+  CaptureStdout quiet;
+  struct Case {
+    const char* url;
+    const char* name;
+  };
+  const Case cases[] = {
+      {"http://host/w/clock.wgt", "clock"},
+      {"http://host/w/clock", "clock"},
+      {"http://host.example.org/w/clock", "clock"},
+      {"http://host/w/clock.wgt?v=1.2", "clock.wgt?v=1"},
+      {"http://host/w/clock.wgt#a", "clock"},
+      {"http://host/w/clock?v=1", "clock?v=1"},
+      {"clock.wgt", "clock"},
+      {"_clock.wgt", "_clock"},
+      {"http://host/w/a_b_c.wgt", "a_b-c"},
+      {"", ""},
+  };
+  for (const Case& c : cases) {
+    WidgetInstaller installer(c.url);
+    EXPECT_EQ(c.name, installer.getName()) << c.url;
+    EXPECT_EQ(root + "widget_" + c.name + "/", installer.getStoragePath())
+        << c.url;
+  }
+}
+
+TEST_F(WidgetInstallerTest, RootWithoutFinalSlashGluesTheDirectoryName) {
+  ScopedEnv glued("WIDGET_PATH", dir.path() + "/data");
+  CaptureStdout quiet;
+  WidgetInstaller installer("http://host/w/clock.wgt");
+  EXPECT_EQ(dir.path() + "/datawidget_clock/", installer.getStoragePath());
+  EXPECT_TRUE(isDirectory(dir.path() + "/data"));
+}
+
+TEST_F(WidgetInstallerTest, WidgetRootIsCreatedOneLevelDeep) {
+  ScopedEnv fresh("WIDGET_PATH", dir.path() + "/fresh/");
+  EXPECT_EQ(dir.path() + "/fresh/", WidgetInstaller::getWidgetBasePath());
+  EXPECT_TRUE(isDirectory(dir.path() + "/fresh"));
+  ScopedEnv deep("WIDGET_PATH", dir.path() + "/a/b/");
+  EXPECT_EQ(dir.path() + "/a/b/", WidgetInstaller::getWidgetBasePath());
+  EXPECT_FALSE(TempDir::exists(dir.path() + "/a"));
+}
+
+TEST_F(WidgetInstallerTest, WithoutContentElementIndexHtmWinsOverIndexHtml) {
+  ZipBuilder zip;
+  zip.addFile("config.xml", configXml("<name>Clock</name>"))
+      .addFile("index.html", "<html></html>")
+      .addFile("index.htm", "<html></html>");
+  const std::string url = package("clock.wgt", zip);
+  std::string launchURL;
+  ASSERT_EQ(0, install(url, &launchURL));
+  EXPECT_EQ("file://" + root + "widget_clock/index.htm", launchURL);
+}
+
+TEST_F(WidgetInstallerTest, DefaultStartNamesAreTriedInTheirOrder) {
+  struct Case {
+    std::vector<std::string> pages;
+    const char* chosen;
+  };
+  const Case cases[] = {
+      {{"index.xht", "index.xhtml", "index.svg"}, "index.svg"},
+      {{"index.xht", "index.xhtml"}, "index.xhtml"},
+      {{"index.xht", "INDEX.HTML"}, "index.xht"},
+  };
+  int n = 0;
+  for (const Case& c : cases) {
+    ZipBuilder zip;
+    zip.addFile("config.xml", configXml("<name>Clock</name>"));
+    for (const std::string& page : c.pages) zip.addFile(page, "<x/>");
+    const std::string name = "page" + std::to_string(++n);
+    const std::string url = package(name + ".wgt", zip);
+    std::string launchURL;
+    ASSERT_EQ(0, install(url, &launchURL));
+    EXPECT_EQ("file://" + root + "widget_" + name + "/" + c.chosen, launchURL);
+  }
+}
+
+TEST_F(WidgetInstallerTest,
+       ContentElementNamingAMissingFileFallsBackToDefaults) {
+  ZipBuilder zip;
+  zip.addFile("config.xml",
+              configXml("<name>Clock</name><content src=\"main.html\"/>"))
+      .addFile("index.html", "<html></html>");
+  const std::string url = package("clock.wgt", zip);
+  std::string launchURL;
+  ASSERT_EQ(0, install(url, &launchURL));
+  EXPECT_EQ("file://" + root + "widget_clock/index.html", launchURL);
+}
+
+TEST_F(WidgetInstallerTest, ContentElementIsTakenAsItStands) {
+  ZipBuilder zip;
+  zip.addFile(
+         "config.xml",
+         configXml("<name>Clock</name>"
+                   "<content src=\"pages/start.php\" type=\"text/html\"/>"))
+      .addFile("index.html", "<html></html>")
+      .addFile("pages/start.php", "<?php ?>");
+  const std::string url = package("clock.wgt", zip);
+  std::string launchURL;
+  ASSERT_EQ(0, install(url, &launchURL));
+  EXPECT_EQ("file://" + root + "widget_clock/pages/start.php", launchURL);
+}
+
+TEST_F(WidgetInstallerTest,
+       PngIconHoldingJpegIsNotADefaultIconButSvgIsOnExistence) {
+  ZipBuilder zip;
+  zip.addFile("config.xml", configXml("<name>Clock</name>"))
+      .addFile("index.html", "<html></html>")
+      .addFile("icon.png", bytes(kJpeg, sizeof(kJpeg)))
+      .addFile("icon.svg", "not even XML");
+  const std::string url = package("clock.wgt", zip);
+  CaptureStdout quiet;
+  WidgetInstaller installer(url);
+  ASSERT_EQ(0, installer.run());
+  std::vector<std::string> icons;
+  for (const WidgetIconInfo& icon : installer.getConfig()->getIcons())
+    icons.push_back(icon.getSrc());
+  EXPECT_EQ(std::vector<std::string>{"icon.svg"}, icons);
+  SqlLite3 registry;
+  std::vector<WidgetsData*> rows = registry.selectWidgetsBySourceURL(url);
+  ASSERT_EQ(1u, rows.size());
+  std::unique_ptr<WidgetsData> row(rows[0]);
+  EXPECT_EQ("file://" + root + "widget_clock/icon.svg", row->getIcon());
+}
+
+TEST_F(WidgetInstallerTest, PngIconHoldingJpegAloneLeavesTheIconEmpty) {
+  ZipBuilder zip;
+  zip.addFile("config.xml", configXml("<name>Clock</name>"))
+      .addFile("index.html", "<html></html>")
+      .addFile("icon.png", bytes(kJpeg, sizeof(kJpeg)));
+  const std::string url = package("clock.wgt", zip);
+  ASSERT_EQ(0, install(url));
+  EXPECT_EQ(0, count("SELECT COUNT(*) FROM Widgets WHERE icon<>''"));
+  EXPECT_EQ(1, count("SELECT COUNT(*) FROM Widgets"));
+}
+
+TEST_F(WidgetInstallerTest, DeclaredIconsComeFirstThenEveryDefaultIconInOrder) {
+  ZipBuilder zip;
+  zip.addFile("config.xml",
+              configXml("<name>Clock</name><icon src=\"icon.gif\"/>"
+                        "<icon src=\"art/logo.png\" width=\"64\"/>"))
+      .addFile("index.html", "<html></html>")
+      .addFile("art/logo.png", bytes(kPng, sizeof(kPng)))
+      .addFile("icon.jpg", bytes(kJpeg, sizeof(kJpeg)))
+      .addFile("icon.gif", bytes(kGif, sizeof(kGif)))
+      .addFile("icon.png", bytes(kPng, sizeof(kPng)))
+      .addFile("icon.ico", bytes(kIco, sizeof(kIco)))
+      .addFile("icon.svg", "<svg/>");
+  const std::string url = package("clock.wgt", zip);
+  CaptureStdout quiet;
+  WidgetInstaller installer(url);
+  ASSERT_EQ(0, installer.run());
+  std::vector<std::string> icons;
+  for (const WidgetIconInfo& icon : installer.getConfig()->getIcons())
+    icons.push_back(icon.getSrc());
+  EXPECT_EQ((std::vector<std::string>{"icon.gif", "art/logo.png", "icon.svg",
+                                      "icon.ico", "icon.png", "icon.jpg"}),
+            icons);
+  EXPECT_EQ(1, count("SELECT COUNT(*) FROM Widgets WHERE icon='file://" + root +
+                     "widget_clock/icon.gif'"));
+}
+
+TEST_F(WidgetInstallerTest, PackageGoesUnderTheWidgetRootWhenItIsSet) {
+  const std::string url = simplePackage("clock.wgt");
+  std::string output;
+  ASSERT_EQ(0, install(url, nullptr, &output));
+  const std::string packagePath = downloadedTo(output);
+  EXPECT_TRUE(std::regex_match(
+      packagePath,
+      std::regex(std::regex_replace(root, std::regex("[.^$|()\\[\\]{}*+?\\\\]"),
+                                    "\\$&") +
+                 P_tmpdir "/file[A-Za-z0-9]{6}")))
+      << packagePath;
+}
+
+TEST_F(WidgetInstallerTest, PackageGoesToThePlainTemporaryNameWhenRootIsUnset) {
+  const std::string url = simplePackage("plain-temporary-name-probe.wgt");
+  ScopedEnv unset("WIDGET_PATH");
+  std::string output;
+  int status;
+  std::string storage;
+  {
+    CaptureStdout capture;
+    {
+      WidgetInstaller installer(url);
+      storage = installer.getStoragePath();
+      status = installer.run();
+    }
+    output = capture.text();
+  }
+  const std::string packagePath = downloadedTo(output);
+  // The widget went to the built-in root, shared with other tests: take it
+  // away again.
+  TempDir::removeTree(storage);
+  EXPECT_EQ(0, status) << output;
+  EXPECT_TRUE(
+      std::regex_match(packagePath, std::regex(P_tmpdir "/file[A-Za-z0-9]{6}")))
+      << packagePath;
+  EXPECT_FALSE(TempDir::exists(packagePath));
+}
+
+TEST_F(WidgetInstallerTest, EveryDownloadGetsAFreshPackageName) {
+  std::vector<std::string> names;
+  for (int i = 0; i < 3; ++i) {
+    const std::string url = simplePackage("clock" + std::to_string(i) + ".wgt");
+    std::string output;
+    ASSERT_EQ(0, install(url, nullptr, &output));
+    names.push_back(downloadedTo(output));
+  }
+  std::sort(names.begin(), names.end());
+  EXPECT_EQ(names.end(), std::adjacent_find(names.begin(), names.end()));
+}
+
+}  // namespace
