@@ -154,6 +154,16 @@ int WidgetInstaller::run() {
     }
   }
 
+  // Another widget, installed from another address whose last segment gives
+  // the same name, already lives in this directory. Unpacking would wipe its
+  // files before the registration failed on the taken name and directory, so
+  // this installation ends as that registration would, before anything is
+  // fetched or touched.
+  if (database->isStoragePathTaken(storagePath)) {
+    launchURL = "about:blank";
+    return 10;
+  }
+
   std::unique_ptr<WidgetsData> record(new WidgetsData());
   record->setSourceURL(sourceURL);
   record->setName(name);

@@ -607,6 +607,28 @@ TEST_F(WidgetInstallerTest, RefusedRegistrationEndsWithStatus10AndRollsBack) {
   EXPECT_EQ(0, count("SELECT COUNT(*) FROM localizedItem"));
 }
 
+TEST_F(WidgetInstallerTest,
+       SameNameFromAnotherAddressEndsWithStatus10AndLeavesTheFirstWidgetAlone) {
+  const std::string first = simplePackage("clock.wgt");
+  std::string firstLaunch;
+  ASSERT_EQ(0, install(first, &firstLaunch));
+  const std::string index = root + "widget_clock/index.html";
+  ASSERT_TRUE(TempDir::exists(index));
+
+  ZipBuilder other;
+  other.addFile("config.xml", configXml("<name>Other</name>"))
+      .addFile("index.html", "<html>other</html>");
+  ASSERT_EQ(0, mkdir((packages + "elsewhere").c_str(), 0755));
+  const std::string second = package("elsewhere/clock.wgt", other);
+  std::string launchURL, output;
+  EXPECT_EQ(10, install(second, &launchURL, &output));
+  EXPECT_EQ("about:blank", launchURL);
+  EXPECT_EQ("Nothing to clean\n", output);
+  EXPECT_EQ("<html></html>", TempDir::readFile(index));
+  EXPECT_EQ(1, count("SELECT COUNT(*) FROM Widgets"));
+  EXPECT_TRUE(listDirectory(root + "tmp").empty());
+}
+
 TEST_F(WidgetInstallerTest, NameWithAQuoteIsRefusedAtRegistrationWithStatus10) {
   const std::string url = simplePackage("it's.wgt");
   std::string launchURL, output;

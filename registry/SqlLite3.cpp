@@ -33,6 +33,7 @@ enum Statement {
   kSelectAllWidgetsStatement,
   kSelectWidgetsByNameStatement,
   kSelectWidgetsBySourceURLStatement,
+  kStoragePathTakenStatement,
   kNameByLaunchURLStatement,
   kFileOwnerStatement,
   kLocalizedFileStatement,
@@ -49,6 +50,7 @@ const char* const kStatementTexts[kStatementCount] = {
     statements::kSelectAllWidgets,
     statements::kSelectWidgetsByName,
     statements::kSelectWidgetsBySourceURL,
+    statements::kStoragePathTaken,
     statements::kNameByLaunchURL,
     statements::kFileOwner,
     statements::kLocalizedFile,
@@ -588,6 +590,15 @@ std::vector<WidgetsData*> SqlLite3::selectAllWidgets() {
 std::vector<WidgetsData*> SqlLite3::selectWidgetsByName(const std::string& name) {
   if (!quotable(name, '\'')) return {};
   return readWidgets(kSelectWidgetsByNameStatement, &name);
+}
+
+bool SqlLite3::isStoragePathTaken(const std::string& storagePath) {
+  if (!impl->db) return false;
+  sqlite3_stmt* stmt = impl->statement(kStoragePathTakenStatement);
+  if (!stmt) return false;
+  ResetOnExit reset(stmt);
+  bindText(stmt, 1, storagePath);
+  return sqlite3_step(stmt) == SQLITE_ROW;
 }
 
 std::vector<WidgetsData*> SqlLite3::selectWidgetsBySourceURL(

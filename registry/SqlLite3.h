@@ -57,6 +57,8 @@ class SqlLite3 {
   std::vector<WidgetsData*> selectAllWidgets();
   std::vector<WidgetsData*> selectWidgetsByName(const std::string& name);
   std::vector<WidgetsData*> selectWidgetsBySourceURL(const std::string& url);
+  // Whether a registered widget has this directory.
+  bool isStoragePathTaken(const std::string& storagePath);
 
   int getNameByLaunchURL(const std::string& launchURL, std::string& name);
   int findLocalizedResource(std::string& url, std::vector<std::string> locales);

@@ -77,6 +77,9 @@ constexpr const char kSelectWidgetsByName[] =
     "SELECT * FROM Widgets WHERE name = ?1";
 constexpr const char kSelectWidgetsBySourceURL[] =
     "SELECT * FROM Widgets WHERE sourceURL=?1";
+// Whether a registered widget lives in a directory.
+constexpr const char kStoragePathTaken[] =
+    "SELECT 1 FROM Widgets WHERE storagePath=?1 LIMIT 1";
 
 // Lookups. The join keeps the file rows in the order they were written, so
 // that with several matches the first row's id and the last row's directory
