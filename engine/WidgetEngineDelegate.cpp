@@ -104,17 +104,11 @@ int WidgetEngineDelegate::isWidget(const char* url) {
   if (!url) return 0;
   try {
     if (database->isOpen() != 1) return 0;
-    // The browser asks this for every page it loads; reused buffers spare
-    // it two allocations per call.
-    struct Buffers {
-      std::string launchURL;
-      std::string name;
-    };
-    thread_local Buffers buffers;
-    buffers.launchURL.assign(url);
-    return database->getNameByLaunchURL(buffers.launchURL, buffers.name) != 0
-               ? 1
-               : 0;
+    // The browser asks this for every page it loads: the address is looked
+    // up as it is, and the name goes to a buffer kept between calls, so a
+    // call allocates nothing.
+    thread_local std::string name;
+    return database->getNameByLaunchURL(url, strlen(url), name) != 0 ? 1 : 0;
   } catch (...) {
     return 0;
   }

@@ -386,17 +386,17 @@ bool LookupCache::load(sqlite3* db, bool& standard) {
   return true;
 }
 
-bool LookupCache::nameByLaunchURL(const std::string& url,
+bool LookupCache::nameByLaunchURL(const char* url, size_t length,
                                   std::string& name) const {
   if (byLaunchURL_.slots.empty()) return false;
-  uint64_t hash = hashBytes(url.data(), url.size(), 0);
+  uint64_t hash = hashBytes(url, length, 0);
   uint32_t want = check(hash);
   uint32_t slot = static_cast<uint32_t>(hash) & byLaunchURL_.mask;
   while (uint32_t entry = byLaunchURL_.slots[slot]) {
     const Widget& w = widgets_[entry - 1];
     if (w.launchCheck == want &&
-        sameText(arena_.data() + w.launchOffset, w.launchLength, url.data(),
-                 url.size())) {
+        sameText(arena_.data() + w.launchOffset, w.launchLength, url,
+                 length)) {
       name.assign(arena_.data() + w.nameOffset, w.nameLength);
       return true;
     }

@@ -30,7 +30,10 @@ class LookupCache {
   bool fresh(sqlite3* db);
 
   // The name of the first widget (in id order) whose launch URL is url.
-  bool nameByLaunchURL(const std::string& url, std::string& name) const;
+  bool nameByLaunchURL(const char* url, size_t length, std::string& name) const;
+  bool nameByLaunchURL(const std::string& url, std::string& name) const {
+    return nameByLaunchURL(url.data(), url.size(), name);
+  }
 
   // The widget file whose directory and path, joined, equal path: the id of
   // the widget of the first such file row and the directory (up to its first

@@ -62,9 +62,12 @@ const char* const kStatementTexts[kStatementCount] = {
 // between quote characters of that kind: one that holds the quote, or a NUL
 // byte (which ends C text), would have broken the statement, so the statement
 // fails instead of running with it.
+bool quotable(const char* value, size_t length, char quote) {
+  return !memchr(value, quote, length) && !memchr(value, '\0', length);
+}
+
 bool quotable(const std::string& value, char quote) {
-  return !memchr(value.data(), quote, value.size()) &&
-         !memchr(value.data(), '\0', value.size());
+  return quotable(value.data(), value.size(), quote);
 }
 
 // Text of a cell as a C string would carry it: NULL reads as empty and the
@@ -140,6 +143,8 @@ struct SqlLite3::Impl {
   std::vector<WidgetsData> allWidgets;
   uint32_t allWidgetsStamp = 0;
   bool allWidgetsKept = false;
+  // The copies' addresses, gathered before the caller's vector is made.
+  std::vector<WidgetsData*> copies;
   // Reused buffers of findLocalizedResource.
   std::string queryPart;
   std::string localPath;
@@ -560,10 +565,18 @@ std::vector<WidgetsData*> SqlLite3::selectAllWidgets() {
   }
   std::vector<WidgetsData*> records;
   if (impl->allWidgetsKept && now == impl->allWidgetsStamp) {
-    records.reserve(impl->allWidgets.size());
+    // The copies are made before the returned vector is allocated: a block
+    // that large makes malloc first merge every small block freed so far
+    // (typically the records of the previous listing), after which the
+    // copies could no longer take those blocks back as they are.
+    std::vector<WidgetsData*>& copies = impl->copies;
+    copies.clear();
+    copies.reserve(impl->allWidgets.size());
     for (const WidgetsData& row : impl->allWidgets) {
-      records.push_back(new WidgetsData(row));
+      copies.push_back(new WidgetsData(row));
     }
+    records.assign(copies.begin(), copies.end());
+    copies.clear();
     return records;
   }
   // Read under one read lock, taken by the select and held to the commit, so
@@ -609,14 +622,20 @@ std::vector<WidgetsData*> SqlLite3::selectWidgetsBySourceURL(
 
 int SqlLite3::getNameByLaunchURL(const std::string& launchURL,
                                  std::string& name) {
-  if (!impl->db || !quotable(launchURL, '"')) return 0;
+  return getNameByLaunchURL(launchURL.data(), launchURL.size(), name);
+}
+
+int SqlLite3::getNameByLaunchURL(const char* launchURL, size_t length,
+                                 std::string& name) {
+  if (!impl->db || !quotable(launchURL, length, '"')) return 0;
   if (impl->cache.fresh(impl->db)) {
-    return impl->cache.nameByLaunchURL(launchURL, name) ? 1 : 0;
+    return impl->cache.nameByLaunchURL(launchURL, length, name) ? 1 : 0;
   }
   sqlite3_stmt* stmt = impl->statement(kNameByLaunchURLStatement);
   if (!stmt) return 0;
   ResetOnExit reset(stmt);
-  bindText(stmt, 1, launchURL);
+  sqlite3_bind_text(stmt, 1, launchURL, static_cast<int>(length),
+                    SQLITE_STATIC);
   if (sqlite3_step(stmt) != SQLITE_ROW) return 0;
   name = cellText(stmt, 0);
   return 1;

@@ -61,6 +61,10 @@ class SqlLite3 {
   bool isStoragePathTaken(const std::string& storagePath);
 
   int getNameByLaunchURL(const std::string& launchURL, std::string& name);
+  // The same lookup for an address held as bytes, so that a caller holding
+  // a C string need not copy it first.
+  int getNameByLaunchURL(const char* launchURL, size_t length,
+                         std::string& name);
   int findLocalizedResource(std::string& url, std::vector<std::string> locales);
   int getLocalizedItem(int widgetId, const std::string& item,
                        const std::vector<std::string>& locales,
