@@ -5,38 +5,38 @@
 //    COUNT(*) per table, at 10 and 1000 installed widgets;
 //  - isWidget and mapResource through the delegate against the registry
 //    lookups beneath them;
-//  - a whole receiveWidget of a typical package (file:// and HTTP on
-//    127.0.0.1) against `curl -s -o` followed by `bsdtar -xf`.
-// The engine prints progress lines; standard output goes to /dev/null inside
-// every timed loop, on both sides.
-#include <arpa/inet.h>
+//  - a whole receiveWidget of the typical package of the unpacking benchmark
+//    (file:// and HTTP on 127.0.0.1) against `curl -s -o` followed by
+//    `bsdtar -xf`, each run into a directory never used before.
+// Every benchmark runs once per round and the rounds follow one another, so
+// that a figure and its twin share the machine's load; the summary at the
+// end gives the medians over the rounds and the ratios the targets are
+// stated in. The engine prints progress lines; standard output goes to
+// /dev/null inside every timed loop, on both sides.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <spawn.h>
 #include <sqlite3.h>
-#include <sys/sendfile.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <zip.h>
 
-#include <atomic>
+#include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
 #include <map>
 #include <memory>
-#include <random>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <widgetengine/WidgetEngineDelegate.h>
 
+#include "bench/BenchPackages.h"
 #include "registry/SqlLite3.h"
+#include "testing/HttpServer.h"
 
 extern char** environ;
 
@@ -236,16 +236,26 @@ struct LiteralConnection {
   }
 };
 
+// The query benchmarks time the call alone: the records it hands over are
+// deleted out of the timing, on both sides, since releasing them is the
+// caller's work and costs the same whichever way they were made.
+using Clock = std::chrono::steady_clock;
+
+double since(Clock::time_point start) {
+  return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
 void BM_GetInfo(benchmark::State& state) {
   Population& p = population(static_cast<int>(state.range(0)));
   QuietStdout quiet;
   for (auto _ : state) {
+    const Clock::time_point start = Clock::now();
     WidgetsData* info = p.engine->getInfo(p.probeName.c_str(), nullptr, kLanguage);
+    state.SetIterationTime(since(start));
     if (!info) {
       state.SkipWithError("getInfo found nothing");
       break;
     }
-    benchmark::DoNotOptimize(info);
     delete info;
   }
 }
@@ -254,19 +264,22 @@ void BM_GetInfoLiteral(benchmark::State& state) {
   Population& p = population(static_cast<int>(state.range(0)));
   QuietStdout quiet;
   for (auto _ : state) {
-    LiteralConnection db(p.dataDir);
-    std::vector<WidgetsData*> records = db.selectWidgets(
-        "SELECT * FROM Widgets WHERE name = '" + p.probeName + "'");
-    const size_t count = records.size();
-    for (WidgetsData* record : records) {
-      db.loadLocalizedItems(record, kLocales);
-      delete record;
+    const Clock::time_point start = Clock::now();
+    std::vector<WidgetsData*> records;
+    {
+      LiteralConnection db(p.dataDir);
+      records = db.selectWidgets("SELECT * FROM Widgets WHERE name = '" +
+                                 p.probeName + "'");
+      if (records.size() == 1) db.loadLocalizedItems(records[0], kLocales);
     }
+    std::cout << "Nothing to clean" << std::endl;
+    state.SetIterationTime(since(start));
+    const size_t count = records.size();
+    for (WidgetsData* record : records) delete record;
     if (count != 1) {
       state.SkipWithError("literal getInfo found nothing");
       break;
     }
-    std::cout << "Nothing to clean" << std::endl;
   }
 }
 
@@ -274,7 +287,9 @@ void BM_GetAll(benchmark::State& state) {
   Population& p = population(static_cast<int>(state.range(0)));
   QuietStdout quiet;
   for (auto _ : state) {
+    const Clock::time_point start = Clock::now();
     std::vector<WidgetsData*> all = p.engine->getAll(nullptr);
+    state.SetIterationTime(since(start));
     const size_t count = all.size();
     for (WidgetsData* record : all) delete record;
     if (count != static_cast<size_t>(state.range(0))) {
@@ -288,15 +303,20 @@ void BM_GetAllLiteral(benchmark::State& state) {
   Population& p = population(static_cast<int>(state.range(0)));
   QuietStdout quiet;
   for (auto _ : state) {
-    LiteralConnection db(p.dataDir);
-    std::vector<WidgetsData*> all = db.selectWidgets("SELECT * FROM Widgets");
+    const Clock::time_point start = Clock::now();
+    std::vector<WidgetsData*> all;
+    {
+      LiteralConnection db(p.dataDir);
+      all = db.selectWidgets("SELECT * FROM Widgets");
+    }
+    std::cout << "Nothing to clean" << std::endl;
+    state.SetIterationTime(since(start));
     const size_t count = all.size();
     for (WidgetsData* record : all) delete record;
     if (count != static_cast<size_t>(state.range(0))) {
       state.SkipWithError("literal getAll is short");
       break;
     }
-    std::cout << "Nothing to clean" << std::endl;
   }
 }
 
@@ -352,142 +372,38 @@ void BM_RegistryMapResource(benchmark::State& state) {
   }
 }
 
-// --- Installation of a typical package.
+// --- Installation of the typical package.
 
-// A package of about 200 files and 15 MB: config.xml, a start page, an icon,
-// localized start pages, and pages and media of incompressible bytes.
-std::string typicalPackage() {
-  static std::string path;
-  if (!path.empty()) return path;
-  const std::string dir = benchRoot() + "packages/";
-  mkdir(benchRoot().c_str(), 0755);
-  mkdir(dir.c_str(), 0755);
-  path = dir + "benchclock.wgt";
-  unlink(path.c_str());
-  int error = 0;
-  zip_t* archive = zip_open(path.c_str(), ZIP_CREATE | ZIP_TRUNCATE, &error);
-  if (!archive) abort();
-  std::vector<std::string> keep;  // zip_close reads the buffers
-  keep.reserve(256);
-  auto add = [&](const std::string& name, std::string contents) {
-    keep.push_back(std::move(contents));
-    zip_source_t* source =
-        zip_source_buffer(archive, keep.back().data(), keep.back().size(), 0);
-    zip_file_add(archive, name.c_str(), source, ZIP_FL_OVERWRITE);
-  };
-  add("config.xml",
-      "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-      "<widget xmlns=\"http://www.w3.org/ns/widgets\" "
-      "id=\"http://example.org/benchclock\" version=\"1.0\" width=\"320\" "
-      "height=\"240\">\n"
-      "  <name>Bench clock</name>\n"
-      "  <name xml:lang=\"fr\">Horloge</name>\n"
-      "  <description>Typical widget</description>\n"
-      "  <content src=\"index.html\"/>\n"
-      "</widget>\n");
-  add("index.html", "<!DOCTYPE html><html><body>clock</body></html>\n");
-  for (const char* lang : {"en", "fr", "de"}) {
-    add(std::string("locales/") + lang + "/index.html",
-        std::string("<!DOCTYPE html><html lang=\"") + lang + "\"></html>\n");
+HttpServer* server = nullptr;
+
+std::string packageURL(const std::string& scheme) {
+  if (scheme == "http") return server->url("/typical.wgt");
+  return "file://" + benchpackages::path(benchpackages::kTypical);
+}
+
+// Every run works in a directory of its own under runsDir, never used
+// before: nothing is deleted while measuring, since creating files right
+// after many were deleted is slow on ext4 and would distort whichever
+// contender ran next. The runs are removed when all is measured.
+std::string runsDir() { return benchRoot() + "runs/"; }
+
+std::string freshRunPath(const char* kind) {
+  static int counter = 0;
+  // Each run starts with nothing left to write back from the one before, so
+  // that no run pays for another's dirty pages.
+  const int fd = open(benchRoot().c_str(), O_RDONLY | O_DIRECTORY);
+  if (fd >= 0) {
+    syncfs(fd);
+    close(fd);
   }
-  std::mt19937 random(7);
-  const size_t target = 15u << 20;
-  size_t total = 0;
-  for (int i = 0; total < target && i < 195; ++i) {
-    const size_t size = target / 195;
-    std::string bytes(size, '\0');
-    for (char& c : bytes) c = static_cast<char>(random());
-    total += size;
-    add("media/file" + std::to_string(i) + ".bin", std::move(bytes));
-  }
-  if (zip_close(archive) != 0) abort();
+  const std::string path = runsDir() + kind + "-" + std::to_string(++counter) + "/";
+  mkdir(path.c_str(), 0755);
   return path;
 }
 
-// A small HTTP/1.1 server on 127.0.0.1 that serves one directory.
-class FileServer {
- public:
-  explicit FileServer(const std::string& root) : root_(root) {
-    listener_ = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    listen(listener_, 16);
-    socklen_t length = sizeof address;
-    getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length);
-    port_ = ntohs(address.sin_port);
-    thread_ = std::thread([this] { serve(); });
-  }
-  ~FileServer() {
-    stop_ = true;
-    shutdown(listener_, SHUT_RDWR);
-    close(listener_);
-    thread_.join();
-  }
-  int port() const { return port_; }
-
- private:
-  void serve() {
-    while (!stop_) {
-      const int client = accept(listener_, nullptr, nullptr);
-      if (client < 0) continue;
-      std::string request;
-      char buffer[4096];
-      while (request.find("\r\n\r\n") == std::string::npos) {
-        const ssize_t n = read(client, buffer, sizeof buffer);
-        if (n <= 0) break;
-        request.append(buffer, static_cast<size_t>(n));
-      }
-      const size_t start = request.find(' ') + 1;
-      const std::string target =
-          request.substr(start, request.find(' ', start) - start);
-      const int file = open((root_ + target).c_str(), O_RDONLY);
-      struct stat status;
-      if (file >= 0 && fstat(file, &status) == 0) {
-        const std::string header =
-            "HTTP/1.1 200 OK\r\nContent-Type: application/widget\r\n"
-            "Content-Length: " + std::to_string(status.st_size) +
-            "\r\nConnection: close\r\n\r\n";
-        if (write(client, header.data(), header.size()) > 0) {
-          off_t offset = 0;
-          while (offset < status.st_size &&
-                 sendfile(client, file, &offset, status.st_size - offset) > 0) {
-          }
-        }
-      } else {
-        const char notFound[] =
-            "HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\n"
-            "Connection: close\r\n\r\n";
-        if (write(client, notFound, sizeof notFound - 1) < 0) {
-        }
-      }
-      if (file >= 0) close(file);
-      close(client);
-    }
-  }
-
-  std::string root_;
-  int listener_;
-  int port_;
-  std::atomic<bool> stop_{false};
-  std::thread thread_;
-};
-
-FileServer& server() {
-  static FileServer instance(benchRoot() + "packages");
-  return instance;
-}
-
-std::string packageURL(const std::string& scheme) {
-  const std::string package = typicalPackage();
-  if (scheme == "file") return "file://" + package;
-  return "http://127.0.0.1:" + std::to_string(server().port()) + "/benchclock.wgt";
-}
-
+// The registry that the installations go to, and the delegate over it.
 struct InstallPlace {
   std::string dataDir;
-  std::string widgetRoot;
   RefPtr<WebWidgetEngineDelegate> engine;
 };
 
@@ -496,35 +412,14 @@ InstallPlace& installPlace() {
   if (!place) {
     place.reset(new InstallPlace);
     place->dataDir = benchRoot() + "install-registry/";
-    place->widgetRoot = benchRoot() + "install-widgets/";
     removeTree(place->dataDir);
-    removeTree(place->widgetRoot);
+    mkdir(benchRoot().c_str(), 0755);
     mkdir(place->dataDir.c_str(), 0755);
-    mkdir(place->widgetRoot.c_str(), 0755);
     setenv("YRA_DATA_PATH", place->dataDir.c_str(), 1);
-    setenv("WIDGET_PATH", place->widgetRoot.c_str(), 1);
     place->engine = WidgetEngineDelegate::createInstance();
   }
   setenv("YRA_DATA_PATH", place->dataDir.c_str(), 1);
-  setenv("WIDGET_PATH", place->widgetRoot.c_str(), 1);
   return *place;
-}
-
-void BM_Install(benchmark::State& state, const std::string& scheme) {
-  const std::string url = packageURL(scheme);
-  InstallPlace& place = installPlace();
-  QuietStdout quiet;
-  for (auto _ : state) {
-    char* launch = place.engine->receiveWidget(url.c_str(), nullptr);
-    state.PauseTiming();
-    if (!launch) {
-      state.SkipWithError("receiveWidget failed");
-      break;
-    }
-    free(launch);
-    place.engine->deleteWidget("benchclock", nullptr);
-    state.ResumeTiming();
-  }
 }
 
 int runProgram(const std::vector<std::string>& arguments) {
@@ -542,52 +437,206 @@ int runProgram(const std::vector<std::string>& arguments) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-void BM_CurlBsdtar(benchmark::State& state, const std::string& scheme) {
+// One receiveWidget into a fresh widget root. The package is downloaded to
+// <widget root>/tmp/, which the installer expects to exist. Afterwards, out
+// of the timing, the widget is unregistered through the delegate so that the
+// next round installs again; its tree is first moved aside, leaving an
+// empty directory to remove, so that nothing is deleted while measuring.
+void BM_Install(benchmark::State& state, const std::string& scheme) {
   const std::string url = packageURL(scheme);
-  const std::string dir = benchRoot() + "curl-bsdtar/";
-  const std::string package = benchRoot() + "curl-bsdtar.wgt";
+  InstallPlace& place = installPlace();
+  const std::string root = freshRunPath("install");
+  mkdir((root + "tmp").c_str(), 0755);
+  setenv("WIDGET_PATH", root.c_str(), 1);
+  const std::string expected = "file://" + root + "widget_typical/index.html";
   QuietStdout quiet;
   for (auto _ : state) {
-    state.PauseTiming();
-    removeTree(dir);
-    mkdir(dir.c_str(), 0755);
-    state.ResumeTiming();
+    char* launch = place.engine->receiveWidget(url.c_str(), nullptr);
+    const bool installed = launch && expected == launch;
+    free(launch);
+    if (!installed) {
+      state.SkipWithError("receiveWidget failed");
+      break;
+    }
+  }
+  rename((root + "widget_typical").c_str(), (root + "installed").c_str());
+  mkdir((root + "widget_typical").c_str(), 0755);
+  if (place.engine->deleteWidget("typical", nullptr) != 1) {
+    state.SkipWithError("deleteWidget failed");
+  }
+}
+
+// The same package fetched by the curl program and unpacked by bsdtar.
+void BM_CurlBsdtar(benchmark::State& state, const std::string& scheme) {
+  const std::string url = packageURL(scheme);
+  const std::string root = freshRunPath("curl-bsdtar");
+  const std::string package = root + "typical.wgt";
+  const std::string dir = root + "widget_typical";
+  mkdir(dir.c_str(), 0755);
+  QuietStdout quiet;
+  for (auto _ : state) {
     if (runProgram({"curl", "-s", "-o", package, url}) != 0 ||
         runProgram({"bsdtar", "-xf", package, "-C", dir}) != 0) {
       state.SkipWithError("curl or bsdtar failed");
       break;
     }
-    unlink(package.c_str());
   }
-  removeTree(dir);
+}
+
+// --- Summary.
+
+// Keeps the real time per iteration of every run, in seconds, by benchmark
+// name without the decorations that the registration adds.
+class MedianReporter : public benchmark::ConsoleReporter {
+ public:
+  void ReportRuns(const std::vector<Run>& runs) override {
+    for (const Run& run : runs) {
+      if (run.run_type != Run::RT_Iteration || run.error_occurred) continue;
+      std::string name = run.run_name.function_name;
+      if (!run.run_name.args.empty()) name += "/" + run.run_name.args;
+      seconds_[name].push_back(run.GetAdjustedRealTime() /
+                               benchmark::GetTimeUnitMultiplier(run.time_unit));
+    }
+    ConsoleReporter::ReportRuns(runs);
+  }
+
+  double median(const std::string& name) const {
+    auto it = seconds_.find(name);
+    if (it == seconds_.end() || it->second.empty()) return 0;
+    std::vector<double> values = it->second;
+    std::sort(values.begin(), values.end());
+    const size_t n = values.size();
+    return n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
+  }
+
+ private:
+  std::map<std::string, std::vector<double>> seconds_;
+};
+
+std::string formatTime(double seconds) {
+  char text[32];
+  if (seconds >= 1e-3) {
+    snprintf(text, sizeof text, "%.2f ms", seconds * 1e3);
+  } else if (seconds >= 1e-6) {
+    snprintf(text, sizeof text, "%.2f us", seconds * 1e6);
+  } else {
+    snprintf(text, sizeof text, "%.1f ns", seconds * 1e9);
+  }
+  return text;
+}
+
+// ours / theirs, which must stay at most limit.
+bool printAtMost(const MedianReporter& r, const std::string& ours,
+                 const std::string& theirs, double limit) {
+  const double a = r.median(ours);
+  const double b = r.median(theirs);
+  if (a <= 0 || b <= 0) {
+    printf("%-26s %-26s not measured\n", ours.c_str(), theirs.c_str());
+    return false;
+  }
+  const bool met = a / b <= limit;
+  printf("%-26s %12s  %-26s %12s  ratio %8.3f  target <= %.2f  %s\n",
+         ours.c_str(), formatTime(a).c_str(), theirs.c_str(),
+         formatTime(b).c_str(), a / b, limit, met ? "met" : "MISSED");
+  return met;
+}
+
+// theirs / ours, which must reach at least limit.
+bool printAtLeast(const MedianReporter& r, const std::string& ours,
+                  const std::string& theirs, double limit) {
+  const double a = r.median(ours);
+  const double b = r.median(theirs);
+  if (a <= 0 || b <= 0) {
+    printf("%-26s %-26s not measured\n", ours.c_str(), theirs.c_str());
+    return false;
+  }
+  const bool met = b / a >= limit;
+  printf("%-26s %12s  %-26s %12s  %8.1fx faster  target >= %.0fx  %s\n",
+         ours.c_str(), formatTime(a).c_str(), theirs.c_str(),
+         formatTime(b).c_str(), b / a, limit, met ? "met" : "MISSED");
+  return met;
+}
+
+int envInt(const char* name, int fallback) {
+  const char* value = getenv(name);
+  return value && *value ? atoi(value) : fallback;
 }
 
 }  // namespace
 
-BENCHMARK(BM_GetInfo)->Arg(10)->Arg(1000);
-BENCHMARK(BM_GetInfoLiteral)->Arg(10)->Arg(1000);
-BENCHMARK(BM_GetAll)->Arg(10)->Arg(1000);
-BENCHMARK(BM_GetAllLiteral)->Arg(10)->Arg(1000);
-BENCHMARK(BM_DelegateIsWidget)->Arg(10)->Arg(1000);
-BENCHMARK(BM_RegistryIsWidget)->Arg(10)->Arg(1000);
-BENCHMARK(BM_DelegateMapResource)->Arg(10)->Arg(1000);
-BENCHMARK(BM_RegistryMapResource)->Arg(10)->Arg(1000);
-
 int main(int argc, char** argv) {
-  for (const char* scheme : {"file", "http"}) {
-    const std::string s = scheme;
-    benchmark::RegisterBenchmark(("BM_Install/" + s).c_str(),
-                                 [s](benchmark::State& st) { BM_Install(st, s); })
-        ->Unit(benchmark::kMillisecond)
-        ->UseRealTime();
-    benchmark::RegisterBenchmark(("BM_CurlBsdtar/" + s).c_str(),
-                                 [s](benchmark::State& st) { BM_CurlBsdtar(st, s); })
-        ->Unit(benchmark::kMillisecond)
-        ->UseRealTime();
+  removeTree(runsDir());
+  mkdir(benchRoot().c_str(), 0755);
+  mkdir(runsDir().c_str(), 0755);
+  HttpServer httpServer;
+  httpServer.serveFile("/typical.wgt",
+                       benchpackages::path(benchpackages::kTypical));
+  server = &httpServer;
+
+  using Function = void (*)(benchmark::State&);
+  struct Entry {
+    const char* name;
+    Function function;
+    bool manualTime;
+  };
+  const Entry queries[] = {
+      {"BM_GetInfo", BM_GetInfo, true},
+      {"BM_GetInfoLiteral", BM_GetInfoLiteral, true},
+      {"BM_GetAll", BM_GetAll, true},
+      {"BM_GetAllLiteral", BM_GetAllLiteral, true},
+      {"BM_DelegateIsWidget", BM_DelegateIsWidget, false},
+      {"BM_RegistryIsWidget", BM_RegistryIsWidget, false},
+      {"BM_DelegateMapResource", BM_DelegateMapResource, false},
+      {"BM_RegistryMapResource", BM_RegistryMapResource, false},
+  };
+  const int rounds = envInt("ENGINE_BENCH_ROUNDS", 7);
+  for (int round = 0; round < rounds; ++round) {
+    for (const Entry& query : queries) {
+      benchmark::internal::Benchmark* b =
+          benchmark::RegisterBenchmark(query.name, query.function)
+              ->Arg(10)
+              ->Arg(1000)
+              ->MinTime(0.2);
+      if (query.manualTime) b->UseManualTime();
+    }
+    for (const char* scheme : {"file", "http"}) {
+      const std::string s = scheme;
+      benchmark::RegisterBenchmark(("BM_Install/" + s).c_str(),
+                                   [s](benchmark::State& st) { BM_Install(st, s); })
+          ->Iterations(1)
+          ->Unit(benchmark::kMillisecond)
+          ->UseRealTime();
+      benchmark::RegisterBenchmark(("BM_CurlBsdtar/" + s).c_str(),
+                                   [s](benchmark::State& st) { BM_CurlBsdtar(st, s); })
+          ->Iterations(1)
+          ->Unit(benchmark::kMillisecond)
+          ->UseRealTime();
+    }
   }
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  benchmark::RunSpecifiedBenchmarks();
+  MedianReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
   benchmark::Shutdown();
+
+  printf("\nMedians of %d rounds (real time):\n", rounds);
+  int missed = 0;
+  for (const char* scheme : {"file", "http"}) {
+    const std::string s = scheme;
+    missed += !printAtMost(reporter, "BM_Install/" + s, "BM_CurlBsdtar/" + s, 1.1);
+  }
+  for (const char* op : {"GetInfo", "GetAll"}) {
+    const std::string ours = std::string("BM_") + op;
+    missed += !printAtLeast(reporter, ours + "/1000", ours + "Literal/1000", 20);
+  }
+  for (const char* n : {"10", "1000"}) {
+    const std::string suffix = std::string("/") + n;
+    missed += !printAtMost(reporter, "BM_DelegateIsWidget" + suffix,
+                           "BM_RegistryIsWidget" + suffix, 1.5);
+    missed += !printAtMost(reporter, "BM_DelegateMapResource" + suffix,
+                           "BM_RegistryMapResource" + suffix, 1.5);
+  }
+  printf("%s\n", missed ? "some targets MISSED" : "every target met");
+  removeTree(runsDir());
   return 0;
 }

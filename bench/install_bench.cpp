@@ -24,6 +24,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/BenchPackages.h"
 #include "install/Downloader.h"
 #include "install/Extractor.h"
 #include "testing/HttpServer.h"
@@ -37,112 +38,14 @@ namespace {
 const std::string kDataDir = std::string(WIDGETENGINE_BINARY_DIR) + "/bench-data";
 const std::string kRunsDir = kDataDir + "/runs";
 
-// Deterministic bytes, so that every run measures the same packages.
-class Random {
- public:
-  explicit Random(uint64_t seed) : state_(seed * 2654435761u + 1) {}
-  uint64_t next() {
-    state_ ^= state_ << 13;
-    state_ ^= state_ >> 7;
-    state_ ^= state_ << 17;
-    return state_;
-  }
-  size_t below(size_t n) { return static_cast<size_t>(next() % n); }
-
- private:
-  uint64_t state_;
-};
-
-std::string randomBytes(Random& random, size_t size) {
-  std::string bytes(size, '\0');
-  for (size_t i = 0; i + 8 <= size; i += 8) {
-    uint64_t value = random.next();
-    memcpy(&bytes[i], &value, 8);
-  }
-  return bytes;
-}
-
-// Markup-like text that deflates about as well as real scripts and pages.
-std::string text(Random& random, size_t size) {
-  static const char* const kWords[] = {
-      "function", "var", "return", "widget", "this", "document", "element",
-      "style", "class", "div", "span", "width", "height", "color", "margin",
-      "if", "else", "for", "new", "value", "name", "title", "locale", "icon",
-      "click", "event", "handler", "update", "clock", "time", "date", "hour",
-      "minute", "second", "display", "none", "block", "0px", "1em", "#fff"};
-  const size_t count = sizeof(kWords) / sizeof(kWords[0]);
-  std::string out;
-  out.reserve(size + 16);
-  while (out.size() < size) {
-    out += kWords[random.below(count)];
-    out += random.below(12) == 0 ? ";\n" : " ";
-    if (random.below(50) == 0) out += std::to_string(random.next() % 100000);
-  }
-  out.resize(size);
-  return out;
-}
-
-struct PackageShape {
-  const char* name;
-  int scale;  // the large package is ten typical ones side by side
-};
-
-// About 200 files and 15 MB per unit of scale: scripts, styles, images in
-// nested folders and a localized copy of pages and pictures per language.
-void buildPackage(const PackageShape& shape, const std::string& path) {
-  Random random(shape.scale);
-  ZipBuilder zip;
-  zip.addFile("config.xml", text(random, 2000));
-  zip.addFile("index.html", text(random, 12000));
-  const int scale = shape.scale;
-  zip.addFolder("js/").addFolder("js/lib/").addFolder("js/app/");
-  for (int i = 0; i < 20 * scale; ++i) {
-    zip.addFile(std::string(i % 2 ? "js/lib/" : "js/app/") + "s" +
-                    std::to_string(i) + ".js",
-                text(random, 20000 + random.below(20000)));
-  }
-  zip.addFolder("css/");
-  for (int i = 0; i < 10 * scale; ++i) {
-    zip.addFile("css/c" + std::to_string(i) + ".css",
-                text(random, 5000 + random.below(10000)));
-  }
-  zip.addFolder("images/");
-  for (int set = 0; set < 4 * scale; ++set) {
-    const std::string folder = "images/set" + std::to_string(set) + "/";
-    zip.addFolder(folder);
-    for (int i = 0; i < 10; ++i) {
-      zip.addFile(folder + "p" + std::to_string(i) + ".png",
-                  randomBytes(random, 50000 + random.below(400000)), 1);
-    }
-  }
-  zip.addFolder("images/icons/");
-  for (int i = 0; i < 20 * scale; ++i) {
-    zip.addFile("images/icons/i" + std::to_string(i) + ".png",
-                randomBytes(random, 10000 + random.below(20000)), 1);
-  }
-  zip.addFolder("locales/");
-  for (const char* lang : {"en", "fr", "de", "es", "it", "ja", "pt-br", "zh"}) {
-    const std::string folder = std::string("locales/") + lang + "/";
-    zip.addFolder(folder);
-    for (int i = 0; i < 12 * scale; ++i) {
-      zip.addFile(folder + "page" + std::to_string(i) + ".html",
-                  text(random, 8000 + random.below(16000)));
-    }
-    for (int i = 0; i < 2 * scale; ++i) {
-      zip.addFile(folder + "banner" + std::to_string(i) + ".png",
-                  randomBytes(random, 100000 + random.below(100000)), 1);
-    }
-  }
-  if (!zip.write(path)) {
-    fprintf(stderr, "cannot build %s\n", path.c_str());
-    exit(1);
-  }
-}
-
-const PackageShape kShapes[] = {{"typical", 1}, {"large", 10}};
+const benchpackages::Shape kShapes[] = {benchpackages::kTypical,
+                                        benchpackages::kLarge};
 
 std::string packagePath(const char* name) {
-  return kDataDir + "/" + name + ".wgt";
+  for (const benchpackages::Shape& shape : kShapes) {
+    if (strcmp(shape.name, name) == 0) return benchpackages::path(shape);
+  }
+  abort();
 }
 
 // Run directories are numbered and never reused. Nothing is deleted while
@@ -299,15 +202,7 @@ int main(int argc, char** argv) {
   mkdir(kDataDir.c_str(), 0755);
   TempDir::removeTree(kRunsDir);
   mkdir(kRunsDir.c_str(), 0755);
-  for (const PackageShape& shape : kShapes) {
-    struct stat info;
-    if (stat(packagePath(shape.name).c_str(), &info) != 0) {
-      fprintf(stderr, "building the %s package...\n", shape.name);
-      buildPackage(shape, packagePath(shape.name) + ".part");
-      rename((packagePath(shape.name) + ".part").c_str(),
-             packagePath(shape.name).c_str());
-    }
-  }
+  for (const benchpackages::Shape& shape : kShapes) packagePath(shape.name);
   HttpServer httpServer;
   httpServer.serveFile("/typical.wgt", packagePath("typical"));
   server = &httpServer;
@@ -315,7 +210,7 @@ int main(int argc, char** argv) {
   // Registered round by round so that the contenders alternate.
   const int rounds = envInt("INSTALL_BENCH_ROUNDS", 9);
   for (int round = 0; round < rounds; ++round) {
-    for (const PackageShape& shape : kShapes) {
+    for (const benchpackages::Shape& shape : kShapes) {
       std::string suffix = std::string("/") + shape.name;
       benchmark::RegisterBenchmark(("BM_Extract" + suffix).c_str(), BM_Extract,
                                    shape.name)
@@ -343,7 +238,7 @@ int main(int argc, char** argv) {
   benchmark::Shutdown();
 
   printf("\nMedians of %d paired rounds:\n", rounds);
-  for (const PackageShape& shape : kShapes) {
+  for (const benchpackages::Shape& shape : kShapes) {
     const std::string suffix = std::string("/") + shape.name;
     printRatio("BM_Extract" + suffix, "BM_Bsdtar" + suffix, 0.95);
     printRatio("BM_Extract" + suffix, "BM_Unzip" + suffix, 0.5);
