@@ -514,7 +514,7 @@ void printRatios(const RatioReporter& r) {
 
 // The heap that one long-lived connection holds at N = 1000 once its
 // lookups have run (index, kept statements, SQLite's page cache).
-void printMemory() {
+double printMemory() {
   registry(1000);
   sqlite3_int64 sqliteBefore = sqlite3_memory_used();
   struct mallinfo2 before = mallinfo2();
@@ -536,7 +536,50 @@ void printMemory() {
     printf("registry memory at N=1000: %.2f MB of heap (SQLite %.2f MB, "
            "lookup index and the rest %.2f MB); limit 16 MB\n",
            heap / 1048576.0, sqlite / 1048576.0, (heap - sqlite) / 1048576.0);
+    return heap / 1048576.0;
   }
+}
+
+// One line per target: the figure, the limit and whether it is met.
+bool printTarget(const char* what, double value, bool atLeast, double limit,
+                 const char* unit) {
+  const bool met = value > 0 && (atLeast ? value >= limit : value <= limit);
+  printf("%-52s %12.2f%s  target %s %g%s  %s\n", what, value, unit,
+         atLeast ? ">=" : "<=", limit, unit, met ? "met" : "MISSED");
+  return met;
+}
+
+// The targets, all at N = 1000: how many times faster than the literal twin,
+// how many times slower than the floor, and the memory held.
+void printTargets(const RatioReporter& r, double memoryMB) {
+  auto t = [&r](const std::string& name) { return r.time(name + "/1000"); };
+  auto faster = [&](const char* op) {
+    const double mine = t(std::string("BM_") + op);
+    return mine > 0 ? t(std::string("BM_") + op + "Literal") / mine : 0.0;
+  };
+  auto slower = [&](const char* op) {
+    const double floor = t(std::string("BM_") + op + "Floor");
+    return floor > 0 ? t(std::string("BM_") + op) / floor : 0.0;
+  };
+  const double at10 = r.time("BM_FindLocalizedResource/10");
+  printf("\nTargets at N=1000:\n");
+  int missed = 0;
+  missed += !printTarget("IsWidget: literal / engine", faster("IsWidget"), true, 10, "x");
+  missed += !printTarget("IsWidget: engine / floor", slower("IsWidget"), false, 10, "x");
+  missed += !printTarget("FindLocalizedResource: literal / engine",
+                         faster("FindLocalizedResource"), true, 10000, "x");
+  missed += !printTarget("FindLocalizedResource: engine / floor",
+                         slower("FindLocalizedResource"), false, 10, "x");
+  missed += !printTarget("FindLocalizedResource: N=1000 / N=10",
+                         at10 > 0 ? t("BM_FindLocalizedResource") / at10 : 0.0,
+                         false, 2, "x");
+  missed += !printTarget("LoadLocalizedItems: literal / engine",
+                         faster("LoadLocalizedItems"), true, 100, "x");
+  missed += !printTarget("Open: literal / engine", faster("Open"), true, 10, "x");
+  missed += !printTarget("SelectWidgets: literal / engine", faster("SelectWidgets"),
+                         true, 2, "x");
+  missed += !printTarget("memory held by a connection", memoryMB, false, 16, " MB");
+  printf("%s\n", missed ? "some targets MISSED" : "every target met");
 }
 
 }  // namespace
@@ -547,7 +590,8 @@ int main(int argc, char** argv) {
   RatioReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
   printRatios(reporter);
-  printMemory();
+  const double memoryMB = printMemory();
+  printTargets(reporter, memoryMB);
   benchmark::Shutdown();
   return 0;
 }

@@ -150,6 +150,15 @@ struct SqlLite3::Impl {
   std::string localPath;
   std::string directory;
 
+  // Whether sql prepares and steps without error: a probe that reads no row.
+  bool probe(const char* sql) {
+    sqlite3_stmt* stmt = nullptr;
+    int rc = sqlite3_prepare_v2(db, sql, -1, &stmt, nullptr);
+    if (rc == SQLITE_OK) rc = sqlite3_step(stmt);
+    sqlite3_finalize(stmt);
+    return rc == SQLITE_DONE || rc == SQLITE_ROW;
+  }
+
   // The kept statement, prepared on first use; null when it cannot be
   // prepared (then the operation fails as its statement would).
   sqlite3_stmt* statement(Statement which) {
@@ -209,6 +218,13 @@ SqlLite3::SqlLite3() : impl(new Impl) {
     return;
   }
   if (impl->verbose) std::cout << "Database open. Good news ;)" << std::endl;
+  // A registry that this engine has opened before has its tables and its
+  // indexes: one statement proves both.
+  if (impl->probe(statements::kProbeAllTablesAndIndexes)) {
+    impl->resultCode = SQLITE_OK;
+    impl->opened = true;
+    return;
+  }
   if (checkStructure()) {
     impl->opened = true;
     ensureIndexes();
@@ -273,12 +289,7 @@ const std::vector<std::string>& SqlLite3::getValues() const {
 
 bool SqlLite3::checkStructure() {
   if (!impl->db) return false;
-  sqlite3_stmt* stmt = nullptr;
-  int rc = sqlite3_prepare_v2(impl->db, statements::kProbeAllTables, -1, &stmt,
-                              nullptr);
-  if (rc == SQLITE_OK) rc = sqlite3_step(stmt);
-  sqlite3_finalize(stmt);
-  if (rc == SQLITE_DONE || rc == SQLITE_ROW) {
+  if (impl->probe(statements::kProbeAllTables)) {
     impl->resultCode = SQLITE_OK;
     return true;
   }

@@ -38,6 +38,13 @@ constexpr const char kProbeSuffix[] = " LIMIT 0";
 // usual opening of a complete registry costs one statement.
 constexpr const char kProbeAllTables[] =
     "SELECT 1 FROM widgets, widgetFiles, localizedItem LIMIT 0";
+// The same probe, which can only be prepared when both indexes below exist
+// too: a registry opened before costs one statement in all.
+constexpr const char kProbeAllTablesAndIndexes[] =
+    "SELECT 1 FROM widgets, "
+    "widgetFiles INDEXED BY widgetFiles_widgetID_path, "
+    "localizedItem INDEXED BY localizedItem_widgetID_item_lang "
+    "WHERE widgetFiles.widgetID=0 AND localizedItem.widgetID=0 LIMIT 0";
 
 // Indexes that serve the per-widget lookups. Preparing the check statement
 // fails when the index is missing; then it is created (failure ignored).
