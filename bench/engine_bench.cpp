@@ -15,6 +15,7 @@
 // /dev/null inside every timed loop, on both sides.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
+#include <ftw.h>
 #include <spawn.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
@@ -387,18 +388,34 @@ std::string packageURL(const std::string& scheme) {
 // contender ran next. The runs are removed when all is measured.
 std::string runsDir() { return benchRoot() + "runs/"; }
 
+int dropCachedPages(const char* path, const struct stat* info, int type,
+                    struct FTW*) {
+  if (type == FTW_F && info->st_size > 0) {
+    const int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd >= 0) {
+      posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED);
+      close(fd);
+    }
+  }
+  return 0;
+}
+
 std::string freshRunPath(const char* kind) {
   static int counter = 0;
+  static std::string previous;
   // Each run starts with nothing left to write back from the one before, so
-  // that no run pays for another's dirty pages.
+  // that no run pays for another's dirty pages; the previous run's files
+  // then leave the page cache, so that the runs do not pile up in memory
+  // that the virtual machine's host hands over slowly when first touched.
   const int fd = open(benchRoot().c_str(), O_RDONLY | O_DIRECTORY);
   if (fd >= 0) {
     syncfs(fd);
     close(fd);
   }
-  const std::string path = runsDir() + kind + "-" + std::to_string(++counter) + "/";
-  mkdir(path.c_str(), 0755);
-  return path;
+  if (!previous.empty()) nftw(previous.c_str(), dropCachedPages, 16, FTW_PHYS);
+  previous = runsDir() + kind + "-" + std::to_string(++counter) + "/";
+  mkdir(previous.c_str(), 0755);
+  return previous;
 }
 
 // The registry that the installations go to, and the delegate over it.
