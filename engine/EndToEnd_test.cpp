@@ -81,6 +81,13 @@ class EndToEndTest : public WidgetSandbox {
     return server.url("/w/" + fileName);
   }
 
+  // Serves the localized clock widget over HTTP; its URL.
+  std::string servedLocalized(const std::string& fileName) {
+    ZipBuilder zip;
+    addLocalizedWidget(zip);
+    return served(fileName, zip);
+  }
+
   EngineString receive(const std::string& url, std::string* output = nullptr) {
     return captured(output, [&] {
       return EngineString(engine->receiveWidget(url.c_str(), nullptr));
@@ -120,9 +127,7 @@ class EndToEndTest : public WidgetSandbox {
   // A widget installed before the bad input arrives; it must come through
   // untouched.
   void installKeeper() {
-    ZipBuilder zip;
-    addLocalizedWidget(zip);
-    keeperURL = served("keeper.wgt", zip);
+    keeperURL = servedLocalized("keeper.wgt");
     EngineString launchURL = receive(keeperURL);
     ASSERT_TRUE(launchURL);
     keeperLaunchURL = launchURL.get();
@@ -185,9 +190,7 @@ TEST_F(EndToEndTest, CreateInstanceHoldsTheOnlyReference) {
 }
 
 TEST_F(EndToEndTest, InstallOverHttpPrintsTheWholeStoryAndReturnsTheLaunchURL) {
-  ZipBuilder zip;
-  addLocalizedWidget(zip);
-  const std::string url = served("clock.wgt", zip);
+  const std::string url = servedLocalized("clock.wgt");
   const std::string storage = root + "widget_clock/";
   std::string output;
   EngineString launchURL = receive(url, &output);
@@ -236,9 +239,7 @@ TEST_F(EndToEndTest, InstallFromFileURL) {
 }
 
 TEST_F(EndToEndTest, AlreadyInstalledURLReturnsANewCopyOfTheStoredLaunchURL) {
-  ZipBuilder zip;
-  addLocalizedWidget(zip);
-  const std::string url = served("clock.wgt", zip);
+  const std::string url = servedLocalized("clock.wgt");
   EngineString first = receive(url);
   ASSERT_TRUE(first);
   std::string output;
@@ -263,9 +264,7 @@ TEST_F(EndToEndTest, FailedInstallReturnsNull) {
 }
 
 TEST_F(EndToEndTest, DescribesListsMapsAndRemovesALocalizedWidget) {
-  ZipBuilder zip;
-  addLocalizedWidget(zip);
-  const std::string url = served("clock.wgt", zip);
+  const std::string url = servedLocalized("clock.wgt");
   EngineString launchURL = receive(url);
   ASSERT_TRUE(launchURL);
   const std::string storage = root + "widget_clock/";
@@ -324,9 +323,7 @@ TEST_F(EndToEndTest, DescribesListsMapsAndRemovesALocalizedWidget) {
 }
 
 TEST_F(EndToEndTest, MapResourceOfAnotherSchemeLeavesTheLocaleCacheAlone) {
-  ZipBuilder zip;
-  addLocalizedWidget(zip);
-  EngineString launchURL = receive(served("clock.wgt", zip));
+  EngineString launchURL = receive(servedLocalized("clock.wgt"));
   ASSERT_TRUE(launchURL);
   std::string output;
   EXPECT_FALSE(map(server.url("/w/index.html"), "fr", &output));
@@ -540,9 +537,7 @@ TEST_F(EndToEndTest, DefectivePackagesAreRefusedAndLeaveNothingBehind) {
 TEST_F(EndToEndTest, RegistryDirectoryThatDisappearsBetweenCalls) {
   installKeeper();
   TempDir::removeTree(conf);
-  ZipBuilder zip;
-  addLocalizedWidget(zip);
-  const std::string url = served("clock.wgt", zip);
+  const std::string url = servedLocalized("clock.wgt");
 
   std::string output;
   EXPECT_FALSE(receive(url, &output));

@@ -106,6 +106,14 @@ class WidgetInstallerTest : public WidgetSandbox {
   }
 };
 
+// What an install prints from its start until it unpacks the package it
+// downloaded from url to packagePath.
+std::string downloadedAndExtracting(const std::string& url,
+                                    const std::string& packagePath) {
+  return "[Downloading...]\n\nDownloaded from " + url + " to " + packagePath +
+         "\n\n[Extracting...]\n\n";
+}
+
 // The package path the download line names.
 std::string downloadedTo(const std::string& output) {
   std::smatch match;
@@ -140,40 +148,31 @@ TEST_F(WidgetInstallerTest, InstallPrintsEveryStepInOrderAndKeepsTheWidget) {
   const std::string packagePath = downloadedTo(runOutput);
   EXPECT_EQ(root + P_tmpdir "/file",
             packagePath.substr(0, packagePath.size() - 6));
-  EXPECT_EQ(
-      "[Downloading...]\n"
-      "\n"
-      "Downloaded from " +
-          url + " to " + packagePath +
-          "\n"
-          "\n"
-          "[Extracting...]\n"
-          "\n"
-          "[V:Extractor] filename: " +
-          storage +
-          "config.xml\n"
-          "[V:Extractor] filename: " +
-          storage +
-          "index.html\n"
-          "\n"
-          "[Remove downloaded file...]\n"
-          "\n"
-          "\n"
-          "[Parsing config.xml...]\n"
-          "\n"
-          "Parsing id...\n"
-          "Parsing version...\n"
-          "Parsing height...\n"
-          "Parsing width...\n"
-          "Parsing name...\n"
-          "Parsing content...\n"
-          "\n"
-          "Path: file://" +
-          storage +
-          "index.html\n"
-          "\n"
-          "Download cleaned\n",
-      runOutput);
+  EXPECT_EQ(downloadedAndExtracting(url, packagePath) +
+                "[V:Extractor] filename: " + storage +
+                "config.xml\n"
+                "[V:Extractor] filename: " +
+                storage +
+                "index.html\n"
+                "\n"
+                "[Remove downloaded file...]\n"
+                "\n"
+                "\n"
+                "[Parsing config.xml...]\n"
+                "\n"
+                "Parsing id...\n"
+                "Parsing version...\n"
+                "Parsing height...\n"
+                "Parsing width...\n"
+                "Parsing name...\n"
+                "Parsing content...\n"
+                "\n"
+                "Path: file://" +
+                storage +
+                "index.html\n"
+                "\n"
+                "Download cleaned\n",
+            runOutput);
   EXPECT_FALSE(TempDir::exists(packagePath));
   EXPECT_EQ((std::vector<std::string>{"config.xml", "index.html"}),
             TempDir::listDirectory(storage));
@@ -401,21 +400,13 @@ TEST_F(WidgetInstallerTest, PackageThatIsNotAZipEndsWithStatus6) {
   EXPECT_EQ(6, install(url, &launchURL, &output));
   EXPECT_EQ("about:blank", launchURL);
   const std::string packagePath = downloadedTo(output);
-  EXPECT_EQ(
-      "[Downloading...]\n"
-      "\n"
-      "Downloaded from " +
-          url + " to " + packagePath +
-          "\n"
-          "\n"
-          "[Extracting...]\n"
-          "\n"
-          "Zip archive is not valid (error 19)\n"
-          "Error while extracting\n"
-          "Extraction cleaned\n"
-          "Download cleaned\n"
-          "Nothing to clean\n",
-      output);
+  EXPECT_EQ(downloadedAndExtracting(url, packagePath) +
+                "Zip archive is not valid (error 19)\n"
+                "Error while extracting\n"
+                "Extraction cleaned\n"
+                "Download cleaned\n"
+                "Nothing to clean\n",
+            output);
   EXPECT_TRUE(nothingLeft());
 }
 
