@@ -1,6 +1,5 @@
 #include "install/WidgetInstaller.h"
 
-#include <dirent.h>
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <sqlite3.h>
@@ -13,6 +12,7 @@
 #include <memory>
 #include <regex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "config/WidgetConfig.h"
@@ -103,6 +103,31 @@ class WidgetInstallerTest : public WidgetSandbox {
       if (launchURL) *launchURL = installer.getLaunchURL();
       return status;
     });
+  }
+
+  // Installs url; the icons its configuration lists, in their order.
+  std::vector<std::string> installedIcons(const std::string& url) {
+    CaptureStdout quiet;
+    WidgetInstaller installer(url);
+    std::vector<std::string> icons;
+    EXPECT_EQ(0, installer.run());
+    if (installer.getConfig())
+      for (const WidgetIconInfo& icon : installer.getConfig()->getIcons())
+        icons.push_back(icon.getSrc());
+    return icons;
+  }
+
+  // The registry's record of the widget installed from url; null, with a
+  // failure, unless there is exactly one.
+  std::unique_ptr<WidgetsData> recordOf(const std::string& url) {
+    SqlLite3 registry;
+    EXPECT_TRUE(registry.isOpen());
+    std::vector<std::unique_ptr<WidgetsData>> rows;
+    for (WidgetsData* row : registry.selectWidgetsBySourceURL(url))
+      rows.emplace_back(row);
+    EXPECT_EQ(1u, rows.size()) << url;
+    if (rows.size() != 1) return nullptr;
+    return std::move(rows[0]);
   }
 };
 
@@ -218,11 +243,8 @@ TEST_F(WidgetInstallerTest, RecordHoldsConfigurationValuesAndLocalizedItems) {
   const std::string url = package("clock.wgt", zip);
   ASSERT_EQ(0, install(url));
 
-  SqlLite3 registry;
-  ASSERT_TRUE(registry.isOpen());
-  std::vector<WidgetsData*> rows = registry.selectWidgetsBySourceURL(url);
-  ASSERT_EQ(1u, rows.size());
-  std::unique_ptr<WidgetsData> row(rows[0]);
+  std::unique_ptr<WidgetsData> row = recordOf(url);
+  ASSERT_TRUE(row);
   const std::string storage = root + "widget_clock/";
   EXPECT_EQ(url, row->getSourceURL());
   EXPECT_EQ("clock", row->getName());
@@ -676,17 +698,9 @@ TEST_F(WidgetInstallerTest,
       .addFile("icon.png", bytes(kJpeg, sizeof(kJpeg)))
       .addFile("icon.svg", "not even XML");
   const std::string url = package("clock.wgt", zip);
-  CaptureStdout quiet;
-  WidgetInstaller installer(url);
-  ASSERT_EQ(0, installer.run());
-  std::vector<std::string> icons;
-  for (const WidgetIconInfo& icon : installer.getConfig()->getIcons())
-    icons.push_back(icon.getSrc());
-  EXPECT_EQ(std::vector<std::string>{"icon.svg"}, icons);
-  SqlLite3 registry;
-  std::vector<WidgetsData*> rows = registry.selectWidgetsBySourceURL(url);
-  ASSERT_EQ(1u, rows.size());
-  std::unique_ptr<WidgetsData> row(rows[0]);
+  EXPECT_EQ(std::vector<std::string>{"icon.svg"}, installedIcons(url));
+  std::unique_ptr<WidgetsData> row = recordOf(url);
+  ASSERT_TRUE(row);
   EXPECT_EQ("file://" + root + "widget_clock/icon.svg", row->getIcon());
 }
 
@@ -714,15 +728,9 @@ TEST_F(WidgetInstallerTest, DeclaredIconsComeFirstThenEveryDefaultIconInOrder) {
       .addFile("icon.ico", bytes(kIco, sizeof(kIco)))
       .addFile("icon.svg", "<svg/>");
   const std::string url = package("clock.wgt", zip);
-  CaptureStdout quiet;
-  WidgetInstaller installer(url);
-  ASSERT_EQ(0, installer.run());
-  std::vector<std::string> icons;
-  for (const WidgetIconInfo& icon : installer.getConfig()->getIcons())
-    icons.push_back(icon.getSrc());
   EXPECT_EQ((std::vector<std::string>{"icon.gif", "art/logo.png", "icon.svg",
                                       "icon.ico", "icon.png", "icon.jpg"}),
-            icons);
+            installedIcons(url));
   EXPECT_EQ(1, count("SELECT COUNT(*) FROM Widgets WHERE icon='file://" + root +
                      "widget_clock/icon.gif'"));
 }
