@@ -17,6 +17,7 @@
 #include "config/WidgetConfig.h"
 #include "testing/CaptureStdout.h"
 #include "testing/ConfigXml.h"
+#include "testing/OutputChecks.h"
 
 namespace {
 
@@ -66,15 +67,7 @@ class WidgetConfigParserTest : public ::testing::Test {
       const std::string& xml, const std::string& message,
       const std::string& schema = WIDGETENGINE_TEST_SCHEMA_PATH) {
     const int result = parse(xml, schema);
-    if (result != -1)
-      return ::testing::AssertionFailure()
-             << "parse() gave " << result << " after printing:\n"
-             << out;
-    if (out != message)
-      return ::testing::AssertionFailure() << "parse() printed:\n"
-                                           << out << "instead of:\n"
-                                           << message;
-    return ::testing::AssertionSuccess();
+    return returnedAndPrinted("parse()", result, -1, out, message);
   }
 
   // The record is as the constructor left it.

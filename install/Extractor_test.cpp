@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "testing/CaptureStdout.h"
+#include "testing/OutputChecks.h"
 #include "testing/TempDir.h"
 #include "testing/ZipBuilder.h"
 
@@ -76,21 +77,6 @@ void put32(std::string& bytes, size_t at, uint32_t value) {
   for (int i = 0; i < 4; ++i) {
     bytes[at + i] = static_cast<char>((value >> (8 * i)) & 0xff);
   }
-}
-
-// Passes when an extraction's result is failure (-1) and it printed exactly
-// expected.
-::testing::AssertionResult failedPrinting(int result, const std::string& output,
-                                          const std::string& expected) {
-  if (result != -1)
-    return ::testing::AssertionFailure()
-           << "extract() gave " << result << " after printing:\n"
-           << output;
-  if (output != expected)
-    return ::testing::AssertionFailure() << "extract() printed:\n"
-                                         << output << "instead of:\n"
-                                         << expected;
-  return ::testing::AssertionSuccess();
 }
 
 class ExtractorTest : public ::testing::Test {
@@ -161,7 +147,7 @@ class ExtractorTest : public ::testing::Test {
                                      Files& files) {
     std::string output;
     const int result = extract(files, &output);
-    return failedPrinting(result, output, expected);
+    return returnedAndPrinted("extract()", result, -1, output, expected);
   }
 };
 
@@ -731,10 +717,10 @@ std::string extractWithFileSizeLimit(const std::string& zipPath,
   int result = 0;
   const std::string output =
       extractWithFileSizeLimit(zipPath, target, limitBytes, &result);
-  ::testing::AssertionResult failed =
-      failedPrinting(result, output,
-                     trace(target + "config.xml") + trace(target + bigEntry) +
-                         openError(EFBIG) + "Extraction cleaned\n");
+  ::testing::AssertionResult failed = returnedAndPrinted(
+      "extract()", result, -1, output,
+      trace(target + "config.xml") + trace(target + bigEntry) +
+          openError(EFBIG) + "Extraction cleaned\n");
   if (!failed) return failed;
   if (TempDir::exists(target))
     return ::testing::AssertionFailure() << target << " was left behind";

@@ -21,7 +21,7 @@
 #include "testing/CaptureStdout.h"
 #include "testing/ConfigXml.h"
 #include "testing/HttpServer.h"
-#include "testing/OutputLines.h"
+#include "testing/OutputChecks.h"
 #include "testing/ScopedEnv.h"
 #include "testing/TempDir.h"
 #include "testing/WidgetSandbox.h"

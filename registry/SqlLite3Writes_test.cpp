@@ -7,6 +7,7 @@
 #include "registry/RegistryTestUtil.h"
 #include "registry/SqlLite3.h"
 #include "testing/CaptureStdout.h"
+#include "testing/OutputChecks.h"
 
 using registrytest::deleteAll;
 using registrytest::makeWidget;
@@ -19,12 +20,8 @@ namespace {
 ::testing::AssertionResult insertIsRefused(SqlLite3& db, WidgetsData& w) {
   CaptureStdout out;
   const int id = db.insertWidget(&w);
-  const std::string text = out.text();
-  if (id != -1)
-    return ::testing::AssertionFailure() << "insertWidget() gave " << id;
-  if (text != "Cannot insert data to database :(\n")
-    return ::testing::AssertionFailure() << "insertWidget() printed:\n" << text;
-  return ::testing::AssertionSuccess();
+  return returnedAndPrinted("insertWidget()", id, -1, out.text(),
+                            "Cannot insert data to database :(\n");
 }
 
 }  // namespace

@@ -12,7 +12,7 @@
 #include <utility>
 #include <vector>
 
-#include "testing/OutputLines.h"
+#include "testing/OutputChecks.h"
 #include "testing/TempDir.h"
 #include "testing/WidgetSandbox.h"
 #include "testing/ZipBuilder.h"

@@ -1,13 +1,19 @@
-// Checks on what the engine prints, taken line by line: the lines of a text,
-// whether some lines appear in order among them, and whether the text ends
-// with given lines.
-#ifndef WIDGETENGINE_TESTING_OUTPUTLINES_H_
-#define WIDGETENGINE_TESTING_OUTPUTLINES_H_
+// Checks on what the engine prints: a call's result together with its whole
+// output, and the output taken line by line (the lines of a text, whether
+// some lines appear in order among them, whether it ends with given lines).
+#ifndef WIDGETENGINE_TESTING_OUTPUTCHECKS_H_
+#define WIDGETENGINE_TESTING_OUTPUTCHECKS_H_
 
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
+
+// Passes when call returned expectedResult and printed exactly
+// expectedOutput; call names it in the failure message.
+::testing::AssertionResult returnedAndPrinted(
+    const std::string& call, int result, int expectedResult,
+    const std::string& output, const std::string& expectedOutput);
 
 // The lines of text without their "\n"; a final line without one counts too.
 std::vector<std::string> lines(const std::string& text);
@@ -24,4 +30,4 @@ std::string lastLine(const std::string& text);
 ::testing::AssertionResult endsWithLines(
     const std::string& output, const std::vector<std::string>& expected);
 
-#endif  // WIDGETENGINE_TESTING_OUTPUTLINES_H_
+#endif  // WIDGETENGINE_TESTING_OUTPUTCHECKS_H_

@@ -1,6 +1,21 @@
-#include "testing/OutputLines.h"
+#include "testing/OutputChecks.h"
 
 #include <algorithm>
+
+::testing::AssertionResult returnedAndPrinted(
+    const std::string& call, int result, int expectedResult,
+    const std::string& output, const std::string& expectedOutput) {
+  if (result != expectedResult)
+    return ::testing::AssertionFailure()
+           << call << " returned " << result << " instead of " << expectedResult
+           << ", after printing:\n"
+           << output;
+  if (output != expectedOutput)
+    return ::testing::AssertionFailure() << call << " printed:\n"
+                                         << output << "instead of:\n"
+                                         << expectedOutput;
+  return ::testing::AssertionSuccess();
+}
 
 std::vector<std::string> lines(const std::string& text) {
   std::vector<std::string> result;
