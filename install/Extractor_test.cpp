@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <random>
 #include <string>
 #include <vector>
@@ -118,6 +119,21 @@ class ExtractorTest : public ::testing::Test {
     if (TempDir::exists(target))
       return ::testing::AssertionFailure() << "the refusal made " << target;
     return ::testing::AssertionSuccess();
+  }
+
+  // Extracts into target (which must succeed), runs then on the live
+  // extractor and the files it listed, and destroys the extractor; returns
+  // everything printed, the destruction's line included.
+  std::string extractThen(
+      const std::function<void(Extractor&, const Files&)>& then) {
+    CaptureStdout capture;
+    {
+      Extractor extractor(zipPath, target);
+      Files files;
+      EXPECT_EQ(0, extractor.extract(files));
+      then(extractor, files);
+    }
+    return capture.text();
   }
 
   // Extracts with a link named name, pointing at pointee, planted in the
@@ -368,16 +384,12 @@ TEST_F(ExtractorTest, DestructionRemovesTheTreeAndSaysSo) {
   ZipBuilder zip;
   zip.addFile("a/b/c.txt", "c").addFile("d.txt", "d");
   build(zip);
-  CaptureStdout capture;
-  {
-    Extractor extractor(zipPath, target);
-    Files files;
-    ASSERT_EQ(0, extractor.extract(files));
+  const std::string output = extractThen([&](Extractor&, const Files&) {
     EXPECT_TRUE(TempDir::exists(target + "a/b/c.txt"));
-  }
+  });
   EXPECT_EQ(trace(target + "a/b/c.txt") + trace(target + "d.txt") +
                 "Extraction cleaned\n",
-            capture.text());
+            output);
   EXPECT_FALSE(TempDir::exists(target));
 }
 
@@ -385,14 +397,10 @@ TEST_F(ExtractorTest, KeptFilesSurviveDestructionSilently) {
   ZipBuilder zip;
   zip.addFile("d.txt", "d");
   build(zip);
-  CaptureStdout capture;
-  {
-    Extractor extractor(zipPath, target);
-    Files files;
-    ASSERT_EQ(0, extractor.extract(files));
-    extractor.setKeepFiles(true);
-  }
-  EXPECT_EQ(trace(target + "d.txt"), capture.text());
+  EXPECT_EQ(trace(target + "d.txt"),
+            extractThen([](Extractor& extractor, const Files&) {
+              extractor.setKeepFiles(true);
+            }));
   EXPECT_EQ("d", TempDir::readFile(target + "d.txt"));
 }
 
@@ -400,15 +408,12 @@ TEST_F(ExtractorTest, KeepingCanBeWithdrawn) {
   ZipBuilder zip;
   zip.addFile("d.txt", "d");
   build(zip);
-  CaptureStdout capture;
-  {
-    Extractor extractor(zipPath, target);
-    Files files;
-    ASSERT_EQ(0, extractor.extract(files));
-    extractor.setKeepFiles(true);
-    extractor.setKeepFiles(false);
-  }
-  EXPECT_NE(std::string::npos, capture.text().find("Extraction cleaned\n"));
+  const std::string output =
+      extractThen([](Extractor& extractor, const Files&) {
+        extractor.setKeepFiles(true);
+        extractor.setKeepFiles(false);
+      });
+  EXPECT_NE(std::string::npos, output.find("Extraction cleaned\n"));
   EXPECT_FALSE(TempDir::exists(target));
 }
 
@@ -633,15 +638,11 @@ TEST_F(ExtractorTest, TenThousandEntriesExtractAndAreRemovedAgain) {
                 std::to_string(i), ZipBuilder::kStored);
   }
   build(zip);
-  CaptureStdout capture;
-  {
-    Extractor extractor(zipPath, target);
-    Files files;
-    ASSERT_EQ(0, extractor.extract(files));
+  extractThen([&](Extractor&, const Files& files) {
     ASSERT_EQ(10000u, files.size());
     EXPECT_EQ("d99/f9999.txt", files.back());
     EXPECT_EQ("9999", TempDir::readFile(target + "d99/f9999.txt"));
-  }
+  });
   EXPECT_FALSE(TempDir::exists(target));
 }
 
@@ -652,14 +653,10 @@ TEST_F(ExtractorTest, DeepTreeExtractsAndIsRemovedWhole) {
   zip.addFile(deep + "leaf.txt", "leaf").addFolder(deep + "e/").addFile(
       "top.txt", "top");
   build(zip);
-  CaptureStdout capture;
-  {
-    Extractor extractor(zipPath, target);
-    Files files;
-    ASSERT_EQ(0, extractor.extract(files));
+  extractThen([&](Extractor&, const Files& files) {
     EXPECT_EQ((Files{deep + "leaf.txt", "top.txt"}), files);
     EXPECT_EQ("top", TempDir::readFile(target + "top.txt"));
-  }
+  });
   EXPECT_FALSE(TempDir::exists(target));
 }
 
