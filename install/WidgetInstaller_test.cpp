@@ -63,6 +63,12 @@ std::string bytes(const char* data, size_t size) {
   return std::string(data, size - 1);
 }
 
+// The smallest widget: a configuration naming it Clock and a start page.
+ZipBuilder& addClock(ZipBuilder& zip) {
+  return zip.addFile("config.xml", configXml("<name>Clock</name>"))
+      .addFile("index.html", "<html></html>");
+}
+
 class WidgetInstallerTest : public WidgetSandbox {
  protected:
   // Writes the package into the packages folder; its file:// URL.
@@ -72,8 +78,7 @@ class WidgetInstallerTest : public WidgetSandbox {
 
   std::string simplePackage(const std::string& fileName) {
     ZipBuilder zip;
-    zip.addFile("config.xml", configXml("<name>Clock</name>"))
-        .addFile("index.html", "<html></html>");
+    addClock(zip);
     return package(fileName, zip);
   }
 
@@ -103,6 +108,13 @@ class WidgetInstallerTest : public WidgetSandbox {
       if (launchURL) *launchURL = installer.getLaunchURL();
       return status;
     });
+  }
+
+  // Installs the package as fileName; its launch URL.
+  std::string launchURLOf(const std::string& fileName, const ZipBuilder& zip) {
+    std::string launchURL;
+    EXPECT_EQ(0, install(package(fileName, zip), &launchURL)) << fileName;
+    return launchURL;
   }
 
   // Installs url; the icons its configuration lists, in their order.
@@ -632,13 +644,9 @@ TEST_F(WidgetInstallerTest, WidgetRootIsCreatedOneLevelDeep) {
 
 TEST_F(WidgetInstallerTest, WithoutContentElementIndexHtmWinsOverIndexHtml) {
   ZipBuilder zip;
-  zip.addFile("config.xml", configXml("<name>Clock</name>"))
-      .addFile("index.html", "<html></html>")
-      .addFile("index.htm", "<html></html>");
-  const std::string url = package("clock.wgt", zip);
-  std::string launchURL;
-  ASSERT_EQ(0, install(url, &launchURL));
-  EXPECT_EQ("file://" + root + "widget_clock/index.htm", launchURL);
+  addClock(zip).addFile("index.htm", "<html></html>");
+  EXPECT_EQ("file://" + root + "widget_clock/index.htm",
+            launchURLOf("clock.wgt", zip));
 }
 
 TEST_F(WidgetInstallerTest, DefaultStartNamesAreTriedInTheirOrder) {
@@ -657,10 +665,8 @@ TEST_F(WidgetInstallerTest, DefaultStartNamesAreTriedInTheirOrder) {
     zip.addFile("config.xml", configXml("<name>Clock</name>"));
     for (const std::string& page : c.pages) zip.addFile(page, "<x/>");
     const std::string name = "page" + std::to_string(++n);
-    const std::string url = package(name + ".wgt", zip);
-    std::string launchURL;
-    ASSERT_EQ(0, install(url, &launchURL));
-    EXPECT_EQ("file://" + root + "widget_" + name + "/" + c.chosen, launchURL);
+    EXPECT_EQ("file://" + root + "widget_" + name + "/" + c.chosen,
+              launchURLOf(name + ".wgt", zip));
   }
 }
 
@@ -670,10 +676,8 @@ TEST_F(WidgetInstallerTest,
   zip.addFile("config.xml",
               configXml("<name>Clock</name><content src=\"main.html\"/>"))
       .addFile("index.html", "<html></html>");
-  const std::string url = package("clock.wgt", zip);
-  std::string launchURL;
-  ASSERT_EQ(0, install(url, &launchURL));
-  EXPECT_EQ("file://" + root + "widget_clock/index.html", launchURL);
+  EXPECT_EQ("file://" + root + "widget_clock/index.html",
+            launchURLOf("clock.wgt", zip));
 }
 
 TEST_F(WidgetInstallerTest, ContentElementIsTakenAsItStands) {
@@ -684,17 +688,14 @@ TEST_F(WidgetInstallerTest, ContentElementIsTakenAsItStands) {
                    "<content src=\"pages/start.php\" type=\"text/html\"/>"))
       .addFile("index.html", "<html></html>")
       .addFile("pages/start.php", "<?php ?>");
-  const std::string url = package("clock.wgt", zip);
-  std::string launchURL;
-  ASSERT_EQ(0, install(url, &launchURL));
-  EXPECT_EQ("file://" + root + "widget_clock/pages/start.php", launchURL);
+  EXPECT_EQ("file://" + root + "widget_clock/pages/start.php",
+            launchURLOf("clock.wgt", zip));
 }
 
 TEST_F(WidgetInstallerTest,
        PngIconHoldingJpegIsNotADefaultIconButSvgIsOnExistence) {
   ZipBuilder zip;
-  zip.addFile("config.xml", configXml("<name>Clock</name>"))
-      .addFile("index.html", "<html></html>")
+  addClock(zip)
       .addFile("icon.png", bytes(kJpeg, sizeof(kJpeg)))
       .addFile("icon.svg", "not even XML");
   const std::string url = package("clock.wgt", zip);
@@ -706,9 +707,7 @@ TEST_F(WidgetInstallerTest,
 
 TEST_F(WidgetInstallerTest, PngIconHoldingJpegAloneLeavesTheIconEmpty) {
   ZipBuilder zip;
-  zip.addFile("config.xml", configXml("<name>Clock</name>"))
-      .addFile("index.html", "<html></html>")
-      .addFile("icon.png", bytes(kJpeg, sizeof(kJpeg)));
+  addClock(zip).addFile("icon.png", bytes(kJpeg, sizeof(kJpeg)));
   const std::string url = package("clock.wgt", zip);
   ASSERT_EQ(0, install(url));
   EXPECT_EQ(0, count("SELECT COUNT(*) FROM Widgets WHERE icon<>''"));
