@@ -619,7 +619,7 @@ TEST_F(WidgetConfigParserTest, BinaryGarbageIsNotParsed) {
 
 TEST_F(WidgetConfigParserTest, TenMegabytesOfElementsAreParsed) {
   std::string body;
-  const std::string text(1000, 'x');
+  const std::string text(2000, 'x');
   int count = 0;
   while (body.size() < (10u << 20)) {
     body += "<description xml:lang=\"l" + std::to_string(count++) + "\">" +
@@ -629,6 +629,25 @@ TEST_F(WidgetConfigParserTest, TenMegabytesOfElementsAreParsed) {
   EXPECT_EQ(static_cast<size_t>(count), config.getDescriptions().size());
   EXPECT_EQ(count * std::string("Parsing description...\n").size(),
             out.size());
+}
+
+TEST_F(WidgetConfigParserTest, TenMegabytesOfTinyElementsAreRefusedAtOnce) {
+  // Far more elements than any real document: validating them would take
+  // minutes, so the document is refused as invalid before that.
+  std::string body;
+  while (body.size() < (10u << 20)) body += "<x:e/>";
+  EXPECT_EQ(-1, parse(widgetXml("<name>n</name><x:ext xmlns:x=\"urn:x\">" +
+                                body + "</x:ext>")));
+  EXPECT_EQ(kInvalid, out);
+  expectUntouched();
+}
+
+TEST_F(WidgetConfigParserTest, TenThousandElementsAreStillValidated) {
+  std::string body;
+  for (int i = 0; i < 9990; ++i) body += "<x:e/>";
+  EXPECT_EQ(0, parse(widgetXml("<name>n</name><x:ext xmlns:x=\"urn:x\">" +
+                               body + "</x:ext>")));
+  EXPECT_EQ("Parsing name...\n", out);
 }
 
 TEST_F(WidgetConfigParserTest, TenMegabyteTextEndsWithOneResult) {
