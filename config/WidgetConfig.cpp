@@ -180,7 +180,7 @@ bool WidgetConfig::isValidIRI(const std::string& text) {
   return true;
 }
 
-void WidgetConfig::print() {
+void WidgetConfig::print() const {
   if (id) std::cout << "Id: " << *id << std::endl;
   if (version) std::cout << "Version: " << *version << std::endl;
   if (height) std::cout << "Height: " << *height << std::endl;

@@ -84,7 +84,7 @@ class WidgetConfig {
   int trySniffedStartFile(const std::string& name);
 
   static bool isValidIRI(const std::string& text);
-  void print();
+  void print() const;
 
  private:
   WidgetInstaller* installer;

@@ -20,6 +20,7 @@
 #include "testing/CaptureStdout.h"
 #include "testing/ScopedEnv.h"
 #include "testing/TempDir.h"
+#include "testing/ZipBuilder.h"
 
 namespace {
 
@@ -375,4 +376,64 @@ TEST_F(InstalledPackageTest, HostBuildsWithFindPackage) {
   ASSERT_EQ(0, runCommand("cmake --build " + shellQuoted(work_.file("build")), &output))
       << output;
   expectHostAnswers(work_.file("build/host"));
+}
+
+namespace {
+
+// The host example that README.md shows integrators: the first C++ block
+// after its "Embedding the library" heading.
+std::string readmeHostExample() {
+  const std::string readme =
+      TempDir::readFile(std::string(WIDGETENGINE_SOURCE_DIR) + "/README.md");
+  const size_t section = readme.find("## Embedding the library");
+  if (section == std::string::npos) return "";
+  const std::string fence = "```cpp\n";
+  const size_t begin = readme.find(fence, section);
+  if (begin == std::string::npos) return "";
+  const size_t end = readme.find("```\n", begin + fence.size());
+  if (end == std::string::npos) return "";
+  return readme.substr(begin + fence.size(), end - begin - fence.size());
+}
+
+}  // namespace
+
+TEST_F(InstalledPackageTest, ReadmeHostExampleBuildsAndInstallsAWidget) {
+  const std::string example = readmeHostExample();
+  ASSERT_NE("", example);
+  TempDir::writeFile(work_.file("readme-host.cpp"), example);
+  std::string output;
+  const std::string flags =
+      "PKG_CONFIG_PATH=" + shellQuoted(prefix_ + "/lib/pkgconfig") +
+      " pkg-config --cflags --libs widgetengine";
+  const std::string host = work_.file("readme-host");
+  ASSERT_EQ(0, runCommand("c++ -std=c++17 -Wall -Wextra -Werror " +
+                              std::string(kHostFlags) + " " +
+                              shellQuoted(work_.file("readme-host.cpp")) +
+                              " -o " + shellQuoted(host) + " $(" + flags + ")",
+                          &output))
+      << output;
+
+  const std::string root = work_.file("widgets") + "/";
+  ASSERT_EQ(0, mkdir(root.c_str(), 0755));
+  ASSERT_EQ(0, mkdir((root + "tmp").c_str(), 0755));
+  ZipBuilder zip;
+  zip.addFile("config.xml",
+              "<widget xmlns=\"http://www.w3.org/ns/widgets\">"
+              "<name>Readme</name></widget>")
+      .addFile("index.html", "<html></html>")
+      .addFile("locales/fr/index.html", "<html lang=fr></html>");
+  ASSERT_TRUE(zip.write(work_.file("readme.wgt")));
+
+  ASSERT_EQ(0, runCommand(libraryPath() + "WIDGET_PATH=" + shellQuoted(root) +
+                              " " + shellQuoted(host) + " " +
+                              shellQuoted("file://" + work_.file("readme.wgt")),
+                          &output))
+      << output;
+  const std::string start = "file://" + root + "widget_readme/index.html";
+  EXPECT_NE(std::string::npos,
+            output.find("start " + start + " (widget: 1), French reader: file://" +
+                        root + "widget_readme//locales/fr/index.html\n"))
+      << output;
+  EXPECT_NE(std::string::npos, output.find("installed: clock\n")) << output;
+  EXPECT_NE(std::string::npos, output.find("installed: readme\n")) << output;
 }

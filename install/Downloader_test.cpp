@@ -9,6 +9,7 @@
 
 #include "testing/CaptureStdout.h"
 #include "testing/HttpServer.h"
+#include "testing/OutputChecks.h"
 #include "testing/TempDir.h"
 
 namespace {
@@ -40,6 +41,38 @@ class DownloaderTest : public ::testing::Test {
     return result;
   }
 
+  // Passes when downloading url succeeds with its one line and packagePath
+  // then holds exactly expected.
+  ::testing::AssertionResult stores(const std::string& url,
+                                    const std::string& expected) {
+    Downloader downloader(url, packagePath);
+    std::string output;
+    const int result = download(downloader, &output);
+    ::testing::AssertionResult downloaded = returnedAndPrinted(
+        "download()", result, 0, output,
+        "Downloaded from " + url + " to " + packagePath + "\n");
+    if (!downloaded) return downloaded;
+    const std::string stored = TempDir::readFile(packagePath);
+    if (stored != expected)
+      return ::testing::AssertionFailure()
+             << "the " << stored.size() << " bytes stored differ from the "
+             << expected.size() << " expected";
+    return ::testing::AssertionSuccess();
+  }
+
+  // Passes when downloading url fails with its one line and leaves no file.
+  ::testing::AssertionResult failsToDownload(const std::string& url) {
+    Downloader downloader(url, packagePath);
+    std::string output;
+    const int result = download(downloader, &output);
+    ::testing::AssertionResult failed = returnedAndPrinted(
+        "download()", result, -1, output, "Could not download file\n");
+    if (!failed) return failed;
+    if (TempDir::exists(packagePath))
+      return ::testing::AssertionFailure() << packagePath << " was left";
+    return ::testing::AssertionSuccess();
+  }
+
   TempDir dir;
   std::unique_ptr<HttpServer> server;
   std::string packagePath;
@@ -49,75 +82,45 @@ TEST_F(DownloaderTest, StoresTheBodyOfAnHttpAnswer) {
   const std::string package = randomBytes(300 * 1024);
   TempDir::writeFile(dir.file("clock.wgt"), package);
   server->serveFile("/w/clock.wgt", dir.file("clock.wgt"));
-  const std::string url = server->url("/w/clock.wgt");
-  Downloader downloader(url, packagePath);
-  std::string output;
-  ASSERT_EQ(0, download(downloader, &output));
-  EXPECT_EQ("Downloaded from " + url + " to " + packagePath + "\n", output);
-  EXPECT_EQ(package, TempDir::readFile(packagePath));
+  EXPECT_TRUE(stores(server->url("/w/clock.wgt"), package));
   EXPECT_EQ(1, server->requestCount("/w/clock.wgt"));
 }
 
 TEST_F(DownloaderTest, NotFoundPageIsStoredAsThePackage) {
   const std::string page = "<html><body>No such widget</body></html>\n";
   server->serve("/missing.wgt", 404, page);
-  const std::string url = server->url("/missing.wgt");
-  Downloader downloader(url, packagePath);
-  std::string output;
-  ASSERT_EQ(0, download(downloader, &output));
-  EXPECT_EQ("Downloaded from " + url + " to " + packagePath + "\n", output);
-  EXPECT_EQ(page, TempDir::readFile(packagePath));
+  EXPECT_TRUE(stores(server->url("/missing.wgt"), page));
 }
 
 TEST_F(DownloaderTest, RedirectIsNotFollowedAndItsBodyIsStored) {
   server->serve("/real.wgt", 200, "the real package");
   server->serveRedirect("/moved.wgt", server->url("/real.wgt"),
                         "<a href=\"/real.wgt\">moved</a>");
-  Downloader downloader(server->url("/moved.wgt"), packagePath);
-  std::string output;
-  ASSERT_EQ(0, download(downloader, &output));
-  EXPECT_EQ("<a href=\"/real.wgt\">moved</a>",
-            TempDir::readFile(packagePath));
+  EXPECT_TRUE(
+      stores(server->url("/moved.wgt"), "<a href=\"/real.wgt\">moved</a>"));
   EXPECT_EQ(1, server->requestCount("/moved.wgt"));
   EXPECT_EQ(0, server->requestCount("/real.wgt"));
 }
 
 TEST_F(DownloaderTest, RefusedConnectionFailsAndLeavesNoFile) {
   RefusingPort refusing;
-  Downloader downloader(refusing.url("/clock.wgt"), packagePath);
-  std::string output;
-  EXPECT_EQ(-1, download(downloader, &output));
-  EXPECT_EQ("Could not download file\n", output);
-  EXPECT_FALSE(TempDir::exists(packagePath));
+  EXPECT_TRUE(failsToDownload(refusing.url("/clock.wgt")));
 }
 
 TEST_F(DownloaderTest, ConnectionClosedMidBodyFailsAndLeavesNoFile) {
   server->serveTruncated("/cut.wgt", randomBytes(64 * 1024), 1000);
-  Downloader downloader(server->url("/cut.wgt"), packagePath);
-  std::string output;
-  EXPECT_EQ(-1, download(downloader, &output));
-  EXPECT_EQ("Could not download file\n", output);
-  EXPECT_FALSE(TempDir::exists(packagePath));
+  EXPECT_TRUE(failsToDownload(server->url("/cut.wgt")));
   EXPECT_EQ(1, server->requestCount("/cut.wgt"));
 }
 
 TEST_F(DownloaderTest, FileUrlIsCopied) {
   const std::string package = randomBytes(100 * 1024);
   TempDir::writeFile(dir.file("local.wgt"), package);
-  const std::string url = "file://" + dir.file("local.wgt");
-  Downloader downloader(url, packagePath);
-  std::string output;
-  ASSERT_EQ(0, download(downloader, &output));
-  EXPECT_EQ("Downloaded from " + url + " to " + packagePath + "\n", output);
-  EXPECT_EQ(package, TempDir::readFile(packagePath));
+  EXPECT_TRUE(stores("file://" + dir.file("local.wgt"), package));
 }
 
 TEST_F(DownloaderTest, MissingFileUrlFails) {
-  Downloader downloader("file://" + dir.file("nowhere.wgt"), packagePath);
-  std::string output;
-  EXPECT_EQ(-1, download(downloader, &output));
-  EXPECT_EQ("Could not download file\n", output);
-  EXPECT_FALSE(TempDir::exists(packagePath));
+  EXPECT_TRUE(failsToDownload("file://" + dir.file("nowhere.wgt")));
 }
 
 TEST_F(DownloaderTest, UnwritablePathFailsWithoutFetching) {
@@ -215,10 +218,7 @@ TEST_F(DownloaderTest, LargePackageArrivesWhole) {
   const std::string package = randomBytes(8 << 20);
   TempDir::writeFile(dir.file("big.wgt"), package);
   server->serveFile("/big.wgt", dir.file("big.wgt"));
-  Downloader downloader(server->url("/big.wgt"), packagePath);
-  std::string output;
-  ASSERT_EQ(0, download(downloader, &output));
-  EXPECT_TRUE(TempDir::readFile(packagePath) == package);
+  EXPECT_TRUE(stores(server->url("/big.wgt"), package));
 }
 
 }  // namespace

@@ -13,11 +13,13 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <random>
 #include <string>
 #include <vector>
 
 #include "testing/CaptureStdout.h"
+#include "testing/OutputChecks.h"
 #include "testing/TempDir.h"
 #include "testing/ZipBuilder.h"
 
@@ -27,6 +29,17 @@ using Files = std::vector<std::string>;
 
 std::string trace(const std::string& full) {
   return "[V:Extractor] filename: " + full + "\n";
+}
+
+// The line of a file that could not be opened for writing.
+std::string openError(int error) {
+  return "Error opening file (error " + std::to_string(error) + ")\n";
+}
+
+// The line of a target directory that could not be made.
+std::string targetError(int error) {
+  return "Directory could not be created to extract the zip (error " +
+         std::to_string(error) + ")\n";
 }
 
 bool isDirectory(const std::string& path) {
@@ -88,9 +101,70 @@ class ExtractorTest : public ::testing::Test {
     return result;
   }
 
+  // Passes when an extraction fails (-1) having printed exactly expected.
+  ::testing::AssertionResult failsWith(const std::string& expected) {
+    Files files;
+    return failure(expected, files);
+  }
+
+  // Passes when an extraction is refused (-1) having printed exactly
+  // expected, listed no file and never made the target.
+  ::testing::AssertionResult refusedWith(const std::string& expected) {
+    Files files;
+    ::testing::AssertionResult failed = failure(expected, files);
+    if (!failed) return failed;
+    if (!files.empty())
+      return ::testing::AssertionFailure()
+             << "the refusal listed " << files.size() << " files";
+    if (TempDir::exists(target))
+      return ::testing::AssertionFailure() << "the refusal made " << target;
+    return ::testing::AssertionSuccess();
+  }
+
+  // Extracts into target (which must succeed), runs then on the live
+  // extractor and the files it listed, and destroys the extractor; returns
+  // everything printed, the destruction's line included.
+  std::string extractThen(
+      const std::function<void(Extractor&, const Files&)>& then) {
+    CaptureStdout capture;
+    {
+      Extractor extractor(zipPath, target);
+      Files files;
+      EXPECT_EQ(0, extractor.extract(files));
+      then(extractor, files);
+    }
+    return capture.text();
+  }
+
+  // Extracts with a link named name, pointing at pointee, planted in the
+  // target after the extractor wiped it; extract()'s result. output gets
+  // everything printed, the destruction's line included.
+  int extractOverLink(const std::string& name, const std::string& pointee,
+                      std::string* output) {
+    CaptureStdout capture;
+    int result;
+    {
+      Extractor extractor(zipPath, target);
+      EXPECT_EQ(0, mkdir(target.c_str(), 0755));
+      EXPECT_EQ(0, symlink(pointee.c_str(), (target + name).c_str()));
+      Files files;
+      result = extractor.extract(files);
+    }
+    *output = capture.text();
+    return result;
+  }
+
   TempDir dir;
   std::string zipPath;
   std::string target;
+
+ private:
+  ::testing::AssertionResult failure(const std::string& expected,
+                                     Files& files) {
+    std::string output;
+    const int result = extract(files, &output);
+    return returnedAndPrinted("extract()", result, -1, output, expected);
+  }
 };
 
 TEST_F(ExtractorTest, ExtractsFilesAndListsThemInArchiveOrder) {
@@ -170,21 +244,12 @@ TEST_F(ExtractorTest, ArchiveOfFoldersOnlyIsRefused) {
   ZipBuilder zip;
   zip.addFolder("images/").addFolder("locales/").addFolder("locales/fr/");
   build(zip);
-  Files files;
-  std::string output;
-  EXPECT_EQ(-1, extract(files, &output));
-  EXPECT_EQ("Zip archive contains only folders\n", output);
-  EXPECT_TRUE(files.empty());
-  EXPECT_FALSE(TempDir::exists(target));
+  EXPECT_TRUE(refusedWith("Zip archive contains only folders\n"));
 }
 
 TEST_F(ExtractorTest, EmptyArchiveIsRefused) {
   build(ZipBuilder());
-  Files files;
-  std::string output;
-  EXPECT_EQ(-1, extract(files, &output));
-  EXPECT_EQ("Empty archive\n", output);
-  EXPECT_FALSE(TempDir::exists(target));
+  EXPECT_TRUE(refusedWith("Empty archive\n"));
 }
 
 TEST_F(ExtractorTest, NestedNameWithoutFolderEntriesCreatesItsFolders) {
@@ -205,11 +270,7 @@ TEST_F(ExtractorTest, NonAsciiNameIsRefusedBeforeAnythingIsWritten) {
   ZipBuilder zip;
   zip.addFile("config.xml", "<widget/>").addFile("caf\xC3\xA9.html", "x");
   build(zip);
-  Files files;
-  std::string output;
-  EXPECT_EQ(-1, extract(files, &output));
-  EXPECT_EQ("Incorrect file name: caf\xC3\xA9.html\n", output);
-  EXPECT_FALSE(TempDir::exists(target));
+  EXPECT_TRUE(refusedWith("Incorrect file name: caf\xC3\xA9.html\n"));
 }
 
 TEST_F(ExtractorTest, EachRefusedCharacterIsRefused) {
@@ -221,11 +282,7 @@ TEST_F(ExtractorTest, EachRefusedCharacterIsRefused) {
     ZipBuilder zip;
     zip.addFile("first.txt", "1").addFile(name, "2");
     build(zip);
-    Files files;
-    std::string output;
-    EXPECT_EQ(-1, extract(files, &output));
-    EXPECT_EQ("Incorrect file name: " + name + "\n", output);
-    EXPECT_FALSE(TempDir::exists(target));
+    EXPECT_TRUE(refusedWith("Incorrect file name: " + name + "\n"));
   }
 }
 
@@ -263,11 +320,8 @@ TEST_F(ExtractorTest, ParentFolderComponentIsRefused) {
     ZipBuilder zip;
     zip.addFile("config.xml", "<widget/>").addFile(name, "evil");
     build(zip);
-    Files files;
-    std::string output;
-    EXPECT_EQ(-1, extract(files, &output));
-    EXPECT_EQ(std::string("Incorrect file name: ") + name + "\n", output);
-    EXPECT_FALSE(TempDir::exists(target));
+    EXPECT_TRUE(
+        refusedWith(std::string("Incorrect file name: ") + name + "\n"));
     EXPECT_FALSE(TempDir::exists(dir.file("evil.txt")));
   }
 }
@@ -297,11 +351,7 @@ TEST_F(ExtractorTest, EncryptedEntryIsRefusedBeforeAnythingIsWritten) {
   zip.addFile("config.xml", "<widget/>")
       .addEncryptedFile("secret.html", "hidden", "password");
   build(zip);
-  Files files;
-  std::string output;
-  EXPECT_EQ(-1, extract(files, &output));
-  EXPECT_EQ("Zip archive must not be encrypted\n", output);
-  EXPECT_FALSE(TempDir::exists(target));
+  EXPECT_TRUE(refusedWith("Zip archive must not be encrypted\n"));
 }
 
 TEST_F(ExtractorTest, ConstructionWipesAnExistingTargetBeforeAnyCheck) {
@@ -334,16 +384,12 @@ TEST_F(ExtractorTest, DestructionRemovesTheTreeAndSaysSo) {
   ZipBuilder zip;
   zip.addFile("a/b/c.txt", "c").addFile("d.txt", "d");
   build(zip);
-  CaptureStdout capture;
-  {
-    Extractor extractor(zipPath, target);
-    Files files;
-    ASSERT_EQ(0, extractor.extract(files));
+  const std::string output = extractThen([&](Extractor&, const Files&) {
     EXPECT_TRUE(TempDir::exists(target + "a/b/c.txt"));
-  }
+  });
   EXPECT_EQ(trace(target + "a/b/c.txt") + trace(target + "d.txt") +
                 "Extraction cleaned\n",
-            capture.text());
+            output);
   EXPECT_FALSE(TempDir::exists(target));
 }
 
@@ -351,14 +397,10 @@ TEST_F(ExtractorTest, KeptFilesSurviveDestructionSilently) {
   ZipBuilder zip;
   zip.addFile("d.txt", "d");
   build(zip);
-  CaptureStdout capture;
-  {
-    Extractor extractor(zipPath, target);
-    Files files;
-    ASSERT_EQ(0, extractor.extract(files));
-    extractor.setKeepFiles(true);
-  }
-  EXPECT_EQ(trace(target + "d.txt"), capture.text());
+  EXPECT_EQ(trace(target + "d.txt"),
+            extractThen([](Extractor& extractor, const Files&) {
+              extractor.setKeepFiles(true);
+            }));
   EXPECT_EQ("d", TempDir::readFile(target + "d.txt"));
 }
 
@@ -366,15 +408,12 @@ TEST_F(ExtractorTest, KeepingCanBeWithdrawn) {
   ZipBuilder zip;
   zip.addFile("d.txt", "d");
   build(zip);
-  CaptureStdout capture;
-  {
-    Extractor extractor(zipPath, target);
-    Files files;
-    ASSERT_EQ(0, extractor.extract(files));
-    extractor.setKeepFiles(true);
-    extractor.setKeepFiles(false);
-  }
-  EXPECT_NE(std::string::npos, capture.text().find("Extraction cleaned\n"));
+  const std::string output =
+      extractThen([](Extractor& extractor, const Files&) {
+        extractor.setKeepFiles(true);
+        extractor.setKeepFiles(false);
+      });
+  EXPECT_NE(std::string::npos, output.find("Extraction cleaned\n"));
   EXPECT_FALSE(TempDir::exists(target));
 }
 
@@ -458,19 +497,11 @@ TEST_F(ExtractorTest, LinkPlantedInTheTreeIsNeverWrittenThrough) {
   ZipBuilder zip;
   zip.addFile("a/x.txt", "evil");
   build(zip);
-  CaptureStdout capture;
-  Files files;
-  int result;
-  {
-    Extractor extractor(zipPath, target);
-    ASSERT_EQ(0, mkdir(target.c_str(), 0755));
-    ASSERT_EQ(0, symlink(outside.path().c_str(), (target + "a").c_str()));
-    result = extractor.extract(files);
-  }
-  EXPECT_EQ(-1, result);
-  EXPECT_EQ(trace(target + "a/x.txt") + "Error opening file (error " +
-                std::to_string(ENOTDIR) + ")\nExtraction cleaned\n",
-            capture.text());
+  std::string output;
+  EXPECT_EQ(-1, extractOverLink("a", outside.path(), &output));
+  EXPECT_EQ(
+      trace(target + "a/x.txt") + openError(ENOTDIR) + "Extraction cleaned\n",
+      output);
   EXPECT_FALSE(TempDir::exists(outside.file("x.txt")));
   EXPECT_FALSE(TempDir::exists(target));
 }
@@ -481,20 +512,12 @@ TEST_F(ExtractorTest, LinkPlantedAtAFileNameIsNeverWrittenThrough) {
   ZipBuilder zip;
   zip.addFile("config.xml", "evil");
   build(zip);
-  CaptureStdout capture;
-  Files files;
-  int result;
-  {
-    Extractor extractor(zipPath, target);
-    ASSERT_EQ(0, mkdir(target.c_str(), 0755));
-    ASSERT_EQ(0, symlink(outside.file("precious.txt").c_str(),
-                         (target + "config.xml").c_str()));
-    result = extractor.extract(files);
-  }
-  EXPECT_EQ(-1, result);
-  EXPECT_EQ(trace(target + "config.xml") + "Error opening file (error " +
-                std::to_string(ELOOP) + ")\nExtraction cleaned\n",
-            capture.text());
+  std::string output;
+  EXPECT_EQ(
+      -1, extractOverLink("config.xml", outside.file("precious.txt"), &output));
+  EXPECT_EQ(
+      trace(target + "config.xml") + openError(ELOOP) + "Extraction cleaned\n",
+      output);
   EXPECT_EQ("keep", TempDir::readFile(outside.file("precious.txt")));
 }
 
@@ -502,26 +525,18 @@ TEST_F(ExtractorTest, FolderEntryOverAFileFailsTheFilesBelowIt) {
   ZipBuilder zip;
   zip.addFile("a", "file").addFolder("a/").addFile("a/b.txt", "b");
   build(zip);
-  Files files;
-  std::string output;
-  EXPECT_EQ(-1, extract(files, &output));
-  EXPECT_EQ(trace(target + "a") + trace(target + "a/") +
-                trace(target + "a/b.txt") + "Error opening file (error " +
-                std::to_string(ENOTDIR) + ")\n",
-            output);
+  EXPECT_TRUE(failsWith(trace(target + "a") + trace(target + "a/") +
+                        trace(target + "a/b.txt") + openError(ENOTDIR)));
 }
 
 TEST_F(ExtractorTest, FolderThatCannotBeMadeIsReported) {
   ZipBuilder zip;
   zip.addFile("a", "file").addFolder("a/b/");
   build(zip);
-  Files files;
-  std::string output;
-  EXPECT_EQ(-1, extract(files, &output));
-  EXPECT_EQ(trace(target + "a") + trace(target + "a/b/") +
+  EXPECT_TRUE(
+      failsWith(trace(target + "a") + trace(target + "a/b/") +
                 "Subdirectory could not be created to extract the zip (error " +
-                std::to_string(ENOTDIR) + ")\n",
-            output);
+                std::to_string(ENOTDIR) + ")\n"));
 }
 
 TEST_F(ExtractorTest, TargetThatCannotBeMadeIsReported) {
@@ -530,22 +545,13 @@ TEST_F(ExtractorTest, TargetThatCannotBeMadeIsReported) {
   ZipBuilder zip;
   zip.addFile("a.txt", "a");
   build(zip);
-  Files files;
-  std::string output;
-  EXPECT_EQ(-1, extract(files, &output));
-  EXPECT_EQ("Directory could not be created to extract the zip (error " +
-                std::to_string(ENOTDIR) + ")\n",
-            output);
+  EXPECT_TRUE(failsWith(targetError(ENOTDIR)));
 }
 
 // ---- Bad input and faults ----
 
 TEST_F(ExtractorTest, MissingPackageIsNotAValidArchive) {
-  Files files;
-  std::string output;
-  EXPECT_EQ(-1, extract(files, &output));
-  EXPECT_EQ("Zip archive is not valid (error 9)\n", output);
-  EXPECT_FALSE(TempDir::exists(target));
+  EXPECT_TRUE(refusedWith("Zip archive is not valid (error 9)\n"));
 }
 
 TEST_F(ExtractorTest, RandomBytesAreNotAValidArchive) {
@@ -553,19 +559,12 @@ TEST_F(ExtractorTest, RandomBytesAreNotAValidArchive) {
   std::string bytes(64 * 1024, '\0');
   for (char& c : bytes) c = static_cast<char>(random());
   TempDir::writeFile(zipPath, bytes);
-  Files files;
-  std::string output;
-  EXPECT_EQ(-1, extract(files, &output));
-  EXPECT_EQ("Zip archive is not valid (error 19)\n", output);
-  EXPECT_FALSE(TempDir::exists(target));
+  EXPECT_TRUE(refusedWith("Zip archive is not valid (error 19)\n"));
 }
 
 TEST_F(ExtractorTest, HtmlErrorPageIsNotAValidArchive) {
   TempDir::writeFile(zipPath, "<html><body>404 Not Found</body></html>\n");
-  Files files;
-  std::string output;
-  EXPECT_EQ(-1, extract(files, &output));
-  EXPECT_EQ("Zip archive is not valid (error 19)\n", output);
+  EXPECT_TRUE(refusedWith("Zip archive is not valid (error 19)\n"));
 }
 
 TEST_F(ExtractorTest, TruncatedArchiveIsNotAValidArchive) {
@@ -575,11 +574,7 @@ TEST_F(ExtractorTest, TruncatedArchiveIsNotAValidArchive) {
   build(zip);
   std::string bytes = TempDir::readFile(zipPath);
   TempDir::writeFile(zipPath, bytes.substr(0, bytes.size() / 2));
-  Files files;
-  std::string output;
-  EXPECT_EQ(-1, extract(files, &output));
-  EXPECT_EQ("Zip archive is not valid (error 19)\n", output);
-  EXPECT_FALSE(TempDir::exists(target));
+  EXPECT_TRUE(refusedWith("Zip archive is not valid (error 19)\n"));
 }
 
 TEST_F(ExtractorTest, CorruptEntryDataEndsItsCopyAndStillCounts) {
@@ -615,11 +610,7 @@ TEST_F(ExtractorTest, CentralDirectoryThatLiesAboutSizesIsInconsistent) {
   put32(bytes, central[1] + 20, 10);  // compressed size
   put32(bytes, central[1] + 24, 10);  // uncompressed size
   TempDir::writeFile(zipPath, bytes);
-  Files files;
-  std::string output;
-  EXPECT_EQ(-1, extract(files, &output));
-  EXPECT_EQ("Zip archive is not valid (error 21)\n", output);
-  EXPECT_FALSE(TempDir::exists(target));
+  EXPECT_TRUE(refusedWith("Zip archive is not valid (error 21)\n"));
 }
 
 TEST_F(ExtractorTest, UnreadableEntryMethodIsRefusedWithTheOpenErrorNumber) {
@@ -636,11 +627,7 @@ TEST_F(ExtractorTest, UnreadableEntryMethodIsRefusedWithTheOpenErrorNumber) {
   put16(bytes, local[1] + 8, 97);
   put16(bytes, central[1] + 10, 97);
   TempDir::writeFile(zipPath, bytes);
-  Files files;
-  std::string output;
-  EXPECT_EQ(-1, extract(files, &output));
-  EXPECT_EQ("Could not read file in archive (error 0)\n", output);
-  EXPECT_FALSE(TempDir::exists(target));
+  EXPECT_TRUE(refusedWith("Could not read file in archive (error 0)\n"));
 }
 
 TEST_F(ExtractorTest, TenThousandEntriesExtractAndAreRemovedAgain) {
@@ -651,15 +638,11 @@ TEST_F(ExtractorTest, TenThousandEntriesExtractAndAreRemovedAgain) {
                 std::to_string(i), ZipBuilder::kStored);
   }
   build(zip);
-  CaptureStdout capture;
-  {
-    Extractor extractor(zipPath, target);
-    Files files;
-    ASSERT_EQ(0, extractor.extract(files));
+  extractThen([&](Extractor&, const Files& files) {
     ASSERT_EQ(10000u, files.size());
     EXPECT_EQ("d99/f9999.txt", files.back());
     EXPECT_EQ("9999", TempDir::readFile(target + "d99/f9999.txt"));
-  }
+  });
   EXPECT_FALSE(TempDir::exists(target));
 }
 
@@ -670,14 +653,10 @@ TEST_F(ExtractorTest, DeepTreeExtractsAndIsRemovedWhole) {
   zip.addFile(deep + "leaf.txt", "leaf").addFolder(deep + "e/").addFile(
       "top.txt", "top");
   build(zip);
-  CaptureStdout capture;
-  {
-    Extractor extractor(zipPath, target);
-    Files files;
-    ASSERT_EQ(0, extractor.extract(files));
+  extractThen([&](Extractor&, const Files& files) {
     EXPECT_EQ((Files{deep + "leaf.txt", "top.txt"}), files);
     EXPECT_EQ("top", TempDir::readFile(target + "top.txt"));
-  }
+  });
   EXPECT_FALSE(TempDir::exists(target));
 }
 
@@ -687,13 +666,9 @@ TEST_F(ExtractorTest, NameLongerThanAPathCanBeIsNotWritten) {
   ZipBuilder zip;
   zip.addFile("top.txt", "top").addFile(deep + "leaf.txt", "leaf");
   build(zip);
-  Files files;
-  std::string output;
-  EXPECT_EQ(-1, extract(files, &output));
-  EXPECT_EQ(trace(target + "top.txt") + trace(target + deep + "leaf.txt") +
-                "Error opening file (error " + std::to_string(ENAMETOOLONG) +
-                ")\n",
-            output);
+  EXPECT_TRUE(failsWith(trace(target + "top.txt") +
+                        trace(target + deep + "leaf.txt") +
+                        openError(ENAMETOOLONG)));
   EXPECT_FALSE(TempDir::exists(target + "d"));
 }
 
@@ -730,21 +705,32 @@ std::string extractWithFileSizeLimit(const std::string& zipPath,
   return TempDir::readFile(outputPath);
 }
 
+// Passes when an extraction whose files may not grow beyond limitBytes fails
+// writing bigEntry, the entry after config.xml, and removes what it wrote.
+::testing::AssertionResult stopsAtFileSizeLimit(const std::string& zipPath,
+                                                const std::string& target,
+                                                rlim_t limitBytes,
+                                                const std::string& bigEntry) {
+  int result = 0;
+  const std::string output =
+      extractWithFileSizeLimit(zipPath, target, limitBytes, &result);
+  ::testing::AssertionResult failed = returnedAndPrinted(
+      "extract()", result, -1, output,
+      trace(target + "config.xml") + trace(target + bigEntry) +
+          openError(EFBIG) + "Extraction cleaned\n");
+  if (!failed) return failed;
+  if (TempDir::exists(target))
+    return ::testing::AssertionFailure() << target << " was left behind";
+  return ::testing::AssertionSuccess();
+}
+
 TEST_F(ExtractorTest, WriteThatFailsOnAFullDiskFailsTheExtraction) {
   ZipBuilder zip;
   zip.addFile("config.xml", "<widget/>")
       .addFile("big.bin", std::string(3 << 20, 'b'), ZipBuilder::kStored)
       .addFile("after.txt", "after");
   build(zip);
-  int result = 0;
-  std::string output =
-      extractWithFileSizeLimit(zipPath, target, 1 << 20, &result);
-  EXPECT_EQ(-1, result);
-  EXPECT_EQ(trace(target + "config.xml") + trace(target + "big.bin") +
-                "Error opening file (error " + std::to_string(EFBIG) +
-                ")\nExtraction cleaned\n",
-            output);
-  EXPECT_FALSE(TempDir::exists(target));
+  EXPECT_TRUE(stopsAtFileSizeLimit(zipPath, target, 1 << 20, "big.bin"));
 }
 
 TEST_F(ExtractorTest, EntryThatInflatesToAGigabyteStopsAtTheFileSizeLimit) {
@@ -752,15 +738,7 @@ TEST_F(ExtractorTest, EntryThatInflatesToAGigabyteStopsAtTheFileSizeLimit) {
   zip.addFile("config.xml", "<widget/>").addZeros("huge.bin", 1ull << 30);
   build(zip);
   EXPECT_LT(TempDir::readFile(zipPath).size(), 8u << 20);
-  int result = 0;
-  std::string output =
-      extractWithFileSizeLimit(zipPath, target, 4 << 20, &result);
-  EXPECT_EQ(-1, result);
-  EXPECT_EQ(trace(target + "config.xml") + trace(target + "huge.bin") +
-                "Error opening file (error " + std::to_string(EFBIG) +
-                ")\nExtraction cleaned\n",
-            output);
-  EXPECT_FALSE(TempDir::exists(target));
+  EXPECT_TRUE(stopsAtFileSizeLimit(zipPath, target, 4 << 20, "huge.bin"));
 }
 
 TEST_F(ExtractorTest, PackageLargerThanTheFreeSpaceIsRefusedBeforeWriting) {
@@ -786,13 +764,7 @@ TEST_F(ExtractorTest, PackageLargerThanTheFreeSpaceIsRefusedBeforeWriting) {
     put32(bytes, central[i] + 24, declared);
   }
   TempDir::writeFile(zipPath, bytes);
-  Files files;
-  std::string output;
-  EXPECT_EQ(-1, extract(files, &output));
-  EXPECT_EQ("Directory could not be created to extract the zip (error " +
-                std::to_string(ENOSPC) + ")\n",
-            output);
-  EXPECT_FALSE(TempDir::exists(target));
+  EXPECT_TRUE(refusedWith(targetError(ENOSPC)));
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
 #include "install/WidgetInstaller.h"
 
-#include <dirent.h>
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <sqlite3.h>
@@ -13,15 +12,19 @@
 #include <memory>
 #include <regex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "config/WidgetConfig.h"
 #include "registry/SqlLite3.h"
 #include "registry/WidgetsData.h"
 #include "testing/CaptureStdout.h"
+#include "testing/ConfigXml.h"
 #include "testing/HttpServer.h"
+#include "testing/OutputChecks.h"
 #include "testing/ScopedEnv.h"
 #include "testing/TempDir.h"
+#include "testing/WidgetSandbox.h"
 #include "testing/ZipBuilder.h"
 
 // Fault injection for the one failure no package can cause: the package file
@@ -60,70 +63,22 @@ std::string bytes(const char* data, size_t size) {
   return std::string(data, size - 1);
 }
 
-std::string configXml(const std::string& body,
-                      const std::string& attributes = "") {
-  return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-         "<widget xmlns=\"http://www.w3.org/ns/widgets\"" +
-         attributes + ">" + body + "</widget>\n";
+// The smallest widget: a configuration naming it Clock and a start page.
+ZipBuilder& addClock(ZipBuilder& zip) {
+  return zip.addFile("config.xml", configXml("<name>Clock</name>"))
+      .addFile("index.html", "<html></html>");
 }
 
-std::vector<std::string> listDirectory(const std::string& path) {
-  std::vector<std::string> names;
-  DIR* dir = opendir(path.c_str());
-  if (!dir) return names;
-  while (dirent* entry = readdir(dir)) {
-    std::string name = entry->d_name;
-    if (name != "." && name != "..") names.push_back(name);
-  }
-  closedir(dir);
-  std::sort(names.begin(), names.end());
-  return names;
-}
-
-bool isDirectory(const std::string& path) {
-  struct stat info;
-  return lstat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
-}
-
-std::vector<std::string> lines(const std::string& text) {
-  std::vector<std::string> result;
-  size_t start = 0;
-  while (start < text.size()) {
-    size_t end = text.find('\n', start);
-    if (end == std::string::npos) end = text.size();
-    result.push_back(text.substr(start, end - start));
-    start = end + 1;
-  }
-  return result;
-}
-
-// Every test gets its own widget root (with the tmp/ folder that receives
-// downloads), its own registry directory and a folder of packages.
-class WidgetInstallerTest : public ::testing::Test {
+class WidgetInstallerTest : public WidgetSandbox {
  protected:
-  void SetUp() override {
-    root = dir.path() + "/widgets/";
-    conf = dir.path() + "/conf/";
-    packages = dir.path() + "/packages/";
-    ASSERT_EQ(0, mkdir(root.c_str(), 0755));
-    ASSERT_EQ(0, mkdir((root + "tmp").c_str(), 0755));
-    ASSERT_EQ(0, mkdir(conf.c_str(), 0755));
-    ASSERT_EQ(0, mkdir(packages.c_str(), 0755));
-    widgetPath.reset(new ScopedEnv("WIDGET_PATH", root));
-    dataPath.reset(new ScopedEnv("YRA_DATA_PATH", conf));
-  }
-
   // Writes the package into the packages folder; its file:// URL.
   std::string package(const std::string& fileName, const ZipBuilder& zip) {
-    const std::string path = packages + fileName;
-    EXPECT_TRUE(zip.write(path));
-    return "file://" + path;
+    return "file://" + writePackage(fileName, zip);
   }
 
   std::string simplePackage(const std::string& fileName) {
     ZipBuilder zip;
-    zip.addFile("config.xml", configXml("<name>Clock</name>"))
-        .addFile("index.html", "<html></html>");
+    addClock(zip);
     return package(fileName, zip);
   }
 
@@ -147,30 +102,54 @@ class WidgetInstallerTest : public ::testing::Test {
   // Installs url with a fresh installer; its status.
   int install(const std::string& url, std::string* launchURL = nullptr,
               std::string* output = nullptr) {
-    CaptureStdout capture;
-    int status;
-    {
+    return captured(output, [&] {
       WidgetInstaller installer(url);
-      status = installer.run();
+      const int status = installer.run();
       if (launchURL) *launchURL = installer.getLaunchURL();
-    }
-    if (output) *output = capture.text();
-    return status;
+      return status;
+    });
   }
 
-  // The widget root holds nothing but its empty tmp/ folder.
-  void expectNothingLeft() {
-    EXPECT_EQ(std::vector<std::string>{"tmp"}, listDirectory(root));
-    EXPECT_TRUE(listDirectory(root + "tmp").empty());
+  // Installs the package as fileName; its launch URL.
+  std::string launchURLOf(const std::string& fileName, const ZipBuilder& zip) {
+    std::string launchURL;
+    EXPECT_EQ(0, install(package(fileName, zip), &launchURL)) << fileName;
+    return launchURL;
   }
 
-  TempDir dir;
-  std::string root;
-  std::string conf;
-  std::string packages;
-  std::unique_ptr<ScopedEnv> widgetPath;
-  std::unique_ptr<ScopedEnv> dataPath;
+  // Installs url; the icons its configuration lists, in their order.
+  std::vector<std::string> installedIcons(const std::string& url) {
+    CaptureStdout quiet;
+    WidgetInstaller installer(url);
+    std::vector<std::string> icons;
+    EXPECT_EQ(0, installer.run());
+    if (installer.getConfig())
+      for (const WidgetIconInfo& icon : installer.getConfig()->getIcons())
+        icons.push_back(icon.getSrc());
+    return icons;
+  }
+
+  // The registry's record of the widget installed from url; null, with a
+  // failure, unless there is exactly one.
+  std::unique_ptr<WidgetsData> recordOf(const std::string& url) {
+    SqlLite3 registry;
+    EXPECT_TRUE(registry.isOpen());
+    std::vector<std::unique_ptr<WidgetsData>> rows;
+    for (WidgetsData* row : registry.selectWidgetsBySourceURL(url))
+      rows.emplace_back(row);
+    EXPECT_EQ(1u, rows.size()) << url;
+    if (rows.size() != 1) return nullptr;
+    return std::move(rows[0]);
+  }
 };
+
+// What an install prints from its start until it unpacks the package it
+// downloaded from url to packagePath.
+std::string downloadedAndExtracting(const std::string& url,
+                                    const std::string& packagePath) {
+  return "[Downloading...]\n\nDownloaded from " + url + " to " + packagePath +
+         "\n\n[Extracting...]\n\n";
+}
 
 // The package path the download line names.
 std::string downloadedTo(const std::string& output) {
@@ -184,7 +163,7 @@ TEST_F(WidgetInstallerTest, InstallPrintsEveryStepInOrderAndKeepsTheWidget) {
   ZipBuilder zip;
   zip.addFile("config.xml",
               configXml("<name>Clock</name><content src=\"index.html\"/>",
-                        " id=\"urn:test:clock\" version=\"1.0\" height=\"240\""
+                        "id=\"urn:test:clock\" version=\"1.0\" height=\"240\""
                         " width=\"320\""))
       .addFile("index.html", "<html></html>");
   const std::string url = package("clock.wgt", zip);
@@ -206,43 +185,34 @@ TEST_F(WidgetInstallerTest, InstallPrintsEveryStepInOrderAndKeepsTheWidget) {
   const std::string packagePath = downloadedTo(runOutput);
   EXPECT_EQ(root + P_tmpdir "/file",
             packagePath.substr(0, packagePath.size() - 6));
-  EXPECT_EQ(
-      "[Downloading...]\n"
-      "\n"
-      "Downloaded from " +
-          url + " to " + packagePath +
-          "\n"
-          "\n"
-          "[Extracting...]\n"
-          "\n"
-          "[V:Extractor] filename: " +
-          storage +
-          "config.xml\n"
-          "[V:Extractor] filename: " +
-          storage +
-          "index.html\n"
-          "\n"
-          "[Remove downloaded file...]\n"
-          "\n"
-          "\n"
-          "[Parsing config.xml...]\n"
-          "\n"
-          "Parsing id...\n"
-          "Parsing version...\n"
-          "Parsing height...\n"
-          "Parsing width...\n"
-          "Parsing name...\n"
-          "Parsing content...\n"
-          "\n"
-          "Path: file://" +
-          storage +
-          "index.html\n"
-          "\n"
-          "Download cleaned\n",
-      runOutput);
+  EXPECT_EQ(downloadedAndExtracting(url, packagePath) +
+                "[V:Extractor] filename: " + storage +
+                "config.xml\n"
+                "[V:Extractor] filename: " +
+                storage +
+                "index.html\n"
+                "\n"
+                "[Remove downloaded file...]\n"
+                "\n"
+                "\n"
+                "[Parsing config.xml...]\n"
+                "\n"
+                "Parsing id...\n"
+                "Parsing version...\n"
+                "Parsing height...\n"
+                "Parsing width...\n"
+                "Parsing name...\n"
+                "Parsing content...\n"
+                "\n"
+                "Path: file://" +
+                storage +
+                "index.html\n"
+                "\n"
+                "Download cleaned\n",
+            runOutput);
   EXPECT_FALSE(TempDir::exists(packagePath));
   EXPECT_EQ((std::vector<std::string>{"config.xml", "index.html"}),
-            listDirectory(storage));
+            TempDir::listDirectory(storage));
   EXPECT_EQ(1, count("SELECT COUNT(*) FROM Widgets WHERE name='clock'"));
   EXPECT_EQ(2, count("SELECT COUNT(*) FROM widgetFiles"));
 }
@@ -278,18 +248,15 @@ TEST_F(WidgetInstallerTest, RecordHoldsConfigurationValuesAndLocalizedItems) {
              "<author href=\"http://example.org/\" email=\"a@example.org\">"
              "Ann</author>"
              "<icon src=\"logo.png\"/>",
-             " version=\"2.5\" height=\"100\" width=\"200\""
+             "version=\"2.5\" height=\"100\" width=\"200\""
              " viewmodes=\"fullscreen\""))
       .addFile("index.html", "<html></html>")
       .addFile("logo.png", bytes(kPng, sizeof(kPng)));
   const std::string url = package("clock.wgt", zip);
   ASSERT_EQ(0, install(url));
 
-  SqlLite3 registry;
-  ASSERT_TRUE(registry.isOpen());
-  std::vector<WidgetsData*> rows = registry.selectWidgetsBySourceURL(url);
-  ASSERT_EQ(1u, rows.size());
-  std::unique_ptr<WidgetsData> row(rows[0]);
+  std::unique_ptr<WidgetsData> row = recordOf(url);
+  ASSERT_TRUE(row);
   const std::string storage = root + "widget_clock/";
   EXPECT_EQ(url, row->getSourceURL());
   EXPECT_EQ("clock", row->getName());
@@ -347,10 +314,7 @@ TEST_F(WidgetInstallerTest, SecondRunAfterFailureRunsTheWholeSequenceAgain) {
     ASSERT_EQ(5, installer.run());
   }
   EXPECT_EQ("about:blank", installer.getLaunchURL());
-  ZipBuilder zip;
-  zip.addFile("config.xml", configXml("<name>Clock</name>"))
-      .addFile("index.html", "<html></html>");
-  ASSERT_TRUE(zip.write(path));
+  ASSERT_EQ("file://" + path, simplePackage("clock.wgt"));
   CaptureStdout capture;
   EXPECT_EQ(0, installer.run());
   const std::string output = capture.text();
@@ -364,10 +328,7 @@ TEST_F(WidgetInstallerTest, SecondRunAfterFailureRunsTheWholeSequenceAgain) {
 TEST_F(WidgetInstallerTest,
        RegisteredURLAnswersWithStoredLaunchURLWithoutDownloading) {
   HttpServer server;
-  ZipBuilder zip;
-  zip.addFile("config.xml", configXml("<name>Clock</name>"))
-      .addFile("index.html", "<html></html>");
-  ASSERT_TRUE(zip.write(packages + "clock.wgt"));
+  simplePackage("clock.wgt");
   server.serveFile("/w/clock.wgt", packages + "clock.wgt");
   const std::string url = server.url("/w/clock.wgt");
   std::string first;
@@ -378,22 +339,15 @@ TEST_F(WidgetInstallerTest,
   const std::string marker = root + "widget_clock/marker.txt";
   TempDir::writeFile(marker, "mine");
 
-  CaptureStdout capture;
-  std::string launchURL;
-  int status;
-  {
-    WidgetInstaller installer(url);
-    status = installer.run();
-    launchURL = installer.getLaunchURL();
-  }
-  EXPECT_EQ(2, status);
+  std::string launchURL, output;
+  EXPECT_EQ(2, install(url, &launchURL, &output));
   EXPECT_EQ(first, launchURL);
   EXPECT_EQ("Widget already installed. Launch it with this url : " + first +
                 "\nNothing to clean\n",
-            capture.text());
+            output);
   EXPECT_EQ(1, server.requestCount());
   EXPECT_EQ("mine", TempDir::readFile(marker));
-  EXPECT_TRUE(listDirectory(root + "tmp").empty());
+  EXPECT_TRUE(TempDir::listDirectory(root + "tmp").empty());
 }
 
 TEST_F(WidgetInstallerTest, UnopenableRegistryEndsSilentlyWithStatus3) {
@@ -412,7 +366,7 @@ TEST_F(WidgetInstallerTest, UnopenableRegistryEndsSilentlyWithStatus3) {
     CaptureStdout quiet;
     installer.reset();
   }
-  expectNothingLeft();
+  EXPECT_TRUE(nothingLeft());
 }
 
 TEST_F(WidgetInstallerTest, DuplicateSourceURLRowsEndWithStatus4) {
@@ -444,23 +398,16 @@ TEST_F(WidgetInstallerTest, DuplicateSourceURLRowsEndWithStatus4) {
             sqlite3_exec(db, schema.c_str(), nullptr, nullptr, nullptr));
   sqlite3_close(db);
 
-  CaptureStdout capture;
-  std::string launchURL;
-  int status;
-  {
-    WidgetInstaller installer(url);
-    status = installer.run();
-    launchURL = installer.getLaunchURL();
-  }
-  EXPECT_EQ(4, status);
+  std::string launchURL, output;
+  EXPECT_EQ(4, install(url, &launchURL, &output));
   EXPECT_EQ("about:blank", launchURL);
   EXPECT_EQ(
       "It's not possible to see this log. Database integrity problem\n"
       "'sourceURL' Field in 'Widgets' Table must be unique\n"
       "Nothing to clean\n",
-      capture.text());
+      output);
   EXPECT_EQ(2, count("SELECT COUNT(*) FROM Widgets"));
-  expectNothingLeft();
+  EXPECT_TRUE(nothingLeft());
 }
 
 TEST_F(WidgetInstallerTest, FailedDownloadEndsWithStatus5AndLeavesNothing) {
@@ -476,7 +423,7 @@ TEST_F(WidgetInstallerTest, FailedDownloadEndsWithStatus5AndLeavesNothing) {
       "Download cleaned\n"
       "Nothing to clean\n",
       output);
-  expectNothingLeft();
+  EXPECT_TRUE(nothingLeft());
   EXPECT_EQ(0, count("SELECT COUNT(*) FROM Widgets"));
 }
 
@@ -487,22 +434,14 @@ TEST_F(WidgetInstallerTest, PackageThatIsNotAZipEndsWithStatus6) {
   EXPECT_EQ(6, install(url, &launchURL, &output));
   EXPECT_EQ("about:blank", launchURL);
   const std::string packagePath = downloadedTo(output);
-  EXPECT_EQ(
-      "[Downloading...]\n"
-      "\n"
-      "Downloaded from " +
-          url + " to " + packagePath +
-          "\n"
-          "\n"
-          "[Extracting...]\n"
-          "\n"
-          "Zip archive is not valid (error 19)\n"
-          "Error while extracting\n"
-          "Extraction cleaned\n"
-          "Download cleaned\n"
-          "Nothing to clean\n",
-      output);
-  expectNothingLeft();
+  EXPECT_EQ(downloadedAndExtracting(url, packagePath) +
+                "Zip archive is not valid (error 19)\n"
+                "Error while extracting\n"
+                "Extraction cleaned\n"
+                "Download cleaned\n"
+                "Nothing to clean\n",
+            output);
+  EXPECT_TRUE(nothingLeft());
 }
 
 TEST_F(WidgetInstallerTest, PackageWithoutConfigEndsWithStatus7) {
@@ -512,19 +451,11 @@ TEST_F(WidgetInstallerTest, PackageWithoutConfigEndsWithStatus7) {
   std::string launchURL, output;
   EXPECT_EQ(7, install(url, &launchURL, &output));
   EXPECT_EQ("about:blank", launchURL);
-  const std::vector<std::string> got = lines(output);
-  const std::vector<std::string> tail = {"[Remove downloaded file...]",
-                                         "",
-                                         "",
-                                         "[Parsing config.xml...]",
-                                         "",
-                                         "Could not find config.xml",
-                                         "Extraction cleaned",
-                                         "Download cleaned",
-                                         "Nothing to clean"};
-  ASSERT_GE(got.size(), tail.size());
-  EXPECT_EQ(tail, std::vector<std::string>(got.end() - tail.size(), got.end()));
-  expectNothingLeft();
+  EXPECT_TRUE(endsWithLines(
+      output, {"[Remove downloaded file...]", "", "", "[Parsing config.xml...]",
+               "", "Could not find config.xml", "Extraction cleaned",
+               "Download cleaned", "Nothing to clean"}));
+  EXPECT_TRUE(nothingLeft());
 }
 
 TEST_F(WidgetInstallerTest, InvalidConfigEndsWithStatus8) {
@@ -538,18 +469,12 @@ TEST_F(WidgetInstallerTest, InvalidConfigEndsWithStatus8) {
     EXPECT_EQ(8, install(url, &launchURL, &output));
   }
   EXPECT_EQ("about:blank", launchURL);
-  const std::vector<std::string> got = lines(output);
-  const std::vector<std::string> tail = {
-      "[Parsing config.xml...]",
-      "",
-      "Widget configuration document is invalid",
-      "Error while parsing",
-      "Extraction cleaned",
-      "Download cleaned",
-      "Nothing to clean"};
-  ASSERT_GE(got.size(), tail.size());
-  EXPECT_EQ(tail, std::vector<std::string>(got.end() - tail.size(), got.end()));
-  expectNothingLeft();
+  EXPECT_TRUE(endsWithLines(
+      output,
+      {"[Parsing config.xml...]", "",
+       "Widget configuration document is invalid", "Error while parsing",
+       "Extraction cleaned", "Download cleaned", "Nothing to clean"}));
+  EXPECT_TRUE(nothingLeft());
 }
 
 TEST_F(WidgetInstallerTest, OnlyAnUnknownPageEndsWithStatus9AndNoDirectory) {
@@ -560,13 +485,10 @@ TEST_F(WidgetInstallerTest, OnlyAnUnknownPageEndsWithStatus9AndNoDirectory) {
   std::string launchURL, output;
   EXPECT_EQ(9, install(url, &launchURL, &output));
   EXPECT_EQ("about:blank", launchURL);
-  const std::vector<std::string> got = lines(output);
-  const std::vector<std::string> tail = {
-      "Parsing name...", "No start file found", "Extraction cleaned",
-      "Download cleaned", "Nothing to clean"};
-  ASSERT_GE(got.size(), tail.size());
-  EXPECT_EQ(tail, std::vector<std::string>(got.end() - tail.size(), got.end()));
-  expectNothingLeft();
+  EXPECT_TRUE(endsWithLines(
+      output, {"Parsing name...", "No start file found", "Extraction cleaned",
+               "Download cleaned", "Nothing to clean"}));
+  EXPECT_TRUE(nothingLeft());
   EXPECT_EQ(0, count("SELECT COUNT(*) FROM Widgets"));
 }
 
@@ -591,17 +513,11 @@ TEST_F(WidgetInstallerTest, RefusedRegistrationEndsWithStatus10AndRollsBack) {
   std::string launchURL, output;
   EXPECT_EQ(10, install(url, &launchURL, &output));
   EXPECT_EQ("about:blank", launchURL);
-  const std::vector<std::string> got = lines(output);
-  const std::vector<std::string> tail = {
-      "Path: file://" + root + "widget_clock/index.html",
-      "",
-      "Cannot insert data to database :(",
-      "Extraction cleaned",
-      "Download cleaned",
-      "Nothing to clean"};
-  ASSERT_GE(got.size(), tail.size());
-  EXPECT_EQ(tail, std::vector<std::string>(got.end() - tail.size(), got.end()));
-  expectNothingLeft();
+  EXPECT_TRUE(endsWithLines(
+      output, {"Path: file://" + root + "widget_clock/index.html", "",
+               "Cannot insert data to database :(", "Extraction cleaned",
+               "Download cleaned", "Nothing to clean"}));
+  EXPECT_TRUE(nothingLeft());
   EXPECT_EQ(1, count("SELECT COUNT(*) FROM Widgets"));
   EXPECT_EQ(0, count("SELECT COUNT(*) FROM widgetFiles"));
   EXPECT_EQ(0, count("SELECT COUNT(*) FROM localizedItem"));
@@ -626,7 +542,7 @@ TEST_F(WidgetInstallerTest,
   EXPECT_EQ("Nothing to clean\n", output);
   EXPECT_EQ("<html></html>", TempDir::readFile(index));
   EXPECT_EQ(1, count("SELECT COUNT(*) FROM Widgets"));
-  EXPECT_TRUE(listDirectory(root + "tmp").empty());
+  EXPECT_TRUE(TempDir::listDirectory(root + "tmp").empty());
 }
 
 TEST_F(WidgetInstallerTest, NameWithAQuoteIsRefusedAtRegistrationWithStatus10) {
@@ -636,7 +552,7 @@ TEST_F(WidgetInstallerTest, NameWithAQuoteIsRefusedAtRegistrationWithStatus10) {
   EXPECT_EQ("about:blank", launchURL);
   EXPECT_NE(std::string::npos,
             output.find("Cannot insert data to database :(\n"));
-  expectNothingLeft();
+  EXPECT_TRUE(nothingLeft());
   EXPECT_EQ(0, count("SELECT COUNT(*) FROM Widgets"));
 }
 
@@ -652,15 +568,11 @@ TEST_F(WidgetInstallerTest, PackageThatCannotBeRemovedEndsWithStatus11) {
   EXPECT_EQ(11, status);
   // Left as it was before the run, unlike every other failure.
   EXPECT_EQ("", launchURL);
-  const std::vector<std::string> got = lines(output);
-  const std::vector<std::string> tail = {
-      "[Remove downloaded file...]", "",
-      "Error while removing",        "Download cleaned",
-      "Extraction cleaned",          "Nothing to clean"};
-  ASSERT_GE(got.size(), tail.size());
-  EXPECT_EQ(tail, std::vector<std::string>(got.end() - tail.size(), got.end()));
+  EXPECT_TRUE(endsWithLines(
+      output, {"[Remove downloaded file...]", "", "Error while removing",
+               "Download cleaned", "Extraction cleaned", "Nothing to clean"}));
   // The downloader removed the package on its way out.
-  expectNothingLeft();
+  EXPECT_TRUE(nothingLeft());
   EXPECT_EQ(0, count("SELECT COUNT(*) FROM Widgets"));
 }
 
@@ -669,21 +581,21 @@ TEST_F(WidgetInstallerTest, LastUnderscoreOfTheNameBecomesADash) {
   std::string launchURL;
   ASSERT_EQ(0, install(url, &launchURL));
   EXPECT_EQ("file://" + root + "widget_my_big-clock/index.html", launchURL);
-  EXPECT_TRUE(isDirectory(root + "widget_my_big-clock"));
+  EXPECT_TRUE(TempDir::isDirectory(root + "widget_my_big-clock"));
   EXPECT_EQ(1, count("SELECT COUNT(*) FROM Widgets WHERE name='my_big-clock'"));
 }
 
 TEST_F(WidgetInstallerTest, UnderscoreInTheMiddleOfTheNameBecomesADash) {
   const std::string url = simplePackage("my_clock.wgt");
   ASSERT_EQ(0, install(url));
-  EXPECT_TRUE(isDirectory(root + "widget_my-clock"));
+  EXPECT_TRUE(TempDir::isDirectory(root + "widget_my-clock"));
   EXPECT_EQ(1, count("SELECT COUNT(*) FROM Widgets WHERE name='my-clock'"));
 }
 
 TEST_F(WidgetInstallerTest, LeadingUnderscoreOfTheNameIsKept) {
   const std::string url = simplePackage("_clock.wgt");
   ASSERT_EQ(0, install(url));
-  EXPECT_TRUE(isDirectory(root + "widget__clock"));
+  EXPECT_TRUE(TempDir::isDirectory(root + "widget__clock"));
   EXPECT_EQ(1, count("SELECT COUNT(*) FROM Widgets WHERE name='_clock'"));
 }
 
@@ -718,13 +630,13 @@ TEST_F(WidgetInstallerTest, RootWithoutFinalSlashGluesTheDirectoryName) {
   CaptureStdout quiet;
   WidgetInstaller installer("http://host/w/clock.wgt");
   EXPECT_EQ(dir.path() + "/datawidget_clock/", installer.getStoragePath());
-  EXPECT_TRUE(isDirectory(dir.path() + "/data"));
+  EXPECT_TRUE(TempDir::isDirectory(dir.path() + "/data"));
 }
 
 TEST_F(WidgetInstallerTest, WidgetRootIsCreatedOneLevelDeep) {
   ScopedEnv fresh("WIDGET_PATH", dir.path() + "/fresh/");
   EXPECT_EQ(dir.path() + "/fresh/", WidgetInstaller::getWidgetBasePath());
-  EXPECT_TRUE(isDirectory(dir.path() + "/fresh"));
+  EXPECT_TRUE(TempDir::isDirectory(dir.path() + "/fresh"));
   ScopedEnv deep("WIDGET_PATH", dir.path() + "/a/b/");
   EXPECT_EQ(dir.path() + "/a/b/", WidgetInstaller::getWidgetBasePath());
   EXPECT_FALSE(TempDir::exists(dir.path() + "/a"));
@@ -732,13 +644,9 @@ TEST_F(WidgetInstallerTest, WidgetRootIsCreatedOneLevelDeep) {
 
 TEST_F(WidgetInstallerTest, WithoutContentElementIndexHtmWinsOverIndexHtml) {
   ZipBuilder zip;
-  zip.addFile("config.xml", configXml("<name>Clock</name>"))
-      .addFile("index.html", "<html></html>")
-      .addFile("index.htm", "<html></html>");
-  const std::string url = package("clock.wgt", zip);
-  std::string launchURL;
-  ASSERT_EQ(0, install(url, &launchURL));
-  EXPECT_EQ("file://" + root + "widget_clock/index.htm", launchURL);
+  addClock(zip).addFile("index.htm", "<html></html>");
+  EXPECT_EQ("file://" + root + "widget_clock/index.htm",
+            launchURLOf("clock.wgt", zip));
 }
 
 TEST_F(WidgetInstallerTest, DefaultStartNamesAreTriedInTheirOrder) {
@@ -757,10 +665,8 @@ TEST_F(WidgetInstallerTest, DefaultStartNamesAreTriedInTheirOrder) {
     zip.addFile("config.xml", configXml("<name>Clock</name>"));
     for (const std::string& page : c.pages) zip.addFile(page, "<x/>");
     const std::string name = "page" + std::to_string(++n);
-    const std::string url = package(name + ".wgt", zip);
-    std::string launchURL;
-    ASSERT_EQ(0, install(url, &launchURL));
-    EXPECT_EQ("file://" + root + "widget_" + name + "/" + c.chosen, launchURL);
+    EXPECT_EQ("file://" + root + "widget_" + name + "/" + c.chosen,
+              launchURLOf(name + ".wgt", zip));
   }
 }
 
@@ -770,10 +676,8 @@ TEST_F(WidgetInstallerTest,
   zip.addFile("config.xml",
               configXml("<name>Clock</name><content src=\"main.html\"/>"))
       .addFile("index.html", "<html></html>");
-  const std::string url = package("clock.wgt", zip);
-  std::string launchURL;
-  ASSERT_EQ(0, install(url, &launchURL));
-  EXPECT_EQ("file://" + root + "widget_clock/index.html", launchURL);
+  EXPECT_EQ("file://" + root + "widget_clock/index.html",
+            launchURLOf("clock.wgt", zip));
 }
 
 TEST_F(WidgetInstallerTest, ContentElementIsTakenAsItStands) {
@@ -784,39 +688,26 @@ TEST_F(WidgetInstallerTest, ContentElementIsTakenAsItStands) {
                    "<content src=\"pages/start.php\" type=\"text/html\"/>"))
       .addFile("index.html", "<html></html>")
       .addFile("pages/start.php", "<?php ?>");
-  const std::string url = package("clock.wgt", zip);
-  std::string launchURL;
-  ASSERT_EQ(0, install(url, &launchURL));
-  EXPECT_EQ("file://" + root + "widget_clock/pages/start.php", launchURL);
+  EXPECT_EQ("file://" + root + "widget_clock/pages/start.php",
+            launchURLOf("clock.wgt", zip));
 }
 
 TEST_F(WidgetInstallerTest,
        PngIconHoldingJpegIsNotADefaultIconButSvgIsOnExistence) {
   ZipBuilder zip;
-  zip.addFile("config.xml", configXml("<name>Clock</name>"))
-      .addFile("index.html", "<html></html>")
+  addClock(zip)
       .addFile("icon.png", bytes(kJpeg, sizeof(kJpeg)))
       .addFile("icon.svg", "not even XML");
   const std::string url = package("clock.wgt", zip);
-  CaptureStdout quiet;
-  WidgetInstaller installer(url);
-  ASSERT_EQ(0, installer.run());
-  std::vector<std::string> icons;
-  for (const WidgetIconInfo& icon : installer.getConfig()->getIcons())
-    icons.push_back(icon.getSrc());
-  EXPECT_EQ(std::vector<std::string>{"icon.svg"}, icons);
-  SqlLite3 registry;
-  std::vector<WidgetsData*> rows = registry.selectWidgetsBySourceURL(url);
-  ASSERT_EQ(1u, rows.size());
-  std::unique_ptr<WidgetsData> row(rows[0]);
+  EXPECT_EQ(std::vector<std::string>{"icon.svg"}, installedIcons(url));
+  std::unique_ptr<WidgetsData> row = recordOf(url);
+  ASSERT_TRUE(row);
   EXPECT_EQ("file://" + root + "widget_clock/icon.svg", row->getIcon());
 }
 
 TEST_F(WidgetInstallerTest, PngIconHoldingJpegAloneLeavesTheIconEmpty) {
   ZipBuilder zip;
-  zip.addFile("config.xml", configXml("<name>Clock</name>"))
-      .addFile("index.html", "<html></html>")
-      .addFile("icon.png", bytes(kJpeg, sizeof(kJpeg)));
+  addClock(zip).addFile("icon.png", bytes(kJpeg, sizeof(kJpeg)));
   const std::string url = package("clock.wgt", zip);
   ASSERT_EQ(0, install(url));
   EXPECT_EQ(0, count("SELECT COUNT(*) FROM Widgets WHERE icon<>''"));
@@ -836,15 +727,9 @@ TEST_F(WidgetInstallerTest, DeclaredIconsComeFirstThenEveryDefaultIconInOrder) {
       .addFile("icon.ico", bytes(kIco, sizeof(kIco)))
       .addFile("icon.svg", "<svg/>");
   const std::string url = package("clock.wgt", zip);
-  CaptureStdout quiet;
-  WidgetInstaller installer(url);
-  ASSERT_EQ(0, installer.run());
-  std::vector<std::string> icons;
-  for (const WidgetIconInfo& icon : installer.getConfig()->getIcons())
-    icons.push_back(icon.getSrc());
   EXPECT_EQ((std::vector<std::string>{"icon.gif", "art/logo.png", "icon.svg",
                                       "icon.ico", "icon.png", "icon.jpg"}),
-            icons);
+            installedIcons(url));
   EXPECT_EQ(1, count("SELECT COUNT(*) FROM Widgets WHERE icon='file://" + root +
                      "widget_clock/icon.gif'"));
 }

@@ -91,10 +91,12 @@ class Literal {
   sqlite3* db_ = nullptr;
 };
 
-// Rows that exercise every corner of the join: file rows left behind by a
-// removed widget, an id given again to a new widget, one path reachable
-// through two widgets, a widget without directory, case differences.
-void fillTrickyRows(const std::string& path) {
+// A registry made by the engine, then filled with rows that exercise every
+// corner of the join: file rows left behind by a removed widget, an id given
+// again to a new widget, one path reachable through two widgets, a widget
+// without directory, case differences.
+void makeTrickyRegistry(const std::string& path) {
+  { SqlLite3 create; }
   Raw raw(path);
   const char* sql[] = {
       "INSERT INTO Widgets (id, storagePath, launchURL, name) VALUES "
@@ -185,8 +187,7 @@ void expectSameAnswers(SqlLite3& db, Literal& literal, const char* mode) {
 }  // namespace
 
 TEST_F(RegistryTest, IndexAnswersExactlyAsTheStatementsOnTrickyRows) {
-  { SqlLite3 create; }
-  fillTrickyRows(dbPath());
+  makeTrickyRegistry(dbPath());
   Literal literal(plainCopy(this, dbPath()));
   SqlLite3 db;
   ASSERT_TRUE(db.isOpen());
@@ -194,8 +195,7 @@ TEST_F(RegistryTest, IndexAnswersExactlyAsTheStatementsOnTrickyRows) {
 }
 
 TEST_F(RegistryTest, StatementsInsideATransactionAnswerExactlyTheSame) {
-  { SqlLite3 create; }
-  fillTrickyRows(dbPath());
+  makeTrickyRegistry(dbPath());
   Literal literal(plainCopy(this, dbPath()));
   SqlLite3 db;
   ASSERT_TRUE(db.isOpen());
@@ -205,8 +205,7 @@ TEST_F(RegistryTest, StatementsInsideATransactionAnswerExactlyTheSame) {
 }
 
 TEST_F(RegistryTest, WalModeFallsBackToStatementsWithTheSameAnswers) {
-  { SqlLite3 create; }
-  fillTrickyRows(dbPath());
+  makeTrickyRegistry(dbPath());
   Literal literal(plainCopy(this, dbPath()));
   SqlLite3 db;
   ASSERT_TRUE(db.isOpen());
@@ -365,8 +364,7 @@ TEST_F(RegistryTest, LookupWhileAnotherProcessHoldsTheLockAfterAChangeFindsNothi
 }
 
 TEST_F(RegistryTest, IndexServesTheRegistryAndStepsAsideWhenItCannotBeTrusted) {
-  { SqlLite3 create; }
-  fillTrickyRows(dbPath());
+  makeTrickyRegistry(dbPath());
   Raw raw(dbPath());
   LookupCache cache;
   ASSERT_TRUE(cache.fresh(raw.handle()));
@@ -413,8 +411,7 @@ TEST_F(RegistryTest, IndexStepsAsideInWalMode) {
 }
 
 TEST_F(RegistryTest, TrickyRowsGiveTheExpectedRedirections) {
-  { SqlLite3 create; }
-  fillTrickyRows(dbPath());
+  makeTrickyRegistry(dbPath());
   SqlLite3 db;
   std::string url = "file:///m/ab/c.html?z";
   EXPECT_EQ(1, db.findLocalizedResource(url, {"de", "fr"}));

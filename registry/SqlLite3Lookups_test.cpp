@@ -16,6 +16,14 @@ using registrytest::RegistryTest;
 
 namespace {
 
+// Registers widgets "a" and "b", which get ids 1 and 2.
+void insertAAndB(SqlLite3& db) {
+  WidgetsData a = makeWidget("a");
+  WidgetsData b = makeWidget("b");
+  ASSERT_EQ(1, db.insertWidget(&a));
+  ASSERT_EQ(2, db.insertWidget(&b));
+}
+
 class LookupTest : public RegistryTest {
  protected:
   void SetUp() override {
@@ -45,10 +53,7 @@ TEST_F(RegistryTest, SelectWidgetsWithNoMatchingRowIsEmpty) {
 
 TEST_F(RegistryTest, SelectWidgetsReturnsEveryRowInOrder) {
   SqlLite3 db;
-  WidgetsData a = makeWidget("a");
-  WidgetsData b = makeWidget("b");
-  ASSERT_EQ(1, db.insertWidget(&a));
-  ASSERT_EQ(2, db.insertWidget(&b));
+  ASSERT_NO_FATAL_FAILURE(insertAAndB(db));
   std::vector<WidgetsData*> rows = db.selectWidgets("SELECT * FROM Widgets");
   ASSERT_EQ(2u, rows.size());
   EXPECT_EQ("a", rows[0]->getName());
@@ -90,10 +95,7 @@ TEST_F(RegistryTest, NullCellsReadAsEmptyText) {
 
 TEST_F(RegistryTest, SelectByNameAndBySourceURLRefuseInjection) {
   SqlLite3 db;
-  WidgetsData a = makeWidget("a");
-  WidgetsData b = makeWidget("b");
-  ASSERT_EQ(1, db.insertWidget(&a));
-  ASSERT_EQ(2, db.insertWidget(&b));
+  ASSERT_NO_FATAL_FAILURE(insertAAndB(db));
   std::vector<WidgetsData*> rows = db.selectWidgetsByName("b");
   ASSERT_EQ(1u, rows.size());
   EXPECT_EQ(2, rows[0]->getId());

@@ -7,11 +7,24 @@
 #include "registry/RegistryTestUtil.h"
 #include "registry/SqlLite3.h"
 #include "testing/CaptureStdout.h"
+#include "testing/OutputChecks.h"
 
 using registrytest::deleteAll;
 using registrytest::makeWidget;
 using registrytest::Raw;
 using registrytest::RegistryTest;
+
+namespace {
+
+// Passes when inserting w is refused (-1) with the one line that says so.
+::testing::AssertionResult insertIsRefused(SqlLite3& db, WidgetsData& w) {
+  CaptureStdout out;
+  const int id = db.insertWidget(&w);
+  return returnedAndPrinted("insertWidget()", id, -1, out.text(),
+                            "Cannot insert data to database :(\n");
+}
+
+}  // namespace
 
 TEST_F(RegistryTest, WidgetWithThreeFilesGetsOneRowAndThreeFileRowsInOrder) {
   SqlLite3 db;
@@ -42,9 +55,7 @@ TEST_F(RegistryTest, SecondWidgetWithTheSameSourceURLIsRefusedOnce) {
   ASSERT_EQ(1, db.insertWidget(&w));
   WidgetsData again = makeWidget("clock2", {"index.html"});
   again.setSourceURL(w.getSourceURL());
-  CaptureStdout out;
-  EXPECT_EQ(-1, db.insertWidget(&again));
-  EXPECT_EQ("Cannot insert data to database :(\n", out.text());
+  EXPECT_TRUE(insertIsRefused(db, again));
   Raw raw(dbPath());
   EXPECT_EQ("1", raw.one("SELECT COUNT(*) FROM Widgets"));
   EXPECT_EQ("1", raw.one("SELECT COUNT(*) FROM widgetFiles"));
@@ -78,18 +89,12 @@ TEST_F(RegistryTest, WidgetValueWithApostropheIsRefusedLikeABrokenStatement) {
     byName.setName(value);
     WidgetsData byAuthor = makeWidget("b", {"index.html"});
     byAuthor.setAuthorHref(value);
-    CaptureStdout out;
-    EXPECT_EQ(-1, db.insertWidget(&byName));
-    EXPECT_EQ(-1, db.insertWidget(&byAuthor));
-    EXPECT_EQ("Cannot insert data to database :(\n"
-              "Cannot insert data to database :(\n",
-              out.text());
+    EXPECT_TRUE(insertIsRefused(db, byName)) << value;
+    EXPECT_TRUE(insertIsRefused(db, byAuthor)) << value;
   }
   WidgetsData nul = makeWidget("c");
   nul.setVersion(std::string("1\0", 2));
-  CaptureStdout out;
-  EXPECT_EQ(-1, db.insertWidget(&nul));
-  EXPECT_EQ("Cannot insert data to database :(\n", out.text());
+  EXPECT_TRUE(insertIsRefused(db, nul));
   Raw raw(dbPath());
   EXPECT_EQ("0", raw.one("SELECT COUNT(*) FROM Widgets"));
   EXPECT_EQ("0", raw.one("SELECT COUNT(*) FROM widgetFiles"));
@@ -174,9 +179,7 @@ TEST_F(RegistryTest, JobWritesAppearToOthersAtItsEndAndFailuresStayAlone) {
   WidgetsData w = makeWidget("job", {"index.html", "a.js"});
   EXPECT_EQ(2, db.insertWidget(&w));
   WidgetsData clash = makeWidget("taken");
-  CaptureStdout out;
-  EXPECT_EQ(-1, db.insertWidget(&clash));
-  EXPECT_EQ("Cannot insert data to database :(\n", out.text());
+  EXPECT_TRUE(insertIsRefused(db, clash));
   EXPECT_EQ(0, db.insertLocalizedItems(2, "name", {{"en", "Job"}}));
   {
     Raw raw(dbPath());

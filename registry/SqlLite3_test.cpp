@@ -34,6 +34,17 @@ std::string openFailure(const std::string& path, const std::string& reason) {
          path + "\n";
 }
 
+// Runs sql after a query that filled the column names and values, expecting
+// result, and both vectors to be empty afterwards.
+void expectQueryEmptiesBothVectors(const std::string& sql, int result) {
+  SqlLite3 db;
+  ASSERT_TRUE(db.isOpen());
+  ASSERT_EQ(0, db.query("SELECT 1 AS a"));
+  EXPECT_EQ(result, db.query(sql));
+  EXPECT_TRUE(db.getColumnNames().empty());
+  EXPECT_TRUE(db.getValues().empty());
+}
+
 std::string createFailure(const std::string& table, const std::string& why,
                           int code) {
   return "[E:SqlLite3] Unable to create table " + table + " :  " + why + " (" +
@@ -157,21 +168,12 @@ TEST_F(RegistryTest, QueryFillsColumnNamesAndValuesRowAfterRow) {
 }
 
 TEST_F(RegistryTest, QueryMatchingNothingLeavesBothVectorsEmpty) {
-  SqlLite3 db;
-  ASSERT_TRUE(db.isOpen());
-  ASSERT_EQ(0, db.query("SELECT 1 AS a"));
-  EXPECT_EQ(0, db.query("SELECT * FROM Widgets WHERE name = 'nobody'"));
-  EXPECT_TRUE(db.getColumnNames().empty());
-  EXPECT_TRUE(db.getValues().empty());
+  expectQueryEmptiesBothVectors("SELECT * FROM Widgets WHERE name = 'nobody'",
+                                0);
 }
 
 TEST_F(RegistryTest, QueryWithSyntaxErrorReturnsOneAndEmptyVectors) {
-  SqlLite3 db;
-  ASSERT_TRUE(db.isOpen());
-  ASSERT_EQ(0, db.query("SELECT 1 AS a"));
-  EXPECT_EQ(1, db.query("SELEC nothing"));
-  EXPECT_TRUE(db.getColumnNames().empty());
-  EXPECT_TRUE(db.getValues().empty());
+  expectQueryEmptiesBothVectors("SELEC nothing", 1);
 }
 
 TEST_F(RegistryTest, RandomBytesFailTheCheckAndStayUntouched) {

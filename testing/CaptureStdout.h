@@ -28,4 +28,14 @@ class CaptureStdout {
   bool capturing_;
 };
 
+// Runs call with standard output captured and returns its result; what it
+// printed goes to *output when output is not null.
+template <typename Call>
+auto captured(std::string* output, Call call) -> decltype(call()) {
+  CaptureStdout capture;
+  auto result = call();
+  if (output) *output = capture.text();
+  return result;
+}
+
 #endif  // WIDGETENGINE_TESTING_CAPTURESTDOUT_H_

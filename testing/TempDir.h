@@ -5,6 +5,7 @@
 #define WIDGETENGINE_TESTING_TEMPDIR_H_
 
 #include <string>
+#include <vector>
 
 class TempDir {
  public:
@@ -24,6 +25,11 @@ class TempDir {
   static std::string readFile(const std::string& path);
   static bool exists(const std::string& path);
   static void removeTree(const std::string& path);
+  // A directory (not a link to one) stands at path.
+  static bool isDirectory(const std::string& path);
+  // The names in a directory, without "." and "..", sorted; empty when the
+  // directory cannot be read.
+  static std::vector<std::string> listDirectory(const std::string& path);
 
  private:
   std::string path_;

@@ -2,7 +2,8 @@
 # Runs the engine's whole story on the bundled sample widget with widgetctl:
 # packs tools/sample-widget/ into BUILD/demo/sample-clock.wgt, installs it
 # from its file:// URL into a fresh sandbox under BUILD/demo/, then lists,
-# describes, maps, recognises, reinstalls and removes it.
+# describes, maps, recognises, reinstalls and removes it. Before that,
+# "widgetctl check" shows the configuration record parsed from its config.xml.
 #
 # Usage: bash tools/demo.sh BUILD   (BUILD is the build tree, "build" by
 # default; `make build` must have made BUILD/widgetctl).
@@ -49,6 +50,9 @@ launch="file://${WIDGET_PATH}widget_sample-clock/index.html"
 
 step "Package: $package"
 python3 -c 'import sys, zipfile; [print("  " + n) for n in zipfile.ZipFile(sys.argv[1]).namelist()]' "$package"
+
+step "Check the package as its author would (nothing is installed)"
+"$widgetctl" check "$package"
 
 step "Install the sample widget from $url"
 "$widgetctl" install "$url"

@@ -5,7 +5,7 @@ set -euo pipefail
 
 packages=(
   g++ make cmake pkg-config
-  libcurl4-openssl-dev libzip-dev libxml2-dev libsqlite3-dev
+  libcurl4-openssl-dev libzip-dev zlib1g-dev libxml2-dev libsqlite3-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   python3 zip unzip curl libarchive-tools binutils
 )

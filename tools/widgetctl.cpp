@@ -367,6 +367,10 @@ int runCheck(const std::string& package) {
           delete rows[i];
       }
       const WidgetConfig& config = *installer.getConfig();
+      // The configuration record as the parser filled it, in the engine's
+      // own words, ahead of the summary.
+      std::cout << std::endl << "config.xml, as parsed:" << std::endl;
+      config.print();
       lines.push_back(field(
           "start file", config.getStartFile() ? *config.getStartFile() : ""));
       for (const WidgetIconInfo& icon : config.getIcons()) {

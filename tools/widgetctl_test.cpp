@@ -1,20 +1,20 @@
 // widgetctl as its users run it: the built program in a child process, with
 // its widget root, registry and temporary directory inside a TempDir.
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "testing/OutputChecks.h"
 #include "testing/TempDir.h"
+#include "testing/WidgetSandbox.h"
 #include "testing/ZipBuilder.h"
 
 namespace {
@@ -28,49 +28,13 @@ struct Result {
   std::string err;
 };
 
-std::vector<std::string> lines(const std::string& text) {
-  std::vector<std::string> result;
-  size_t start = 0;
-  while (start < text.size()) {
-    size_t end = text.find('\n', start);
-    if (end == std::string::npos) end = text.size();
-    result.push_back(text.substr(start, end - start));
-    start = end + 1;
-  }
-  return result;
-}
-
-std::string lastLine(const std::string& text) {
-  std::vector<std::string> all = lines(text);
-  return all.empty() ? "" : all.back();
-}
-
-std::vector<std::string> listDirectory(const std::string& path) {
-  std::vector<std::string> names;
-  DIR* dir = opendir(path.c_str());
-  if (!dir) return names;
-  while (dirent* entry = readdir(dir)) {
-    std::string name = entry->d_name;
-    if (name != "." && name != "..") names.push_back(name);
-  }
-  closedir(dir);
-  std::sort(names.begin(), names.end());
-  return names;
-}
-
-class WidgetctlTest : public ::testing::Test {
+// The program's temporary directory is in the sandbox too.
+class WidgetctlTest : public WidgetSandbox {
  protected:
-  void SetUp() override {
-    root = dir.path() + "/widgets/";
-    conf = dir.path() + "/conf/";
-    tmp = dir.path() + "/tmp";
-    ASSERT_EQ(0, mkdir(root.c_str(), 0755));
-    ASSERT_EQ(0, mkdir((root + "tmp").c_str(), 0755));
-    ASSERT_EQ(0, mkdir(conf.c_str(), 0755));
-    ASSERT_EQ(0, mkdir(tmp.c_str(), 0755));
-  }
+  void SetUp() override { ASSERT_EQ(0, mkdir(tmp.c_str(), 0755)); }
 
-  // Runs widgetctl with args; its exit status and both outputs.
+  // Runs widgetctl with args, in the sandbox's environment; its exit status
+  // and both outputs.
   Result run(const std::vector<std::string>& args) {
     const std::string outPath = dir.path() + "/out.txt";
     const std::string errPath = dir.path() + "/err.txt";
@@ -83,8 +47,6 @@ class WidgetctlTest : public ::testing::Test {
       if (out < 0 || err < 0) _exit(126);
       dup2(out, 1);
       dup2(err, 2);
-      setenv("WIDGET_PATH", root.c_str(), 1);
-      setenv("YRA_DATA_PATH", conf.c_str(), 1);
       setenv("TMPDIR", tmp.c_str(), 1);
       std::vector<char*> argv;
       argv.push_back(const_cast<char*>(kWidgetctl));
@@ -117,15 +79,10 @@ class WidgetctlTest : public ::testing::Test {
     ZipBuilder zip;
     for (const char* file : files)
       zip.addFile(file, TempDir::readFile(std::string(kSample) + file));
-    const std::string path = dir.path() + "/" + fileName;
-    EXPECT_TRUE(zip.write(path));
-    return path;
+    return writePackage(fileName, zip);
   }
 
-  TempDir dir;
-  std::string root;
-  std::string conf;
-  std::string tmp;
+  const std::string tmp = dir.path() + "/tmp";
 };
 
 TEST_F(WidgetctlTest, HelpDescribesTheToolAndEachCommand) {
@@ -144,7 +101,7 @@ TEST_F(WidgetctlTest, HelpDescribesTheToolAndEachCommand) {
     EXPECT_EQ("", one.err);
   }
   // Asking for help touches nothing.
-  EXPECT_TRUE(listDirectory(conf).empty());
+  EXPECT_TRUE(TempDir::listDirectory(conf).empty());
 }
 
 TEST_F(WidgetctlTest, UsageErrorsGiveOneLineAndStatus2) {
@@ -250,8 +207,7 @@ TEST_F(WidgetctlTest, FailedInstallPassesTheEngineLinesAndGivesOneReason) {
       "Download cleaned\nNothing to clean\n",
       result.out);
   EXPECT_EQ("widgetctl: could not install " + url + "\n", result.err);
-  EXPECT_EQ(std::vector<std::string>{"tmp"}, listDirectory(root));
-  EXPECT_TRUE(listDirectory(root + "tmp").empty());
+  EXPECT_TRUE(nothingLeft());
 }
 
 TEST_F(WidgetctlTest, CheckShowsWhatAnInstallWouldRecordAndTouchesNothing) {
@@ -280,16 +236,15 @@ TEST_F(WidgetctlTest, CheckShowsWhatAnInstallWouldRecordAndTouchesNothing) {
   EXPECT_EQ("result:        the package would install", lastLine(out));
 
   EXPECT_FALSE(TempDir::exists(root));
-  EXPECT_TRUE(listDirectory(conf).empty());
-  EXPECT_TRUE(listDirectory(tmp).empty());
+  EXPECT_TRUE(TempDir::listDirectory(conf).empty());
+  EXPECT_TRUE(TempDir::listDirectory(tmp).empty());
 }
 
 TEST_F(WidgetctlTest, CheckOfADefectivePackageSaysWhyAndTouchesNothing) {
   ZipBuilder zip;
   zip.addFile("config.xml", "<widget><name>x</name></widget>")
       .addFile("index.html", "<p/>");
-  const std::string package = dir.path() + "/bad.wgt";
-  ASSERT_TRUE(zip.write(package));
+  const std::string package = writePackage("bad.wgt", zip);
   Result result = run({"check", package});
   EXPECT_EQ(1, result.status);
   EXPECT_NE(
@@ -301,9 +256,9 @@ TEST_F(WidgetctlTest, CheckOfADefectivePackageSaysWhyAndTouchesNothing) {
   EXPECT_EQ("widgetctl: " + package +
                 " would not install: config.xml was rejected (status 8)",
             errors.back());
-  EXPECT_TRUE(listDirectory(conf).empty());
-  EXPECT_TRUE(listDirectory(tmp).empty());
-  EXPECT_EQ(std::vector<std::string>{"tmp"}, listDirectory(root));
+  EXPECT_TRUE(TempDir::listDirectory(conf).empty());
+  EXPECT_TRUE(TempDir::listDirectory(tmp).empty());
+  EXPECT_TRUE(nothingLeft());
 }
 
 TEST_F(WidgetctlTest, CheckOfAMissingPackageFails) {
@@ -313,7 +268,7 @@ TEST_F(WidgetctlTest, CheckOfAMissingPackageFails) {
                 "/nothing.wgt\n",
             result.err);
   EXPECT_EQ("", result.out);
-  EXPECT_TRUE(listDirectory(tmp).empty());
+  EXPECT_TRUE(TempDir::listDirectory(tmp).empty());
 }
 
 }  // namespace

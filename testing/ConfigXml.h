@@ -1,0 +1,17 @@
+// Widget configuration documents for tests: a <widget> root in the widgets
+// namespace around the given children, with the given root attributes
+// (written as in the document, e.g. "id=\"urn:x\" version=\"1.0\"").
+#ifndef WIDGETENGINE_TESTING_CONFIGXML_H_
+#define WIDGETENGINE_TESTING_CONFIGXML_H_
+
+#include <string>
+
+// The root element alone, for documents that need a prolog of their own.
+std::string widgetElement(const std::string& body,
+                          const std::string& attributes = "");
+
+// A whole config.xml: the XML declaration and the root element.
+std::string configXml(const std::string& body,
+                      const std::string& attributes = "");
+
+#endif  // WIDGETENGINE_TESTING_CONFIGXML_H_

@@ -1,0 +1,49 @@
+#include "testing/WidgetSandbox.h"
+
+#include <sys/stat.h>
+
+namespace {
+
+std::string joined(const std::vector<std::string>& names) {
+  std::string text = "{";
+  for (size_t i = 0; i < names.size(); ++i)
+    text += (i ? ", \"" : "\"") + names[i] + "\"";
+  return text + "}";
+}
+
+}  // namespace
+
+WidgetSandbox::WidgetSandbox()
+    : root(dir.path() + "/widgets/"),
+      conf(dir.path() + "/conf/"),
+      packages(dir.path() + "/packages/"),
+      widgetPath_("WIDGET_PATH", root),
+      dataPath_("YRA_DATA_PATH", conf) {
+  for (const std::string& folder : {root, root + "tmp", conf, packages})
+    EXPECT_EQ(0, mkdir(folder.c_str(), 0755)) << folder;
+}
+
+std::string WidgetSandbox::writePackage(const std::string& fileName,
+                                        const ZipBuilder& zip) const {
+  const std::string path = packages + fileName;
+  EXPECT_TRUE(zip.write(path)) << path;
+  return path;
+}
+
+::testing::AssertionResult WidgetSandbox::rootHoldsOnly(
+    const std::vector<std::string>& entries) const {
+  const std::vector<std::string> inRoot = TempDir::listDirectory(root);
+  if (inRoot != entries)
+    return ::testing::AssertionFailure()
+           << "the widget root holds " << joined(inRoot) << ", not "
+           << joined(entries);
+  const std::vector<std::string> inTmp = TempDir::listDirectory(root + "tmp");
+  if (!inTmp.empty())
+    return ::testing::AssertionFailure()
+           << "the widget root's tmp/ holds " << joined(inTmp);
+  return ::testing::AssertionSuccess();
+}
+
+::testing::AssertionResult WidgetSandbox::nothingLeft() const {
+  return rootHoldsOnly({"tmp"});
+}
