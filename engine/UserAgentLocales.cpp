@@ -49,10 +49,14 @@ void UserAgentLocales::compute(std::string language) {
     if (isIrregularTag(token)) continue;
 
     // "en-*" becomes "en" and "en-*-us" becomes "en-us": each star goes with
-    // the character before it. The first character is never a star here.
+    // the character before it. Erasing can bring a later star to the front
+    // ("a**" leaves "*"); with nothing before it, it goes alone.
     for (size_t star = token.find('*'); star != std::string::npos;
          star = token.find('*')) {
-      token.erase(star - 1, 2);
+      if (star == 0)
+        token.erase(0, 1);
+      else
+        token.erase(star - 1, 2);
     }
 
     locales.push_back(token);

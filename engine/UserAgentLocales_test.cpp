@@ -86,6 +86,14 @@ TEST(UserAgentLocalesTest, StarTakesThePrecedingCharacterWithIt) {
   EXPECT_EQ((Locales{"en-us", "en"}), computeFor("en-*-us"));
 }
 
+TEST(UserAgentLocalesTest, StarBroughtToTheFrontGoesAlone) {
+  // "a**": the first star takes the "a" with it, which leaves a star with
+  // nothing before it; that one goes alone.
+  EXPECT_EQ((Locales{"", "de"}), computeFor("a**,de"));
+  EXPECT_EQ((Locales{"x", "de"}), computeFor("a**x,de"));
+  EXPECT_EQ(Locales{"fr"}, computeFor("**,fr"));
+}
+
 TEST(UserAgentLocalesTest, EveryPrefixIsAddedDownToTheFirstSubtag) {
   EXPECT_EQ((Locales{"en-us-x", "en-us", "en"}), computeFor("en-us-x"));
 }
