@@ -36,6 +36,7 @@
 #include <widgetengine/WidgetEngineDelegate.h>
 
 #include "bench/BenchPackages.h"
+#include "bench/BenchRuns.h"
 #include "registry/SqlLite3.h"
 #include "testing/HttpServer.h"
 
@@ -382,40 +383,15 @@ std::string packageURL(const std::string& scheme) {
   return "file://" + benchpackages::path(benchpackages::kTypical);
 }
 
-// Every run works in a directory of its own under runsDir, never used
-// before: nothing is deleted while measuring, since creating files right
-// after many were deleted is slow on ext4 and would distort whichever
-// contender ran next. The runs are removed when all is measured.
-std::string runsDir() { return benchRoot() + "runs/"; }
-
-int dropCachedPages(const char* path, const struct stat* info, int type,
-                    struct FTW*) {
-  if (type == FTW_F && info->st_size > 0) {
-    const int fd = open(path, O_RDONLY | O_CLOEXEC);
-    if (fd >= 0) {
-      posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED);
-      close(fd);
-    }
-  }
-  return 0;
-}
+// Every run works in a directory of its own under runsDir (see
+// benchruns::freshRunPath); the runs are removed when all is measured.
+std::string runsDir() { return benchRoot() + "runs"; }
 
 std::string freshRunPath(const char* kind) {
-  static int counter = 0;
-  static std::string previous;
-  // Each run starts with nothing left to write back from the one before, so
-  // that no run pays for another's dirty pages; the previous run's files
-  // then leave the page cache, so that the runs do not pile up in memory
-  // that the virtual machine's host hands over slowly when first touched.
-  const int fd = open(benchRoot().c_str(), O_RDONLY | O_DIRECTORY);
-  if (fd >= 0) {
-    syncfs(fd);
-    close(fd);
-  }
-  if (!previous.empty()) nftw(previous.c_str(), dropCachedPages, 16, FTW_PHYS);
-  previous = runsDir() + kind + "-" + std::to_string(++counter) + "/";
-  mkdir(previous.c_str(), 0755);
-  return previous;
+  std::string path =
+      benchruns::freshRunPath(benchRoot(), runsDir(), kind) + "/";
+  mkdir(path.c_str(), 0755);
+  return path;
 }
 
 // The registry that the installations go to, and the delegate over it.
@@ -439,20 +415,7 @@ InstallPlace& installPlace() {
   return *place;
 }
 
-int runProgram(const std::vector<std::string>& arguments) {
-  std::vector<char*> argv;
-  for (const std::string& argument : arguments) {
-    argv.push_back(const_cast<char*>(argument.c_str()));
-  }
-  argv.push_back(nullptr);
-  pid_t pid;
-  if (posix_spawnp(&pid, argv[0], nullptr, nullptr, argv.data(), environ) != 0) {
-    return -1;
-  }
-  int status = 0;
-  waitpid(pid, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
+using benchruns::runProgram;
 
 // One receiveWidget into a fresh widget root. The package is downloaded to
 // <widget root>/tmp/, which the installer expects to exist. Afterwards, out

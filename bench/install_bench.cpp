@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "bench/BenchPackages.h"
+#include "bench/BenchRuns.h"
 #include "install/Downloader.h"
 #include "install/Extractor.h"
 #include "testing/HttpServer.h"
@@ -49,58 +50,11 @@ std::string packagePath(const char* name) {
   abort();
 }
 
-// Run directories are numbered and never reused. Nothing is deleted while
-// measuring: on ext4, creating files right after many were deleted costs a
-// scan past every recently freed inode, which would distort whichever
-// contender ran next. The runs are removed when all is measured.
-int dropCachedPages(const char* path, const struct stat* info, int type,
-                    struct FTW*) {
-  if (type == FTW_F && info->st_size > 0) {
-    const int fd = open(path, O_RDONLY | O_CLOEXEC);
-    if (fd >= 0) {
-      posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED);
-      close(fd);
-    }
-  }
-  return 0;
-}
-
 std::string freshRunPath(const char* kind) {
-  static int counter = 0;
-  static std::string previous;
-  // Each run starts with nothing left to write back from the one before, so
-  // that no run pays for another's dirty pages.
-  int fd = open(kDataDir.c_str(), O_RDONLY | O_DIRECTORY);
-  if (fd >= 0) {
-    syncfs(fd);
-    close(fd);
-  }
-  // The previous run's files, now written back, leave the page cache. Kept
-  // there, the runs' gigabytes would make every later run write into memory
-  // that this virtual machine has not touched since it booted, which its
-  // host hands over slowly and to whichever contender comes first.
-  if (!previous.empty()) {
-    nftw(previous.c_str(), dropCachedPages, 16, FTW_PHYS);
-  }
-  previous = kRunsDir + "/" + kind + "-" + std::to_string(++counter);
-  return previous;
+  return benchruns::freshRunPath(kDataDir, kRunsDir, kind);
 }
 
-int runProgram(const std::vector<std::string>& arguments) {
-  std::vector<char*> argv;
-  for (const std::string& a : arguments) argv.push_back(const_cast<char*>(a.c_str()));
-  argv.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-  pid_t child;
-  int status = posix_spawnp(&child, argv[0], &actions, nullptr, argv.data(),
-                            environ);
-  posix_spawn_file_actions_destroy(&actions);
-  if (status != 0) return -1;
-  waitpid(child, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
+using benchruns::runProgram;
 
 // The engine's own lines (one trace line per entry, download messages) go to
 // a log file while measuring, as they would on a device.
