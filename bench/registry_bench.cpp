@@ -207,20 +207,27 @@ std::vector<Case> resourceMix(int n) {
   };
 }
 
-void BM_FindLocalizedResource(benchmark::State& state) {
-  int n = static_cast<int>(state.range(0));
-  SqlLite3& db = connection(n);
-  std::vector<Case> mix = resourceMix(n);
+// Runs find(url) over the mix of addresses in turn, checking every answer.
+template <typename Find>
+void runResourceMix(benchmark::State& state, Find find) {
+  std::vector<Case> mix = resourceMix(static_cast<int>(state.range(0)));
   std::string url;
   size_t i = 0;
   bool right = true;
   for (auto _ : state) {
     const Case& c = mix[i++ & 3];
     url = c.url;
-    int found = db.findLocalizedResource(url, kLocales);
+    int found = find(url);
     right = right && (found ? url == c.answer : c.answer.empty());
   }
   if (!right) state.SkipWithError("wrong answer");
+}
+
+void BM_FindLocalizedResource(benchmark::State& state) {
+  SqlLite3& db = connection(static_cast<int>(state.range(0)));
+  runResourceMix(state, [&](std::string& url) {
+    return db.findLocalizedResource(url, kLocales);
+  });
 }
 
 int literalFind(Registry& r, std::string& url,
@@ -255,19 +262,9 @@ int literalFind(Registry& r, std::string& url,
 }
 
 void BM_FindLocalizedResourceLiteral(benchmark::State& state) {
-  int n = static_cast<int>(state.range(0));
-  Registry& r = registry(n);
-  std::vector<Case> mix = resourceMix(n);
-  std::string url;
-  size_t i = 0;
-  bool right = true;
-  for (auto _ : state) {
-    const Case& c = mix[i++ & 3];
-    url = c.url;
-    int found = literalFind(r, url, kLocales);
-    right = right && (found ? url == c.answer : c.answer.empty());
-  }
-  if (!right) state.SkipWithError("wrong answer");
+  Registry& r = registry(static_cast<int>(state.range(0)));
+  runResourceMix(state,
+                 [&](std::string& url) { return literalFind(r, url, kLocales); });
 }
 
 void BM_FindLocalizedResourceFloor(benchmark::State& state) {
