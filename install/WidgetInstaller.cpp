@@ -257,8 +257,14 @@ int WidgetInstaller::run() {
   // default name is offered too, the record refusing duplicates and files
   // that are missing or not what their name says.
   for (const char* icon : kDefaultIcons) config->addIcon(WidgetIconInfo(icon));
-  if (!config->getIcons().empty())
-    record->setIcon("file://" + storagePath + config->getIcons()[0].getSrc());
+  // A source of unknown type is listed without being opened; one that climbs
+  // out of the widget's directory would give the browser an address outside
+  // it, so it counts as refused and the next entry becomes the icon.
+  for (const WidgetIconInfo& icon : config->getIcons()) {
+    if (leavesDirectory(icon.getSrc())) continue;
+    record->setIcon("file://" + storagePath + icon.getSrc());
+    break;
+  }
   if (config->getAuthor()) record->setAuthor(*config->getAuthor());
   if (config->getAuthorEmail())
     record->setAuthorEmail(*config->getAuthorEmail());

@@ -734,6 +734,34 @@ TEST_F(WidgetInstallerTest, DeclaredIconsComeFirstThenEveryDefaultIconInOrder) {
                      "widget_clock/icon.gif'"));
 }
 
+TEST_F(WidgetInstallerTest, IconThatClimbsOutOfTheWidgetIsNeverItsIcon) {
+  // Sources of an unknown type are listed without being opened, but the
+  // icon address handed to the browser must stay inside the widget.
+  TempDir::writeFile(root + "secret", "not the widget's");
+  ZipBuilder zip;
+  zip.addFile("config.xml",
+              configXml("<name>Clock</name><icon src=\"../secret\"/>"
+                        "<icon src=\"img/../../secret\"/>"))
+      .addFile("index.html", "<html></html>");
+  const std::string url = package("clock.wgt", zip);
+  ASSERT_EQ(0, install(url));
+  std::unique_ptr<WidgetsData> row = recordOf(url);
+  ASSERT_TRUE(row);
+  EXPECT_EQ("", row->getIcon());
+
+  ZipBuilder withDefault;
+  withDefault
+      .addFile("config.xml",
+               configXml("<name>Clock</name><icon src=\"../secret\"/>"))
+      .addFile("index.html", "<html></html>")
+      .addFile("icon.svg", "<svg/>");
+  const std::string other = package("other.wgt", withDefault);
+  ASSERT_EQ(0, install(other));
+  row = recordOf(other);
+  ASSERT_TRUE(row);
+  EXPECT_EQ("file://" + root + "widget_other/icon.svg", row->getIcon());
+}
+
 TEST_F(WidgetInstallerTest, PackageGoesUnderTheWidgetRootWhenItIsSet) {
   const std::string url = simplePackage("clock.wgt");
   std::string output;
