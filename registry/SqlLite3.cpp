@@ -478,18 +478,21 @@ void SqlLite3::endJob() {
 namespace {
 
 // Records of the rows of a statement that selects whole Widgets rows. A
-// statement with fewer columns yields no record; a failing one none at all.
-// complete, when given, tells whether the statement ran to its end.
+// statement with fewer columns yields no record, but still runs to its end
+// (it may write); a failing one yields none at all. complete, when given,
+// tells whether the statement ran to its end.
 std::vector<WidgetsData*> widgetRecords(sqlite3_stmt* stmt,
                                         bool* complete = nullptr) {
   std::vector<WidgetsData*> records;
   if (complete) *complete = false;
   if (!stmt) return records;
+  int rc;
   if (sqlite3_column_count(stmt) < kWidgetColumns) {
-    if (complete) *complete = true;
+    while ((rc = sqlite3_step(stmt)) == SQLITE_ROW) {
+    }
+    if (complete) *complete = rc == SQLITE_DONE;
     return records;
   }
-  int rc;
   while ((rc = sqlite3_step(stmt)) == SQLITE_ROW) {
     WidgetsData* w = new WidgetsData();
     w->setId(cellInt(stmt, 0));

@@ -76,6 +76,17 @@ TEST_F(RegistryTest, SelectWidgetsOfFewerThanFifteenColumnsYieldsNoRecord) {
   EXPECT_TRUE(db.selectWidgets("SELECT nonsense").empty());
 }
 
+TEST_F(RegistryTest, SelectWidgetsRunsAStatementWithoutRowsAndYieldsNoRecord) {
+  SqlLite3 db;
+  ASSERT_NO_FATAL_FAILURE(insertAAndB(db));
+  EXPECT_TRUE(db.selectWidgets("DELETE FROM Widgets WHERE name = 'a'").empty());
+  EXPECT_TRUE(
+      db.selectWidgets("INSERT INTO Widgets (id, name) VALUES (9, 'c')").empty());
+  Raw raw(dbPath());
+  EXPECT_EQ((std::vector<std::string>{"b", "c"}),
+            raw.cells("SELECT name FROM Widgets ORDER BY id"));
+}
+
 TEST_F(RegistryTest, NullCellsReadAsEmptyText) {
   SqlLite3 db;
   ASSERT_EQ(0, db.query("INSERT INTO Widgets (id, name) VALUES (4, 'bare')"));
