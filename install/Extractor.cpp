@@ -171,10 +171,10 @@ class FolderWalker {
       if (fd < 0) {
         // Something other than a folder (or a link) in place of the last
         // component still counts as made, as mkdir says; anything deeper
-        // cannot be made without going through it.
-        const bool last = i + 1 == parts.size();
-        *error = (last && *created != 0) ? *created : errno;
-        if (!last) *created = *error;
+        // cannot be made without going through it. A file below fails as
+        // opening its path would: the folder is missing or not a folder.
+        *error = errno;
+        if (i + 1 != parts.size()) *created = *error;
         return -1;
       }
       if (i == fds_.size() && i < kMaxChain) {

@@ -1,7 +1,10 @@
 #include "install/Extractor.h"
 
 #include <gtest/gtest.h>
+#include <fcntl.h>
+#include <linux/fs.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -546,6 +549,53 @@ TEST_F(ExtractorTest, TargetThatCannotBeMadeIsReported) {
   zip.addFile("a.txt", "a");
   build(zip);
   EXPECT_TRUE(failsWith(targetError(ENOTDIR)));
+}
+
+// Marks a folder immutable for its life, so that nothing, not even root, can
+// create anything in it.
+class ImmutableFolder {
+ public:
+  explicit ImmutableFolder(const std::string& path) {
+    fd_ = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    int flags = 0;
+    if (fd_ < 0 || ioctl(fd_, FS_IOC_GETFLAGS, &flags) != 0) return;
+    flags |= FS_IMMUTABLE_FL;
+    active_ = ioctl(fd_, FS_IOC_SETFLAGS, &flags) == 0;
+  }
+  ~ImmutableFolder() {
+    int flags = 0;
+    if (active_ && ioctl(fd_, FS_IOC_GETFLAGS, &flags) == 0) {
+      flags &= ~FS_IMMUTABLE_FL;
+      ioctl(fd_, FS_IOC_SETFLAGS, &flags);
+    }
+    if (fd_ >= 0) close(fd_);
+  }
+  bool active() const { return active_; }
+
+ private:
+  int fd_ = -1;
+  bool active_ = false;
+};
+
+TEST_F(ExtractorTest, FileBelowAFolderTheSystemRefusesFailsAsMissing) {
+  const std::string locked = dir.file("locked");
+  ASSERT_EQ(0, mkdir(locked.c_str(), 0755));
+  ImmutableFolder immutable(locked);
+  if (!immutable.active()) GTEST_SKIP() << "no immutable folders here";
+  // Without a final "/" names are glued onto "widget" inside the locked
+  // folder, where no folder can be made.
+  target = locked + "/widget";
+  ZipBuilder zip;
+  zip.addFile("sub/x.txt", "x");
+  build(zip);
+  EXPECT_TRUE(failsWith(trace(target + "sub/x.txt") + openError(ENOENT)));
+  ZipBuilder folders;
+  folders.addFolder("sub/").addFile("x.txt", "x");
+  build(folders);
+  EXPECT_TRUE(failsWith(
+      trace(target + "sub/") +
+      "Subdirectory could not be created to extract the zip (error " +
+      std::to_string(EPERM) + ")\n"));
 }
 
 // ---- Bad input and faults ----
