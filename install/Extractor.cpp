@@ -113,6 +113,17 @@ bool freeSpaceFor(const std::string& dir, uint64_t* bytes) {
   }
 }
 
+// The longest leading part of folder (relative to the base, which is
+// baseLength bytes long) whose whole path the system still accepts, cut at a
+// "/"; folder itself when it fits. Every path handed to the system is shorter
+// than PATH_MAX.
+std::string reachableFolder(const std::string& folder, size_t baseLength) {
+  if (baseLength + folder.size() < PATH_MAX) return folder;
+  if (baseLength >= PATH_MAX) return "";
+  const size_t cut = folder.rfind('/', PATH_MAX - 1 - baseLength);
+  return cut == std::string::npos ? "" : folder.substr(0, cut);
+}
+
 bool writeAll(int fd, const char* data, size_t size) {
   while (size > 0) {
     ssize_t n = write(fd, data, size);
@@ -487,17 +498,15 @@ int Extractor::extract(std::vector<std::string>& files) {
     printf("[%s:%s] filename: %s\n", "V", kModule, full.c_str());
     const std::string relative = full.substr(baseLength);
 
-    // Paths are kept within what the system can name in one string, so that
-    // the tree can always be walked and removed again.
-    const bool tooLong = full.size() >= PATH_MAX;
     int error = 0;
     int created = 0;
     if (endsWithSlash(name)) {
-      if (tooLong) {
-        created = ENAMETOOLONG;
-      } else {
-        folders.open(relative, &error, &created);
-      }
+      // Made as far as a path the system accepts reaches; a folder beyond
+      // that cannot be named, so it cannot be made.
+      const std::string folder = relative.substr(0, relative.size() - 1);
+      const std::string reached = reachableFolder(folder, baseLength);
+      folders.open(reached, &error, &created);
+      if (reached.size() < folder.size()) created = ENAMETOOLONG;
       if (created != 0) {
         sayWithNumber("Subdirectory could not be created to extract the zip",
                       created);
@@ -512,9 +521,12 @@ int Extractor::extract(std::vector<std::string>& files) {
     const std::string leaf =
         slash == std::string::npos ? relative : relative.substr(slash + 1);
     // A file whose folders cannot be made fails below, when it is opened.
-    const int folderFd =
-        tooLong ? -1 : folders.open(folder, &error, &created);
-    if (tooLong) error = ENAMETOOLONG;
+    int folderFd =
+        folders.open(reachableFolder(folder, baseLength), &error, &created);
+    if (full.size() >= PATH_MAX) {
+      folderFd = -1;
+      error = ENAMETOOLONG;
+    }
 
     EntryPtr entry(zip_fopen_index(archive.get(), index, ZIP_FL_UNCHANGED));
     if (!entry) {

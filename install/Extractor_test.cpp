@@ -710,6 +710,23 @@ TEST_F(ExtractorTest, DeepTreeExtractsAndIsRemovedWhole) {
   EXPECT_FALSE(TempDir::exists(target));
 }
 
+// A name of exactly length bytes: folders of 100 bytes, then a last part
+// of at most 101 bytes, and a final "/" for a folder.
+std::string nameOfLength(size_t length, bool folder) {
+  const size_t body = folder ? length - 1 : length;
+  std::string name;
+  while (body - name.size() > 101) name += std::string(100, 'd') + "/";
+  name += std::string(body - name.size(), 'f');
+  return folder ? name + "/" : name;
+}
+
+// The name's folders whose whole path stays below PATH_MAX bytes.
+std::string deepestMadeFolder(const std::string& target,
+                              const std::string& name) {
+  const size_t cut = name.rfind('/', PATH_MAX - 1 - target.size());
+  return target + name.substr(0, cut);
+}
+
 TEST_F(ExtractorTest, NameLongerThanAPathCanBeIsNotWritten) {
   std::string deep;
   for (int i = 0; i < 2100; ++i) deep += "d/";
@@ -719,7 +736,48 @@ TEST_F(ExtractorTest, NameLongerThanAPathCanBeIsNotWritten) {
   EXPECT_TRUE(failsWith(trace(target + "top.txt") +
                         trace(target + deep + "leaf.txt") +
                         openError(ENAMETOOLONG)));
-  EXPECT_FALSE(TempDir::exists(target + "d"));
+  // Its folders are made as far as a path can name them, no further.
+  const std::string made = deepestMadeFolder(target, deep);
+  EXPECT_TRUE(isDirectory(made));
+  EXPECT_FALSE(TempDir::exists(made + "/d"));
+}
+
+TEST_F(ExtractorTest, FileWhosePathJustFitsIsWritten) {
+  const std::string name = nameOfLength(PATH_MAX - 1 - target.size(), false);
+  ASSERT_EQ(PATH_MAX - 1u, (target + name).size());
+  ZipBuilder zip;
+  zip.addFile(name, "fits").addFile(name + "x", "too long");
+  build(zip);
+  EXPECT_TRUE(failsWith(trace(target + name) + trace(target + name + "x") +
+                        openError(ENAMETOOLONG)));
+  EXPECT_EQ("fits", TempDir::readFile(target + name));
+}
+
+TEST_F(ExtractorTest, FolderWhosePathJustFitsIsMade) {
+  // The folder's own path is one byte shorter than its name with the "/".
+  const std::string name = nameOfLength(PATH_MAX - target.size(), true);
+  ASSERT_EQ(static_cast<size_t>(PATH_MAX), (target + name).size());
+  ZipBuilder zip;
+  zip.addFolder(name).addFile("a.txt", "a");
+  build(zip);
+  Files files;
+  ASSERT_EQ(0, extract(files));
+  EXPECT_EQ(Files{"a.txt"}, files);
+  EXPECT_TRUE(isDirectory(target + name.substr(0, name.size() - 1)));
+}
+
+TEST_F(ExtractorTest, FolderLongerThanAPathCanBeIsMadeAsFarAsItReaches) {
+  const std::string name = nameOfLength(PATH_MAX + 1 - target.size(), true);
+  ZipBuilder zip;
+  zip.addFile("a.txt", "a").addFolder(name);
+  build(zip);
+  EXPECT_TRUE(failsWith(
+      trace(target + "a.txt") + trace(target + name) +
+      "Subdirectory could not be created to extract the zip (error " +
+      std::to_string(ENAMETOOLONG) + ")\n"));
+  const std::string made = deepestMadeFolder(target, name);
+  EXPECT_TRUE(isDirectory(made));
+  EXPECT_GT(made.size(), static_cast<size_t>(PATH_MAX - 102));
 }
 
 // Runs one extraction in a child process whose files may not grow beyond
