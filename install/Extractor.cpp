@@ -144,7 +144,10 @@ bool writeAll(int fd, const char* data, size_t size) {
 // lookup at all.
 class FolderWalker {
  public:
-  explicit FolderWalker(int baseFd) : baseFd_(baseFd) {}
+  // baseFd may be -1, with baseError telling why the base could not be
+  // opened; every folder below it then fails with that error.
+  FolderWalker(int baseFd, int baseError)
+      : baseFd_(baseFd), baseError_(baseError) {}
   ~FolderWalker() {
     truncate(0);
     closeDeep();
@@ -166,6 +169,13 @@ class FolderWalker {
       if (end == std::string::npos) end = relative.size();
       if (end > start) parts.push_back(relative.substr(start, end - start));
       start = end + 1;
+    }
+    if (baseFd_ < 0) {
+      // The base is there (it was made) but is no folder: nothing below it
+      // can be made, while a path naming the base alone counts as made.
+      *error = baseError_;
+      if (!parts.empty()) *created = baseError_;
+      return -1;
     }
     size_t common = 0;
     while (common < parts.size() && common < names_.size() &&
@@ -218,6 +228,7 @@ class FolderWalker {
   }
 
   int baseFd_;
+  int baseError_;
   int deepFd_ = -1;
   std::vector<std::string> names_;
   std::vector<int> fds_;
@@ -477,12 +488,10 @@ int Extractor::extract(std::vector<std::string>& files) {
   // Entry names are glued to targetDir as they are, so everything is written
   // below the folder that holds targetDir's last "/".
   const size_t baseLength = targetDir.rfind('/') + 1;  // 0 when there is none
+  // A file in place of the target passes the folder check above, as mkdir
+  // finds something there; its entries then fail one by one.
   ScopedFd baseFd(openBase(targetDir.substr(0, baseLength)));
-  if (baseFd.get() < 0) {
-    sayWithNumber("Directory could not be created to extract the zip", errno);
-    return -1;
-  }
-  FolderWalker folders(baseFd.get());
+  FolderWalker folders(baseFd.get(), baseFd.get() < 0 ? errno : 0);
   const MappedArchive mapped(zipPath);
   std::unique_ptr<char[]> buffer(new char[kCopyBufferSize]);
 

@@ -598,6 +598,22 @@ TEST_F(ExtractorTest, FileBelowAFolderTheSystemRefusesFailsAsMissing) {
       std::to_string(EPERM) + ")\n"));
 }
 
+TEST_F(ExtractorTest, FileInPlaceOfTheTargetFailsItsEntries) {
+  TempDir::writeFile(dir.file("widget_clock"), "stray");
+  ZipBuilder zip;
+  zip.addFile("a.txt", "a");
+  build(zip);
+  EXPECT_TRUE(failsWith(trace(target + "a.txt") + openError(ENOTDIR)));
+  ZipBuilder folders;
+  folders.addFolder("sub/").addFile("a.txt", "a");
+  build(folders);
+  EXPECT_TRUE(failsWith(
+      trace(target + "sub/") +
+      "Subdirectory could not be created to extract the zip (error " +
+      std::to_string(ENOTDIR) + ")\n"));
+  EXPECT_EQ("stray", TempDir::readFile(dir.file("widget_clock")));
+}
+
 // ---- Bad input and faults ----
 
 TEST_F(ExtractorTest, MissingPackageIsNotAValidArchive) {
