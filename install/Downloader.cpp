@@ -52,6 +52,7 @@ int Downloader::download() {
     std::cout << "Cannot initialize CURL" << std::endl;
     fclose(file);
     remove(filePath.c_str());
+    createdFile = false;
     return -1;
   }
 
@@ -66,6 +67,7 @@ int Downloader::download() {
     curl_easy_cleanup(curl);
     fclose(file);
     remove(filePath.c_str());
+    createdFile = false;
     return -1;
   }
 
@@ -75,6 +77,7 @@ int Downloader::download() {
   if (fclose(file) != 0) {
     std::cout << "Could not download file" << std::endl;
     remove(filePath.c_str());
+    createdFile = false;
     return -1;
   }
   std::cout << "Downloaded from " << url << " to " << filePath << std::endl;

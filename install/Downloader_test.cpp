@@ -195,6 +195,18 @@ TEST_F(DownloaderTest, DestructionAfterAFailureSaysCleanedAgain) {
   EXPECT_EQ("Could not download file\nDownload cleaned\n", capture.text());
 }
 
+TEST_F(DownloaderTest, FileMadeAtTheNameAfterAFailureIsNotRemoved) {
+  RefusingPort refusing;
+  CaptureStdout capture;
+  {
+    Downloader downloader(refusing.url("/clock.wgt"), packagePath);
+    EXPECT_EQ(-1, downloader.download());
+    TempDir::writeFile(packagePath, "someone else's");
+  }
+  EXPECT_EQ("Could not download file\nDownload cleaned\n", capture.text());
+  EXPECT_EQ("someone else's", TempDir::readFile(packagePath));
+}
+
 TEST_F(DownloaderTest, DestructionWithoutDownloadSaysCleaned) {
   CaptureStdout capture;
   { Downloader downloader("http://127.0.0.1:1/none", packagePath); }

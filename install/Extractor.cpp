@@ -113,6 +113,17 @@ bool freeSpaceFor(const std::string& dir, uint64_t* bytes) {
   }
 }
 
+// The longest leading part of folder (relative to the base, which is
+// baseLength bytes long) whose whole path the system still accepts, cut at a
+// "/"; folder itself when it fits. Every path handed to the system is shorter
+// than PATH_MAX.
+std::string reachableFolder(const std::string& folder, size_t baseLength) {
+  if (baseLength + folder.size() < PATH_MAX) return folder;
+  if (baseLength >= PATH_MAX) return "";
+  const size_t cut = folder.rfind('/', PATH_MAX - 1 - baseLength);
+  return cut == std::string::npos ? "" : folder.substr(0, cut);
+}
+
 bool writeAll(int fd, const char* data, size_t size) {
   while (size > 0) {
     ssize_t n = write(fd, data, size);
@@ -133,7 +144,10 @@ bool writeAll(int fd, const char* data, size_t size) {
 // lookup at all.
 class FolderWalker {
  public:
-  explicit FolderWalker(int baseFd) : baseFd_(baseFd) {}
+  // baseFd may be -1, with baseError telling why the base could not be
+  // opened; every folder below it then fails with that error.
+  FolderWalker(int baseFd, int baseError)
+      : baseFd_(baseFd), baseError_(baseError) {}
   ~FolderWalker() {
     truncate(0);
     closeDeep();
@@ -156,6 +170,13 @@ class FolderWalker {
       if (end > start) parts.push_back(relative.substr(start, end - start));
       start = end + 1;
     }
+    if (baseFd_ < 0) {
+      // The base is there (it was made) but is no folder: nothing below it
+      // can be made, while a path naming the base alone counts as made.
+      *error = baseError_;
+      if (!parts.empty()) *created = baseError_;
+      return -1;
+    }
     size_t common = 0;
     while (common < parts.size() && common < names_.size() &&
            parts[common] == names_[common]) {
@@ -171,10 +192,10 @@ class FolderWalker {
       if (fd < 0) {
         // Something other than a folder (or a link) in place of the last
         // component still counts as made, as mkdir says; anything deeper
-        // cannot be made without going through it.
-        const bool last = i + 1 == parts.size();
-        *error = (last && *created != 0) ? *created : errno;
-        if (!last) *created = *error;
+        // cannot be made without going through it. A file below fails as
+        // opening its path would: the folder is missing or not a folder.
+        *error = errno;
+        if (i + 1 != parts.size()) *created = *error;
         return -1;
       }
       if (i == fds_.size() && i < kMaxChain) {
@@ -207,6 +228,7 @@ class FolderWalker {
   }
 
   int baseFd_;
+  int baseError_;
   int deepFd_ = -1;
   std::vector<std::string> names_;
   std::vector<int> fds_;
@@ -466,12 +488,10 @@ int Extractor::extract(std::vector<std::string>& files) {
   // Entry names are glued to targetDir as they are, so everything is written
   // below the folder that holds targetDir's last "/".
   const size_t baseLength = targetDir.rfind('/') + 1;  // 0 when there is none
+  // A file in place of the target passes the folder check above, as mkdir
+  // finds something there; its entries then fail one by one.
   ScopedFd baseFd(openBase(targetDir.substr(0, baseLength)));
-  if (baseFd.get() < 0) {
-    sayWithNumber("Directory could not be created to extract the zip", errno);
-    return -1;
-  }
-  FolderWalker folders(baseFd.get());
+  FolderWalker folders(baseFd.get(), baseFd.get() < 0 ? errno : 0);
   const MappedArchive mapped(zipPath);
   std::unique_ptr<char[]> buffer(new char[kCopyBufferSize]);
 
@@ -487,17 +507,15 @@ int Extractor::extract(std::vector<std::string>& files) {
     printf("[%s:%s] filename: %s\n", "V", kModule, full.c_str());
     const std::string relative = full.substr(baseLength);
 
-    // Paths are kept within what the system can name in one string, so that
-    // the tree can always be walked and removed again.
-    const bool tooLong = full.size() >= PATH_MAX;
     int error = 0;
     int created = 0;
     if (endsWithSlash(name)) {
-      if (tooLong) {
-        created = ENAMETOOLONG;
-      } else {
-        folders.open(relative, &error, &created);
-      }
+      // Made as far as a path the system accepts reaches; a folder beyond
+      // that cannot be named, so it cannot be made.
+      const std::string folder = relative.substr(0, relative.size() - 1);
+      const std::string reached = reachableFolder(folder, baseLength);
+      folders.open(reached, &error, &created);
+      if (reached.size() < folder.size()) created = ENAMETOOLONG;
       if (created != 0) {
         sayWithNumber("Subdirectory could not be created to extract the zip",
                       created);
@@ -512,9 +530,12 @@ int Extractor::extract(std::vector<std::string>& files) {
     const std::string leaf =
         slash == std::string::npos ? relative : relative.substr(slash + 1);
     // A file whose folders cannot be made fails below, when it is opened.
-    const int folderFd =
-        tooLong ? -1 : folders.open(folder, &error, &created);
-    if (tooLong) error = ENAMETOOLONG;
+    int folderFd =
+        folders.open(reachableFolder(folder, baseLength), &error, &created);
+    if (full.size() >= PATH_MAX) {
+      folderFd = -1;
+      error = ENAMETOOLONG;
+    }
 
     EntryPtr entry(zip_fopen_index(archive.get(), index, ZIP_FL_UNCHANGED));
     if (!entry) {

@@ -1,7 +1,10 @@
 #include "install/Extractor.h"
 
 #include <gtest/gtest.h>
+#include <fcntl.h>
+#include <linux/fs.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -548,6 +551,69 @@ TEST_F(ExtractorTest, TargetThatCannotBeMadeIsReported) {
   EXPECT_TRUE(failsWith(targetError(ENOTDIR)));
 }
 
+// Marks a folder immutable for its life, so that nothing, not even root, can
+// create anything in it.
+class ImmutableFolder {
+ public:
+  explicit ImmutableFolder(const std::string& path) {
+    fd_ = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    int flags = 0;
+    if (fd_ < 0 || ioctl(fd_, FS_IOC_GETFLAGS, &flags) != 0) return;
+    flags |= FS_IMMUTABLE_FL;
+    active_ = ioctl(fd_, FS_IOC_SETFLAGS, &flags) == 0;
+  }
+  ~ImmutableFolder() {
+    int flags = 0;
+    if (active_ && ioctl(fd_, FS_IOC_GETFLAGS, &flags) == 0) {
+      flags &= ~FS_IMMUTABLE_FL;
+      ioctl(fd_, FS_IOC_SETFLAGS, &flags);
+    }
+    if (fd_ >= 0) close(fd_);
+  }
+  bool active() const { return active_; }
+
+ private:
+  int fd_ = -1;
+  bool active_ = false;
+};
+
+TEST_F(ExtractorTest, FileBelowAFolderTheSystemRefusesFailsAsMissing) {
+  const std::string locked = dir.file("locked");
+  ASSERT_EQ(0, mkdir(locked.c_str(), 0755));
+  ImmutableFolder immutable(locked);
+  if (!immutable.active()) GTEST_SKIP() << "no immutable folders here";
+  // Without a final "/" names are glued onto "widget" inside the locked
+  // folder, where no folder can be made.
+  target = locked + "/widget";
+  ZipBuilder zip;
+  zip.addFile("sub/x.txt", "x");
+  build(zip);
+  EXPECT_TRUE(failsWith(trace(target + "sub/x.txt") + openError(ENOENT)));
+  ZipBuilder folders;
+  folders.addFolder("sub/").addFile("x.txt", "x");
+  build(folders);
+  EXPECT_TRUE(failsWith(
+      trace(target + "sub/") +
+      "Subdirectory could not be created to extract the zip (error " +
+      std::to_string(EPERM) + ")\n"));
+}
+
+TEST_F(ExtractorTest, FileInPlaceOfTheTargetFailsItsEntries) {
+  TempDir::writeFile(dir.file("widget_clock"), "stray");
+  ZipBuilder zip;
+  zip.addFile("a.txt", "a");
+  build(zip);
+  EXPECT_TRUE(failsWith(trace(target + "a.txt") + openError(ENOTDIR)));
+  ZipBuilder folders;
+  folders.addFolder("sub/").addFile("a.txt", "a");
+  build(folders);
+  EXPECT_TRUE(failsWith(
+      trace(target + "sub/") +
+      "Subdirectory could not be created to extract the zip (error " +
+      std::to_string(ENOTDIR) + ")\n"));
+  EXPECT_EQ("stray", TempDir::readFile(dir.file("widget_clock")));
+}
+
 // ---- Bad input and faults ----
 
 TEST_F(ExtractorTest, MissingPackageIsNotAValidArchive) {
@@ -660,6 +726,23 @@ TEST_F(ExtractorTest, DeepTreeExtractsAndIsRemovedWhole) {
   EXPECT_FALSE(TempDir::exists(target));
 }
 
+// A name of exactly length bytes: folders of 100 bytes, then a last part
+// of at most 101 bytes, and a final "/" for a folder.
+std::string nameOfLength(size_t length, bool folder) {
+  const size_t body = folder ? length - 1 : length;
+  std::string name;
+  while (body - name.size() > 101) name += std::string(100, 'd') + "/";
+  name += std::string(body - name.size(), 'f');
+  return folder ? name + "/" : name;
+}
+
+// The name's folders whose whole path stays below PATH_MAX bytes.
+std::string deepestMadeFolder(const std::string& target,
+                              const std::string& name) {
+  const size_t cut = name.rfind('/', PATH_MAX - 1 - target.size());
+  return target + name.substr(0, cut);
+}
+
 TEST_F(ExtractorTest, NameLongerThanAPathCanBeIsNotWritten) {
   std::string deep;
   for (int i = 0; i < 2100; ++i) deep += "d/";
@@ -669,7 +752,48 @@ TEST_F(ExtractorTest, NameLongerThanAPathCanBeIsNotWritten) {
   EXPECT_TRUE(failsWith(trace(target + "top.txt") +
                         trace(target + deep + "leaf.txt") +
                         openError(ENAMETOOLONG)));
-  EXPECT_FALSE(TempDir::exists(target + "d"));
+  // Its folders are made as far as a path can name them, no further.
+  const std::string made = deepestMadeFolder(target, deep);
+  EXPECT_TRUE(isDirectory(made));
+  EXPECT_FALSE(TempDir::exists(made + "/d"));
+}
+
+TEST_F(ExtractorTest, FileWhosePathJustFitsIsWritten) {
+  const std::string name = nameOfLength(PATH_MAX - 1 - target.size(), false);
+  ASSERT_EQ(PATH_MAX - 1u, (target + name).size());
+  ZipBuilder zip;
+  zip.addFile(name, "fits").addFile(name + "x", "too long");
+  build(zip);
+  EXPECT_TRUE(failsWith(trace(target + name) + trace(target + name + "x") +
+                        openError(ENAMETOOLONG)));
+  EXPECT_EQ("fits", TempDir::readFile(target + name));
+}
+
+TEST_F(ExtractorTest, FolderWhosePathJustFitsIsMade) {
+  // The folder's own path is one byte shorter than its name with the "/".
+  const std::string name = nameOfLength(PATH_MAX - target.size(), true);
+  ASSERT_EQ(static_cast<size_t>(PATH_MAX), (target + name).size());
+  ZipBuilder zip;
+  zip.addFolder(name).addFile("a.txt", "a");
+  build(zip);
+  Files files;
+  ASSERT_EQ(0, extract(files));
+  EXPECT_EQ(Files{"a.txt"}, files);
+  EXPECT_TRUE(isDirectory(target + name.substr(0, name.size() - 1)));
+}
+
+TEST_F(ExtractorTest, FolderLongerThanAPathCanBeIsMadeAsFarAsItReaches) {
+  const std::string name = nameOfLength(PATH_MAX + 1 - target.size(), true);
+  ZipBuilder zip;
+  zip.addFile("a.txt", "a").addFolder(name);
+  build(zip);
+  EXPECT_TRUE(failsWith(
+      trace(target + "a.txt") + trace(target + name) +
+      "Subdirectory could not be created to extract the zip (error " +
+      std::to_string(ENAMETOOLONG) + ")\n"));
+  const std::string made = deepestMadeFolder(target, name);
+  EXPECT_TRUE(isDirectory(made));
+  EXPECT_GT(made.size(), static_cast<size_t>(PATH_MAX - 102));
 }
 
 // Runs one extraction in a child process whose files may not grow beyond
