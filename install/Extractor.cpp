@@ -13,6 +13,7 @@
 #include <climits>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <iostream>
 #include <memory>
 #include <string>
@@ -280,10 +281,16 @@ class MappedArchive {
             size_t* length, uint16_t* method) const {
     if (index < 0 || static_cast<size_t>(index) >= entries_.size()) return false;
     const Entry& entry = entries_[static_cast<size_t>(index)];
+    // The same entry as libzip's, down to its name and checksum: an archive
+    // that could be read two ways (two end records, say) is left to libzip.
     const zip_uint64_t need = ZIP_STAT_SIZE | ZIP_STAT_COMP_SIZE |
-                              ZIP_STAT_COMP_METHOD;
+                              ZIP_STAT_COMP_METHOD | ZIP_STAT_CRC |
+                              ZIP_STAT_NAME;
     if ((stat.valid & need) != need || stat.comp_method != entry.method ||
-        stat.comp_size != entry.compressedSize || stat.size != entry.size) {
+        stat.comp_size != entry.compressedSize || stat.size != entry.size ||
+        stat.crc != entry.crc || !stat.name ||
+        strlen(stat.name) != entry.nameLength ||
+        memcmp(stat.name, data_ + entry.nameOffset, entry.nameLength) != 0) {
       return false;
     }
     if (entry.method != ZIP_CM_STORE && entry.method != ZIP_CM_DEFLATE) {
@@ -309,9 +316,12 @@ class MappedArchive {
   struct Entry {
     uint16_t flags;
     uint16_t method;
+    uint32_t crc;
     uint64_t compressedSize;
     uint64_t size;
     uint64_t localOffset;
+    uint64_t nameOffset;
+    uint16_t nameLength;
   };
 
   uint16_t read16(uint64_t at) const {
@@ -346,9 +356,13 @@ class MappedArchive {
       Entry entry;
       entry.flags = read16(at + 8);
       entry.method = read16(at + 10);
+      entry.crc = read32(at + 16);
       entry.compressedSize = read32(at + 20);
       entry.size = read32(at + 24);
       entry.localOffset = read32(at + 42);
+      entry.nameOffset = at + 46;
+      entry.nameLength = read16(at + 28);
+      if (entry.nameOffset + entry.nameLength > size_) return;
       if (entry.compressedSize == 0xffffffffu || entry.size == 0xffffffffu ||
           entry.localOffset == 0xffffffffu) {
         entry.method = 0xffff;  // sizes live in a 64-bit extra field
