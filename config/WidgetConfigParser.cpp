@@ -6,8 +6,12 @@
 #include <libxml/xmlerror.h>
 #include <libxml/xmlschemastypes.h>
 
+#include <cstdint>
+#include <cstdio>
 #include <cstring>
+#include <initializer_list>
 #include <iostream>
+#include <string>
 #include <unordered_map>
 #include <vector>
 
@@ -261,15 +265,27 @@ namespace {
 
 // Real configuration documents hold a few dozen elements. libxml2 validates
 // the open content of the schema in time that grows with the square of an
-// element's children, so a document far beyond any real one is refused as
-// invalid instead of holding the browser for minutes.
+// element's children, and matches an element's attributes in time that grows
+// with the square of their number, so a document far beyond any real one is
+// refused as invalid instead of holding the browser for minutes.
 const size_t kMostElements = 10000;
+const size_t kMostAttributes = 10000;
+const size_t kMostAttributesPerElement = 256;
 
-bool hasTooManyElements(xmlNode* root) {
-  size_t count = 0;
+bool isTooLargeToValidate(xmlNode* root) {
+  size_t elements = 0;
+  size_t attributes = 0;
   xmlNode* at = root;
   while (at) {
-    if (at->type == XML_ELEMENT_NODE && ++count > kMostElements) return true;
+    if (at->type == XML_ELEMENT_NODE) {
+      if (++elements > kMostElements) return true;
+      size_t own = 0;
+      for (xmlAttr* attr = at->properties; attr; attr = attr->next) {
+        if (++own > kMostAttributesPerElement) return true;
+      }
+      attributes += own;
+      if (attributes > kMostAttributes) return true;
+    }
     if (at->children && at->type == XML_ELEMENT_NODE) {
       at = at->children;
       continue;
@@ -281,13 +297,156 @@ bool hasTooManyElements(xmlNode* root) {
   return false;
 }
 
+// libxml2 checks a start tag's attributes against each other and links each
+// new one at the end of the element's list, so reading one tag costs the
+// square of its number of attributes: a 200 kB tag holds the parser for a
+// minute. The file is therefore scanned before libxml2 reads it, and a tag
+// with more attribute marks than kMostAttributesPerElement is refused.
+//
+// The scan sees the markup characters of the file, whatever its width:
+// a document in UTF-16 or UCS-4 is read unit by unit, one in EBCDIC through
+// the characters that all EBCDIC pages share, anything else byte by byte.
+// Every unit that is not ASCII becomes 'x'.
+std::string markupOf(const std::string& bytes) {
+  const auto at = [&bytes](size_t i) {
+    return static_cast<unsigned char>(bytes[i]);
+  };
+  const size_t n = bytes.size();
+  const auto startsWith = [&](std::initializer_list<unsigned char> prefix) {
+    if (n < prefix.size()) return false;
+    size_t i = 0;
+    for (unsigned char c : prefix) {
+      if (at(i++) != c) return false;
+    }
+    return true;
+  };
+  std::string markup;
+  const auto units = [&](size_t width, bool bigEndian) {
+    markup.reserve(n / width);
+    for (size_t i = 0; i + width <= n; i += width) {
+      uint32_t unit = 0;
+      for (size_t k = 0; k < width; ++k) {
+        const uint32_t byte = at(i + (bigEndian ? k : width - 1 - k));
+        unit = (unit << 8) | byte;
+      }
+      markup.push_back(unit < 0x80 ? static_cast<char>(unit) : 'x');
+    }
+  };
+  if (startsWith({0x00, 0x00, 0xFE, 0xFF}) ||
+      startsWith({0x00, 0x00, 0x00, 0x3C})) {
+    units(4, true);
+  } else if (startsWith({0xFF, 0xFE, 0x00, 0x00}) ||
+             startsWith({0x3C, 0x00, 0x00, 0x00})) {
+    units(4, false);
+  } else if (startsWith({0xFE, 0xFF}) || startsWith({0x00, 0x3C})) {
+    units(2, true);
+  } else if (startsWith({0xFF, 0xFE}) || startsWith({0x3C, 0x00})) {
+    units(2, false);
+  } else if (startsWith({0x4C, 0x6F, 0xA7, 0x94})) {
+    markup.reserve(n);
+    for (size_t i = 0; i < n; ++i) {
+      char c;
+      switch (at(i)) {
+        case 0x4C: c = '<'; break;
+        case 0x6E: c = '>'; break;
+        case 0x7E: c = '='; break;
+        case 0x50: c = '&'; break;
+        case 0x7F: c = '"'; break;
+        case 0x7D: c = '\''; break;
+        case 0x5A: c = '!'; break;
+        case 0x6F: c = '?'; break;
+        case 0x61: c = '/'; break;
+        case 0x60: c = '-'; break;
+        default: c = 'x'; break;
+      }
+      markup.push_back(c);
+    }
+  } else {
+    return bytes;
+  }
+  return markup;
+}
+
+// True when some start tag carries more attribute marks than any real
+// element has attributes. In a start tag written out, every attribute has
+// one '=' outside quotes and nothing else does. A start tag inside an entity
+// value may spell '=' and quotes as character references; the first '&'
+// outside quotes shows one, and from there every '=' and '&' up to the next
+// '<' counts. A declaration counts every '=' and '&' up to the next '<', so
+// that a start tag spelled entirely with references inside an entity value
+// is counted too. Comments, CDATA sections and processing instructions hold
+// no tags.
+bool hasOverlongTag(const std::string& markup) {
+  const size_t n = markup.size();
+  size_t i = 0;
+  const auto skipPast = [&](const char* end, size_t from) {
+    const size_t found = markup.find(end, from);
+    return found == std::string::npos ? n : found + strlen(end);
+  };
+  while (i < n) {
+    const size_t open = markup.find('<', i);
+    if (open == std::string::npos) break;
+    if (markup.compare(open, 4, "<!--") == 0) {
+      i = skipPast("-->", open + 4);
+    } else if (markup.compare(open, 9, "<![CDATA[") == 0) {
+      i = skipPast("]]>", open + 9);
+    } else if (markup.compare(open, 2, "<?") == 0) {
+      i = skipPast("?>", open + 2);
+    } else if (markup.compare(open, 2, "</") == 0) {
+      i = open + 2;
+    } else {
+      bool counting = markup.compare(open, 2, "<!") == 0;
+      char quote = 0;
+      size_t marks = 0;
+      i = open + 1;
+      for (; i < n && markup[i] != '<'; ++i) {
+        const char c = markup[i];
+        if (counting) {
+          if (c == '=' || c == '&') ++marks;
+        } else if (quote) {
+          if (c == quote) quote = 0;
+        } else if (c == '"' || c == '\'') {
+          quote = c;
+        } else if (c == '>') {
+          ++i;
+          break;
+        } else if (c == '=') {
+          ++marks;
+        } else if (c == '&') {
+          counting = true;
+          ++marks;
+        }
+        if (marks > kMostAttributesPerElement) return true;
+      }
+    }
+  }
+  return false;
+}
+
+// Reads the file for the scan above; a file that cannot be read is left to
+// libxml2, which reports it.
+bool fileHasOverlongTag(const std::string& path) {
+  FILE* file = fopen(path.c_str(), "rb");
+  if (!file) return false;
+  std::string bytes;
+  char buffer[65536];
+  size_t got;
+  while ((got = fread(buffer, 1, sizeof(buffer), file)) > 0) {
+    bytes.append(buffer, got);
+  }
+  fclose(file);
+  return hasOverlongTag(markupOf(bytes));
+}
+
 }  // namespace
 
 int WidgetConfigParser::parse() {
   QuietLibxml quiet;
 
   std::unique_ptr<xmlDoc, DocFree> document(
-      xmlReadFile(path.c_str(), nullptr, kReadOptions));
+      fileHasOverlongTag(path)
+          ? nullptr
+          : xmlReadFile(path.c_str(), nullptr, kReadOptions));
   if (document) {
     xmlNode* root = xmlDocGetRootElement(document.get());
     if (root && !EntityBudget(document.get()).fits(root)) document.reset();
@@ -324,7 +483,7 @@ int WidgetConfigParser::parse() {
     xmlRelaxNGSetValidStructuredErrors(validator.get(), ignoreStructuredError,
                                        nullptr);
     xmlNode* top = xmlDocGetRootElement(document.get());
-    valid = top && hasTooManyElements(top)
+    valid = top && isTooLargeToValidate(top)
                 ? -1
                 : xmlRelaxNGValidateDoc(validator.get(), document.get());
   }

@@ -673,6 +673,100 @@ TEST_F(WidgetConfigParserTest, TenThousandNestedElementsAreNotParsed) {
   expectAsConstructed(config);
 }
 
+namespace {
+
+// n attributes named a0, a1, ... with empty values.
+std::string manyAttributes(int n, const std::string& equals = "=",
+                           const std::string& quote = "\"") {
+  std::string attributes;
+  for (int i = 0; i < n; ++i) {
+    attributes += " a" + std::to_string(i) + equals + quote + quote;
+  }
+  return attributes;
+}
+
+// The document in UTF-16, little-endian, with its byte order mark.
+std::string utf16le(const std::string& ascii) {
+  std::string bytes("\xff\xfe", 2);
+  for (char c : ascii) {
+    bytes.push_back(c);
+    bytes.push_back('\0');
+  }
+  return bytes;
+}
+
+}  // namespace
+
+TEST_F(WidgetConfigParserTest, TwentyThousandAttributesOnOneElementAreNotParsed) {
+  EXPECT_TRUE(rejects(configXml("<name>n</name>", manyAttributes(20000)),
+                      kNotParsed));
+  EXPECT_TRUE(rejects(
+      configXml("<feature name=\"f:a\"><param" + manyAttributes(20000) +
+                "/></feature>"),
+      kNotParsed));
+  expectAsConstructed(config);
+}
+
+TEST_F(WidgetConfigParserTest, ManyAttributesInUtf16AreNotParsed) {
+  EXPECT_TRUE(rejects(utf16le("<?xml version=\"1.0\" encoding=\"UTF-16\"?>"
+                              "<widget xmlns=\"http://www.w3.org/ns/widgets\"" +
+                              manyAttributes(20000) + "/>"),
+                      kNotParsed));
+  expectAsConstructed(config);
+}
+
+TEST_F(WidgetConfigParserTest, AttributesSpelledByReferencesInAnEntityAreNotParsed) {
+  EXPECT_TRUE(rejects(
+      "<?xml version=\"1.0\"?>\n<!DOCTYPE widget [<!ENTITY e \"&#60;ext:x "
+      "xmlns:ext='urn:x'" + manyAttributes(20000, "&#61;", "&#39;") +
+          "/>\">]>\n" + widgetElement("<name>n</name>&e;"),
+      kNotParsed));
+  expectAsConstructed(config);
+}
+
+TEST_F(WidgetConfigParserTest, ThousandsOfAttributesOverManyElementsAreInvalid) {
+  std::string body;
+  for (int i = 0; i < 100; ++i) {
+    body += "<x:e xmlns:x=\"urn:x\"" + manyAttributes(200) + "/>";
+  }
+  EXPECT_TRUE(rejects(configXml("<name>n</name>" + body), kInvalid));
+  expectAsConstructed(config);
+}
+
+TEST_F(WidgetConfigParserTest, ElementWithTooManyAttributesIsInvalidAfterParsing) {
+  // A document in UTF-7 hides its markup from any scan of the bytes; the
+  // element's attributes are still counted once libxml2 has read it.
+  std::string body = "<x:e xmlns:x=\"urn:x\"";
+  for (int i = 0; i < 300; ++i) body += " a" + std::to_string(i) + "+AD0-\"\"";
+  EXPECT_TRUE(rejects("<?xml version=\"1.0\" encoding=\"UTF-7\"?>\n" +
+                          widgetElement("<name>n</name>" + body + "/>"),
+                      kInvalid));
+  expectAsConstructed(config);
+}
+
+TEST_F(WidgetConfigParserTest, EqualsSignsAndReferencesInValuesAndTextAreRead) {
+  std::string marks;
+  for (int i = 0; i < 1000; ++i) marks += "=&amp;";
+  std::string attributes;
+  for (int i = 0; i < 200; ++i) {
+    attributes += " x:a" + std::to_string(i) + "=\"" + marks + "\"";
+  }
+  ASSERT_EQ(0, parse(configXml(
+                   "<preference name=\"p\" value=\"" + marks + "\"/>"
+                   "<description>" + marks + "</description>"
+                   "<!-- " + marks + " --><![CDATA[" + marks + "]]>"
+                   "<?pi " + marks + "?>"
+                   "<name xmlns:x=\"urn:x\"" + attributes + ">n</name>",
+                   "version=\"" + marks + "\"")));
+  EXPECT_EQ("Parsing version...\nParsing preference...\n"
+            "Parsing description...\nParsing name...\n",
+            out);
+  std::string text;
+  for (int i = 0; i < 1000; ++i) text += "=&";
+  EXPECT_EQ(text, config.getPreferences()[0].getValue());
+  EXPECT_EQ(text, config.getDescriptions().at("default"));
+}
+
 TEST_F(WidgetConfigParserTest, BillionLaughsAreNotParsed) {
   EXPECT_EQ(-1, parse(billionLaughs("<name>&lol9;</name>")));
   EXPECT_EQ(kNotParsed, out);
