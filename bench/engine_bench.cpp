@@ -39,6 +39,7 @@
 #include "bench/BenchRuns.h"
 #include "registry/SqlLite3.h"
 #include "testing/HttpServer.h"
+#include "testing/LiteralRegistry.h"
 
 extern char** environ;
 
@@ -156,87 +157,7 @@ Population& population(int n) {
 }
 
 // --- The literal twin: statement texts pasted, sqlite3_get_table, a fresh
-// connection per job probed table by table.
-
-struct LiteralConnection {
-  sqlite3* db = nullptr;
-  bool opened = false;
-  std::vector<std::string> columnNames;
-  std::vector<std::string> values;
-
-  explicit LiteralConnection(const std::string& dir) {
-    if (sqlite3_open((dir + "widget.db").c_str(), &db) != 0) return;
-    opened = probe("widgets") && probe("widgetFiles") && probe("localizedItem");
-  }
-  ~LiteralConnection() { sqlite3_close(db); }
-
-  bool probe(const std::string& table) {
-    char* error = nullptr;
-    const int rc = sqlite3_exec(db, ("SELECT COUNT(*) FROM " + table).c_str(),
-                                nullptr, nullptr, &error);
-    sqlite3_free(error);
-    return rc == 0;
-  }
-
-  int query(const std::string& sql) {
-    char** table = nullptr;
-    int rows = 0, columns = 0;
-    char* error = nullptr;
-    const int rc =
-        sqlite3_get_table(db, sql.c_str(), &table, &rows, &columns, &error);
-    columnNames.clear();
-    values.clear();
-    if (rc == 0) {
-      for (int k = 0; k < columns; ++k) columnNames.push_back(table[k]);
-      for (int k = columns; k < (rows + 1) * columns; ++k) {
-        values.push_back(table[k] ? table[k] : "");
-      }
-    }
-    sqlite3_free_table(table);
-    sqlite3_free(error);
-    return rc;
-  }
-
-  std::vector<WidgetsData*> selectWidgets(const std::string& sql) {
-    std::vector<WidgetsData*> result;
-    query(sql);
-    if (columnNames.empty()) return result;
-    for (size_t i = 0; i + 14 < values.size(); i += columnNames.size()) {
-      result.push_back(new WidgetsData(
-          atoi(values[i].c_str()), values[i + 1], values[i + 2], values[i + 3],
-          values[i + 4], atoi(values[i + 5].c_str()),
-          atoi(values[i + 6].c_str()), values[i + 7], values[i + 8],
-          values[i + 9], values[i + 10], values[i + 11], values[i + 12],
-          values[i + 13], values[i + 14]));
-    }
-    return result;
-  }
-
-  int getLocalizedItem(int id, const std::string& item,
-                       const std::vector<std::string>& locales,
-                       std::string& value) {
-    const std::string prefix = "SELECT value FROM localizedItem WHERE widgetId=" +
-                               std::to_string(id) + " AND item='";
-    for (const std::string& locale : locales) {
-      query(prefix + item + "' AND lang='" + locale + "'");
-      if (!values.empty()) {
-        value = values.back();
-        return 1;
-      }
-    }
-    return 0;
-  }
-
-  void loadLocalizedItems(WidgetsData* widget, std::vector<std::string> locales) {
-    locales.push_back("default");
-    std::string text;
-    if (getLocalizedItem(widget->getId(), "name", locales, text)) widget->setWidgetName(text);
-    if (getLocalizedItem(widget->getId(), "shortname", locales, text)) widget->setWidgetShorName(text);
-    if (getLocalizedItem(widget->getId(), "description", locales, text)) widget->setDescription(text);
-    if (getLocalizedItem(widget->getId(), "license", locales, text)) widget->setLicense(text);
-    if (getLocalizedItem(widget->getId(), "licensehref", locales, text)) widget->setLicenseHref(text);
-  }
-};
+// connection per job probed table by table (testing/LiteralRegistry).
 
 // The query benchmarks time the call alone: the records it hands over are
 // deleted out of the timing, on both sides, since releasing them is the
@@ -269,7 +190,7 @@ void BM_GetInfoLiteral(benchmark::State& state) {
     const Clock::time_point start = Clock::now();
     std::vector<WidgetsData*> records;
     {
-      LiteralConnection db(p.dataDir);
+      LiteralRegistry db(p.dataDir + "widget.db", true);
       records = db.selectWidgets("SELECT * FROM Widgets WHERE name = '" +
                                  p.probeName + "'");
       if (records.size() == 1) db.loadLocalizedItems(records[0], kLocales);
@@ -314,7 +235,7 @@ void BM_GetAllLiteral(benchmark::State& state) {
   timeListing(state, "literal getAll is short", [&] {
     std::vector<WidgetsData*> all;
     {
-      LiteralConnection db(p.dataDir);
+      LiteralRegistry db(p.dataDir + "widget.db", true);
       all = db.selectWidgets("SELECT * FROM Widgets");
     }
     std::cout << "Nothing to clean" << std::endl;

@@ -21,6 +21,7 @@
 #include "registry/LocalizedItemKeys.h"
 #include "registry/SqlLite3.h"
 #include "registry/WidgetsData.h"
+#include "testing/LiteralRegistry.h"
 
 namespace {
 
@@ -55,8 +56,8 @@ struct Registry {
   int n = 0;
   std::string dir;
   std::string path;
-  std::string plainPath;       // a copy with the tables alone
-  sqlite3* literal = nullptr;  // the twins' own connection, on the copy
+  std::string plainPath;  // a copy with the tables alone
+  std::unique_ptr<LiteralRegistry> literal;  // the twins' own, on the copy
 
   explicit Registry(int count) : n(count) {
     const char* tmp = getenv("TMPDIR");
@@ -97,34 +98,17 @@ struct Registry {
     while ((got = fread(buffer, 1, sizeof buffer, in)) > 0) fwrite(buffer, 1, got, out);
     fclose(in);
     fclose(out);
-    sqlite3_open(plainPath.c_str(), &literal);
-    sqlite3_exec(literal,
+    literal.reset(new LiteralRegistry(plainPath));
+    sqlite3_exec(literal->handle(),
                  "DROP INDEX widgetFiles_widgetID_path;"
                  "DROP INDEX localizedItem_widgetID_item_lang;VACUUM",
                  nullptr, nullptr, nullptr);
   }
   ~Registry() {
-    sqlite3_close(literal);
+    literal.reset();
     nftw(dir.c_str(), removeEntry, 16, FTW_DEPTH | FTW_PHYS);
   }
   void use() const { setenv("YRA_DATA_PATH", dir.c_str(), 1); }
-
-  // sqlite3_get_table and the copy of its cells, as the plain query does.
-  int query(const std::string& sql, std::vector<std::string>& values,
-            int* columns = nullptr) {
-    values.clear();
-    char** table = nullptr;
-    int rows = 0, cols = 0;
-    char* error = nullptr;
-    int rc = sqlite3_get_table(literal, sql.c_str(), &table, &rows, &cols, &error);
-    if (rc == SQLITE_OK) {
-      for (int i = 0; i < rows * cols; ++i) values.push_back(table[cols + i]);
-    }
-    sqlite3_free_table(table);
-    sqlite3_free(error);
-    if (columns) *columns = rows ? cols : 0;
-    return rc;
-  }
 };
 
 Registry& registry(int n) {
@@ -166,12 +150,7 @@ void BM_IsWidgetLiteral(benchmark::State& state) {
   Registry& r = registry(n);
   const std::string key = launchURL(n);
   std::string name;
-  std::vector<std::string> values;
-  for (auto _ : state) {
-    r.query("SELECT  widgets.Name FROM widgets WHERE launchURL = \"" + key + "\"",
-            values);
-    if (!values.empty()) name = values[0];
-  }
+  for (auto _ : state) r.literal->getNameByLaunchURL(key, name);
   if (name != widgetName(n / 2)) state.SkipWithError("wrong answer");
 }
 
@@ -230,41 +209,11 @@ void BM_FindLocalizedResource(benchmark::State& state) {
   });
 }
 
-int literalFind(Registry& r, std::string& url,
-                const std::vector<std::string>& locales) {
-  std::vector<std::string> values;
-  url.erase(0, 7);
-  std::string query;
-  size_t q = url.find('?');
-  if (q != std::string::npos) {
-    query = url.substr(q);
-    url.resize(q);
-  }
-  r.query("SELECT  widgets.ID, widgets.storagePath from widgetFiles LEFT JOIN "
-          "widgets ON widgetFiles.widgetID=widgets.ID where storagePath || path "
-          "= '" + url + "'",
-          values);
-  if (values.empty()) return 0;
-  std::string id = values.front();
-  std::string dir = values.back();
-  url.erase(0, dir.size());
-  if (url.find("locales") == 0) return 0;
-  for (const std::string& locale : locales) {
-    r.query("SELECT path FROM widgetfiles WHERE widgetID=" + id +
-                " AND PATH='locales/" + locale + "/" + url + "'",
-            values);
-    if (!values.empty()) {
-      url = "file://" + dir + "/" + values.back() + query;
-      return 1;
-    }
-  }
-  return 0;
-}
-
 void BM_FindLocalizedResourceLiteral(benchmark::State& state) {
   Registry& r = registry(static_cast<int>(state.range(0)));
-  runResourceMix(state,
-                 [&](std::string& url) { return literalFind(r, url, kLocales); });
+  runResourceMix(state, [&](std::string& url) {
+    return r.literal->findLocalizedResource(url, kLocales);
+  });
 }
 
 void BM_FindLocalizedResourceFloor(benchmark::State& state) {
@@ -306,30 +255,7 @@ void BM_LoadLocalizedItemsLiteral(benchmark::State& state) {
   Registry& r = registry(n);
   WidgetsData w;
   w.setId(n / 2 + 1);
-  std::vector<std::string> values;
-  for (auto _ : state) {
-    std::vector<std::string> locales = kItemLocales;
-    locales.push_back("default");
-    std::string text;
-    std::string found[localizeditems::kCount];
-    for (int k = 0; k < localizeditems::kCount; ++k) {
-      for (const std::string& locale : locales) {
-        r.query("SELECT value FROM localizedItem WHERE widgetId=" +
-                    std::to_string(w.getId()) + " AND item='" +
-                    localizeditems::kAll[k] + "' AND lang='" + locale + "'",
-                values);
-        if (!values.empty()) {
-          found[k] = values.back();
-          break;
-        }
-      }
-    }
-    w.setWidgetName(found[0]);
-    w.setWidgetShorName(found[1]);
-    w.setDescription(found[2]);
-    w.setLicense(found[3]);
-    w.setLicenseHref(found[4]);
-  }
+  for (auto _ : state) r.literal->loadLocalizedItems(&w, kItemLocales);
   if (w.getLicenseHref() != "licensehref of " + widgetName(n / 2) + " in fr") {
     state.SkipWithError("wrong answer");
   }
@@ -378,16 +304,8 @@ void BM_OpenLiteral(benchmark::State& state) {
   Registry& r = registry(static_cast<int>(state.range(0)));
   bool open = true;
   for (auto _ : state) {
-    sqlite3* db = nullptr;
-    open = open && sqlite3_open(r.plainPath.c_str(), &db) == SQLITE_OK;
-    for (const char* table : {"widgets", "widgetFiles", "localizedItem"}) {
-      char* error = nullptr;
-      std::string sql = std::string("SELECT COUNT(*) FROM ") + table;
-      open = open && sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &error) ==
-                         SQLITE_OK;
-      sqlite3_free(error);
-    }
-    sqlite3_close(db);
+    LiteralRegistry db(r.plainPath, true);
+    open = open && db.isOpen();
   }
   if (!open) state.SkipWithError("not open");
 }
@@ -409,18 +327,10 @@ void BM_SelectWidgets(benchmark::State& state) {
 void BM_SelectWidgetsLiteral(benchmark::State& state) {
   int n = static_cast<int>(state.range(0));
   Registry& r = registry(n);
-  std::vector<std::string> v;
   size_t count = 0;
   for (auto _ : state) {
-    int columns = 0;
-    r.query("SELECT * FROM Widgets", v, &columns);
-    std::vector<WidgetsData*> rows;
-    for (size_t i = 0; columns && i < v.size(); i += columns) {
-      rows.push_back(new WidgetsData(
-          atoi(v[i].c_str()), v[i + 1], v[i + 2], v[i + 3], v[i + 4],
-          atoi(v[i + 5].c_str()), atoi(v[i + 6].c_str()), v[i + 7], v[i + 8],
-          v[i + 9], v[i + 10], v[i + 11], v[i + 12], v[i + 13], v[i + 14]));
-    }
+    std::vector<WidgetsData*> rows =
+        r.literal->selectWidgets("SELECT * FROM Widgets");
     count = rows.size();
     for (WidgetsData* w : rows) delete w;
   }

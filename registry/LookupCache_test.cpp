@@ -14,82 +14,13 @@
 
 #include "registry/RegistryTestUtil.h"
 #include "registry/SqlLite3.h"
+#include "testing/LiteralRegistry.h"
 
 using registrytest::makeWidget;
 using registrytest::Raw;
 using registrytest::RegistryTest;
 
 namespace {
-
-// The lookups as plain pasted statements, on a connection of their own.
-class Literal {
- public:
-  explicit Literal(const std::string& path) {
-    sqlite3_open(path.c_str(), &db_);
-  }
-  ~Literal() { sqlite3_close(db_); }
-  Literal(const Literal&) = delete;
-  Literal& operator=(const Literal&) = delete;
-
-  std::vector<std::string> values(const std::string& sql) {
-    std::vector<std::string> out;
-    char** table = nullptr;
-    int rows = 0, columns = 0;
-    char* error = nullptr;
-    if (sqlite3_get_table(db_, sql.c_str(), &table, &rows, &columns, &error) ==
-        SQLITE_OK) {
-      for (int i = 0; i < rows * columns; ++i) {
-        const char* cell = table[columns + i];
-        out.push_back(cell ? cell : "");
-      }
-    }
-    sqlite3_free_table(table);
-    sqlite3_free(error);
-    return out;
-  }
-
-  int name(const std::string& launchURL, std::string& name) {
-    std::vector<std::string> v = values(
-        "SELECT  widgets.Name FROM widgets WHERE launchURL = \"" + launchURL +
-        "\"");
-    if (v.empty()) return 0;
-    name = v[0];
-    return 1;
-  }
-
-  int find(std::string& url, const std::vector<std::string>& locales) {
-    url.erase(0, 7);
-    std::string query;
-    size_t q = url.find('?');
-    if (q != std::string::npos) {
-      query = url.substr(q);
-      url.resize(q);
-    }
-    std::vector<std::string> v = values(
-        "SELECT  widgets.ID, widgets.storagePath from widgetFiles LEFT JOIN "
-        "widgets ON widgetFiles.widgetID=widgets.ID where storagePath || path "
-        "= '" +
-        url + "'");
-    if (v.empty()) return 0;
-    std::string id = v.front();
-    std::string dir = v.back();
-    url.erase(0, dir.size());
-    if (url.find("locales") == 0) return 0;
-    for (const std::string& locale : locales) {
-      std::vector<std::string> hit = values(
-          "SELECT path FROM widgetfiles WHERE widgetID=" + id + " AND PATH=" +
-          "'locales/" + locale + "/" + url + "'");
-      if (!hit.empty()) {
-        url = "file://" + dir + "/" + hit.back() + query;
-        return 1;
-      }
-    }
-    return 0;
-  }
-
- private:
-  sqlite3* db_ = nullptr;
-};
 
 // A registry made by the engine, then filled with rows that exercise every
 // corner of the join: file rows left behind by a removed widget, an id given
@@ -158,13 +89,14 @@ std::vector<std::vector<std::string>> trickyLocales() {
           {"x"},        {"en", "it"},  {"fr' OR 'a'='a"}, {"", "fr"}};
 }
 
-void expectSameAnswers(SqlLite3& db, Literal& literal, const char* mode) {
+void expectSameAnswers(SqlLite3& db, LiteralRegistry& literal,
+                       const char* mode) {
   for (const std::string& address : trickyAddresses()) {
     for (const std::vector<std::string>& locales : trickyLocales()) {
       std::string mine = address;
       std::string theirs = address;
       int a = db.findLocalizedResource(mine, locales);
-      int b = literal.find(theirs, locales);
+      int b = literal.findLocalizedResource(theirs, locales);
       std::string list;
       for (const std::string& l : locales) list += l + ",";
       ASSERT_EQ(b, a) << mode << " " << address << " [" << list << "]";
@@ -178,7 +110,7 @@ void expectSameAnswers(SqlLite3& db, Literal& literal, const char* mode) {
   for (const std::string& launch : launches) {
     std::string mine = "?";
     std::string theirs = "?";
-    ASSERT_EQ(literal.name(launch, theirs), db.getNameByLaunchURL(launch, mine))
+    ASSERT_EQ(literal.getNameByLaunchURL(launch, theirs), db.getNameByLaunchURL(launch, mine))
         << mode << " " << launch;
     ASSERT_EQ(theirs, mine) << mode << " " << launch;
   }
@@ -188,7 +120,7 @@ void expectSameAnswers(SqlLite3& db, Literal& literal, const char* mode) {
 
 TEST_F(RegistryTest, IndexAnswersExactlyAsTheStatementsOnTrickyRows) {
   makeTrickyRegistry(dbPath());
-  Literal literal(plainCopy(this, dbPath()));
+  LiteralRegistry literal(plainCopy(this, dbPath()));
   SqlLite3 db;
   ASSERT_TRUE(db.isOpen());
   expectSameAnswers(db, literal, "index");
@@ -196,7 +128,7 @@ TEST_F(RegistryTest, IndexAnswersExactlyAsTheStatementsOnTrickyRows) {
 
 TEST_F(RegistryTest, StatementsInsideATransactionAnswerExactlyTheSame) {
   makeTrickyRegistry(dbPath());
-  Literal literal(plainCopy(this, dbPath()));
+  LiteralRegistry literal(plainCopy(this, dbPath()));
   SqlLite3 db;
   ASSERT_TRUE(db.isOpen());
   db.beginJob();
@@ -206,7 +138,7 @@ TEST_F(RegistryTest, StatementsInsideATransactionAnswerExactlyTheSame) {
 
 TEST_F(RegistryTest, WalModeFallsBackToStatementsWithTheSameAnswers) {
   makeTrickyRegistry(dbPath());
-  Literal literal(plainCopy(this, dbPath()));
+  LiteralRegistry literal(plainCopy(this, dbPath()));
   SqlLite3 db;
   ASSERT_TRUE(db.isOpen());
   std::string name;
