@@ -65,18 +65,22 @@ std::string WidgetInstaller::getWidgetBasePath() {
 }
 
 void WidgetInstaller::buildStoragePath(const std::string& url) {
+  name = nameFromURL(url);
+  storagePath = basePath + "widget_" + name + "/";
+}
+
+std::string WidgetInstaller::nameFromURL(const std::string& url) {
   const size_t slash = url.rfind('/');
   const size_t dot = url.rfind('.');
   const size_t start = slash == std::string::npos ? 0 : slash + 1;
   // Unsigned on purpose: without a dot after the last slash the length wraps
   // and the name runs to the end of the URL.
   const size_t length = dot - slash - 1;
-  name = url.substr(start, length);
+  std::string name = url.substr(start, length);
 
   const long underscore = static_cast<long>(name.rfind('_'));
   if (underscore > 0) name[underscore] = '-';
-
-  storagePath = basePath + "widget_" + name + "/";
+  return name;
 }
 
 std::string WidgetInstaller::getLaunchURL() { return launchURL; }

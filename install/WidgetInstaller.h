@@ -35,6 +35,8 @@ class WidgetInstaller {
   static std::string getWidgetBasePath();
   // Sets name and storagePath from the URL.
   void buildStoragePath(const std::string& url);
+  // The widget name that an install from url takes.
+  static std::string nameFromURL(const std::string& url);
 
   const std::string& getName() const { return name; }
   const std::string& getStoragePath() const { return storagePath; }

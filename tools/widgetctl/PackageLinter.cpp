@@ -1,0 +1,620 @@
+#include "tools/widgetctl/PackageLinter.h"
+
+#include <curl/curl.h>
+#include <libxml/parser.h>
+#include <libxml/relaxng.h>
+#include <libxml/tree.h>
+#include <libxml/xmlerror.h>
+#include <zip.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <set>
+
+#include "config/WidgetConfigParser.h"
+#include "install/ContentType.h"
+#include "install/WidgetInstaller.h"
+
+namespace {
+
+const std::vector<LintTag> kTags = {
+    {"not-a-zip-archive", "error",
+     "The file is not a zip archive; often an HTML error page was downloaded "
+     "instead of the package."},
+    {"archive-unreadable", "error",
+     "The zip archive is damaged and its list of entries cannot be read."},
+    {"entry-crc-mismatch", "error",
+     "The entry's data does not match its recorded checksum; unzip -t and "
+     "bsdtar fail it too, and the package is refused."},
+    {"entry-unreadable", "error",
+     "The entry's data cannot be read (damaged or unsupported compression), "
+     "and the package is refused."},
+    {"entry-encrypted", "error",
+     "The entry is encrypted; widget packages cannot carry encrypted files."},
+    {"entry-name-leaves-folder", "error",
+     "The entry name is absolute or has a \"..\" component; the package is "
+     "refused before anything is written."},
+    {"entry-name-not-utf8", "warning",
+     "The entry name is not valid UTF-8, so pages cannot refer to the file "
+     "reliably."},
+    {"duplicate-entry", "warning",
+     "Two entries have the same name; only one of them ends up installed."},
+    {"entry-not-verified", "info",
+     "The entry is too large for its checksum to be checked here."},
+    {"config-missing", "error",
+     "The package has no config.xml at its top level, and is refused."},
+    {"config-in-subfolder", "error",
+     "config.xml is inside a top folder: zip the folder's contents, not the "
+     "folder."},
+    {"config-too-large", "error",
+     "config.xml is too large to be read here."},
+    {"config-not-well-formed", "error",
+     "config.xml is not well-formed XML, and the package is refused."},
+    {"schema-unavailable", "error",
+     "The schema that config.xml is validated against cannot be loaded."},
+    {"schema-invalid", "error",
+     "config.xml does not follow the widget configuration schema, and the "
+     "package is refused."},
+    {"dimension-not-a-number", "warning",
+     "A width or height is not a number; it is recorded as 0 (unset)."},
+    {"required-feature-unknown", "warning",
+     "The widget requires a feature the engine does not provide; mark it "
+     "required=\"false\" if the widget can do without it."},
+    {"content-src-missing", "warning",
+     "The start page named by <content src> is not in the package; the "
+     "default start page is used instead."},
+    {"content-type-unknown", "warning",
+     "The start page named by <content src> has no type attribute and an "
+     "extension of no known type, so it is not used."},
+    {"start-file-missing", "error",
+     "The package has no usable start page (neither <content src> nor an "
+     "index file), and is refused."},
+    {"declared-icon-missing", "warning",
+     "An icon named in config.xml is not in the package; it is left out."},
+    {"icon-content-mismatch", "warning",
+     "The icon's content is not of the type its extension names; it is left "
+     "out."},
+    {"localized-copy-without-default", "warning",
+     "A file under locales/<lang>/ has no copy at the top level, so readers "
+     "of other languages get nothing."},
+    {"name-needs-escaping", "warning",
+     "The widget name taken from the package address has characters that a "
+     "URL must escape, so the launch URL shows %-escapes."},
+};
+
+const LintTag* findTag(const char* tag) {
+  for (const LintTag& known : kTags) {
+    if (strcmp(known.tag, tag) == 0) return &known;
+  }
+  return nullptr;
+}
+
+// Start pages the installer tries when config.xml names none that exists.
+const char* const kDefaultStartFiles[] = {
+    "index.htm", "index.html", "index.svg", "index.xhtml", "index.xht"};
+
+bool isValidUtf8(const std::string& text) {
+  size_t i = 0;
+  const size_t n = text.size();
+  while (i < n) {
+    const unsigned char c = static_cast<unsigned char>(text[i]);
+    size_t extra;
+    uint32_t code;
+    if (c < 0x80) {
+      ++i;
+      continue;
+    } else if ((c & 0xE0) == 0xC0) {
+      extra = 1;
+      code = c & 0x1F;
+    } else if ((c & 0xF0) == 0xE0) {
+      extra = 2;
+      code = c & 0x0F;
+    } else if ((c & 0xF8) == 0xF0) {
+      extra = 3;
+      code = c & 0x07;
+    } else {
+      return false;
+    }
+    if (i + extra >= n) return false;
+    for (size_t k = 1; k <= extra; ++k) {
+      const unsigned char next = static_cast<unsigned char>(text[i + k]);
+      if ((next & 0xC0) != 0x80) return false;
+      code = (code << 6) | (next & 0x3F);
+    }
+    // Overlong forms, surrogates and values past U+10FFFF.
+    static const uint32_t kSmallest[] = {0, 0x80, 0x800, 0x10000};
+    if (code < kSmallest[extra] || code > 0x10FFFF ||
+        (code >= 0xD800 && code <= 0xDFFF))
+      return false;
+    i += extra + 1;
+  }
+  return true;
+}
+
+// The zip names of a path with a ".." component or a leading "/".
+bool leavesFolder(const std::string& name) {
+  if (!name.empty() && name[0] == '/') return true;
+  size_t start = 0;
+  while (start <= name.size()) {
+    size_t end = name.find('/', start);
+    if (end == std::string::npos) end = name.size();
+    if (name.compare(start, end - start, "..") == 0) return true;
+    start = end + 1;
+  }
+  return false;
+}
+
+// Names are shown as they are, except bytes that would garble a terminal
+// line, and very long ones are cut.
+std::string printable(const std::string& name) {
+  static const size_t kLongest = 200;
+  std::string shown;
+  for (size_t i = 0; i < name.size() && i < kLongest; ++i) {
+    const unsigned char c = static_cast<unsigned char>(name[i]);
+    if (c < 0x20 || c == 0x7F || (c >= 0x80 && !isValidUtf8(name))) {
+      char hex[5];
+      snprintf(hex, sizeof hex, "\\x%02X", c);
+      shown += hex;
+    } else {
+      shown += static_cast<char>(c);
+    }
+  }
+  if (name.size() > kLongest)
+    shown += "... (" + std::to_string(name.size()) + " bytes)";
+  return shown;
+}
+
+// What a file that is not a zip archive seems to be, from its first bytes.
+std::string describeNonZip(const std::string& head, uint64_t size) {
+  if (size == 0) return "the file is empty";
+  size_t i = 0;
+  while (i < head.size() && isspace(static_cast<unsigned char>(head[i]))) ++i;
+  if (i < head.size() && head[i] == '<') {
+    std::string lower;
+    for (size_t k = i; k < head.size() && k < i + 64; ++k)
+      lower += static_cast<char>(tolower(static_cast<unsigned char>(head[k])));
+    if (lower.find("html") != std::string::npos)
+      return "the file is an HTML document";
+    return "the file is an XML or HTML document";
+  }
+  std::string bytes = "the file starts with bytes";
+  for (size_t k = 0; k < head.size() && k < 4; ++k) {
+    char hex[4];
+    snprintf(hex, sizeof hex, " %02X", static_cast<unsigned char>(head[k]));
+    bytes += hex;
+  }
+  return bytes;
+}
+
+struct ZipClose {
+  void operator()(zip_t* archive) const { zip_discard(archive); }
+};
+struct ZipFileClose {
+  void operator()(zip_file_t* file) const { zip_fclose(file); }
+};
+struct DocFree {
+  void operator()(xmlDoc* doc) const { xmlFreeDoc(doc); }
+};
+struct SchemaParserFree {
+  void operator()(xmlRelaxNGParserCtxt* p) const { xmlRelaxNGFreeParserCtxt(p); }
+};
+struct SchemaFree {
+  void operator()(xmlRelaxNG* s) const { xmlRelaxNGFree(s); }
+};
+struct ValidatorFree {
+  void operator()(xmlRelaxNGValidCtxt* v) const { xmlRelaxNGFreeValidCtxt(v); }
+};
+
+// libxml2's messages, collected with their line instead of printed.
+struct XmlMessages {
+  std::vector<std::string> lines;
+  static void collect(void* user, const xmlError* error) {
+    XmlMessages* self = static_cast<XmlMessages*>(user);
+    // A hostile document can make thousands; the first ones say enough.
+    if (!error || self->lines.size() >= 50) return;
+    std::string message = error->message ? error->message : "unknown error";
+    while (!message.empty() &&
+           isspace(static_cast<unsigned char>(message.back())))
+      message.pop_back();
+    self->lines.push_back("config.xml:" + std::to_string(error->line) + ": " +
+                          message);
+  }
+};
+
+void collectXmlError(void* user, xmlErrorPtr error) {
+  XmlMessages::collect(user, error);
+}
+
+// Routes libxml2's reports in this thread to one collector while it lives,
+// and back to the default after.
+class RouteXmlErrors {
+ public:
+  explicit RouteXmlErrors(XmlMessages* messages) {
+    xmlSetStructuredErrorFunc(messages, collectXmlError);
+  }
+  ~RouteXmlErrors() { xmlSetStructuredErrorFunc(nullptr, nullptr); }
+};
+
+std::string attribute(xmlNode* element, const char* name) {
+  xmlChar* value = xmlGetProp(element, BAD_CAST name);
+  if (!value) return std::string();
+  std::string text = reinterpret_cast<const char*>(value);
+  xmlFree(value);
+  return text;
+}
+
+bool hasAttribute(xmlNode* element, const char* name) {
+  return xmlHasProp(element, BAD_CAST name) != nullptr;
+}
+
+bool isNamed(xmlNode* element, const char* name) {
+  return element->type == XML_ELEMENT_NODE &&
+         xmlStrcmp(element->name, BAD_CAST name) == 0;
+}
+
+// A dimension the installer reads as a number: digits, white space allowed.
+bool looksNumeric(const std::string& text) {
+  bool digit = false;
+  for (char c : text) {
+    if (c >= '0' && c <= '9')
+      digit = true;
+    else if (!isspace(static_cast<unsigned char>(c)))
+      return false;
+  }
+  return digit;
+}
+
+// Node count past which a document is neither validated nor walked.
+const size_t kMostNodes = 20000;
+
+size_t countNodes(xmlNode* node, size_t budget) {
+  size_t count = 0;
+  for (xmlNode* child = node; child && count <= budget; child = child->next) {
+    ++count;
+    for (xmlAttr* a = child->properties; a && count <= budget; a = a->next)
+      ++count;
+    if (child->children)
+      count += countNodes(child->children, budget - count);
+  }
+  return count;
+}
+
+}  // namespace
+
+PackageLinter::PackageLinter(const std::string& packagePath,
+                             const std::string& sourceURL,
+                             const std::string& schemaPath)
+    : packagePath_(packagePath), sourceURL_(sourceURL), schemaPath_(schemaPath) {}
+
+const std::vector<LintTag>& PackageLinter::tags() { return kTags; }
+
+std::string PackageLinter::defaultSchemaPath() {
+  return WidgetConfigParser::kSchemaPath;
+}
+
+void PackageLinter::add(const char* tag, const std::string& detail) {
+  const LintTag* known = findTag(tag);
+  findings_.push_back(
+      {known->level, known->tag, detail, known->explanation});
+}
+
+bool PackageLinter::hasFile(const std::string& name) const {
+  return byName_.count(name) != 0;
+}
+
+std::vector<LintFinding> PackageLinter::run() {
+  findings_.clear();
+  entries_.clear();
+  byName_.clear();
+  declared_.clear();
+  configFound_ = false;
+  configWalked_ = false;
+
+  if (readArchive()) lintAgainstArchive();
+
+  // The widget name comes from the address alone, archive or not.
+  const std::string name = WidgetInstaller::nameFromURL(sourceURL_);
+  if (CURL* curl = curl_easy_init()) {
+    char* escaped =
+        curl_easy_escape(curl, name.data(), static_cast<int>(name.size()));
+    if (escaped && name != escaped) add("name-needs-escaping", printable(name));
+    curl_free(escaped);
+    curl_easy_cleanup(curl);
+  }
+  return findings_;
+}
+
+bool PackageLinter::readArchive() {
+  FILE* file = fopen(packagePath_.c_str(), "rb");
+  std::string head(64, '\0');
+  uint64_t size = 0;
+  if (file) {
+    head.resize(fread(&head[0], 1, head.size(), file));
+    if (fseek(file, 0, SEEK_END) == 0) size = static_cast<uint64_t>(ftell(file));
+    fclose(file);
+  } else {
+    head.clear();
+  }
+
+  int error = 0;
+  std::unique_ptr<zip_t, ZipClose> archive(
+      zip_open(packagePath_.c_str(), ZIP_RDONLY, &error));
+  if (!archive) {
+    if (error == ZIP_ER_NOZIP || error == ZIP_ER_INCONS || size == 0) {
+      if (head.compare(0, 2, "PK") == 0)
+        add("archive-unreadable", printable(packagePath_));
+      else
+        add("not-a-zip-archive", describeNonZip(head, size));
+    } else {
+      zip_error_t reason;
+      zip_error_init_with_code(&reason, error);
+      add("archive-unreadable", zip_error_strerror(&reason));
+      zip_error_fini(&reason);
+    }
+    return false;
+  }
+
+  const zip_int64_t count = zip_get_num_entries(archive.get(), 0);
+  std::vector<char> buffer(1 << 16);
+  std::string configText;
+  for (zip_int64_t index = 0; index < count; ++index) {
+    zip_stat_t stat;
+    if (zip_stat_index(archive.get(), index, ZIP_FL_ENC_RAW, &stat) != 0 ||
+        !(stat.valid & ZIP_STAT_NAME)) {
+      add("entry-unreadable", "entry " + std::to_string(index));
+      continue;
+    }
+    const std::string entryName = stat.name;
+    const bool folder = !entryName.empty() && entryName.back() == '/';
+    if (leavesFolder(entryName))
+      add("entry-name-leaves-folder", printable(entryName));
+    if (!isValidUtf8(entryName))
+      add("entry-name-not-utf8", printable(entryName));
+    if (byName_.count(entryName)) {
+      add("duplicate-entry", printable(entryName));
+      continue;
+    }
+    if ((stat.valid & ZIP_STAT_ENCRYPTION_METHOD) &&
+        stat.encryption_method != ZIP_EM_NONE) {
+      add("entry-encrypted", printable(entryName));
+      byName_[entryName] = entries_.size();
+      entries_.push_back({entryName, stat.size, std::string()});
+      continue;
+    }
+
+    Entry entry{entryName, stat.size, std::string()};
+    const bool isConfig = entryName == "config.xml";
+    if (!folder) {
+      const bool whole = stat.size <= kLargestCheckedEntry &&
+                         (!isConfig || stat.size <= kLargestConfig);
+      if (!whole && !isConfig) {
+        add("entry-not-verified",
+            printable(entryName) + " (" + std::to_string(stat.size) +
+                " bytes)");
+      }
+      std::unique_ptr<zip_file_t, ZipFileClose> data(
+          zip_fopen_index(archive.get(), index, 0));
+      if (!data) {
+        add("entry-unreadable",
+            printable(entryName) + ": " + zip_strerror(archive.get()));
+      } else {
+        // The whole entry is read so that libzip checks its checksum at the
+        // end; of a large one only the first bytes, for its content type.
+        uint64_t wanted = whole ? stat.size : 16;
+        uint64_t got = 0;
+        zip_int64_t n = 0;
+        while (true) {
+          n = zip_fread(data.get(), buffer.data(), buffer.size());
+          if (n <= 0) break;
+          if (entry.head.size() < 16)
+            entry.head.append(buffer.data(),
+                              std::min<size_t>(16 - entry.head.size(), n));
+          if (isConfig && whole) configText.append(buffer.data(), n);
+          got += static_cast<uint64_t>(n);
+          if (!whole && got >= wanted) break;
+          // A declared size that lies is caught by libzip too; this only
+          // keeps a lying entry from being read forever.
+          if (got > stat.size + buffer.size()) break;
+        }
+        if (n < 0) {
+          zip_error_t* reason = zip_file_get_error(data.get());
+          add(zip_error_code_zip(reason) == ZIP_ER_CRC ? "entry-crc-mismatch"
+                                                       : "entry-unreadable",
+              whole || zip_error_code_zip(reason) != ZIP_ER_CRC
+                  ? printable(entryName) +
+                        (zip_error_code_zip(reason) == ZIP_ER_CRC
+                             ? std::string()
+                             : ": " + std::string(zip_error_strerror(reason)))
+                  : printable(entryName));
+        }
+      }
+    }
+    if (isConfig) {
+      configFound_ = true;
+      if (stat.size > kLargestConfig)
+        add("config-too-large",
+            "config.xml (" + std::to_string(stat.size) + " bytes)");
+    }
+    byName_[entryName] = entries_.size();
+    entries_.push_back(std::move(entry));
+  }
+
+  if (!configFound_) {
+    // A single top folder holding config.xml is the usual mistake.
+    std::string inFolder;
+    for (const Entry& entry : entries_) {
+      const size_t slash = entry.name.find('/');
+      if (slash != std::string::npos &&
+          entry.name.compare(slash + 1, std::string::npos, "config.xml") == 0) {
+        inFolder = entry.name;
+        break;
+      }
+    }
+    if (!inFolder.empty())
+      add("config-in-subfolder", printable(inFolder));
+    else
+      add("config-missing", printable(packagePath_));
+  } else if (!configText.empty() || entries_[byName_["config.xml"]].size == 0) {
+    lintConfig(configText);
+  }
+  return true;
+}
+
+void PackageLinter::lintConfig(const std::string& text) {
+  XmlMessages messages;
+  std::unique_ptr<xmlDoc, DocFree> doc;
+  {
+    RouteXmlErrors route(&messages);
+    // As the engine reads it: no network, no DTD loading; entity references
+    // stay references, so nothing expands without bound.
+    doc.reset(xmlReadMemory(text.data(), static_cast<int>(text.size()),
+                            "config.xml", nullptr, XML_PARSE_NONET));
+  }
+  if (!doc) {
+    if (messages.lines.empty())
+      messages.lines.push_back("config.xml:0: not parsed");
+    for (const std::string& line : messages.lines)
+      add("config-not-well-formed", line);
+    return;
+  }
+  xmlNode* root = xmlDocGetRootElement(doc.get());
+  if (!root) {
+    add("config-not-well-formed", "config.xml:0: no root element");
+    return;
+  }
+  const bool small = countNodes(root, kMostNodes) <= kMostNodes;
+
+  // Validation with libxml2's own line and message for every complaint.
+  {
+    XmlMessages schemaMessages;
+    std::unique_ptr<xmlRelaxNGParserCtxt, SchemaParserFree> parser(
+        xmlRelaxNGNewParserCtxt(schemaPath_.c_str()));
+    std::unique_ptr<xmlRelaxNG, SchemaFree> schema;
+    if (parser) {
+      xmlRelaxNGSetParserStructuredErrors(parser.get(), collectXmlError,
+                                          &schemaMessages);
+      schema.reset(xmlRelaxNGParse(parser.get()));
+    }
+    if (!schema) {
+      add("schema-unavailable", schemaPath_);
+    } else if (!small) {
+      add("schema-invalid", "config.xml:1: more than " +
+                                std::to_string(kMostNodes) +
+                                " nodes; not validated");
+    } else {
+      std::unique_ptr<xmlRelaxNGValidCtxt, ValidatorFree> validator(
+          xmlRelaxNGNewValidCtxt(schema.get()));
+      if (validator) {
+        XmlMessages validity;
+        xmlRelaxNGSetValidStructuredErrors(validator.get(),
+                                           collectXmlError, &validity);
+        const int valid = xmlRelaxNGValidateDoc(validator.get(), doc.get());
+        for (const std::string& line : validity.lines)
+          add("schema-invalid", line);
+        if (valid != 0 && validity.lines.empty())
+          add("schema-invalid", "config.xml:1: invalid");
+      }
+    }
+  }
+  if (!small || !isNamed(root, "widget")) return;
+
+  configWalked_ = true;
+  const auto where = [](xmlNode* element) {
+    return " (config.xml:" + std::to_string(xmlGetLineNo(element)) + ")";
+  };
+  const auto checkDimensions = [&](xmlNode* element) {
+    for (const char* name : {"width", "height"}) {
+      if (!hasAttribute(element, name)) continue;
+      const std::string value = attribute(element, name);
+      // The installer reads leading digits and ignores the rest; a value that
+      // is not a number at all ends up as 0.
+      if (!looksNumeric(value) && WidgetConfigParser::toNumber(value) <= 0)
+        add("dimension-not-a-number",
+            std::string(name) + "=\"" + printable(value) + "\"" +
+                where(element));
+    }
+  };
+  checkDimensions(root);
+  for (xmlNode* child = root->children; child; child = child->next) {
+    if (isNamed(child, "icon")) {
+      checkDimensions(child);
+      if (hasAttribute(child, "src"))
+        declared_.push_back({"icon", attribute(child, "src"), false,
+                             static_cast<int>(xmlGetLineNo(child))});
+    } else if (isNamed(child, "content")) {
+      if (hasAttribute(child, "src"))
+        declared_.push_back({"content", attribute(child, "src"),
+                             hasAttribute(child, "type"),
+                             static_cast<int>(xmlGetLineNo(child))});
+    } else if (isNamed(child, "feature")) {
+      // Only the exact text "false" makes a feature optional, and the engine
+      // provides none.
+      const bool required = !hasAttribute(child, "required") ||
+                            attribute(child, "required") != "false";
+      if (required)
+        add("required-feature-unknown",
+            printable(attribute(child, "name")) + where(child));
+    }
+  }
+}
+
+void PackageLinter::lintAgainstArchive() {
+  // Declared icons and start page.
+  bool startFound = false;
+  for (const Declared& item : declared_) {
+    const std::string at = " (config.xml:" + std::to_string(item.line) + ")";
+    const std::string type = ContentType::fromExtension(item.src);
+    if (item.tag == "content") {
+      if (startFound) continue;
+      if (!hasFile(item.src)) {
+        add("content-src-missing", printable(item.src) + at);
+      } else if (!item.typed && type == ContentType::kUnknown) {
+        add("content-type-unknown", printable(item.src) + at);
+      } else {
+        startFound = true;
+      }
+      continue;
+    }
+    if (type == ContentType::kUnknown) continue;
+    if (!hasFile(item.src)) {
+      add("declared-icon-missing", printable(item.src) + at);
+      continue;
+    }
+    if (type == "image/svg+xml") continue;
+    const std::string& head = entries_[byName_.at(item.src)].head;
+    std::string sniffed = ContentType::kUnknown;
+    if (!head.empty()) {
+      std::string copy = head;
+      if (FILE* memory = fmemopen(&copy[0], copy.size(), "rb")) {
+        sniffed = ContentType::fromContent(memory);
+        fclose(memory);
+      }
+    }
+    if (sniffed != type)
+      add("icon-content-mismatch",
+          printable(item.src) + ": named " + type + ", holds " +
+              (sniffed == ContentType::kUnknown ? std::string("other data")
+                                                : sniffed) +
+              at);
+  }
+  if (configWalked_ && !startFound) {
+    bool fallback = false;
+    for (const char* name : kDefaultStartFiles) fallback = fallback || hasFile(name);
+    if (!fallback) add("start-file-missing", printable(packagePath_));
+  }
+
+  // Localized copies: locales/<lang>/<path> wants a <path> at the top.
+  static const std::string kLocales = "locales/";
+  for (const Entry& entry : entries_) {
+    if (entry.name.compare(0, kLocales.size(), kLocales) != 0) continue;
+    if (entry.name.back() == '/') continue;
+    const size_t slash = entry.name.find('/', kLocales.size());
+    if (slash == std::string::npos || slash == kLocales.size()) continue;
+    const std::string plain = entry.name.substr(slash + 1);
+    if (!plain.empty() && !hasFile(plain))
+      add("localized-copy-without-default", printable(entry.name));
+  }
+}
