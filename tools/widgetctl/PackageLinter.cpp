@@ -490,6 +490,7 @@ void PackageLinter::lintConfig(const std::string& text) {
   // Validation with libxml2's own line and message for every complaint.
   {
     XmlMessages schemaMessages;
+    RouteXmlErrors route(&schemaMessages);
     std::unique_ptr<xmlRelaxNGParserCtxt, SchemaParserFree> parser(
         xmlRelaxNGNewParserCtxt(schemaPath_.c_str()));
     std::unique_ptr<xmlRelaxNG, SchemaFree> schema;
