@@ -5,14 +5,20 @@
 #include <libxml/relaxng.h>
 #include <libxml/tree.h>
 #include <libxml/xmlerror.h>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <zip.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cctype>
 #include <cstdio>
 #include <cstring>
 #include <memory>
 #include <set>
+#include <thread>
 
 #include "config/WidgetConfigParser.h"
 #include "install/ContentType.h"
@@ -327,27 +333,142 @@ std::vector<LintFinding> PackageLinter::run() {
   return findings_;
 }
 
-bool PackageLinter::readArchive() {
-  FILE* file = fopen(packagePath_.c_str(), "rb");
-  std::string head(64, '\0');
-  uint64_t size = 0;
-  if (file) {
-    head.resize(fread(&head[0], 1, head.size(), file));
-    if (fseek(file, 0, SEEK_END) == 0) size = static_cast<uint64_t>(ftell(file));
-    fclose(file);
-  } else {
-    head.clear();
+namespace {
+
+// A read-only view of the whole package file. Reading entries from memory
+// spares libzip a read() and a copy per block.
+class MappedFile {
+ public:
+  explicit MappedFile(const std::string& path) {
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return;
+    struct stat info;
+    if (fstat(fd, &info) == 0 && S_ISREG(info.st_mode)) {
+      opened_ = true;
+      size_ = static_cast<size_t>(info.st_size);
+      if (size_ > 0) {
+        void* at = mmap(nullptr, size_, PROT_READ, MAP_PRIVATE, fd, 0);
+        if (at != MAP_FAILED) data_ = at;
+      }
+    }
+    close(fd);
+  }
+  ~MappedFile() {
+    if (data_) munmap(data_, size_);
+  }
+  MappedFile(const MappedFile&) = delete;
+  MappedFile& operator=(const MappedFile&) = delete;
+
+  bool opened() const { return opened_; }
+  const char* data() const { return static_cast<const char*>(data_); }
+  size_t size() const { return size_; }
+
+  // A libzip handle of its own on the mapped bytes; null with *error set.
+  zip_t* openArchive(int* error) const {
+    *error = ZIP_ER_NOZIP;
+    if (!data_) return nullptr;
+    zip_error_t reason;
+    zip_error_init(&reason);
+    zip_source_t* source = zip_source_buffer_create(data_, size_, 0, &reason);
+    zip_t* archive = nullptr;
+    if (source) {
+      archive = zip_open_from_source(source, ZIP_RDONLY, &reason);
+      if (!archive) zip_source_free(source);
+    }
+    *error = zip_error_code_zip(&reason);
+    zip_error_fini(&reason);
+    return archive;
   }
 
+ private:
+  bool opened_ = false;
+  void* data_ = nullptr;
+  size_t size_ = 0;
+};
+
+// One entry to read: all of it, so that libzip checks its checksum at the
+// end, or (when too large) only its first bytes, for its content type.
+struct ReadJob {
+  zip_int64_t index;
+  uint64_t size;
+  bool whole;
+  bool keep;  // config.xml: its text is wanted
+  std::string head;
+  std::string text;
+  int error = ZIP_ER_OK;
+  std::string message;
+};
+
+void readEntry(zip_t* archive, ReadJob& job, std::vector<char>& buffer) {
+  std::unique_ptr<zip_file_t, ZipFileClose> data(
+      zip_fopen_index(archive, job.index, 0));
+  if (!data) {
+    job.error = zip_error_code_zip(zip_get_error(archive));
+    job.message = zip_strerror(archive);
+    return;
+  }
+  const size_t kHead = 16;
+  uint64_t got = 0;
+  zip_int64_t n = 0;
+  while ((n = zip_fread(data.get(), buffer.data(), buffer.size())) > 0) {
+    if (job.head.size() < kHead)
+      job.head.append(buffer.data(),
+                      std::min<size_t>(kHead - job.head.size(), n));
+    if (job.keep) job.text.append(buffer.data(), n);
+    got += static_cast<uint64_t>(n);
+    if (!job.whole && got >= kHead) return;
+    // libzip refuses data longer than declared; this only keeps a lying
+    // entry from being read forever should it not.
+    if (got > job.size + buffer.size()) break;
+  }
+  if (n < 0) {
+    zip_error_t* reason = zip_file_get_error(data.get());
+    job.error = zip_error_code_zip(reason);
+    job.message = zip_error_strerror(reason);
+  }
+}
+
+// Reads every job, on two threads when the machine has two cores: checking
+// checksums means inflating the whole package, the linter's one large cost.
+// Each thread has its own libzip handle, as libzip wants.
+void readAll(const MappedFile& file, zip_t* archive, std::vector<ReadJob>& jobs) {
+  std::atomic<size_t> next(0);
+  const auto work = [&](zip_t* handle) {
+    std::vector<char> buffer(1 << 16);
+    for (size_t i = next++; i < jobs.size(); i = next++)
+      readEntry(handle, jobs[i], buffer);
+  };
+  uint64_t total = 0;
+  for (const ReadJob& job : jobs) total += job.whole ? job.size : 0;
+  std::thread helper;
+  std::unique_ptr<zip_t, ZipClose> second;
+  if (total > (1u << 20) && std::thread::hardware_concurrency() > 1) {
+    int error;
+    second.reset(file.openArchive(&error));
+    if (second) helper = std::thread(work, second.get());
+  }
+  work(archive);
+  if (helper.joinable()) helper.join();
+}
+
+}  // namespace
+
+bool PackageLinter::readArchive() {
+  MappedFile file(packagePath_);
+  if (!file.opened()) {
+    add("not-a-zip-archive", "the file cannot be read");
+    return false;
+  }
   int error = 0;
-  std::unique_ptr<zip_t, ZipClose> archive(
-      zip_open(packagePath_.c_str(), ZIP_RDONLY, &error));
+  std::unique_ptr<zip_t, ZipClose> archive(file.openArchive(&error));
   if (!archive) {
-    if (error == ZIP_ER_NOZIP || error == ZIP_ER_INCONS || size == 0) {
+    const std::string head(file.data() ? file.data() : "",
+                           std::min<size_t>(file.size(), 64));
+    if (error == ZIP_ER_NOZIP || error == ZIP_ER_INCONS || file.size() == 0) {
       if (head.compare(0, 2, "PK") == 0)
         add("archive-unreadable", printable(packagePath_));
       else
-        add("not-a-zip-archive", describeNonZip(head, size));
+        add("not-a-zip-archive", describeNonZip(head, file.size()));
     } else {
       zip_error_t reason;
       zip_error_init_with_code(&reason, error);
@@ -357,88 +478,82 @@ bool PackageLinter::readArchive() {
     return false;
   }
 
+  // First the directory, in archive order; then the data of every entry;
+  // then the findings, in archive order again.
+  struct Listed {
+    std::string name;
+    bool stated;
+    bool duplicate;
+    bool encrypted;
+    uint64_t size;
+    int job;  // index into jobs, or -1
+  };
   const zip_int64_t count = zip_get_num_entries(archive.get(), 0);
-  std::vector<char> buffer(1 << 16);
-  std::string configText;
+  std::vector<Listed> listed;
+  std::vector<ReadJob> jobs;
+  std::set<std::string> seen;
   for (zip_int64_t index = 0; index < count; ++index) {
     zip_stat_t stat;
-    if (zip_stat_index(archive.get(), index, ZIP_FL_ENC_RAW, &stat) != 0 ||
-        !(stat.valid & ZIP_STAT_NAME)) {
-      add("entry-unreadable", "entry " + std::to_string(index));
-      continue;
+    Listed item{"entry " + std::to_string(index), false, false, false, 0, -1};
+    if (zip_stat_index(archive.get(), index, ZIP_FL_ENC_RAW, &stat) == 0 &&
+        (stat.valid & ZIP_STAT_NAME)) {
+      item.name = stat.name;
+      item.stated = true;
+      item.size = stat.size;
+      item.duplicate = !seen.insert(item.name).second;
+      item.encrypted = (stat.valid & ZIP_STAT_ENCRYPTION_METHOD) &&
+                       stat.encryption_method != ZIP_EM_NONE;
+      const bool folder = !item.name.empty() && item.name.back() == '/';
+      if (!item.duplicate && !item.encrypted && !folder) {
+        const bool isConfig = item.name == "config.xml";
+        ReadJob job;
+        job.index = index;
+        job.size = stat.size;
+        job.whole = stat.size <= (isConfig ? kLargestConfig : kLargestCheckedEntry);
+        job.keep = isConfig && job.whole;
+        item.job = static_cast<int>(jobs.size());
+        jobs.push_back(std::move(job));
+      }
     }
-    const std::string entryName = stat.name;
-    const bool folder = !entryName.empty() && entryName.back() == '/';
-    if (leavesFolder(entryName))
-      add("entry-name-leaves-folder", printable(entryName));
-    if (!isValidUtf8(entryName))
-      add("entry-name-not-utf8", printable(entryName));
-    if (byName_.count(entryName)) {
-      add("duplicate-entry", printable(entryName));
-      continue;
-    }
-    if ((stat.valid & ZIP_STAT_ENCRYPTION_METHOD) &&
-        stat.encryption_method != ZIP_EM_NONE) {
-      add("entry-encrypted", printable(entryName));
-      byName_[entryName] = entries_.size();
-      entries_.push_back({entryName, stat.size, std::string()});
-      continue;
-    }
+    listed.push_back(std::move(item));
+  }
+  readAll(file, archive.get(), jobs);
 
-    Entry entry{entryName, stat.size, std::string()};
-    const bool isConfig = entryName == "config.xml";
-    if (!folder) {
-      const bool whole = stat.size <= kLargestCheckedEntry &&
-                         (!isConfig || stat.size <= kLargestConfig);
-      if (!whole && !isConfig) {
+  std::string configText;
+  for (Listed& item : listed) {
+    const std::string shown = printable(item.name);
+    if (!item.stated) {
+      add("entry-unreadable", item.name);
+      continue;
+    }
+    if (leavesFolder(item.name)) add("entry-name-leaves-folder", shown);
+    if (!isValidUtf8(item.name)) add("entry-name-not-utf8", shown);
+    if (item.duplicate) {
+      add("duplicate-entry", shown);
+      continue;
+    }
+    if (item.encrypted) add("entry-encrypted", shown);
+    Entry entry{item.name, item.size, std::string()};
+    if (item.job >= 0) {
+      ReadJob& job = jobs[item.job];
+      const bool isConfig = item.name == "config.xml";
+      if (!job.whole && !isConfig)
         add("entry-not-verified",
-            printable(entryName) + " (" + std::to_string(stat.size) +
-                " bytes)");
-      }
-      std::unique_ptr<zip_file_t, ZipFileClose> data(
-          zip_fopen_index(archive.get(), index, 0));
-      if (!data) {
-        add("entry-unreadable",
-            printable(entryName) + ": " + zip_strerror(archive.get()));
-      } else {
-        // The whole entry is read so that libzip checks its checksum at the
-        // end; of a large one only the first bytes, for its content type.
-        uint64_t wanted = whole ? stat.size : 16;
-        uint64_t got = 0;
-        zip_int64_t n = 0;
-        while (true) {
-          n = zip_fread(data.get(), buffer.data(), buffer.size());
-          if (n <= 0) break;
-          if (entry.head.size() < 16)
-            entry.head.append(buffer.data(),
-                              std::min<size_t>(16 - entry.head.size(), n));
-          if (isConfig && whole) configText.append(buffer.data(), n);
-          got += static_cast<uint64_t>(n);
-          if (!whole && got >= wanted) break;
-          // A declared size that lies is caught by libzip too; this only
-          // keeps a lying entry from being read forever.
-          if (got > stat.size + buffer.size()) break;
-        }
-        if (n < 0) {
-          zip_error_t* reason = zip_file_get_error(data.get());
-          add(zip_error_code_zip(reason) == ZIP_ER_CRC ? "entry-crc-mismatch"
-                                                       : "entry-unreadable",
-              whole || zip_error_code_zip(reason) != ZIP_ER_CRC
-                  ? printable(entryName) +
-                        (zip_error_code_zip(reason) == ZIP_ER_CRC
-                             ? std::string()
-                             : ": " + std::string(zip_error_strerror(reason)))
-                  : printable(entryName));
-        }
-      }
+            shown + " (" + std::to_string(item.size) + " bytes)");
+      if (job.error == ZIP_ER_CRC)
+        add("entry-crc-mismatch", shown);
+      else if (job.error != ZIP_ER_OK)
+        add("entry-unreadable", shown + ": " + job.message);
+      entry.head.swap(job.head);
+      if (isConfig) configText.swap(job.text);
     }
-    if (isConfig) {
+    if (item.name == "config.xml") {
       configFound_ = true;
-      if (stat.size > kLargestConfig)
+      if (item.size > kLargestConfig)
         add("config-too-large",
-            "config.xml (" + std::to_string(stat.size) + " bytes)");
+            "config.xml (" + std::to_string(item.size) + " bytes)");
     }
-    byName_[entryName] = entries_.size();
+    byName_[item.name] = entries_.size();
     entries_.push_back(std::move(entry));
   }
 
@@ -457,7 +572,7 @@ bool PackageLinter::readArchive() {
       add("config-in-subfolder", printable(inFolder));
     else
       add("config-missing", printable(packagePath_));
-  } else if (!configText.empty() || entries_[byName_["config.xml"]].size == 0) {
+  } else if (entries_[byName_["config.xml"]].size <= kLargestConfig) {
     lintConfig(configText);
   }
   return true;
