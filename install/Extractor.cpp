@@ -435,6 +435,10 @@ Extractor::~Extractor() {
   if (!keepFiles) clean();
 }
 
+bool Extractor::isAcceptedName(const std::string& name) {
+  return isValidFileName(name) && !climbsOut(name);
+}
+
 int Extractor::extract(std::vector<std::string>& files) {
   int openError = 0;
   ArchivePtr archive(zip_open(zipPath.c_str(), ZIP_CHECKCONS, &openError));
@@ -466,7 +470,7 @@ int Extractor::extract(std::vector<std::string>& files) {
       return -1;
     }
     const std::string name = entryName(stat);
-    if (!isValidFileName(name) || climbsOut(name)) {
+    if (!isAcceptedName(name)) {
       say("Incorrect file name: " + name);
       return -1;
     }

@@ -24,6 +24,11 @@ class Extractor {
   void setKeepFiles(bool keep);
   void clean();
 
+  // True when an entry name is one the extractor accepts: printable ASCII
+  // without the characters some file systems or shells treat specially, and
+  // no ".." component.
+  static bool isAcceptedName(const std::string& name);
+
   // Creates every missing folder of path that is followed by a "/".
   int makeDirectories(const std::string& path, mode_t mode);
   // Deletes a directory and all below it; never follows a symbolic link.

@@ -22,6 +22,7 @@
 
 #include "config/WidgetConfigParser.h"
 #include "install/ContentType.h"
+#include "install/Extractor.h"
 #include "install/WidgetInstaller.h"
 
 namespace {
@@ -32,6 +33,12 @@ const std::vector<LintTag> kTags = {
      "instead of the package."},
     {"archive-unreadable", "error",
      "The zip archive is damaged and its list of entries cannot be read."},
+    {"archive-inconsistent", "error",
+     "The archive's local headers disagree with its central directory, and "
+     "the package is refused."},
+    {"archive-empty", "error",
+     "The archive holds no file (nothing, or folders only), and the package "
+     "is refused."},
     {"entry-crc-mismatch", "error",
      "The entry's data does not match its recorded checksum; unzip -t and "
      "bsdtar fail it too, and the package is refused."},
@@ -41,11 +48,11 @@ const std::vector<LintTag> kTags = {
     {"entry-encrypted", "error",
      "The entry is encrypted; widget packages cannot carry encrypted files."},
     {"entry-name-leaves-folder", "error",
-     "The entry name is absolute or has a \"..\" component; the package is "
-     "refused before anything is written."},
-    {"entry-name-not-utf8", "warning",
-     "The entry name is not valid UTF-8, so pages cannot refer to the file "
-     "reliably."},
+     "The entry name has a \"..\" component, and the package is refused "
+     "before anything is written."},
+    {"entry-name-refused", "error",
+     "The entry name has a byte outside printable ASCII or one of "
+     "!\"*:<>?\\^`{|}, and the package is refused."},
     {"duplicate-entry", "warning",
      "Two entries have the same name; only one of them ends up installed."},
     {"entry-not-verified", "info",
@@ -138,19 +145,6 @@ bool isValidUtf8(const std::string& text) {
     i += extra + 1;
   }
   return true;
-}
-
-// The zip names of a path with a ".." component or a leading "/".
-bool leavesFolder(const std::string& name) {
-  if (!name.empty() && name[0] == '/') return true;
-  size_t start = 0;
-  while (start <= name.size()) {
-    size_t end = name.find('/', start);
-    if (end == std::string::npos) end = name.size();
-    if (name.compare(start, end - start, "..") == 0) return true;
-    start = end + 1;
-  }
-  return false;
 }
 
 // Names are shown as they are, except bytes that would garble a terminal
@@ -364,7 +358,7 @@ class MappedFile {
   size_t size() const { return size_; }
 
   // A libzip handle of its own on the mapped bytes; null with *error set.
-  zip_t* openArchive(int* error) const {
+  zip_t* openArchive(int* error, int flags = ZIP_RDONLY) const {
     *error = ZIP_ER_NOZIP;
     if (!data_) return nullptr;
     zip_error_t reason;
@@ -372,7 +366,7 @@ class MappedFile {
     zip_source_t* source = zip_source_buffer_create(data_, size_, 0, &reason);
     zip_t* archive = nullptr;
     if (source) {
-      archive = zip_open_from_source(source, ZIP_RDONLY, &reason);
+      archive = zip_open_from_source(source, flags, &reason);
       if (!archive) zip_source_free(source);
     }
     *error = zip_error_code_zip(&reason);
@@ -460,7 +454,14 @@ bool PackageLinter::readArchive() {
     return false;
   }
   int error = 0;
-  std::unique_ptr<zip_t, ZipClose> archive(file.openArchive(&error));
+  // The installer opens packages with libzip's consistency check; one that
+  // fails it is still read here, for whatever else there is to say.
+  std::unique_ptr<zip_t, ZipClose> archive(
+      file.openArchive(&error, ZIP_RDONLY | ZIP_CHECKCONS));
+  const bool inconsistent = !archive && error == ZIP_ER_INCONS;
+  if (!archive) archive.reset(file.openArchive(&error));
+  if (archive && inconsistent)
+    add("archive-inconsistent", printable(packagePath_));
   if (!archive) {
     const std::string head(file.data() ? file.data() : "",
                            std::min<size_t>(file.size(), 64));
@@ -518,6 +519,7 @@ bool PackageLinter::readArchive() {
     listed.push_back(std::move(item));
   }
   readAll(file, archive.get(), jobs);
+  if (jobs.empty()) add("archive-empty", printable(packagePath_));
 
   std::string configText;
   for (Listed& item : listed) {
@@ -526,8 +528,11 @@ bool PackageLinter::readArchive() {
       add("entry-unreadable", item.name);
       continue;
     }
-    if (leavesFolder(item.name)) add("entry-name-leaves-folder", shown);
-    if (!isValidUtf8(item.name)) add("entry-name-not-utf8", shown);
+    if (!Extractor::isAcceptedName(item.name)) {
+      const bool climbs =
+          ("/" + item.name + "/").find("/../") != std::string::npos;
+      add(climbs ? "entry-name-leaves-folder" : "entry-name-refused", shown);
+    }
     if (item.duplicate) {
       add("duplicate-entry", shown);
       continue;
