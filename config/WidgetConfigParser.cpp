@@ -440,6 +440,10 @@ bool fileHasOverlongTag(const std::string& path) {
 
 }  // namespace
 
+bool WidgetConfigParser::isTooLargeToValidate(xmlNode* root) {
+  return ::isTooLargeToValidate(root);
+}
+
 int WidgetConfigParser::parse() {
   QuietLibxml quiet;
 

@@ -29,6 +29,9 @@ class WidgetConfigParser {
   int parse();
 
   static int32_t toNumber(const std::string& text);
+  // True for a document far larger than any real one, which parse() refuses
+  // as invalid without handing it to the validator.
+  static bool isTooLargeToValidate(xmlNode* root);
 
  private:
   // Fills the record from the root element held in node.

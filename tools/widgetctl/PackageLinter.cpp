@@ -40,8 +40,8 @@ const std::vector<LintTag> kTags = {
      "The archive holds no file (nothing, or folders only), and the package "
      "is refused."},
     {"entry-crc-mismatch", "error",
-     "The entry's data does not match its recorded checksum; unzip -t and "
-     "bsdtar fail it too, and the package is refused."},
+     "The entry's data does not match its recorded checksum: the file is "
+     "damaged, and unzip -t and bsdtar fail it too."},
     {"entry-unreadable", "error",
      "The entry's data cannot be read (damaged or unsupported compression), "
      "and the package is refused."},
@@ -54,7 +54,7 @@ const std::vector<LintTag> kTags = {
      "The entry name has a byte outside printable ASCII or one of "
      "!\"*:<>?\\^`{|}, and the package is refused."},
     {"duplicate-entry", "warning",
-     "Two entries have the same name; only one of them ends up installed."},
+     "Two entries have the same name; the later one overwrites the first."},
     {"entry-not-verified", "info",
      "The entry is too large for its checksum to be checked here."},
     {"config-missing", "error",
@@ -62,8 +62,8 @@ const std::vector<LintTag> kTags = {
     {"config-in-subfolder", "error",
      "config.xml is inside a top folder: zip the folder's contents, not the "
      "folder."},
-    {"config-too-large", "error",
-     "config.xml is too large to be read here."},
+    {"config-too-large", "warning",
+     "config.xml is larger than 1 MB, so it is not checked here."},
     {"config-not-well-formed", "error",
      "config.xml is not well-formed XML, and the package is refused."},
     {"schema-unavailable", "error",
@@ -265,21 +265,6 @@ bool looksNumeric(const std::string& text) {
       return false;
   }
   return digit;
-}
-
-// Node count past which a document is neither validated nor walked.
-const size_t kMostNodes = 20000;
-
-size_t countNodes(xmlNode* node, size_t budget) {
-  size_t count = 0;
-  for (xmlNode* child = node; child && count <= budget; child = child->next) {
-    ++count;
-    for (xmlAttr* a = child->properties; a && count <= budget; a = a->next)
-      ++count;
-    if (child->children)
-      count += countNodes(child->children, budget - count);
-  }
-  return count;
 }
 
 }  // namespace
@@ -605,7 +590,7 @@ void PackageLinter::lintConfig(const std::string& text) {
     add("config-not-well-formed", "config.xml:0: no root element");
     return;
   }
-  const bool small = countNodes(root, kMostNodes) <= kMostNodes;
+  const bool small = !WidgetConfigParser::isTooLargeToValidate(root);
 
   // Validation with libxml2's own line and message for every complaint.
   {
@@ -622,9 +607,10 @@ void PackageLinter::lintConfig(const std::string& text) {
     if (!schema) {
       add("schema-unavailable", schemaPath_);
     } else if (!small) {
-      add("schema-invalid", "config.xml:1: more than " +
-                                std::to_string(kMostNodes) +
-                                " nodes; not validated");
+      add("schema-invalid",
+          "config.xml:" + std::to_string(xmlGetLineNo(root)) +
+              ": more elements or attributes than any real document; "
+              "refused without validation");
     } else {
       std::unique_ptr<xmlRelaxNGValidCtxt, ValidatorFree> validator(
           xmlRelaxNGNewValidCtxt(schema.get()));

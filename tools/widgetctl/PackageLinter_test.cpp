@@ -143,6 +143,16 @@ TEST_F(PackageLinterTest, EveryTagHasALevelAndASentence) {
   }
 }
 
+TEST_F(PackageLinterTest, TheDocumentationNamesEveryTagAtItsLevel) {
+  const std::string doc =
+      TempDir::readFile(std::string(WIDGETENGINE_SOURCE_DIR) + "/docs/check.md");
+  for (const LintTag& tag : PackageLinter::tags()) {
+    const std::string row =
+        std::string("| `") + tag.tag + "` | " + tag.level + " |";
+    EXPECT_NE(std::string::npos, doc.find(row)) << row;
+  }
+}
+
 TEST_F(PackageLinterTest, EntryCrcMismatch) {
   ZipBuilder zip;
   addGoodPackage(zip);
