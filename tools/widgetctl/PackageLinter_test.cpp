@@ -8,7 +8,9 @@
 #include <vector>
 
 #include "testing/ScopedEnv.h"
+#include "install/WidgetInstaller.h"
 #include "testing/TempDir.h"
+#include "testing/WidgetSandbox.h"
 #include "testing/ZipBuilder.h"
 
 namespace {
@@ -372,6 +374,57 @@ TEST_F(PackageLinterTest, EntryNamesThatLeaveTheFolderOrAreRefused) {
   EXPECT_EQ("caf\\xE9.html", find(findings, "entry-name-refused")->detail);
 }
 
+TEST_F(PackageLinterTest, TruncatedArchive) {
+  ZipBuilder zip;
+  addGoodPackage(zip);
+  const std::string path = dir.file("clock.wgt");
+  ASSERT_TRUE(zip.write(path));
+  const std::string bytes = TempDir::readFile(path);
+  TempDir::writeFile(path, bytes.substr(0, bytes.size() / 2));
+  const std::vector<LintFinding> findings = lintFile(path);
+  ASSERT_EQ(1u, findings.size()) << describe(findings);
+  EXPECT_EQ("archive-unreadable", findings[0].tag);
+}
+
+TEST_F(PackageLinterTest, UnknownCompressionMethod) {
+  ZipBuilder zip;
+  addGoodPackage(zip);
+  zip.addFile("odd.js", "var odd = 1;", ZipBuilder::kStored);
+  const std::string path = dir.file("clock.wgt");
+  ASSERT_TRUE(zip.write(path));
+  EXPECT_EQ(nullptr, find(lintFile(path), "entry-unreadable"));
+  // Method 80 in both headers of odd.js (offset 8 of the local header, 10 of
+  // the central one): no zip tool knows it.
+  std::string bytes = TempDir::readFile(path);
+  for (const auto& header : {std::make_pair(std::string("PK\x03\x04", 4), 30),
+                             std::make_pair(std::string("PK\x01\x02", 4), 46)}) {
+    for (size_t at = bytes.find(header.first); at != std::string::npos;
+         at = bytes.find(header.first, at + 1)) {
+      if (bytes.compare(at + header.second, 6, "odd.js") == 0)
+        bytes[at + (header.second == 30 ? 8 : 10)] = 80;
+    }
+  }
+  TempDir::writeFile(path, bytes);
+  const std::vector<LintFinding> findings = lintFile(path);
+  const LintFinding* finding = find(findings, "entry-unreadable");
+  ASSERT_NE(nullptr, finding) << describe(findings);
+  EXPECT_EQ(0u, finding->detail.find("odd.js: ")) << finding->detail;
+}
+
+TEST_F(PackageLinterTest, ConfigTooLarge) {
+  ZipBuilder zip;
+  zip.addFile("config.xml",
+              config("<description>" + std::string(1100000, 'x') +
+                     "</description>\n"))
+      .addFile("index.html", "<p/>");
+  const std::vector<LintFinding> findings = lint(zip);
+  ASSERT_EQ(1u, findings.size()) << describe(findings);
+  EXPECT_EQ("config-too-large", findings[0].tag);
+  ZipBuilder good;
+  addGoodPackage(good);
+  EXPECT_EQ(nullptr, find(lint(good), "config-too-large"));
+}
+
 TEST_F(PackageLinterTest, EmptyArchive) {
   ZipBuilder empty;
   EXPECT_NE(nullptr, find(lint(empty), "archive-empty"));
@@ -434,6 +487,51 @@ TEST_F(PackageLinterTest, EveryFindingIsReachedNotOnlyTheFirst) {
       "icon-content-mismatch",  "content-src-missing",
       "localized-copy-without-default", "name-needs-escaping"};
   EXPECT_EQ(expected, tagsOf(findings)) << describe(findings);
+}
+
+// --- the linter and the engine agree on what is refused ------------------
+
+class LinterAndEngine : public WidgetSandbox {
+ protected:
+  // The installer's status for the package, and whether the linter gave an
+  // error for it.
+  std::pair<int, bool> judge(const ZipBuilder& zip, const std::string& name) {
+    const std::string path = writePackage(name, zip);
+    PackageLinter linter(path, "file://" + path, WIDGETENGINE_TEST_SCHEMA_PATH);
+    bool error = false;
+    for (const LintFinding& finding : linter.run())
+      error = error || finding.level == "error";
+    WidgetInstaller installer("file://" + path);
+    return {installer.run(), error};
+  }
+};
+
+TEST_F(LinterAndEngine, AGoodPackageInstallsAndARefusedOneHasAnError) {
+  ZipBuilder good;
+  addGoodPackage(good);
+  EXPECT_EQ(std::make_pair(0, false), judge(good, "good.wgt"));
+
+  ZipBuilder folder;
+  folder.addFolder("clock/").addFile("clock/config.xml", config(kGoodBody))
+      .addFile("clock/main.html", "<p/>");
+  ZipBuilder invalid;
+  invalid.addFile("config.xml", "<widget><name>x</name></widget>")
+      .addFile("index.html", "<p/>");
+  ZipBuilder badName;
+  addGoodPackage(badName);
+  badName.addFile("caf\xc3\xa9.html", "x");
+  ZipBuilder noStart;
+  noStart.addFile("config.xml", config("<content src=\"main.html\"/>\n"))
+      .addFile("start.html", "<p/>");
+  ZipBuilder empty;
+  int round = 0;
+  for (const ZipBuilder* zip : {&folder, &invalid, &badName, &noStart, &empty}) {
+    const std::pair<int, bool> verdict =
+        judge(*zip, "refused" + std::to_string(++round) + ".wgt");
+    EXPECT_NE(0, verdict.first) << "package " << round;
+    EXPECT_TRUE(verdict.second) << "package " << round;
+  }
+  EXPECT_EQ(5, round);
 }
 
 // --- hostile packages: findings, never a crash, hang or stray file --------
