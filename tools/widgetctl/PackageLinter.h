@@ -45,9 +45,9 @@ class PackageLinter {
 
   // Entries larger than this (as declared) are not read to check their
   // checksum; such an entry is reported instead.
-  static const uint64_t kLargestCheckedEntry = 256ull << 20;
+  static constexpr uint64_t kLargestCheckedEntry = 256ull << 20;
   // A config.xml larger than this is not parsed.
-  static const uint64_t kLargestConfig = 1u << 20;
+  static constexpr uint64_t kLargestConfig = 1u << 20;
 
  private:
   struct Entry {
