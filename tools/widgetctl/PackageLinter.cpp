@@ -18,6 +18,7 @@
 #include <cstring>
 #include <memory>
 #include <set>
+#include <system_error>
 #include <thread>
 
 #include "config/WidgetConfigParser.h"
@@ -424,7 +425,11 @@ void readAll(const MappedFile& file, zip_t* archive, std::vector<ReadJob>& jobs)
   if (total > (1u << 20) && std::thread::hardware_concurrency() > 1) {
     int error;
     second.reset(file.openArchive(&error));
-    if (second) helper = std::thread(work, second.get());
+    // Without a second thread the one below reads everything.
+    try {
+      if (second) helper = std::thread(work, second.get());
+    } catch (const std::system_error&) {
+    }
   }
   work(archive);
   if (helper.joinable()) helper.join();
