@@ -3,6 +3,7 @@
 #include <curl/curl.h>
 #include <libxml/parser.h>
 #include <libxml/relaxng.h>
+#include <libxml/globals.h>
 #include <libxml/tree.h>
 #include <libxml/xmlerror.h>
 #include <fcntl.h>
@@ -230,13 +231,22 @@ void collectXmlError(void* user, xmlErrorPtr error) {
 }
 
 // Routes libxml2's reports in this thread to one collector while it lives,
-// and back to the default after.
+// and gives the caller's handler back after.
 class RouteXmlErrors {
  public:
-  explicit RouteXmlErrors(XmlMessages* messages) {
+  explicit RouteXmlErrors(XmlMessages* messages)
+      : savedHandler_(xmlStructuredError),
+        savedContext_(xmlStructuredErrorContext) {
     xmlSetStructuredErrorFunc(messages, collectXmlError);
   }
-  ~RouteXmlErrors() { xmlSetStructuredErrorFunc(nullptr, nullptr); }
+  ~RouteXmlErrors() { xmlSetStructuredErrorFunc(savedContext_, savedHandler_); }
+
+  RouteXmlErrors(const RouteXmlErrors&) = delete;
+  RouteXmlErrors& operator=(const RouteXmlErrors&) = delete;
+
+ private:
+  xmlStructuredErrorFunc savedHandler_;
+  void* savedContext_;
 };
 
 std::string attribute(xmlNode* element, const char* name) {

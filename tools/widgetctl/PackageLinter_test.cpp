@@ -1,6 +1,8 @@
 #include "tools/widgetctl/PackageLinter.h"
 
 #include <gtest/gtest.h>
+#include <libxml/parser.h>
+#include <libxml/xmlerror.h>
 
 #include <algorithm>
 #include <cstring>
@@ -346,6 +348,21 @@ TEST_F(PackageLinterTest, SchemaInvalidGivesLibxmlLineAndMessage) {
   EXPECT_EQ(0u, finding->detail.find("config.xml:2: ")) << finding->detail;
   EXPECT_NE(std::string::npos, finding->detail.find("widget"))
       << finding->detail;
+}
+
+void countXmlError(void* calls, xmlErrorPtr) { ++*static_cast<int*>(calls); }
+
+TEST_F(PackageLinterTest, LibxmlReportsReachTheCallerAgainAfterwards) {
+  int calls = 0;
+  xmlSetStructuredErrorFunc(&calls, countXmlError);
+  ZipBuilder zip;
+  zip.addFile("config.xml", "<widget").addFile("index.html", "<p/>");
+  EXPECT_NE(nullptr, find(lint(zip), "config-not-well-formed"));
+  EXPECT_EQ(0, calls);
+  xmlDocPtr doc = xmlReadMemory("<a", 2, "x.xml", nullptr, 0);
+  xmlFreeDoc(doc);
+  EXPECT_LT(0, calls);
+  xmlSetStructuredErrorFunc(nullptr, nullptr);
 }
 
 TEST_F(PackageLinterTest, MissingSchemaIsReported) {
