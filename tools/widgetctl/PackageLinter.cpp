@@ -5,6 +5,7 @@
 #include <libxml/relaxng.h>
 #include <libxml/globals.h>
 #include <libxml/tree.h>
+#include <libxml/xmlstring.h>
 #include <libxml/xmlerror.h>
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -111,52 +112,17 @@ const LintTag* findTag(const char* tag) {
 const char* const kDefaultStartFiles[] = {
     "index.htm", "index.html", "index.svg", "index.xhtml", "index.xht"};
 
-bool isValidUtf8(const std::string& text) {
-  size_t i = 0;
-  const size_t n = text.size();
-  while (i < n) {
-    const unsigned char c = static_cast<unsigned char>(text[i]);
-    size_t extra;
-    uint32_t code;
-    if (c < 0x80) {
-      ++i;
-      continue;
-    } else if ((c & 0xE0) == 0xC0) {
-      extra = 1;
-      code = c & 0x1F;
-    } else if ((c & 0xF0) == 0xE0) {
-      extra = 2;
-      code = c & 0x0F;
-    } else if ((c & 0xF8) == 0xF0) {
-      extra = 3;
-      code = c & 0x07;
-    } else {
-      return false;
-    }
-    if (i + extra >= n) return false;
-    for (size_t k = 1; k <= extra; ++k) {
-      const unsigned char next = static_cast<unsigned char>(text[i + k]);
-      if ((next & 0xC0) != 0x80) return false;
-      code = (code << 6) | (next & 0x3F);
-    }
-    // Overlong forms, surrogates and values past U+10FFFF.
-    static const uint32_t kSmallest[] = {0, 0x80, 0x800, 0x10000};
-    if (code < kSmallest[extra] || code > 0x10FFFF ||
-        (code >= 0xD800 && code <= 0xDFFF))
-      return false;
-    i += extra + 1;
-  }
-  return true;
-}
-
 // Names are shown as they are, except bytes that would garble a terminal
 // line, and very long ones are cut.
 std::string printable(const std::string& name) {
   static const size_t kLongest = 200;
+  // Names come from zip entries and XML attributes: C strings, never holding
+  // a NUL, as xmlCheckUTF8 wants.
+  const bool utf8 = xmlCheckUTF8(BAD_CAST name.c_str()) != 0;
   std::string shown;
   for (size_t i = 0; i < name.size() && i < kLongest; ++i) {
     const unsigned char c = static_cast<unsigned char>(name[i]);
-    if (c < 0x20 || c == 0x7F || (c >= 0x80 && !isValidUtf8(name))) {
+    if (c < 0x20 || c == 0x7F || (c >= 0x80 && !utf8)) {
       char hex[5];
       snprintf(hex, sizeof hex, "\\x%02X", c);
       shown += hex;
