@@ -11,8 +11,15 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <functional>
+#include <map>
 #include <string>
 #include <vector>
+
+#include <benchmark/benchmark.h>
 
 extern char** environ;
 
@@ -71,6 +78,69 @@ inline int runProgram(const std::vector<std::string>& arguments) {
   if (status != 0) return -1;
   waitpid(child, &status, 0);
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// Standard output goes to the file at path while the object lives: the
+// engine's own lines (one trace line per entry, download messages) are
+// written while measuring, as they would be on a device, but not shown.
+class StdoutToLog {
+ public:
+  explicit StdoutToLog(const std::string& path) {
+    fflush(stdout);
+    saved_ = dup(1);
+    int log = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    dup2(log, 1);
+    close(log);
+  }
+  ~StdoutToLog() {
+    fflush(stdout);
+    dup2(saved_, 1);
+    close(saved_);
+  }
+  StdoutToLog(const StdoutToLog&) = delete;
+  StdoutToLog& operator=(const StdoutToLog&) = delete;
+
+ private:
+  int saved_;
+};
+
+// The wall-clock seconds of every run, by benchmark name, for the summary.
+inline std::map<std::string, std::vector<double>>& seconds() {
+  static std::map<std::string, std::vector<double>> runs;
+  return runs;
+}
+
+// Times each iteration of run under name; a run that fails marks the
+// benchmark as failed.
+inline void record(benchmark::State& state, const std::string& name,
+                   const std::function<bool()>& run) {
+  bool ok = true;
+  for (auto _ : state) {
+    auto start = std::chrono::steady_clock::now();
+    ok = run() && ok;
+    seconds()[name].push_back(std::chrono::duration<double>(
+                                  std::chrono::steady_clock::now() - start)
+                                  .count());
+  }
+  if (!ok) state.SkipWithError("the run failed");
+}
+
+inline double median(std::vector<double> values) {
+  if (values.empty()) return 0;
+  std::sort(values.begin(), values.end());
+  const size_t n = values.size();
+  return n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
+}
+
+// One summary line: both medians, their ratio and whether it meets target.
+inline void printRatio(const std::string& ours, const std::string& theirs,
+                       double target, int width = 22) {
+  const double a = median(seconds()[ours]);
+  const double b = median(seconds()[theirs]);
+  if (a <= 0 || b <= 0) return;
+  printf("%-*s %9.2f ms  %-*s %9.2f ms  ratio %.3f  target <= %.2f  %s\n",
+         width, ours.c_str(), a * 1e3, width, theirs.c_str(), b * 1e3, a / b,
+         target, a / b <= target ? "met" : "MISSED");
 }
 
 }  // namespace benchruns

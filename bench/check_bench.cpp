@@ -32,42 +32,12 @@ const std::string kRunsDir = kDataDir + "/check-runs";
 const std::string kSchema =
     std::string(WIDGETENGINE_SOURCE_DIR) + "/config/WidgetConfig.rng";
 
-// The engine's trace lines go to a log file while measuring, as they would
-// on a device.
-class StdoutToLog {
- public:
-  StdoutToLog() {
-    fflush(stdout);
-    saved_ = dup(1);
-    int log = open((kDataDir + "/check-output.log").c_str(),
-                   O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    dup2(log, 1);
-    close(log);
-  }
-  ~StdoutToLog() {
-    fflush(stdout);
-    dup2(saved_, 1);
-    close(saved_);
-  }
-
- private:
-  int saved_;
+// The engine's trace lines go to a log file while measuring.
+struct StdoutToLog : benchruns::StdoutToLog {
+  StdoutToLog() : benchruns::StdoutToLog(kDataDir + "/check-output.log") {}
 };
 
-std::map<std::string, std::vector<double>> seconds;
-
-void record(benchmark::State& state, const std::string& name,
-            const std::function<bool()>& run) {
-  bool ok = true;
-  for (auto _ : state) {
-    auto start = std::chrono::steady_clock::now();
-    ok = run() && ok;
-    seconds[name].push_back(std::chrono::duration<double>(
-                                std::chrono::steady_clock::now() - start)
-                                .count());
-  }
-  if (!ok) state.SkipWithError("the run failed");
-}
+using benchruns::record;
 
 // A fresh widget root and registry directory, as check makes its sandbox.
 void makeSandbox(const std::string& dir) {
@@ -122,23 +92,6 @@ void BM_Lint(benchmark::State& state) {
   });
 }
 
-double median(std::vector<double> values) {
-  if (values.empty()) return 0;
-  std::sort(values.begin(), values.end());
-  const size_t n = values.size();
-  return n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
-}
-
-void printRatio(const std::string& ours, const std::string& theirs,
-                double target) {
-  const double a = median(seconds[ours]);
-  const double b = median(seconds[theirs]);
-  if (a <= 0 || b <= 0) return;
-  printf("%-12s %9.2f ms  %-12s %9.2f ms  ratio %.3f  target <= %.2f  %s\n",
-         ours.c_str(), a * 1e3, theirs.c_str(), b * 1e3, a / b, target,
-         a / b <= target ? "met" : "MISSED");
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -163,8 +116,8 @@ int main(int argc, char** argv) {
   benchmark::Shutdown();
 
   printf("\nMedians of %d paired rounds (typical package):\n", rounds);
-  printRatio("BM_Check", "BM_Install", 1.5);
-  printRatio("BM_Lint", "BM_Install", 0.5);
+  benchruns::printRatio("BM_Check", "BM_Install", 1.5, 12);
+  benchruns::printRatio("BM_Lint", "BM_Install", 0.5, 12);
   TempDir::removeTree(kRunsDir);
   return 0;
 }

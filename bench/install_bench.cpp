@@ -56,42 +56,13 @@ std::string freshRunPath(const char* kind) {
 
 using benchruns::runProgram;
 
-// The engine's own lines (one trace line per entry, download messages) go to
-// a log file while measuring, as they would on a device.
-class StdoutToLog {
- public:
-  StdoutToLog() {
-    fflush(stdout);
-    saved_ = dup(1);
-    int log = open((kDataDir + "/engine-output.log").c_str(),
-                   O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    dup2(log, 1);
-    close(log);
-  }
-  ~StdoutToLog() {
-    fflush(stdout);
-    dup2(saved_, 1);
-    close(saved_);
-  }
-
- private:
-  int saved_;
+// The engine's own lines go to a log file while measuring.
+struct StdoutToLog : benchruns::StdoutToLog {
+  StdoutToLog() : benchruns::StdoutToLog(kDataDir + "/engine-output.log") {}
 };
 
-std::map<std::string, std::vector<double>> seconds;
-
-void record(benchmark::State& state, const std::string& name,
-            const std::function<bool()>& run) {
-  bool ok = true;
-  for (auto _ : state) {
-    auto start = std::chrono::steady_clock::now();
-    ok = run() && ok;
-    seconds[name].push_back(std::chrono::duration<double>(
-                                std::chrono::steady_clock::now() - start)
-                                .count());
-  }
-  if (!ok) state.SkipWithError("the run failed");
-}
+using benchruns::printRatio;
+using benchruns::record;
 
 void BM_Extract(benchmark::State& state, const char* package) {
   const std::string target = freshRunPath("extract") + "/widget_bench/";
@@ -156,23 +127,6 @@ void BM_CurlCli(benchmark::State& state, const char* scheme) {
   record(state, std::string("BM_CurlCli/") + scheme, [&] {
     return runProgram({"curl", "-s", "-o", folder + "/fileAbCdEf", url}) == 0;
   });
-}
-
-double median(std::vector<double> values) {
-  if (values.empty()) return 0;
-  std::sort(values.begin(), values.end());
-  const size_t n = values.size();
-  return n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
-}
-
-void printRatio(const std::string& ours, const std::string& theirs,
-                double target) {
-  const double a = median(seconds[ours]);
-  const double b = median(seconds[theirs]);
-  if (a <= 0 || b <= 0) return;
-  printf("%-22s %9.2f ms  %-22s %9.2f ms  ratio %.3f  target <= %.2f  %s\n",
-         ours.c_str(), a * 1e3, theirs.c_str(), b * 1e3, a / b, target,
-         a / b <= target ? "met" : "MISSED");
 }
 
 int envInt(const char* name, int fallback) {
