@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The two set-up commands: `make demo` and `make test`. Both install what they
 # need first (tools/setup.sh), so each works alone on a fresh Debian machine.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The widget packages that the benchmarks unpack and install, built once
 // under the build tree: "typical" (about 200 files and 15 MB of text and
 // images in nested folders, with locales/) and "large" (ten typical ones side

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Helpers shared by the benchmark programs that time work on the file
 // system or in other programs: fresh run directories that are never reused,
 // and running a program the way a shell would, with its output discarded.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Cost of `widgetctl check` against an install of the same package: check is
 // an install into a throw-away sandbox followed by the linter, so the ratio of
 // the two says what linting adds. The linter alone is measured as well.

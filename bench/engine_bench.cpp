@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Speed of the engine as the browser calls it, each figure beside a twin
 // measured in the same run:
 //  - getInfo and getAll through the delegate against the plain statement

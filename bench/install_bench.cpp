@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Speed of getting a package onto the disk: unpacking with Extractor against
 // bsdtar and unzip, and downloading with Downloader against the curl program,
 // on the same packages and URLs in the same run.

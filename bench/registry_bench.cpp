@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Speed of the registry's operations on registries of N widgets of 100 files
 // each, every one measured beside its literal twin (the same answer from the
 // plain statement texts run through sqlite3_get_table on a connection of its

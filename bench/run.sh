@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Runs every benchmark program of a build: bench/<area>_bench.cpp is built as
 # <area>_bench, prints its table and writes Google Benchmark's JSON to
 # <outdir>/<area>.json.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // WidgetConfig is a widget's config.xml in memory: identity, size, localized
 // texts, author, icons, preferences, features and the start file. The parser
 // fills it; the installer reads it. Absent optional values are null pointers.

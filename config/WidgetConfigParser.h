@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // WidgetConfigParser reads a widget's config.xml with libxml2, validates it
 // against the engine's RELAX NG schema and walks it into a WidgetConfig. It
 // never loads external entities or DTDs and never touches the network.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "config/WidgetConfigParser.h"
 
 #include <arpa/inet.h>
@@ -13,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "config/TestWidget.h"
+#include "testing/TestWidget.h"
 #include "config/WidgetConfig.h"
 #include "testing/CaptureStdout.h"
 #include "testing/ConfigRecord.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tests of the configuration document grammar (config/WidgetConfig.rng) on
 // its own, through libxml2's RELAX NG validator: small documents that each
 // prove one rule, and the real widget documents of the shared corpus.

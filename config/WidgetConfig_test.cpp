@@ -1,10 +1,11 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "config/WidgetConfig.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
 
-#include "config/TestWidget.h"
+#include "testing/TestWidget.h"
 #include "testing/CaptureStdout.h"
 #include "testing/ConfigRecord.h"
 

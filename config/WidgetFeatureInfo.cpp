@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "config/WidgetFeatureInfo.h"
 
 WidgetFeatureInfo::WidgetFeatureInfo(const std::string& name, bool required)

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // WidgetFeatureInfo is one feature that a widget asks for, with its params.
 #ifndef WIDGETENGINE_WIDGETFEATUREINFO_H_
 #define WIDGETENGINE_WIDGETFEATUREINFO_H_

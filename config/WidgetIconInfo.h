@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // WidgetIconInfo is one icon of a widget: its file, relative to the widget's
 // directory, and its size when the configuration gives one.
 #ifndef WIDGETENGINE_WIDGETICONINFO_H_

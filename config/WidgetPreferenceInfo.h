@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // WidgetPreferenceInfo is one preference declared by a widget's configuration.
 #ifndef WIDGETENGINE_WIDGETPREFERENCEINFO_H_
 #define WIDGETENGINE_WIDGETPREFERENCEINFO_H_

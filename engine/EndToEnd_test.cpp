@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The engine as a browser drives it: every call goes through the delegate that
 // createInstance() returns, packages come from a real HTTP server on
 // 127.0.0.1 or from file:// URLs, and the engine's output is checked line by

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Checks the engine as a browser meets it: the handle, the reference count,
 // the slot order of the interface, the exported symbols, and a host program
 // built against an installed copy of the library.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // RefPtr<T> is the host browser's reference-holding handle: one pointer wide,
 // it takes a reference on the SharedObject it points at and releases it when
 // it goes away, deleting the object (through its virtual destructor) with the

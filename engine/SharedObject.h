@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // SharedObject<T> is the host browser's intrusive reference count: one
 // unsigned counter, 0 at construction, raised and lowered by the handles
 // (RefPtr<T>) that point at the object. It is a non-virtual base.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // UserAgentLocales turns the browser's accept-language string (a comma-
 // separated list of language tags) into the ordered list of lower-case locales
 // that localized texts and files are looked up with: every accepted tag

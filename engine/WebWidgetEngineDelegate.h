@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // WebWidgetEngineDelegate is the host browser's abstract interface to a widget
 // engine: install, delete, describe, list, map and recognise widgets. The
 // host holds it through RefPtr<WebWidgetEngineDelegate>.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // WidgetEngineDelegate is libwidgetengine's one exported class: the browser's
 // widget engine. A browser includes this header, obtains the engine with
 // createInstance() and calls the six operations of WebWidgetEngineDelegate on

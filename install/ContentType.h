@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // ContentType tells the media type of a widget file, by the extension of its
 // name (exact, case-sensitive table) or by the first bytes of its content
 // (four raster image formats). Both answer "unknown" when they cannot tell.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Downloader fetches one widget package from a URL into one local file with
 // libcurl, synchronously. Destroying it removes that file, so the package
 // never outlives the installation job.

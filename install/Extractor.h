@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Extractor checks a widget package (a zip archive) entry by entry and then
 // unpacks it into a target directory. Unless told to keep its files,
 // destroying it removes the whole target directory again.

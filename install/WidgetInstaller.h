@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // WidgetInstaller is the job that turns one package URL into one installed
 // widget: download, unpack, parse config.xml, choose the start file and icons,
 // register the widget and compose its launch URL. One object runs once; a

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // WidgetQuery is the job that answers the browser's read requests: the record
 // of one installed widget, by name, with its texts localized for a locale
 // list (getInfo), and the records of every installed widget (getAll). It opens

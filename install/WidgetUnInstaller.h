@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // WidgetUnInstaller is the job that removes one installed widget by name: it
 // finds the widget's row, deletes its storage directory, then deletes the
 // row. It opens a registry connection of its own for its life.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The five keys under which a widget's localized texts are stored in and read
 // back from the registry. The installer writes under these names and the
 // lookups read them, so both take them from here.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // LookupCache answers the two lookups that the browser makes on every page
 // and resource load (the widget named by a launch URL, the widget file behind
 // a path) from memory, without running a statement. It is loaded lazily from

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The in-memory lookups answer exactly what the lookup statements, pasted
 // and run through sqlite3_get_table, answer on the same rows, and they are
 // never stale: a change made through another connection, in this process or
@@ -12,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "registry/RegistryTestUtil.h"
+#include "testing/RegistryTestUtil.h"
 #include "registry/SqlLite3.h"
 #include "testing/LiteralRegistry.h"
 

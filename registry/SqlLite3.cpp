@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "registry/SqlLite3.h"
 
 #include <sqlite3.h>

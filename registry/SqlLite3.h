@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // SqlLite3 is one connection to the widget registry, the SQLite file
 // "widget.db": construction opens it and makes sure its three tables exist,
 // isOpen() tells whether it is usable, destruction closes it. Every statement

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reading widget records, the launch-URL lookup, localized resources and
 // localized texts.
 #include <gtest/gtest.h>
@@ -5,7 +6,7 @@
 #include <string>
 
 #include "registry/LocalizedItemKeys.h"
-#include "registry/RegistryTestUtil.h"
+#include "testing/RegistryTestUtil.h"
 #include "registry/SqlLite3.h"
 #include "testing/CaptureStdout.h"
 

@@ -1,10 +1,11 @@
+// SPDX-License-Identifier: Apache-2.0
 // Registering widgets, their files and localized texts; removing them; the
 // job transaction; values holding quote characters.
 #include <gtest/gtest.h>
 
 #include <string>
 
-#include "registry/RegistryTestUtil.h"
+#include "testing/RegistryTestUtil.h"
 #include "registry/SqlLite3.h"
 #include "testing/CaptureStdout.h"
 #include "testing/OutputChecks.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Opening the registry, its tables, the generic query routine, and files
 // that are not usable registries.
 #include "registry/SqlLite3.h"
@@ -8,7 +9,7 @@
 
 #include <memory>
 
-#include "registry/RegistryTestUtil.h"
+#include "testing/RegistryTestUtil.h"
 #include "registry/Statements.h"
 #include "testing/CaptureStdout.h"
 #include "testing/ScopedEnv.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Every statement text that the engine runs against the registry. Nothing
 // outside registry/ holds SQL; values are always bound to the numbered
 // parameters, never pasted into these texts.

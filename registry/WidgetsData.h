@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // WidgetsData is one row of the registry's Widgets table in memory, with the
 // widget's file list and its localized texts. The engine hands these records
 // to the browser (getInfo, getAll), which deletes them when done.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // CaptureStdout collects everything the process writes to its standard output
 // (printf and std::cout alike) between construction and text(), so that tests
 // can check the engine's output lines in their order.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A check on a widget configuration record: that it holds nothing but what
 // its constructor gives it, the default content encoding and type.
 #ifndef WIDGETENGINE_TESTING_CONFIGRECORD_H_

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "testing/ConfigXml.h"
 
 std::string widgetElement(const std::string& body,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Widget configuration documents for tests: a <widget> root in the widgets
 // namespace around the given children, with the given root attributes
 // (written as in the document, e.g. "id=\"urn:x\" version=\"1.0\"").

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // HttpServer is a small real HTTP/1.1 server on 127.0.0.1 for tests and
 // benchmarks that download: it listens on a free port from construction to
 // destruction, answers each request from a table of routes on its own thread

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "testing/LiteralRegistry.h"
 
 #include <sqlite3.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // LiteralRegistry is the registry done the plain way: every value pasted into
 // the statement text, every statement run with sqlite3_get_table, nothing
 // prepared, cached or indexed. Tests use it as the oracle the engine's own

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Checks on what the engine prints: a call's result together with its whole
 // output, and the output taken line by line (the lines of a text, whether
 // some lines appear in order among them, whether it ends with given lines).

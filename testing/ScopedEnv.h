@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // ScopedEnv sets (or unsets) one environment variable for the life of the
 // object and restores the previous state afterwards.
 #ifndef WIDGETENGINE_TESTING_SCOPEDENV_H_

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // TempDir is a fresh directory under $TMPDIR (or /tmp) for one test, removed
 // with everything below it when the object goes away. Removal never follows
 // symbolic links.

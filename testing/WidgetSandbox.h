@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // WidgetSandbox is the fixture of tests that install widgets for real. Each
 // test gets, inside its own TempDir, a widget root holding the tmp/ folder
 // that receives downloads, a registry directory and a folder for the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // ZipBuilder writes zip packages for tests and benchmarks with libzip's
 // writing side: files (stored or deflated), folder entries, names given byte
 // by byte, encrypted entries and large runs of zeros made on the fly.

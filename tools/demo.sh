@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Runs the engine's whole story on the bundled sample widget with widgetctl:
 # packs tools/sample-widget/ into BUILD/demo/sample-clock.wgt, installs it
 # from its file:// URL into a fresh sandbox under BUILD/demo/, then lists,

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Installs the Debian packages that building, testing, benchmarking and the
 # demo need, and only those that are missing. Safe to run again.
 set -euo pipefail
@@ -7,7 +8,11 @@ packages=(
   g++ make cmake pkg-config
   libcurl4-openssl-dev libzip-dev zlib1g-dev libxml2-dev libsqlite3-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev
-  python3 zip unzip curl libarchive-tools binutils
+  python3 zip unzip curl libarchive-tools binutils sqlite3 libxml2-utils
+  clang libfuzzer-14-dev libclang-rt-14-dev
+  libwebkit2gtk-4.1-dev xvfb xauth
+  nlohmann-json3-dev bash-completion
+  dpkg-dev fakeroot lintian file
 )
 
 missing=()

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // widgetctl is a small command-line host of the widget engine. Integrators use
 // it to install, list, describe, map, recognise and remove widgets exactly as
 // a browser would (through WidgetEngineDelegate, with the engine's own output

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // widgetctl as its users run it: the built program in a child process, with
 // its widget root, registry and temporary directory inside a TempDir.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // PackageLinter looks at a widget package the way its author needs it looked
 // at: every problem it can reach, each as a finding with a level, a stable tag,
 // what it is about and one sentence of explanation. It only reports; whether

@@ -1,7 +1,8 @@
+// SPDX-License-Identifier: Apache-2.0
 // TestWidget gives a test a real WidgetInstaller whose storage directory is a
 // fresh temporary directory, and a way to put files into that directory.
-#ifndef WIDGETENGINE_CONFIG_TESTWIDGET_H_
-#define WIDGETENGINE_CONFIG_TESTWIDGET_H_
+#ifndef WIDGETENGINE_TESTING_TESTWIDGET_H_
+#define WIDGETENGINE_TESTING_TESTWIDGET_H_
 
 #include <sys/stat.h>
 
@@ -37,4 +38,4 @@ class TestWidget {
   std::unique_ptr<WidgetInstaller> installer;
 };
 
-#endif  // WIDGETENGINE_CONFIG_TESTWIDGET_H_
+#endif  // WIDGETENGINE_TESTING_TESTWIDGET_H_

@@ -1,8 +1,9 @@
+// SPDX-License-Identifier: Apache-2.0
 // Helpers shared by the registry's tests: a registry in a fresh directory, a
 // plain SQLite connection to look at the file behind the engine's back, and
 // a child process whose standard output is collected.
-#ifndef WIDGETENGINE_REGISTRYTESTUTIL_H_
-#define WIDGETENGINE_REGISTRYTESTUTIL_H_
+#ifndef WIDGETENGINE_TESTING_REGISTRYTESTUTIL_H_
+#define WIDGETENGINE_TESTING_REGISTRYTESTUTIL_H_
 
 #include <gtest/gtest.h>
 #include <sqlite3.h>
@@ -176,4 +177,4 @@ class ExclusiveLock {
 
 }  // namespace registrytest
 
-#endif  // WIDGETENGINE_REGISTRYTESTUTIL_H_
+#endif  // WIDGETENGINE_TESTING_REGISTRYTESTUTIL_H_
