@@ -3,7 +3,6 @@
 
 #include <fcntl.h>
 #include <sqlite3.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -14,14 +13,13 @@
 
 namespace {
 
-// The first page of the file is mapped; only the header at its start is read.
-constexpr size_t kHeaderMap = 4096;
 // Offsets in the database header: the file change counter and the read and
 // write format versions (2 = WAL, where commits leave the counter alone).
+// The header is read up to the end of the counter.
 constexpr size_t kChangeCounterOffset = 24;
 constexpr size_t kWriteVersionOffset = 18;
 constexpr size_t kReadVersionOffset = 19;
-constexpr size_t kHeaderSize = 100;
+constexpr size_t kHeaderRead = kChangeCounterOffset + 4;
 
 inline uint64_t mix(uint64_t h) {
   h ^= h >> 32;
@@ -95,58 +93,48 @@ void LookupCache::Table::reset(size_t entries) {
   mask = static_cast<uint32_t>(size - 1);
 }
 
-LookupCache::LookupCache() : state_(kEmpty), counter_(0), header_(nullptr) {}
+LookupCache::LookupCache() : state_(kEmpty), counter_(0), fd_(-1) {}
 
 LookupCache::~LookupCache() {
-  if (header_) munmap(const_cast<unsigned char*>(header_), kHeaderMap);
+  if (fd_ >= 0) close(fd_);
 }
 
-bool LookupCache::map(sqlite3* db) {
-  const char* file = sqlite3_db_filename(db, "main");
-  if (!file || !*file) return false;
-  int fd = open(file, O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return false;
-  struct stat st;
-  // A page wholly past the end of the file cannot be read through a mapping;
-  // a file without its header is not mapped (tried again next time).
-  if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) ||
-      st.st_size < static_cast<off_t>(kHeaderSize)) {
-    close(fd);
+// The header is read with pread() on a descriptor kept open, not through a
+// mapping: another process may truncate the file at any moment, and reading
+// a mapped page that is no longer backed by the file raises SIGBUS, which
+// would take the browser down. A short read simply makes the counter
+// untrusted, and the statements answer.
+bool LookupCache::readCounter(sqlite3* db, uint32_t& value) {
+  if (fd_ < 0) {
+    const char* file = sqlite3_db_filename(db, "main");
+    if (!file || !*file) return false;
+    fd_ = open(file, O_RDONLY | O_CLOEXEC);
+    if (fd_ < 0) return false;
+  }
+  unsigned char header[kHeaderRead];
+  if (pread(fd_, header, sizeof header, 0) !=
+      static_cast<ssize_t>(sizeof header)) {
     return false;
   }
-  void* page = mmap(nullptr, kHeaderMap, PROT_READ, MAP_SHARED, fd, 0);
-  close(fd);
-  if (page == MAP_FAILED) return false;
-  header_ = static_cast<const unsigned char*>(page);
+  if (header[kWriteVersionOffset] == 2 || header[kReadVersionOffset] == 2) {
+    return false;
+  }
+  const unsigned char* c = header + kChangeCounterOffset;
+  value = (uint32_t{c[0]} << 24) | (uint32_t{c[1]} << 16) |
+          (uint32_t{c[2]} << 8) | uint32_t{c[3]};
   return true;
-}
-
-uint32_t LookupCache::counter() const {
-  uint32_t raw = __atomic_load_n(
-      reinterpret_cast<const uint32_t*>(header_ + kChangeCounterOffset),
-      __ATOMIC_ACQUIRE);
-  return __builtin_bswap32(raw);
-}
-
-bool LookupCache::trusted(sqlite3* db, bool insideRead) {
-  // Inside a transaction the connection sees its own uncommitted writes,
-  // which the counter does not reflect.
-  if (!insideRead && !sqlite3_get_autocommit(db)) return false;
-  if (!header_ && !map(db)) return false;
-  return __atomic_load_n(header_ + kWriteVersionOffset, __ATOMIC_RELAXED) !=
-             2 &&
-         __atomic_load_n(header_ + kReadVersionOffset, __ATOMIC_RELAXED) != 2;
 }
 
 bool LookupCache::stamp(sqlite3* db, uint32_t& value, bool insideRead) {
-  if (!trusted(db, insideRead)) return false;
-  value = counter();
-  return true;
+  // Inside a transaction the connection sees its own uncommitted writes,
+  // which the counter does not reflect.
+  if (!insideRead && !sqlite3_get_autocommit(db)) return false;
+  return readCounter(db, value);
 }
 
 bool LookupCache::fresh(sqlite3* db) {
-  if (!trusted(db, false)) return false;
-  uint32_t now = counter();
+  uint32_t now = 0;
+  if (!stamp(db, now)) return false;
   if (now == counter_) {
     if (state_ == kLoaded) return true;
     if (state_ == kUnusable) return false;
@@ -175,7 +163,8 @@ bool LookupCache::reload(sqlite3* db) {
   bool ok = load(db, standard);
   // Read while the transaction still holds the read lock: no writer can
   // commit in between, so the rows and the counter belong together.
-  uint32_t loadedAt = counter();
+  uint32_t loadedAt = 0;
+  ok = readCounter(db, loadedAt) && ok;
   if (sqlite3_exec(db, statements::kCommit, nullptr, nullptr, nullptr) !=
       SQLITE_OK) {
     sqlite3_exec(db, statements::kRollback, nullptr, nullptr, nullptr);

@@ -3,11 +3,11 @@
 // and resource load (the widget named by a launch URL, the widget file behind
 // a path) from memory, without running a statement. It is loaded lazily from
 // one connection and reloaded whenever the database's change counter, read
-// through a read-only mapping of the file's first page, has moved: every
+// from the file's header with one pread() per lookup, has moved: every
 // committed write by any connection of any process moves it, so an answer is
-// never stale. When the counter cannot be trusted (no mapping, WAL mode, an
-// open transaction on the connection, a failed load) the caller runs the
-// statements instead.
+// never stale. When the counter cannot be trusted (a file shorter than its
+// header, WAL mode, an open transaction on the connection, a failed load)
+// the caller runs the statements instead.
 #ifndef WIDGETENGINE_LOOKUPCACHE_H_
 #define WIDGETENGINE_LOOKUPCACHE_H_
 
@@ -68,9 +68,7 @@ class LookupCache {
     void reset(size_t entries);
   };
 
-  bool map(sqlite3* db);
-  bool trusted(sqlite3* db, bool insideRead);
-  uint32_t counter() const;
+  bool readCounter(sqlite3* db, uint32_t& value);
   bool reload(sqlite3* db);
   bool load(sqlite3* db, bool& standard);
   void clear();
@@ -81,7 +79,7 @@ class LookupCache {
   enum State { kEmpty, kLoaded, kUnusable };
   State state_;
   uint32_t counter_;
-  const unsigned char* header_;
+  int fd_;  // the registry file, for reading its header
 
   std::vector<char> arena_;
   std::vector<Widget> widgets_;
