@@ -10,6 +10,8 @@
 #include <cstring>
 #include <iostream>
 
+#include <unistd.h>
+
 #include "registry/LocalizedItemKeys.h"
 #include "registry/LookupCache.h"
 #include "registry/Statements.h"
@@ -24,6 +26,26 @@ constexpr int kWidgetColumns = 15;
 
 // How long a commit waits for readers of other connections to finish.
 constexpr int kCommitRetries = 2000;  // of 1 ms each
+
+// How long any statement waits for a lock that another connection holds.
+// Writers hold the registry's write lock for the few milliseconds of a
+// commit; a lookup that met such a lock and answered at once would answer
+// "no widget" for a widget that is installed, and an installer would take
+// that answer as "not installed yet". Five seconds covers any commit of a
+// healthy device many times over and still ends a wait on a lock that a
+// hung process never gives back.
+// WIDGETENGINE_BUSY_TIMEOUT_MS sets another wait (tests that hold a lock on
+// purpose use a short one).
+constexpr int kBusyTimeoutMs = 5000;
+
+int busyTimeoutMs() {
+  const char* value = getenv("WIDGETENGINE_BUSY_TIMEOUT_MS");
+  if (!value || !*value) return kBusyTimeoutMs;
+  char* end = nullptr;
+  const long ms = strtol(value, &end, 10);
+  if (*end != '\0' || ms < 0 || ms > INT_MAX) return kBusyTimeoutMs;
+  return static_cast<int>(ms);
+}
 
 // The statements that are prepared once per connection and kept.
 enum Statement {
@@ -200,6 +222,17 @@ struct SqlLite3::Impl {
 
 SqlLite3::SqlLite3() : impl(new Impl) {
   impl->logPrefix = "XXXXX SQLITE3 XXXX ==> ";
+  open();
+}
+
+bool SqlLite3::reopen() {
+  if (impl->opened) return true;
+  impl->closeHandle();
+  open();
+  return impl->opened;
+}
+
+void SqlLite3::open() {
   impl->databasePath = databasePath();
   // One thread uses a connection at a time, so SQLite's per-call locking of
   // the handle is left out (it costs more than reading a cell).
@@ -218,6 +251,7 @@ SqlLite3::SqlLite3() : impl(new Impl) {
     impl->opened = false;
     return;
   }
+  sqlite3_busy_timeout(impl->db, busyTimeoutMs());
   if (impl->verbose) std::cout << "Database open. Good news ;)" << std::endl;
   // A registry that this engine has opened before has its tables and its
   // indexes: one statement proves both.
@@ -244,7 +278,23 @@ SqlLite3::~SqlLite3() {
 
 std::string SqlLite3::databasePath() {
   const char* dir = getenv("YRA_DATA_PATH");
-  return std::string(dir ? dir : WIDGETENGINE_DATABASE_DIR) + "widget.db";
+  std::string path = std::string(dir ? dir : WIDGETENGINE_DATABASE_DIR) + "widget.db";
+  if (path[0] != '/') path.insert(0, startDirectory());
+  return path;
+}
+
+const std::string& SqlLite3::startDirectory() {
+  // Taken once: removing a failed installation's files moves the process's
+  // working directory, and a registry named relative to wherever the process
+  // happens to be afterwards would be another file, or none.
+  static const std::string directory = [] {
+    char buffer[PATH_MAX];
+    if (!getcwd(buffer, sizeof buffer)) return std::string();
+    std::string path(buffer);
+    if (path.back() != '/') path.push_back('/');
+    return path;
+  }();
+  return directory;
 }
 
 bool SqlLite3::isOpen() { return impl->opened; }
@@ -470,10 +520,51 @@ void SqlLite3::beginJob() {
   impl->jobOpen = impl->exec(statements::kBegin) == SQLITE_OK;
 }
 
-void SqlLite3::endJob() {
+bool SqlLite3::beginWriteJob() {
+  if (!impl->db || impl->jobOpen || !sqlite3_get_autocommit(impl->db)) {
+    return false;
+  }
+  // The write lock is taken at once: a deferred transaction that read first
+  // and then met another writer could only fail, never wait.
+  impl->resultCode = impl->exec(statements::kBeginImmediate);
+  impl->jobOpen = impl->resultCode == SQLITE_OK;
+  return impl->jobOpen;
+}
+
+bool SqlLite3::endJob() {
+  if (!impl->jobOpen) return false;
+  impl->jobOpen = false;
+  // SQLite gives up a transaction by itself on some errors (a full disk, an
+  // I/O error); what it held was then never written.
+  if (sqlite3_get_autocommit(impl->db)) {
+    impl->resultCode = SQLITE_ABORT;
+    return false;
+  }
+  const bool committed = impl->commit();
+  if (!committed) impl->resultCode = sqlite3_extended_errcode(impl->db);
+  return committed;
+}
+
+void SqlLite3::rollbackJob() {
   if (!impl->jobOpen) return;
   impl->jobOpen = false;
-  if (!sqlite3_get_autocommit(impl->db)) impl->commit();
+  if (!sqlite3_get_autocommit(impl->db)) impl->exec(statements::kRollback);
+}
+
+bool SqlLite3::forgetRowsOfRemovedWidgets() {
+  if (!impl->db) return false;
+  for (const char* sql : {statements::kDeleteFilesOfRemovedWidgets,
+                          statements::kDeleteItemsOfRemovedWidgets}) {
+    impl->resultCode = impl->exec(sql);
+    if (impl->resultCode != SQLITE_OK) return false;
+  }
+  return true;
+}
+
+std::string SqlLite3::lastError() const {
+  if (!impl->db) return "the registry is not open";
+  return std::string(sqlite3_errmsg(impl->db)) + " (" +
+         std::to_string(sqlite3_extended_errcode(impl->db)) + ")";
 }
 
 namespace {
@@ -571,12 +662,13 @@ std::vector<WidgetsData*> SqlLite3::selectWidgets(std::string sql) {
   return records;
 }
 
-std::vector<WidgetsData*> SqlLite3::selectAllWidgets() {
+std::vector<WidgetsData*> SqlLite3::selectAllWidgets(bool* ok) {
+  if (ok) *ok = false;
   if (!impl->db) return {};
   uint32_t now = 0;
   if (!impl->cache.stamp(impl->db, now)) {
     impl->allWidgetsKept = false;
-    return readWidgets(kSelectAllWidgetsStatement, nullptr);
+    return readWidgets(kSelectAllWidgetsStatement, nullptr, ok);
   }
   std::vector<WidgetsData*> records;
   if (impl->allWidgetsKept && now == impl->allWidgetsStamp) {
@@ -592,13 +684,14 @@ std::vector<WidgetsData*> SqlLite3::selectAllWidgets() {
     }
     records.assign(copies.begin(), copies.end());
     copies.clear();
+    if (ok) *ok = true;
     return records;
   }
   // Read under one read lock, taken by the select and held to the commit, so
   // that the counter read before the commit is the one of these rows.
   impl->allWidgetsKept = false;
   if (impl->exec(statements::kBegin) != SQLITE_OK) {
-    return readWidgets(kSelectAllWidgetsStatement, nullptr);
+    return readWidgets(kSelectAllWidgetsStatement, nullptr, ok);
   }
   bool read = false;
   records = readWidgets(kSelectAllWidgetsStatement, nullptr, &read);
@@ -612,6 +705,7 @@ std::vector<WidgetsData*> SqlLite3::selectAllWidgets() {
     impl->allWidgetsStamp = stamp;
     impl->allWidgetsKept = true;
   }
+  if (ok) *ok = read;
   return records;
 }
 
@@ -620,19 +714,23 @@ std::vector<WidgetsData*> SqlLite3::selectWidgetsByName(const std::string& name)
   return readWidgets(kSelectWidgetsByNameStatement, &name);
 }
 
-bool SqlLite3::isStoragePathTaken(const std::string& storagePath) {
+bool SqlLite3::isStoragePathTaken(const std::string& storagePath, bool* ok) {
+  if (ok) *ok = false;
   if (!impl->db) return false;
   sqlite3_stmt* stmt = impl->statement(kStoragePathTakenStatement);
   if (!stmt) return false;
   ResetOnExit reset(stmt);
   bindText(stmt, 1, storagePath);
-  return sqlite3_step(stmt) == SQLITE_ROW;
+  const int rc = sqlite3_step(stmt);
+  if (ok) *ok = rc == SQLITE_ROW || rc == SQLITE_DONE;
+  return rc == SQLITE_ROW;
 }
 
 std::vector<WidgetsData*> SqlLite3::selectWidgetsBySourceURL(
-    const std::string& url) {
+    const std::string& url, bool* ok) {
+  if (ok) *ok = false;
   if (!quotable(url, '\'')) return {};
-  return readWidgets(kSelectWidgetsBySourceURLStatement, &url);
+  return readWidgets(kSelectWidgetsBySourceURLStatement, &url, ok);
 }
 
 int SqlLite3::getNameByLaunchURL(const std::string& launchURL,

@@ -26,10 +26,17 @@ class SqlLite3 {
   SqlLite3& operator=(const SqlLite3&) = delete;
 
   // $YRA_DATA_PATH (or the built-in default directory) + "widget.db", glued
-  // without a separator.
+  // without a separator. A relative path is taken from the working directory
+  // the process had when it first asked (in practice: when the first engine
+  // was created), whatever the working directory is now.
   static std::string databasePath();
 
   bool isOpen();
+  // Tries again to open a registry that could not be opened (missing,
+  // locked, unreadable at the time); true when it is open now.
+  bool reopen();
+  // SQLite's message and extended code of the last failure, for reason lines.
+  std::string lastError() const;
 
   // Runs one statement text; the SQLite result code (0 = success). The result
   // is left in getColumnNames() and getValues() (row after row).
@@ -49,17 +56,29 @@ class SqlLite3 {
   int deleteWidgetByName(const std::string& name);
 
   // Groups a job's writes into one transaction. A statement that fails inside
-  // still fails alone.
+  // still fails alone. endJob() commits; false when nothing was committed
+  // (the commit failed, or SQLite had already given the transaction up).
   void beginJob();
-  void endJob();
+  bool endJob();
+  // A job that holds the write lock from its start; false when it could not
+  // be had within the busy timeout.
+  bool beginWriteJob();
+  // Ends the job, undoing its writes.
+  void rollbackJob();
+  // Deletes the file and text rows left by removed widgets whose ids are
+  // about to be given again (see statements::kDeleteFilesOfRemovedWidgets).
+  bool forgetRowsOfRemovedWidgets();
 
   // Reads. Records are newly allocated; the caller deletes them.
   std::vector<WidgetsData*> selectWidgets(std::string sql);
-  std::vector<WidgetsData*> selectAllWidgets();
+  // ok, when given, tells whether the read ran to its end: a read that
+  // could not run (a lock held too long, an unreadable file) is not "none".
+  std::vector<WidgetsData*> selectAllWidgets(bool* ok = nullptr);
   std::vector<WidgetsData*> selectWidgetsByName(const std::string& name);
-  std::vector<WidgetsData*> selectWidgetsBySourceURL(const std::string& url);
+  std::vector<WidgetsData*> selectWidgetsBySourceURL(const std::string& url,
+                                                     bool* ok = nullptr);
   // Whether a registered widget has this directory.
-  bool isStoragePathTaken(const std::string& storagePath);
+  bool isStoragePathTaken(const std::string& storagePath, bool* ok = nullptr);
 
   int getNameByLaunchURL(const std::string& launchURL, std::string& name);
   // The same lookup for an address held as bytes, so that a caller holding
@@ -76,6 +95,8 @@ class SqlLite3 {
   struct Impl;
   std::unique_ptr<Impl> impl;
 
+  void open();
+  static const std::string& startDirectory();
   void ensureIndexes();
   int insertWidgetRows(WidgetsData* widget, bool ownTransaction);
   std::vector<WidgetsData*> readWidgets(int statement, const std::string* key,

@@ -64,6 +64,7 @@ constexpr const char kCreateItemsIndex[] =
 
 // Job transactions.
 constexpr const char kBegin[] = "BEGIN";
+constexpr const char kBeginImmediate[] = "BEGIN IMMEDIATE";
 constexpr const char kCommit[] = "COMMIT";
 constexpr const char kRollback[] = "ROLLBACK";
 
@@ -78,6 +79,15 @@ constexpr const char kInsertLocalizedItem[] =
     "(?1, ?2, ?3, ?4)";
 constexpr const char kDeleteWidgetByName[] =
     "DELETE FROM Widgets WHERE name=?1";
+// A removed widget's file and text rows stay until its id is given again,
+// which is always above every id in use: an installation clears them before
+// it takes that id, so that nothing of the removed widget shows through.
+constexpr const char kDeleteFilesOfRemovedWidgets[] =
+    "DELETE FROM widgetFiles WHERE widgetID > "
+    "(SELECT IFNULL(MAX(id), 0) FROM Widgets)";
+constexpr const char kDeleteItemsOfRemovedWidgets[] =
+    "DELETE FROM localizedItem WHERE widgetID > "
+    "(SELECT IFNULL(MAX(id), 0) FROM Widgets)";
 
 // Reads of whole Widgets rows.
 constexpr const char kSelectAllWidgets[] = "SELECT * FROM Widgets";

@@ -26,13 +26,18 @@ namespace registrytest {
 // A test whose registry lives in its own directory.
 class RegistryTest : public ::testing::Test {
  protected:
-  RegistryTest() : env_("YRA_DATA_PATH", dir_.path() + "/") {}
+  // Statements give up a held lock after a short wait, so that the tests
+  // that hold one on purpose end quickly.
+  RegistryTest()
+      : env_("YRA_DATA_PATH", dir_.path() + "/"),
+        busy_("WIDGETENGINE_BUSY_TIMEOUT_MS", "100") {}
   std::string dbPath() const { return dir_.file("widget.db"); }
   const TempDir& dir() const { return dir_; }
 
  private:
   TempDir dir_;
   ScopedEnv env_;
+  ScopedEnv busy_;
 };
 
 // A plain connection for looking at (or preparing) the file directly.
