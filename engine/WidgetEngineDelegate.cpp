@@ -84,7 +84,7 @@ char* WidgetEngineDelegate::mapResource(const char* url,
                                         const char* language) {
   if (!url || !language) return nullptr;
   try {
-    if (database->isOpen() != 1) return nullptr;
+    if (database->isOpen() != 1 && !database->reopen()) return nullptr;
     // Only an address that starts with the scheme is a widget file; anything
     // else is answered before the locale list is looked at.
     if (strncmp(url, "file://", 7) != 0) return nullptr;
@@ -104,7 +104,9 @@ char* WidgetEngineDelegate::mapResource(const char* url,
 int WidgetEngineDelegate::isWidget(const char* url) {
   if (!url) return 0;
   try {
-    if (database->isOpen() != 1) return 0;
+    // A registry that was missing or locked when the engine was created is
+    // tried again, so that the engine recovers once it is usable.
+    if (database->isOpen() != 1 && !database->reopen()) return 0;
     // The browser asks this for every page it loads: the address is looked
     // up as it is, and the name goes to a buffer kept between calls, so a
     // call allocates nothing.

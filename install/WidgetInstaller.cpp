@@ -16,6 +16,7 @@
 #include "install/ContentType.h"
 #include "install/Downloader.h"
 #include "install/Extractor.h"
+#include "install/InstallLock.h"
 #include "registry/LocalizedItemKeys.h"
 #include "registry/SqlLite3.h"
 #include "registry/WidgetsData.h"
@@ -127,21 +128,54 @@ std::string WidgetInstaller::buildDownloadPath() {
   return path;
 }
 
+int WidgetInstaller::refuse(int status, const std::string& reason) {
+  std::cout << reason << std::endl;
+  launchURL = "about:blank";
+  return status;
+}
+
 int WidgetInstaller::run() {
   if (installed) {
     std::cout << "WidgetInstaller cannot be run twice" << std::endl;
     return 1;
   }
-
   if (!database->isOpen()) {
     launchURL = "about:blank";
     return 3;
   }
+  // The name, and with it the widget's directory, belongs to this run from
+  // the first look at the registry to the commit: the registry's own write
+  // lock cannot serve, as unpacking into the directory comes long before the
+  // rows are written, and holding the registry that long would stall every
+  // lookup of the browser. Every run that ends, ends with what it created
+  // either registered or removed, so its journal is emptied.
+  lock.reset(new InstallLock(basePath, name));
+  if (!lock->acquire()) {
+    const std::string reason = lock->error();
+    lock.reset();
+    return refuse(3, "Cannot install " + sourceURL + ": " + reason);
+  }
+  const int status = runHoldingName();
+  lock->clear();
+  lock.reset();
+  return status;
+}
+
+int WidgetInstaller::runHoldingName() {
+  lock->removeLeftovers(*database);
+  InstallLock::sweep(basePath, *database);
 
   {
+    bool read = false;
     std::vector<std::unique_ptr<WidgetsData>> rows;
-    for (WidgetsData* row : database->selectWidgetsBySourceURL(sourceURL))
+    for (WidgetsData* row : database->selectWidgetsBySourceURL(sourceURL, &read))
       rows.emplace_back(row);
+    // A registry that cannot be read says nothing about what is installed:
+    // going on would unpack over a widget that may well be there.
+    if (!read) {
+      return refuse(3, "Cannot read the widget registry: " +
+                           database->lastError());
+    }
     if (rows.size() == 1) {
       std::cout << "Widget already installed. Launch it with this url : "
                 << rows[0]->getLaunchURL() << std::endl;
@@ -160,13 +194,30 @@ int WidgetInstaller::run() {
   }
 
   // Another widget, installed from another address whose last segment gives
-  // the same name, already lives in this directory. Unpacking would wipe its
-  // files before the registration failed on the taken name and directory, so
-  // this installation ends as that registration would, before anything is
+  // the same name, already lives in this directory (under this spelling of
+  // the root or another). Unpacking would wipe its files before the
+  // registration failed on the taken name and directory, so this
+  // installation ends as that registration would, before anything is
   // fetched or touched.
-  if (database->isStoragePathTaken(storagePath)) {
-    launchURL = "about:blank";
-    return 10;
+  {
+    bool read = false;
+    std::unique_ptr<WidgetsData> owner =
+        InstallLock::ownerOf(storagePath, *database, &read);
+    if (read && !owner) {
+      std::vector<WidgetsData*> named = database->selectWidgetsByName(name);
+      if (!named.empty()) owner.reset(named[0]);
+      for (size_t i = 1; i < named.size(); ++i) delete named[i];
+    }
+    if (!read) {
+      return refuse(3, "Cannot read the widget registry: " +
+                           database->lastError());
+    }
+    if (owner) {
+      return refuse(10, "The widget name " + name +
+                            " is taken by the widget installed from " +
+                            owner->getSourceURL() +
+                            "; remove that widget first");
+    }
   }
 
   std::unique_ptr<WidgetsData> record(new WidgetsData());
@@ -174,6 +225,11 @@ int WidgetInstaller::run() {
   record->setName(name);
 
   const std::string downloadPath = buildDownloadPath();
+  if (!lock->note(downloadPath, storagePath)) {
+    return refuse(3, "Cannot install " + sourceURL +
+                         ": cannot write the installation journal in " +
+                         lock->root());
+  }
 
   std::cout << "[Downloading...]" << std::endl << std::endl;
   downloader.reset(new Downloader(sourceURL, downloadPath));
@@ -286,10 +342,18 @@ int WidgetInstaller::run() {
   if (config->getWidth()) record->setWidth(*config->getWidth());
   if (config->getVersion()) record->setVersion(*config->getVersion());
 
-  database->beginJob();
-  const int widgetId = database->insertWidget(record.get());
+  // The write lock is taken before the id is: the rows a removed widget
+  // left under the id this widget is about to get are cleared in the same
+  // transaction.
+  bool registered = database->beginWriteJob() &&
+                    database->forgetRowsOfRemovedWidgets();
+  const int widgetId = registered ? database->insertWidget(record.get()) : -1;
   if (widgetId <= 0) {
-    database->endJob();
+    if (widgetId < 0 && !registered) {
+      std::cout << "Cannot write to the widget registry: "
+                << database->lastError() << std::endl;
+    }
+    database->rollbackJob();
     parser.reset();
     extractor.reset();
     downloader.reset();
@@ -307,7 +371,18 @@ int WidgetInstaller::run() {
                                  config->getLicenses());
   database->insertLocalizedItems(widgetId, localizeditems::kLicenseHref,
                                  config->getLicenseHrefs());
-  database->endJob();
+  // Nothing is installed until its rows are committed: a commit that fails
+  // (a full disk, an I/O error) takes the unpacked files with it.
+  if (!database->endJob()) {
+    std::cout << "Cannot commit the widget to the registry: "
+              << database->lastError() << std::endl;
+    parser.reset();
+    extractor.reset();
+    downloader.reset();
+    record.reset();
+    launchURL = "about:blank";
+    return 10;
+  }
 
   extractor->setKeepFiles(true);
   installed = true;

@@ -13,6 +13,7 @@
 
 class Downloader;
 class Extractor;
+class InstallLock;
 class SqlLite3;
 class WidgetConfig;
 class WidgetConfigParser;
@@ -58,6 +59,10 @@ class WidgetInstaller {
   // Where the package is downloaded: $WIDGET_PATH (or nothing) followed by a
   // fresh temporary file name.
   static std::string buildDownloadPath();
+  // run() without the taking and giving back of the widget's name.
+  int runHoldingName();
+  // Prints the reason line of a refusal and sets the launch URL of one.
+  int refuse(int status, const std::string& reason);
 
   std::string sourceURL;
   std::string basePath;
@@ -70,6 +75,7 @@ class WidgetInstaller {
   std::unique_ptr<WidgetConfig> config;
   std::unique_ptr<WidgetConfigParser> parser;
   std::unique_ptr<SqlLite3> database;
+  std::unique_ptr<InstallLock> lock;
   std::vector<std::string> files;
 };
 

@@ -493,8 +493,9 @@ TEST_F(WidgetInstallerTest, OnlyAnUnknownPageEndsWithStatus9AndNoDirectory) {
   EXPECT_EQ(0, count("SELECT COUNT(*) FROM Widgets"));
 }
 
-TEST_F(WidgetInstallerTest, RefusedRegistrationEndsWithStatus10AndRollsBack) {
-  // Another widget already holds the name "clock" (installed elsewhere).
+TEST_F(WidgetInstallerTest, NameTakenUnderAnotherRootEndsWithStatus10BeforeAnything) {
+  // Another widget already holds the name "clock" (installed elsewhere): the
+  // registration could only fail, so nothing is fetched or unpacked.
   {
     CaptureStdout quiet;
     SqlLite3 registry;
@@ -514,10 +515,10 @@ TEST_F(WidgetInstallerTest, RefusedRegistrationEndsWithStatus10AndRollsBack) {
   std::string launchURL, output;
   EXPECT_EQ(10, install(url, &launchURL, &output));
   EXPECT_EQ("about:blank", launchURL);
-  EXPECT_TRUE(endsWithLines(
-      output, {"Path: file://" + root + "widget_clock/index.html", "",
-               "Cannot insert data to database :(", "Extraction cleaned",
-               "Download cleaned", "Nothing to clean"}));
+  EXPECT_EQ(
+      "The widget name clock is taken by the widget installed from "
+      "http://other/clock.zip; remove that widget first\nNothing to clean\n",
+      output);
   EXPECT_TRUE(nothingLeft());
   EXPECT_EQ(1, count("SELECT COUNT(*) FROM Widgets"));
   EXPECT_EQ(0, count("SELECT COUNT(*) FROM widgetFiles"));
@@ -540,7 +541,9 @@ TEST_F(WidgetInstallerTest,
   std::string launchURL, output;
   EXPECT_EQ(10, install(second, &launchURL, &output));
   EXPECT_EQ("about:blank", launchURL);
-  EXPECT_EQ("Nothing to clean\n", output);
+  EXPECT_EQ("The widget name clock is taken by the widget installed from " +
+                first + "; remove that widget first\nNothing to clean\n",
+            output);
   EXPECT_EQ("<html></html>", TempDir::readFile(index));
   EXPECT_EQ(1, count("SELECT COUNT(*) FROM Widgets"));
   EXPECT_TRUE(TempDir::listDirectory(root + "tmp").empty());

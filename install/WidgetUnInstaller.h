@@ -25,7 +25,7 @@ class WidgetUnInstaller {
   // Removes the directory tree at path without following any symbolic link
   // (a link is removed itself, at the top too) and without changing the
   // working directory. False only when the top directory cannot be opened.
-  bool removeWidgetDirectory(const std::string& path);
+  static bool removeWidgetDirectory(const std::string& path);
 
  private:
   bool alreadyRun;

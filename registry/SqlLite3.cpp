@@ -10,6 +10,7 @@
 #include <cstring>
 #include <iostream>
 
+#include <time.h>
 #include <unistd.h>
 
 #include "registry/LocalizedItemKeys.h"
@@ -154,6 +155,7 @@ struct SqlLite3::Impl {
   bool opened = false;
   bool verbose = false;
   bool jobOpen = false;
+  struct timespec lastOpenAttempt = {0, 0};
   std::string logPrefix;
   std::string databasePath;
   std::vector<std::string> columnNames;
@@ -227,12 +229,21 @@ SqlLite3::SqlLite3() : impl(new Impl) {
 
 bool SqlLite3::reopen() {
   if (impl->opened) return true;
+  // At most once a second: a lookup on every resource load would otherwise
+  // try (and report) the failed opening again each time.
+  struct timespec now;
+  clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+  if (impl->lastOpenAttempt.tv_sec != 0 &&
+      now.tv_sec - impl->lastOpenAttempt.tv_sec < 1) {
+    return false;
+  }
   impl->closeHandle();
   open();
   return impl->opened;
 }
 
 void SqlLite3::open() {
+  clock_gettime(CLOCK_MONOTONIC_COARSE, &impl->lastOpenAttempt);
   impl->databasePath = databasePath();
   // One thread uses a connection at a time, so SQLite's per-call locking of
   // the handle is left out (it costs more than reading a cell).
@@ -728,7 +739,9 @@ bool SqlLite3::isStoragePathTaken(const std::string& storagePath, bool* ok) {
 
 std::vector<WidgetsData*> SqlLite3::selectWidgetsBySourceURL(
     const std::string& url, bool* ok) {
-  if (ok) *ok = false;
+  // An address holding the quote fails its statement; as no such address can
+  // ever be registered (its row would fail the same way), "none" is true.
+  if (ok) *ok = !quotable(url, '\'');
   if (!quotable(url, '\'')) return {};
   return readWidgets(kSelectWidgetsBySourceURLStatement, &url, ok);
 }

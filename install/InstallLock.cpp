@@ -1,0 +1,266 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "install/InstallLock.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <vector>
+
+#include "install/WidgetUnInstaller.h"
+#include "registry/SqlLite3.h"
+#include "registry/WidgetsData.h"
+
+namespace {
+
+const char kLockPrefix[] = ".widget_";
+const char kLockSuffix[] = ".lock";
+const char kPackageLine[] = "package ";
+const char kStorageLine[] = "storage ";
+
+// Names longer than this are shortened in the lock file's name (and made
+// unique again with a hash), so that the lock file's name fits wherever the
+// widget's directory name does.
+constexpr size_t kLongestNameKept = 200;
+
+std::string realDirectory(const std::string& path) {
+  char* real = realpath(path.c_str(), nullptr);
+  if (!real) return std::string();
+  std::string result(real);
+  free(real);
+  if (result.back() != '/') result.push_back('/');
+  return result;
+}
+
+bool endsWith(const std::string& text, const char* suffix) {
+  const size_t n = strlen(suffix);
+  return text.size() >= n && text.compare(text.size() - n, n, suffix) == 0;
+}
+
+// The downloader's temporary files are "file" and six letters or digits.
+bool isPackageFileName(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  const std::string base =
+      slash == std::string::npos ? path : path.substr(slash + 1);
+  if (base.size() != 10 || base.compare(0, 4, "file") != 0) return false;
+  for (size_t i = 4; i < base.size(); ++i) {
+    const unsigned char c = static_cast<unsigned char>(base[i]);
+    if (!((c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') ||
+          (c >= '0' && c <= '9'))) {
+      return false;
+    }
+  }
+  return true;
+}
+
+std::string readAll(int fd) {
+  std::string text;
+  char buffer[4096];
+  off_t offset = 0;
+  ssize_t n;
+  while ((n = pread(fd, buffer, sizeof buffer, offset)) > 0) {
+    text.append(buffer, static_cast<size_t>(n));
+    offset += n;
+    if (text.size() > 3 * PATH_MAX) break;  // not a journal this engine wrote
+  }
+  return text;
+}
+
+// Whether the lock taken on fd is the lock of path: a holder removes the file
+// before it lets go, and whoever was waiting on that removed file then holds
+// a lock that no one else can meet, so it must open the file again.
+bool isLockOf(int fd, const std::string& path) {
+  struct stat held;
+  struct stat named;
+  return fstat(fd, &held) == 0 && lstat(path.c_str(), &named) == 0 &&
+         held.st_dev == named.st_dev && held.st_ino == named.st_ino;
+}
+
+}  // namespace
+
+InstallLock::InstallLock(const std::string& widgetRoot, const std::string& name)
+    : widgetRoot_(widgetRoot), name_(name), fd_(-1), ended_(false) {}
+
+InstallLock::~InstallLock() {
+  if (fd_ < 0) return;
+  // A lock file only stays while an installation runs, or when one died and
+  // its journal is still to be acted on.
+  if (ended_) unlink(path_.c_str());
+  // Closing the descriptor releases the lock.
+  close(fd_);
+}
+
+std::string InstallLock::lockFileName(const std::string& name) {
+  if (name.size() <= kLongestNameKept) return kLockPrefix + name + kLockSuffix;
+  char hash[17];
+  snprintf(hash, sizeof hash, "%016zx", std::hash<std::string>()(name));
+  return kLockPrefix + name.substr(0, kLongestNameKept) + "-" + hash +
+         kLockSuffix;
+}
+
+bool InstallLock::acquire() {
+  root_ = realDirectory(widgetRoot_);
+  if (root_.empty()) {
+    error_ = std::string("cannot find the widget root ") + widgetRoot_ + ": " +
+             strerror(errno);
+    return false;
+  }
+  path_ = root_ + lockFileName(name_);
+  for (;;) {
+    fd_ = open(path_.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644);
+    if (fd_ < 0) {
+      error_ = "cannot open the lock file " + path_ + ": " + strerror(errno);
+      return false;
+    }
+    int rc;
+    while ((rc = flock(fd_, LOCK_EX)) != 0 && errno == EINTR) {
+    }
+    if (rc != 0) {
+      error_ = "cannot lock " + path_ + ": " + strerror(errno);
+      close(fd_);
+      fd_ = -1;
+      return false;
+    }
+    if (isLockOf(fd_, path_)) return true;
+    close(fd_);
+  }
+}
+
+void InstallLock::removeLeftovers(SqlLite3& registry) {
+  if (fd_ >= 0) cleanJournal(fd_, root_, name_, registry);
+}
+
+bool InstallLock::note(const std::string& packagePath,
+                       const std::string& storagePath) {
+  if (fd_ < 0) return false;
+  const std::string journal = kPackageLine + packagePath + "\n" +
+                              kStorageLine + storagePath + "\n";
+  if (ftruncate(fd_, 0) != 0) return false;
+  size_t written = 0;
+  while (written < journal.size()) {
+    const ssize_t n = pwrite(fd_, journal.data() + written,
+                             journal.size() - written,
+                             static_cast<off_t>(written));
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    written += static_cast<size_t>(n);
+  }
+  return true;
+}
+
+void InstallLock::clear() {
+  if (fd_ >= 0) ended_ = ftruncate(fd_, 0) == 0;
+}
+
+bool InstallLock::cleanJournal(int fd, const std::string& root,
+                               const std::string& name, SqlLite3& registry) {
+  const std::string journal = readAll(fd);
+  if (journal.empty()) return true;
+  std::string packagePath;
+  std::string storagePath;
+  size_t start = 0;
+  while (start < journal.size()) {
+    size_t end = journal.find('\n', start);
+    if (end == std::string::npos) end = journal.size();
+    const std::string line = journal.substr(start, end - start);
+    if (line.compare(0, strlen(kPackageLine), kPackageLine) == 0) {
+      packagePath = line.substr(strlen(kPackageLine));
+    } else if (line.compare(0, strlen(kStorageLine), kStorageLine) == 0) {
+      storagePath = line.substr(strlen(kStorageLine));
+    }
+    start = end + 1;
+  }
+
+  // Only a file of the downloader's form, and only the file itself: a link
+  // found there is removed, never what it points to.
+  struct stat status;
+  if (!packagePath.empty() && isPackageFileName(packagePath) &&
+      lstat(packagePath.c_str(), &status) == 0 &&
+      (S_ISREG(status.st_mode) || S_ISLNK(status.st_mode))) {
+    unlink(packagePath.c_str());
+  }
+
+  // Only the directory of this very name under this very root, and only when
+  // no registered widget lives in it (the installation may have died after
+  // its rows were committed).
+  if (!storagePath.empty()) {
+    std::string bare = storagePath;
+    while (bare.size() > 1 && bare.back() == '/') bare.pop_back();
+    const size_t slash = bare.rfind('/');
+    const std::string parent =
+        slash == std::string::npos ? std::string(".") : bare.substr(0, slash + 1);
+    const std::string base =
+        slash == std::string::npos ? bare : bare.substr(slash + 1);
+    const bool ownName = name.empty() ? base.compare(0, 7, "widget_") == 0
+                                      : base == "widget_" + name;
+    if (ownName && realDirectory(parent) == root &&
+        lstat(bare.c_str(), &status) == 0) {
+      bool ok = false;
+      std::unique_ptr<WidgetsData> owner = ownerOf(storagePath, registry, &ok);
+      if (ok && !owner) WidgetUnInstaller::removeWidgetDirectory(storagePath);
+      if (!ok) return false;  // tried again by the next installation
+    }
+  }
+  return ftruncate(fd, 0) == 0;
+}
+
+void InstallLock::sweep(const std::string& widgetRoot, SqlLite3& registry) {
+  const std::string root = realDirectory(widgetRoot);
+  if (root.empty()) return;
+  DIR* dir = opendir(root.c_str());
+  if (!dir) return;
+  std::vector<std::string> locks;
+  while (const dirent* entry = readdir(dir)) {
+    const std::string name = entry->d_name;
+    if (name.compare(0, strlen(kLockPrefix), kLockPrefix) == 0 &&
+        endsWith(name, kLockSuffix)) {
+      locks.push_back(name);
+    }
+  }
+  closedir(dir);
+  for (const std::string& lockName : locks) {
+    const std::string path = root + lockName;
+    const int fd = open(path.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) continue;
+    struct stat status;
+    // An empty journal needs no lock; a held lock is a live installation.
+    if (fstat(fd, &status) == 0 && S_ISREG(status.st_mode) &&
+        flock(fd, LOCK_EX | LOCK_NB) == 0 && isLockOf(fd, path)) {
+      // The name in a shortened lock file's name is not the widget's whole
+      // name: then any "widget_" directory of the journal is accepted.
+      std::string name = lockName.substr(
+          strlen(kLockPrefix),
+          lockName.size() - strlen(kLockPrefix) - strlen(kLockSuffix));
+      if (lockFileName(name) != lockName) name.clear();
+      if (cleanJournal(fd, root, name, registry)) unlink(path.c_str());
+    }
+    close(fd);
+  }
+}
+
+std::unique_ptr<WidgetsData> InstallLock::ownerOf(const std::string& path,
+                                                  SqlLite3& registry,
+                                                  bool* ok) {
+  std::vector<WidgetsData*> rows = registry.selectAllWidgets(ok);
+  std::unique_ptr<WidgetsData> owner;
+  struct stat wanted;
+  const bool onDisk = stat(path.c_str(), &wanted) == 0;
+  for (WidgetsData* row : rows) {
+    std::unique_ptr<WidgetsData> record(row);
+    if (owner) continue;
+    struct stat status;
+    if (row->getStoragePath() == path ||
+        (onDisk && stat(row->getStoragePath().c_str(), &status) == 0 &&
+         status.st_dev == wanted.st_dev && status.st_ino == wanted.st_ino)) {
+      owner = std::move(record);
+    }
+  }
+  return owner;
+}

@@ -1,0 +1,82 @@
+// SPDX-License-Identifier: Apache-2.0
+// InstallLock gives a widget name, and with it the widget's directory, to one
+// installation at a time, whatever runs the others: another thread, another
+// engine, another process. It is an flock() on the file
+// "<widget root>/.widget_<name>.lock", the root taken by its real path, so that
+// every spelling of the root (a link, doubled slashes, a relative path) meets
+// the same lock. While held, the file is the installation's journal: it names
+// the package file and the directory the installation is about to create, so
+// that when the process dies half-way, the next installation finds what it
+// left (the lock is free, the journal is not empty) and removes it.
+//
+//   InstallLock lock(root, name);
+//   if (!lock.acquire()) ...;       // waits for a running installation
+//   InstallLock::sweep(root, registry);
+//   lock.note(packagePath, storagePath);
+//   ... download, unpack, register ...
+//   lock.clear();                   // registered, or cleaned up already
+#ifndef WIDGETENGINE_INSTALLLOCK_H_
+#define WIDGETENGINE_INSTALLLOCK_H_
+
+#include <memory>
+#include <string>
+
+class SqlLite3;
+class WidgetsData;
+
+class InstallLock {
+ public:
+  InstallLock(const std::string& widgetRoot, const std::string& name);
+  // Releases the lock. The lock file goes too once clear() has emptied it.
+  ~InstallLock();
+
+  InstallLock(const InstallLock&) = delete;
+  InstallLock& operator=(const InstallLock&) = delete;
+
+  // Waits until no other installation holds the name. False, with errno set,
+  // when the root or the lock file cannot be had; error() says why.
+  bool acquire();
+  const std::string& error() const { return error_; }
+
+  // What a dead installation of this same name left, found when the lock
+  // was taken, is removed here (see sweep()).
+  void removeLeftovers(SqlLite3& registry);
+
+  // Records what the installation is about to create. False when the
+  // journal cannot be written (then nothing should be created).
+  bool note(const std::string& packagePath, const std::string& storagePath);
+  // The installation has ended: what it created is registered or removed.
+  void clear();
+
+  // The root's real path ("/" at the end); empty before acquire().
+  const std::string& root() const { return root_; }
+
+  // Removes what dead installations left under widgetRoot: for each lock file
+  // that no live installation holds, the
+  // package file it names (only a file of the engine's temporary-file form)
+  // and the widget directory (only "widget_<name>/" under the root, and only
+  // when no registered widget lives there), then the lock file.
+  static void sweep(const std::string& widgetRoot, SqlLite3& registry);
+
+  // The registered widget whose directory is the same directory as path:
+  // the same text, or the same file on disk under another spelling. Null
+  // when there is none; ok tells whether the registry could be read.
+  static std::unique_ptr<WidgetsData> ownerOf(const std::string& path,
+                                              SqlLite3& registry, bool* ok);
+
+ private:
+  static std::string lockFileName(const std::string& name);
+  // True when nothing named in the journal is left to remove.
+  static bool cleanJournal(int fd, const std::string& root,
+                           const std::string& name, SqlLite3& registry);
+
+  std::string widgetRoot_;
+  std::string name_;
+  std::string root_;
+  std::string path_;
+  std::string error_;
+  int fd_;
+  bool ended_;
+};
+
+#endif  // WIDGETENGINE_INSTALLLOCK_H_
