@@ -133,8 +133,8 @@ bool InstallLock::acquire() {
   }
 }
 
-void InstallLock::removeLeftovers(SqlLite3& registry) {
-  if (fd_ >= 0) cleanJournal(fd_, root_, name_, registry);
+bool InstallLock::removeLeftovers(SqlLite3& registry) {
+  return fd_ >= 0 && cleanJournal(fd_, root_, name_, registry);
 }
 
 bool InstallLock::note(const std::string& packagePath,

@@ -39,8 +39,9 @@ class InstallLock {
   const std::string& error() const { return error_; }
 
   // What a dead installation of this same name left, found when the lock
-  // was taken, is removed here (see sweep()).
-  void removeLeftovers(SqlLite3& registry);
+  // was taken, is removed here (see sweep()). False when some of it is still
+  // to be removed.
+  bool removeLeftovers(SqlLite3& registry);
 
   // Records what the installation is about to create. False when the
   // journal cannot be written (then nothing should be created).

@@ -11,6 +11,8 @@
 #include <iostream>
 #include <vector>
 
+#include "install/InstallLock.h"
+#include "install/WidgetInstaller.h"
 #include "registry/SqlLite3.h"
 
 namespace {
@@ -64,6 +66,15 @@ void removeContents(int fd) {
 
 }  // namespace
 
+bool WidgetUnInstaller::isOwnDirectory(const std::string& path,
+                                       const std::string& name) {
+  std::string bare = path;
+  while (bare.size() > 1 && bare.back() == '/') bare.pop_back();
+  const size_t slash = bare.rfind('/');
+  if (slash == std::string::npos || slash == 0) return false;
+  return bare.compare(slash + 1, std::string::npos, "widget_" + name) == 0;
+}
+
 WidgetUnInstaller::WidgetUnInstaller(const std::string& name)
     : alreadyRun(false), name(name), database(new SqlLite3()) {}
 
@@ -88,6 +99,14 @@ int WidgetUnInstaller::run() {
   }
   if (database->isOpen() != 1) return -1;
 
+  // Not while an installation of the same name runs: it may be about to
+  // register the directory this removal would find half-written. Without a
+  // widget root to lock in there can be no such installation either.
+  // The lock file goes when the lock does, unless it still names what a dead
+  // installation left and that could not be removed now.
+  InstallLock lock(WidgetInstaller::getWidgetBasePath(), name);
+  if (lock.acquire() && lock.removeLeftovers(*database)) lock.clear();
+
   std::vector<WidgetsData*> records = database->selectWidgetsByName(name);
   if (records.empty()) return 0;
   if (records.size() > 1) {
@@ -100,6 +119,16 @@ int WidgetUnInstaller::run() {
 
   const std::string storagePath = records[0]->getStoragePath();
   deleteAll(records);
+
+  // The row decides what is deleted, so it must name the widget's own
+  // directory: a row pointing at the widget root, or anywhere else, would
+  // take a whole tree with it.
+  if (!isOwnDirectory(storagePath, name)) {
+    std::cout << "Refusing to delete " << storagePath << ": it is not the "
+              << "directory widget_" << name << "/ of widget " << name
+              << std::endl;
+    return -1;
+  }
 
   std::cout << "Try to delete directory on fileSystem : " << storagePath
             << std::endl;

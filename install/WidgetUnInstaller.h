@@ -27,6 +27,10 @@ class WidgetUnInstaller {
   // working directory. False only when the top directory cannot be opened.
   static bool removeWidgetDirectory(const std::string& path);
 
+  // Whether path is a directory "widget_<name>/" (not at the file system's
+  // top), the only kind of directory a widget called name can own.
+  static bool isOwnDirectory(const std::string& path, const std::string& name);
+
  private:
   bool alreadyRun;
   std::string name;
