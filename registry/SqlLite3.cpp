@@ -290,9 +290,16 @@ SqlLite3::~SqlLite3() {
 std::string SqlLite3::databasePath() {
   const char* dir = getenv("YRA_DATA_PATH");
   std::string path = std::string(dir ? dir : WIDGETENGINE_DATABASE_DIR) + "widget.db";
-  if (path[0] != '/') path.insert(0, startDirectory());
+  const std::string& start = startDirectory();
+  if (path[0] != '/') path.insert(0, start);
   return path;
 }
+
+namespace {
+// Taken when the library is loaded, before any removal can have moved the
+// working directory.
+const std::string& gStartDirectory = SqlLite3::startDirectory();
+}  // namespace
 
 const std::string& SqlLite3::startDirectory() {
   // Taken once: removing a failed installation's files moves the process's

@@ -30,6 +30,8 @@ class SqlLite3 {
   // the process had when it first asked (in practice: when the first engine
   // was created), whatever the working directory is now.
   static std::string databasePath();
+  // The working directory of the process when the library was loaded.
+  static const std::string& startDirectory();
 
   bool isOpen();
   // Tries again to open a registry that could not be opened (missing,
@@ -96,7 +98,6 @@ class SqlLite3 {
   std::unique_ptr<Impl> impl;
 
   void open();
-  static const std::string& startDirectory();
   void ensureIndexes();
   int insertWidgetRows(WidgetsData* widget, bool ownTransaction);
   std::vector<WidgetsData*> readWidgets(int statement, const std::string* key,

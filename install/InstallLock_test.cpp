@@ -1,0 +1,336 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "install/InstallLock.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "engine/WidgetEngineDelegate.h"
+#include "install/WidgetInstaller.h"
+#include "install/WidgetUnInstaller.h"
+#include "registry/SqlLite3.h"
+#include "testing/CaptureStdout.h"
+#include "testing/ConfigXml.h"
+#include "testing/ScopedEnv.h"
+#include "testing/TempDir.h"
+#include "testing/WidgetSandbox.h"
+#include "testing/ZipBuilder.h"
+
+namespace {
+
+struct FreeString {
+  void operator()(char* text) const { free(text); }
+};
+typedef std::unique_ptr<char, FreeString> EngineString;
+
+class InstallLockTest : public WidgetSandbox {
+ protected:
+  std::string clockPackage(const std::string& fileName,
+                           const std::string& page = "<html></html>",
+                           const std::string& body = "<name>Clock</name>") {
+    ZipBuilder zip;
+    zip.addFile("config.xml", configXml(body)).addFile("index.html", page);
+    return "file://" + writePackage(fileName, zip);
+  }
+
+  // Installs url with a fresh installer; its status and output.
+  int install(const std::string& url, std::string* output = nullptr) {
+    CaptureStdout capture;
+    int status;
+    {
+      WidgetInstaller installer(url);
+      status = installer.run();
+    }
+    if (output) *output = capture.text();
+    return status;
+  }
+
+  int exec(const std::string& sql) {
+    sqlite3* db = nullptr;
+    int rc = sqlite3_open((conf + "widget.db").c_str(), &db);
+    if (rc == SQLITE_OK)
+      rc = sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr);
+    sqlite3_close(db);
+    return rc;
+  }
+
+  int count(const std::string& sql) {
+    sqlite3* db = nullptr;
+    int result = -1;
+    sqlite3_open((conf + "widget.db").c_str(), &db);
+    sqlite3_stmt* stmt = nullptr;
+    if (sqlite3_prepare_v2(db, sql.c_str(), -1, &stmt, nullptr) == SQLITE_OK &&
+        sqlite3_step(stmt) == SQLITE_ROW)
+      result = sqlite3_column_int(stmt, 0);
+    sqlite3_finalize(stmt);
+    sqlite3_close(db);
+    return result;
+  }
+
+  // Writes a journal as an installation that died would have left it.
+  void leaveJournal(const std::string& name, const std::string& package,
+                    const std::string& storage) {
+    TempDir::writeFile(root + ".widget_" + name + ".lock",
+                       "package " + package + "\nstorage " + storage + "\n");
+  }
+};
+
+TEST_F(InstallLockTest, SecondHolderOfANameWaitsForTheFirstUnderAnySpelling) {
+  ASSERT_EQ(0, symlink(root.c_str(), (dir.path() + "/link").c_str()));
+  // The same root through a link, with doubled slashes and relative to it.
+  for (const std::string& spelling :
+       {dir.path() + "/link/", root + "/", dir.path() + "//widgets//"}) {
+    SCOPED_TRACE(spelling);
+    std::unique_ptr<InstallLock> first(new InstallLock(root, "clock"));
+    ASSERT_TRUE(first->acquire());
+    std::atomic<bool> taken(false);
+    std::thread second([&] {
+      InstallLock lock(spelling, "clock");
+      EXPECT_TRUE(lock.acquire());
+      taken = true;
+      lock.clear();
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_FALSE(taken);
+    // Another name is free all along.
+    InstallLock other(spelling, "calendar");
+    EXPECT_TRUE(other.acquire());
+    other.clear();
+    first->clear();
+    first.reset();
+    second.join();
+    EXPECT_TRUE(taken);
+  }
+  EXPECT_TRUE(rootHoldsOnly({"tmp"}));
+}
+
+TEST_F(InstallLockTest, NextInstallationRemovesWhatADeadOneLeft) {
+  // A package half downloaded and a directory half unpacked.
+  TempDir::writeFile(root + "tmp/fileAb3dE9", "PK partial");
+  ASSERT_EQ(0, mkdir((root + "widget_dead").c_str(), 0755));
+  TempDir::writeFile(root + "widget_dead/index.html", "half");
+  leaveJournal("dead", root + "tmp/fileAb3dE9", root + "widget_dead/");
+
+  ASSERT_EQ(0, install(clockPackage("clock.wgt")));
+  EXPECT_TRUE(rootHoldsOnly({"tmp", "widget_clock"}));
+}
+
+TEST_F(InstallLockTest, JournalNeverLeadsToAFileTheEngineDidNotCreate) {
+  const std::string precious = dir.path() + "/precious.txt";
+  TempDir::writeFile(precious, "keep");
+  ASSERT_EQ(0, mkdir((dir.path() + "/elsewhere").c_str(), 0755));
+  ASSERT_EQ(0, mkdir((dir.path() + "/elsewhere/widget_x").c_str(), 0755));
+  leaveJournal("x", precious, dir.path() + "/elsewhere/widget_x/");
+  leaveJournal("y", root + "tmp/fileAb3dE9", root);
+
+  ASSERT_EQ(0, install(clockPackage("clock.wgt")));
+  EXPECT_EQ("keep", TempDir::readFile(precious));
+  EXPECT_TRUE(TempDir::isDirectory(dir.path() + "/elsewhere/widget_x"));
+  EXPECT_TRUE(TempDir::isDirectory(root + "widget_clock"));
+}
+
+TEST_F(InstallLockTest, JournalOfARegisteredWidgetKeepsItsDirectory) {
+  ASSERT_EQ(0, install(clockPackage("clock.wgt")));
+  // Died after its commit, before it emptied its journal.
+  leaveJournal("clock", root + "tmp/fileAb3dE9", root + "widget_clock/");
+  ASSERT_EQ(0, install(clockPackage("calendar.wgt")));
+  EXPECT_TRUE(rootHoldsOnly({"tmp", "widget_calendar", "widget_clock"}));
+  EXPECT_EQ("<html></html>", TempDir::readFile(root + "widget_clock/index.html"));
+}
+
+TEST_F(InstallLockTest, LiveInstallationsFilesAreLeftAlone) {
+  InstallLock live(root, "busy");
+  ASSERT_TRUE(live.acquire());
+  TempDir::writeFile(root + "tmp/fileAb3dE9", "PK downloading");
+  ASSERT_EQ(0, mkdir((root + "widget_busy").c_str(), 0755));
+  ASSERT_TRUE(live.note(root + "tmp/fileAb3dE9", root + "widget_busy/"));
+
+  ASSERT_EQ(0, install(clockPackage("clock.wgt")));
+  EXPECT_EQ("PK downloading", TempDir::readFile(root + "tmp/fileAb3dE9"));
+  EXPECT_TRUE(TempDir::isDirectory(root + "widget_busy"));
+}
+
+TEST_F(InstallLockTest, SameNameThroughALinkedRootIsRefusedAndTheFirstIsIntact) {
+  ASSERT_EQ(0, install(clockPackage("clock.wgt", "<p>first</p>")));
+  ASSERT_EQ(0, symlink(root.c_str(), (dir.path() + "/link").c_str()));
+  for (const std::string& spelling :
+       {dir.path() + "/link/", dir.path() + "//widgets//"}) {
+    SCOPED_TRACE(spelling);
+    ScopedEnv widgetPath("WIDGET_PATH", spelling);
+    mkdir((packages + "other").c_str(), 0755);
+    std::string output;
+    EXPECT_EQ(10, install(clockPackage("other/clock.wgt", "<p>second</p>"),
+                          &output));
+    EXPECT_NE(std::string::npos,
+              output.find("The widget name clock is taken by the widget "
+                          "installed from file://" + packages + "clock.wgt"))
+        << output;
+    EXPECT_EQ("<p>first</p>", TempDir::readFile(root + "widget_clock/index.html"));
+  }
+  EXPECT_EQ(1, count("SELECT COUNT(*) FROM Widgets"));
+}
+
+TEST_F(InstallLockTest, ReusedIdShowsNothingOfTheRemovedWidget) {
+  CaptureStdout quiet;
+  RefPtr<WebWidgetEngineDelegate> engine = WidgetEngineDelegate::createInstance();
+  ZipBuilder french;
+  french.addFile("config.xml",
+                 configXml("<name>Clock</name><name xml:lang=\"fr\">Horloge</name>"))
+      .addFile("index.html", "<p>time</p>")
+      .addFile("locales/fr/index.html", "<p>heure</p>");
+  const std::string first = "file://" + writePackage("clock.wgt", french);
+  EngineString clock(engine->receiveWidget(first.c_str(), nullptr));
+  ASSERT_TRUE(clock);
+  ASSERT_EQ(1, engine->deleteWidget("clock", nullptr));
+
+  EngineString plain(engine->receiveWidget(clockPackage("plain.wgt", "<p>plain</p>",
+                                                        "<name>Plain</name>").c_str(),
+                                           nullptr));
+  ASSERT_TRUE(plain);
+  ASSERT_EQ(1, count("SELECT MAX(id) FROM Widgets"));  // the removed one's id
+  std::unique_ptr<WidgetsData> info(engine->getInfo("plain", nullptr, "fr"));
+  ASSERT_TRUE(info);
+  EXPECT_EQ("Plain", info->getWidgetName());
+  EngineString mapped(engine->mapResource(plain.get(), "fr"));
+  EXPECT_FALSE(mapped) << mapped.get();
+  EXPECT_EQ(0, count("SELECT COUNT(*) FROM localizedItem WHERE lang='fr'"));
+}
+
+TEST_F(InstallLockTest, IdBeyondThirtyTwoBitsFailsTheInstallAndCommitsNothing) {
+  ASSERT_EQ(0, install(clockPackage("clock.wgt")));
+  ASSERT_EQ(SQLITE_OK,
+            exec("INSERT INTO Widgets (id, sourceURL, name, launchURL, storagePath)"
+                 " VALUES (4294967296, 'http://x/big.wgt', 'big', 'file:///big',"
+                 " '/big/')"));
+  std::string output;
+  EXPECT_EQ(10, install(clockPackage("calendar.wgt"), &output));
+  EXPECT_NE(std::string::npos, output.find("Error convering widgetId to int"))
+      << output;
+  EXPECT_EQ(2, count("SELECT COUNT(*) FROM Widgets"));
+  EXPECT_EQ(0, count("SELECT COUNT(*) FROM Widgets WHERE name='calendar'"));
+  EXPECT_FALSE(TempDir::exists(root + "widget_calendar"));
+  // And it can be tried again once the registry is sane.
+  ASSERT_EQ(SQLITE_OK, exec("DELETE FROM Widgets WHERE name='big'"));
+  EXPECT_EQ(0, install(clockPackage("calendar.wgt")));
+}
+
+TEST_F(InstallLockTest, RowNamingAnotherDirectoryDeletesNothing) {
+  ASSERT_EQ(0, install(clockPackage("clock.wgt")));
+  for (const std::string& where :
+       {root, root + "widget_clock", dir.path() + "/", std::string("/")}) {
+    SCOPED_TRACE(where);
+    ASSERT_EQ(SQLITE_OK, exec("DELETE FROM Widgets WHERE name='evil'"));
+    ASSERT_EQ(SQLITE_OK,
+              exec("INSERT INTO Widgets (sourceURL, name, launchURL, storagePath)"
+                   " VALUES ('http://x/evil.wgt', 'evil', 'file:///evil', '" +
+                   where + "')"));
+    CaptureStdout capture;
+    {
+      WidgetUnInstaller uninstaller("evil");
+      EXPECT_EQ(-1, uninstaller.run());
+    }
+    EXPECT_NE(std::string::npos, capture.text().find("Refusing to delete " + where))
+        << capture.text();
+    EXPECT_EQ("<html></html>", TempDir::readFile(root + "widget_clock/index.html"));
+  }
+  EXPECT_TRUE(WidgetUnInstaller::isOwnDirectory("/w/widget_a/", "a"));
+  EXPECT_TRUE(WidgetUnInstaller::isOwnDirectory("/w/widget_a", "a"));
+  EXPECT_FALSE(WidgetUnInstaller::isOwnDirectory("/widget_a/", "a"));
+  EXPECT_FALSE(WidgetUnInstaller::isOwnDirectory("/w/widget_ab/", "a"));
+  EXPECT_FALSE(WidgetUnInstaller::isOwnDirectory("widget_a/", "a"));
+}
+
+TEST_F(InstallLockTest, TruncatedOrReplacedRegistryUnderALiveEngineIsNoCrash) {
+  CaptureStdout quiet;
+  RefPtr<WebWidgetEngineDelegate> engine = WidgetEngineDelegate::createInstance();
+  EngineString launch(engine->receiveWidget(clockPackage("clock.wgt").c_str(), nullptr));
+  ASSERT_TRUE(launch);
+  ASSERT_EQ(1, engine->isWidget(launch.get()));
+  ASSERT_EQ(0, truncate((conf + "widget.db").c_str(), 0));
+  EXPECT_EQ(0, engine->isWidget(launch.get()));
+  EngineString mapped(engine->mapResource(launch.get(), "fr"));
+  EXPECT_FALSE(mapped);
+  for (WidgetsData* w : engine->getAll(nullptr)) delete w;
+
+  TempDir::writeFile(conf + "other.db", std::string(8192, 'x'));
+  ASSERT_EQ(0, rename((conf + "other.db").c_str(), (conf + "widget.db").c_str()));
+  EXPECT_EQ(0, engine->isWidget(launch.get()));
+  ASSERT_EQ(0, unlink((conf + "widget.db").c_str()));
+  EXPECT_EQ(0, engine->isWidget(launch.get()));
+  EngineString again(engine->mapResource(launch.get(), "fr"));
+  EXPECT_FALSE(again);
+}
+
+TEST_F(InstallLockTest, LookupWaitsForAnotherProcessesWriteLock) {
+  CaptureStdout quiet;
+  RefPtr<WebWidgetEngineDelegate> engine = WidgetEngineDelegate::createInstance();
+  EngineString launch(engine->receiveWidget(clockPackage("clock.wgt").c_str(), nullptr));
+  ASSERT_TRUE(launch);
+  // A writer that holds the lock for a moment, as a commit of another
+  // process does: the lookup waits for it instead of answering "no".
+  sqlite3* writer = nullptr;
+  ASSERT_EQ(SQLITE_OK, sqlite3_open((conf + "widget.db").c_str(), &writer));
+  ASSERT_EQ(SQLITE_OK, sqlite3_exec(writer, "BEGIN EXCLUSIVE; INSERT INTO "
+                                    "localizedItem (widgetID, item, lang, value)"
+                                    " VALUES (99, 'name', 'fr', 'x')",
+                                    nullptr, nullptr, nullptr));
+  std::thread release([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    sqlite3_exec(writer, "COMMIT", nullptr, nullptr, nullptr);
+  });
+  EXPECT_EQ(1, engine->isWidget(launch.get()));
+  release.join();
+  sqlite3_close(writer);
+}
+
+TEST_F(InstallLockTest, EngineCreatedOnALockedRegistryRecoversLater) {
+  {
+    CaptureStdout quiet;
+    ASSERT_EQ(0, install(clockPackage("clock.wgt")));
+  }
+  const std::string launch = "file://" + root + "widget_clock/index.html";
+  ScopedEnv shortWait("WIDGETENGINE_BUSY_TIMEOUT_MS", "50");
+  sqlite3* holder = nullptr;
+  ASSERT_EQ(SQLITE_OK, sqlite3_open((conf + "widget.db").c_str(), &holder));
+  // Dropping the index makes the engine's opening check go further than its
+  // one-statement probe, into statements that need the lock.
+  ASSERT_EQ(SQLITE_OK, sqlite3_exec(holder, "DROP INDEX widgetFiles_widgetID_path;"
+                                    "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr));
+  CaptureStdout quiet;
+  RefPtr<WebWidgetEngineDelegate> engine = WidgetEngineDelegate::createInstance();
+  EXPECT_EQ(0, engine->isWidget(launch.c_str()));
+  sqlite3_exec(holder, "COMMIT", nullptr, nullptr, nullptr);
+  sqlite3_close(holder);
+  // Tried again at most once a second.
+  int answer = 0;
+  for (int i = 0; i < 30 && answer != 1; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    answer = engine->isWidget(launch.c_str());
+  }
+  EXPECT_EQ(1, answer);
+}
+
+TEST_F(InstallLockTest, RelativeRegistryPathStaysPutWhenTheWorkingDirectoryMoves) {
+  ScopedEnv relative("YRA_DATA_PATH", "relative-conf/");
+  const std::string path = SqlLite3::databasePath();
+  ASSERT_EQ('/', path[0]);
+  EXPECT_EQ("/relative-conf/widget.db",
+            path.substr(path.size() - std::string("/relative-conf/widget.db").size()));
+  ASSERT_EQ(0, chdir(dir.path().c_str()));
+  EXPECT_EQ(path, SqlLite3::databasePath());
+  ASSERT_EQ(0, chdir("/"));
+  EXPECT_EQ(path, SqlLite3::databasePath());
+}
+
+}  // namespace
