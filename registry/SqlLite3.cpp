@@ -391,6 +391,14 @@ bool SqlLite3::checkTable(const std::string& table,
   impl->resultCode = sqlite3_exec(impl->db, createSql.c_str(), nullptr,
                                   nullptr, &impl->errorMessage);
   if (impl->resultCode == SQLITE_OK) return true;
+  // Another connection may have created it in the meantime (two engines
+  // opening a new registry at once): then it is there, as wanted.
+  if (impl->probe(probe.c_str())) {
+    sqlite3_free(impl->errorMessage);
+    impl->errorMessage = nullptr;
+    impl->resultCode = SQLITE_OK;
+    return true;
+  }
   printf("[%s:%s] Unable to create table %s :  %s (%d)\n", kLevel, kModule,
          table.c_str(),
          impl->errorMessage ? impl->errorMessage : sqlite3_errmsg(impl->db),
