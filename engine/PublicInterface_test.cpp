@@ -26,8 +26,10 @@
 namespace {
 
 // Runs a shell command; its exit status, with stdout and stderr in *output.
+// Runs from "/": an earlier test's failed installation may have left the
+// process in a directory that is gone since, where cmake refuses to start.
 int runCommand(const std::string& command, std::string* output) {
-  FILE* pipe = popen((command + " 2>&1").c_str(), "r");
+  FILE* pipe = popen(("cd / && " + command + " 2>&1").c_str(), "r");
   if (!pipe) return -1;
   std::string text;
   char buffer[4096];

@@ -272,6 +272,24 @@ TEST_F(InstallLockTest, TruncatedOrReplacedRegistryUnderALiveEngineIsNoCrash) {
   EXPECT_FALSE(again);
 }
 
+TEST_F(InstallLockTest, RegistryReplacedUnderALiveEngineIsFollowed) {
+  CaptureStdout quiet;
+  RefPtr<WebWidgetEngineDelegate> engine = WidgetEngineDelegate::createInstance();
+  EngineString launch(engine->receiveWidget(clockPackage("clock.wgt").c_str(), nullptr));
+  ASSERT_TRUE(launch);
+  TempDir::writeFile(conf + "saved.db", TempDir::readFile(conf + "widget.db"));
+  ASSERT_EQ(1, engine->deleteWidget("clock", nullptr));
+  ASSERT_EQ(0, engine->isWidget(launch.get()));
+  // A copy taken earlier is put back, as a restore would.
+  ASSERT_EQ(0, rename((conf + "saved.db").c_str(), (conf + "widget.db").c_str()));
+  int answer = 0;
+  for (int i = 0; i < 30 && answer != 1; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    answer = engine->isWidget(launch.get());
+  }
+  EXPECT_EQ(1, answer);
+}
+
 TEST_F(InstallLockTest, LookupWaitsForAnotherProcessesWriteLock) {
   CaptureStdout quiet;
   RefPtr<WebWidgetEngineDelegate> engine = WidgetEngineDelegate::createInstance();

@@ -142,6 +142,13 @@ bool LookupCache::fresh(sqlite3* db) {
   return reload(db);
 }
 
+void LookupCache::forget() {
+  clear();
+  counter_ = 0;
+  if (fd_ >= 0) close(fd_);
+  fd_ = -1;
+}
+
 void LookupCache::clear() {
   state_ = kEmpty;
   std::vector<char>().swap(arena_);

@@ -54,6 +54,9 @@ class LookupCache {
   // wants the counter of what that transaction reads.
   bool stamp(sqlite3* db, uint32_t& value, bool insideRead = false);
 
+  // Drops the index and the file it was read from, as for a new connection.
+  void forget();
+
   // Bytes of heap that the loaded index holds.
   size_t memoryUsed() const;
 

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <iostream>
 
+#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -156,6 +157,11 @@ struct SqlLite3::Impl {
   bool verbose = false;
   bool jobOpen = false;
   struct timespec lastOpenAttempt = {0, 0};
+  // The file the connection has open, and when the path was last seen to
+  // name it.
+  dev_t fileDevice = 0;
+  ino_t fileInode = 0;
+  time_t identityCheckedAt = 0;
   std::string logPrefix;
   std::string databasePath;
   std::vector<std::string> columnNames;
@@ -227,6 +233,28 @@ SqlLite3::SqlLite3() : impl(new Impl) {
   open();
 }
 
+void SqlLite3::followReplacedFile() {
+  // A connection keeps reading the file it opened, even once another file
+  // has taken its name (a registry restored from a copy, or removed and
+  // made anew by another process): at most once a second, the path is
+  // looked at again, and a connection to a file that no longer has it
+  // opens the one that does.
+  struct timespec now;
+  clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+  if (now.tv_sec == impl->identityCheckedAt) return;
+  impl->identityCheckedAt = now.tv_sec;
+  struct stat status;
+  if (!impl->opened || stat(impl->databasePath.c_str(), &status) != 0) return;
+  if (status.st_dev == impl->fileDevice && status.st_ino == impl->fileInode) {
+    return;
+  }
+  impl->opened = false;
+  impl->allWidgetsKept = false;
+  impl->cache.forget();
+  impl->closeHandle();
+  open();
+}
+
 bool SqlLite3::reopen() {
   if (impl->opened) return true;
   // At most once a second: a lookup on every resource load would otherwise
@@ -263,6 +291,12 @@ void SqlLite3::open() {
     return;
   }
   sqlite3_busy_timeout(impl->db, busyTimeoutMs());
+  struct stat status;
+  if (stat(impl->databasePath.c_str(), &status) == 0) {
+    impl->fileDevice = status.st_dev;
+    impl->fileInode = status.st_ino;
+  }
+  impl->identityCheckedAt = impl->lastOpenAttempt.tv_sec;
   if (impl->verbose) std::cout << "Database open. Good news ;)" << std::endl;
   // A registry that this engine has opened before has its tables and its
   // indexes: one statement proves both.
@@ -768,6 +802,7 @@ int SqlLite3::getNameByLaunchURL(const std::string& launchURL,
 
 int SqlLite3::getNameByLaunchURL(const char* launchURL, size_t length,
                                  std::string& name) {
+  followReplacedFile();
   if (!impl->db || !quotable(launchURL, length, '"')) return 0;
   if (impl->cache.fresh(impl->db)) {
     return impl->cache.nameByLaunchURL(launchURL, length, name) ? 1 : 0;
@@ -784,6 +819,7 @@ int SqlLite3::getNameByLaunchURL(const char* launchURL, size_t length,
 
 int SqlLite3::findLocalizedResource(std::string& url,
                                     std::vector<std::string> locales) {
+  followReplacedFile();
   // The address loses its "file://" and its query part before the lookup.
   url.erase(0, 7);
   std::string& queryPart = impl->queryPart;

@@ -98,6 +98,7 @@ class SqlLite3 {
   std::unique_ptr<Impl> impl;
 
   void open();
+  void followReplacedFile();
   void ensureIndexes();
   int insertWidgetRows(WidgetsData* widget, bool ownTransaction);
   std::vector<WidgetsData*> readWidgets(int statement, const std::string* key,
