@@ -381,13 +381,36 @@ class MappedArchive {
   std::vector<Entry> entries_;
 };
 
+// Writes the next bytes of an entry, never letting the entry grow beyond
+// the size its directory record declares: that size is what the free-space
+// check counted, and an archive whose data holds more (a stored entry whose
+// sizes disagree, a deflate stream that inflates further than announced)
+// would otherwise fill the disk. Such an entry fails as a write that found
+// the file full would, with EFBIG.
+class EntryWriter {
+ public:
+  EntryWriter(int fd, uint64_t declared) : fd_(fd), left_(declared) {}
+  bool write(const char* data, size_t size) {
+    if (size > left_) {
+      errno = EFBIG;
+      return false;
+    }
+    left_ -= size;
+    return writeAll(fd_, data, size);
+  }
+
+ private:
+  int fd_;
+  uint64_t left_;
+};
+
 // Writes a stored entry straight from the map, or inflates a deflated one
 // through buffer. Returns false with errno set when writing fails; data that
 // does not inflate ends the copy early, as a read error does.
-bool copySpan(int fd, const unsigned char* at, size_t length, uint16_t method,
-              char* buffer, size_t bufferSize) {
+bool copySpan(EntryWriter& out, const unsigned char* at, size_t length,
+              uint16_t method, char* buffer, size_t bufferSize) {
   if (method == ZIP_CM_STORE) {
-    return writeAll(fd, reinterpret_cast<const char*>(at), length);
+    return out.write(reinterpret_cast<const char*>(at), length);
   }
   z_stream stream{};
   if (inflateInit2(&stream, -MAX_WBITS) != Z_OK) return true;
@@ -404,7 +427,7 @@ bool copySpan(int fd, const unsigned char* at, size_t length, uint16_t method,
     stream.avail_out = static_cast<uInt>(bufferSize);
     const int status = inflate(&stream, Z_NO_FLUSH);
     const size_t produced = bufferSize - stream.avail_out;
-    if (produced > 0 && !writeAll(fd, buffer, produced)) {
+    if (produced > 0 && !out.write(buffer, produced)) {
       ok = false;
       break;
     }
@@ -580,8 +603,9 @@ int Extractor::extract(std::vector<std::string>& files) {
     const unsigned char* data;
     size_t length;
     uint16_t method;
+    EntryWriter writer(out.get(), stat.size);
     if (mapped.span(index, stat, &data, &length, &method)) {
-      if (!copySpan(out.get(), data, length, method, buffer.get(),
+      if (!copySpan(writer, data, length, method, buffer.get(),
                     kCopyBufferSize)) {
         sayWithNumber("Error opening file", errno);
         return -1;
@@ -589,7 +613,7 @@ int Extractor::extract(std::vector<std::string>& files) {
     } else {
       zip_int64_t n;
       while ((n = zip_fread(entry.get(), buffer.get(), kCopyBufferSize)) > 0) {
-        if (!writeAll(out.get(), buffer.get(), static_cast<size_t>(n))) {
+        if (!writer.write(buffer.get(), static_cast<size_t>(n))) {
           sayWithNumber("Error opening file", errno);
           return -1;
         }

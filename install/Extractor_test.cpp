@@ -892,4 +892,77 @@ TEST_F(ExtractorTest, PackageLargerThanTheFreeSpaceIsRefusedBeforeWriting) {
   EXPECT_TRUE(refusedWith(targetError(ENOSPC)));
 }
 
+// Rewrites the sizes of the second entry (the first is config.xml): what
+// the local and the central records declare, each as given (-1: as it is).
+std::string withSizes(std::string bytes, long localSize, long centralSize,
+                      long localCompressed = -1, long centralCompressed = -1) {
+  std::vector<size_t> local = findAll(bytes, kLocalHeader);
+  std::vector<size_t> central = findAll(bytes, kCentralHeader);
+  if (local.size() != 2 || central.size() != 2) return std::string();
+  if (localSize >= 0) put32(bytes, local[1] + 22, static_cast<uint32_t>(localSize));
+  if (centralSize >= 0) put32(bytes, central[1] + 24, static_cast<uint32_t>(centralSize));
+  if (localCompressed >= 0)
+    put32(bytes, local[1] + 18, static_cast<uint32_t>(localCompressed));
+  if (centralCompressed >= 0)
+    put32(bytes, central[1] + 20, static_cast<uint32_t>(centralCompressed));
+  return bytes;
+}
+
+uint64_t bytesBelow(const std::string& path) {
+  uint64_t total = 0;
+  for (const std::string& name : TempDir::listDirectory(path)) {
+    const std::string full = path + "/" + name;
+    if (TempDir::isDirectory(full)) {
+      total += bytesBelow(full);
+    } else {
+      total += TempDir::readFile(full).size();
+    }
+  }
+  return total;
+}
+
+TEST_F(ExtractorTest, EntriesThatHoldMoreThanTheyDeclareAreCutAtTheirSize) {
+  const std::string big(1 << 20, 'z');
+  const int sizeOfConfig = 9;  // "<widget/>"
+  for (int method : {ZipBuilder::kStored, ZipBuilder::kDeflateDefault}) {
+    SCOPED_TRACE(method == ZipBuilder::kStored ? "stored" : "deflated");
+    ZipBuilder zip;
+    zip.addFile("config.xml", "<widget/>").addFile("big.bin", big, method);
+    build(zip);
+    const std::string original = TempDir::readFile(zipPath);
+    // Both records say 10 bytes; the data holds a megabyte.
+    TempDir::writeFile(zipPath, withSizes(original, 10, 10));
+    Files files;
+    std::string output;
+    EXPECT_EQ(-1, extract(files, &output));
+    EXPECT_NE(std::string::npos,
+              output.find("Error opening file (error " + std::to_string(EFBIG) + ")"))
+        << output;
+    EXPECT_LE(bytesBelow(target), 10u + sizeOfConfig);
+    TempDir::removeTree(target);
+
+    // The two records disagree, one way or the other: whatever the reader
+    // makes of it, nothing beyond the smaller size is written.
+    for (const auto& sizes : {std::make_pair(10L, 1L << 20), std::make_pair(1L << 20, 10L)}) {
+      TempDir::writeFile(zipPath, withSizes(original, sizes.first, sizes.second));
+      Files some;
+      extract(some, &output);
+      EXPECT_LE(bytesBelow(target), 10u + sizeOfConfig) << output;
+      TempDir::removeTree(target);
+    }
+  }
+}
+
+TEST_F(ExtractorTest, EntriesThatHoldLessThanTheyDeclareWriteWhatTheyHold) {
+  ZipBuilder zip;
+  zip.addFile("config.xml", "<widget/>")
+      .addFile("small.bin", std::string(100, 's'), ZipBuilder::kDeflateDefault);
+  build(zip);
+  TempDir::writeFile(zipPath, withSizes(TempDir::readFile(zipPath), 5000, 5000));
+  Files files;
+  std::string output;
+  extract(files, &output);
+  EXPECT_LE(bytesBelow(target), 100u + 9u) << output;
+}
+
 }  // namespace
