@@ -425,7 +425,8 @@ bool hasOverlongTag(const std::string& markup) {
 }
 
 // Reads the file for the scan above; a file that cannot be read is left to
-// libxml2, which reports it.
+// libxml2, which reports it. A file larger than a configuration document may
+// be is not read to its end: it counts as one that does not parse.
 bool fileHasOverlongTag(const std::string& path) {
   FILE* file = fopen(path.c_str(), "rb");
   if (!file) return false;
@@ -434,8 +435,10 @@ bool fileHasOverlongTag(const std::string& path) {
   size_t got;
   while ((got = fread(buffer, 1, sizeof(buffer), file)) > 0) {
     bytes.append(buffer, got);
+    if (bytes.size() > WidgetConfigParser::kLargestDocument) break;
   }
   fclose(file);
+  if (bytes.size() > WidgetConfigParser::kLargestDocument) return true;
   return hasOverlongTag(markupOf(bytes));
 }
 

@@ -5,6 +5,7 @@
 #ifndef WIDGETENGINE_WIDGETCONFIGPARSER_H_
 #define WIDGETENGINE_WIDGETCONFIGPARSER_H_
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -32,6 +33,13 @@ class WidgetConfigParser {
   static int32_t toNumber(const std::string& text);
   // True for a document far larger than any real one, which parse() refuses
   // as invalid without handing it to the validator.
+  // Configuration documents larger than this are refused as documents that
+  // do not parse, without being read further. Real ones are a few kilobytes
+  // (the largest seen, with forty languages of texts, under 100 KB); libxml2
+  // holds several times a document's size while parsing it and the schema
+  // check more, so a megabyte keeps a hostile package's cost to a few
+  // megabytes and some milliseconds.
+  static constexpr size_t kLargestDocument = 1u << 20;
   static bool isTooLargeToValidate(xmlNode* root);
 
  private:

@@ -113,6 +113,31 @@ TEST_F(WidgetConfigParserTest, MissingDocumentIsNotParsed) {
   expectAsConstructed(config);
 }
 
+TEST_F(WidgetConfigParserTest, DocumentBeyondTheSizeLimitIsNotParsed) {
+  const std::string head =
+      "<widget xmlns=\"http://www.w3.org/ns/widgets\"><name>Clock</name>";
+  const std::string tail = "</widget>";
+  const size_t limit = WidgetConfigParser::kLargestDocument;
+  // Exactly at the limit: parsed as any other document.
+  std::string fits = head + std::string(limit - head.size() - tail.size(), ' ') + tail;
+  ASSERT_EQ(limit, fits.size());
+  EXPECT_EQ(0, parse(fits)) << out;
+  // One byte more: refused, whatever it holds.
+  std::string beyond = head + std::string(limit - head.size() - tail.size() + 1, ' ') + tail;
+  EXPECT_TRUE(rejects(beyond, kNotParsed));
+}
+
+TEST_F(WidgetConfigParserTest, GigabyteDocumentIsRefusedWithoutReadingIt) {
+  // A sparse file: a gigabyte that costs nothing to make, and would cost
+  // seconds and gigabytes to parse.
+  const std::string path = widget.path("config.xml");
+  widget.write("config.xml", "<widget xmlns=\"http://www.w3.org/ns/widgets\">");
+  ASSERT_EQ(0, truncate(path.c_str(), 1ll << 30));
+  EXPECT_EQ(-1, parseFile(path));
+  EXPECT_EQ(kNotParsed, out);
+  expectAsConstructed(config);
+}
+
 TEST_F(WidgetConfigParserTest, TextThatIsNotXmlIsNotParsed) {
   EXPECT_TRUE(rejects("this is not xml", kNotParsed));
   EXPECT_TRUE(
