@@ -17,6 +17,7 @@
 #include "install/Downloader.h"
 #include "install/Extractor.h"
 #include "install/InstallLock.h"
+#include "install/UrlPath.h"
 #include "registry/LocalizedItemKeys.h"
 #include "registry/SqlLite3.h"
 #include "registry/WidgetsData.h"
@@ -31,7 +32,8 @@ const char* const kDefaultIcons[] = {"icon.svg", "icon.ico", "icon.png",
                                      "icon.gif", "icon.jpg"};
 
 // True when name, taken as a path relative to a widget's directory, has a
-// ".." component and so could lead out of that directory.
+// ".." component and so could lead out of that directory, either as a file
+// name or, once it is part of a file:// address, as the browser reads it.
 bool leavesDirectory(const std::string& name) {
   size_t start = 0;
   while (start <= name.size()) {
@@ -40,7 +42,7 @@ bool leavesDirectory(const std::string& name) {
     if (name.compare(start, end - start, "..") == 0) return true;
     start = end + 1;
   }
-  return false;
+  return !UrlPath::staysInside(name);
 }
 
 }  // namespace

@@ -738,6 +738,40 @@ TEST_F(WidgetInstallerTest, DeclaredIconsComeFirstThenEveryDefaultIconInOrder) {
                      "widget_clock/icon.gif'"));
 }
 
+TEST_F(WidgetInstallerTest, AddressesTheBrowserWouldResolveOutsideAreNeverAnswered) {
+  // The package holds folders literally called "%2e%2e", so that files
+  // behind the escaped names exist; a browser reads each "%2e%2e" as "..".
+  ZipBuilder zip;
+  zip.addFile("config.xml",
+              configXml("<name>Clock</name>"
+                        "<icon src=\"%2e%2e/%2e%2e/%2e%2e/etc/passwd.xyz\"/>"
+                        "<icon src=\"%2e%2e/%2e%2e/pic.png\"/>"
+                        "<content src=\"%2e%2e/%2e%2e/index.html\"/>"))
+      .addFile("%2e%2e/%2e%2e/index.html", "<html>out</html>")
+      .addFile("%2e%2e/%2e%2e/pic.png", bytes(kPng, sizeof(kPng)))
+      .addFile("index.html", "<html></html>")
+      .addFile("icon.png", bytes(kPng, sizeof(kPng)))
+      .addFile("%2e%2e/x.html", "<p>x</p>")
+      .addFile("locales/fr/%2e%2e/%2e%2e/%2e%2e/x.html", "<p>out</p>")
+      .addFile("%2e%2e/%2e%2e/%2e%2e/x.html", "<p>x</p>")
+      .addFile("locales/fr/%2e%2e/x.html", "<p>in</p>");
+  const std::string url = package("clock.wgt", zip);
+  std::string launchURL;
+  ASSERT_EQ(0, install(url, &launchURL));
+  EXPECT_EQ("file://" + root + "widget_clock/index.html", launchURL);
+  std::unique_ptr<WidgetsData> row = recordOf(url);
+  ASSERT_TRUE(row);
+  EXPECT_EQ("file://" + root + "widget_clock/icon.png", row->getIcon());
+
+  // A localized copy is answered only where the browser stays inside.
+  SqlLite3 registry;
+  std::string inside = "file://" + root + "widget_clock/%2e%2e/x.html";
+  EXPECT_EQ(1, registry.findLocalizedResource(inside, {"fr"}));
+  EXPECT_EQ(root + "widget_clock//locales/fr/%2e%2e/x.html", inside.substr(7));
+  std::string outside = "file://" + root + "widget_clock/%2e%2e/%2e%2e/%2e%2e/x.html";
+  EXPECT_EQ(0, registry.findLocalizedResource(outside, {"fr"}));
+}
+
 TEST_F(WidgetInstallerTest, IconThatClimbsOutOfTheWidgetIsNeverItsIcon) {
   // Sources of an unknown type are listed without being opened, but the
   // icon address handed to the browser must stay inside the widget.

@@ -14,6 +14,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "install/UrlPath.h"
 #include "registry/LocalizedItemKeys.h"
 #include "registry/LookupCache.h"
 #include "registry/Statements.h"
@@ -877,7 +878,9 @@ int SqlLite3::findLocalizedResource(std::string& url,
       bindText(local, 2, localPath);
       hit = sqlite3_step(local) == SQLITE_ROW;
     }
-    if (hit) {
+    // A copy whose address the browser would resolve outside the widget
+    // (escaped dots in its path or in the locale) is never answered.
+    if (hit && UrlPath::staysInside(localPath)) {
       url.assign("file://");
       url.append(dir, dirLength);
       url.push_back('/');
