@@ -14,6 +14,8 @@
 #include <string>
 #include <vector>
 
+#include "config/WidgetConfigParser.h"
+
 struct LintFinding {
   std::string level;  // "error" | "warning" | "info"
   std::string tag;
@@ -47,8 +49,8 @@ class PackageLinter {
   // Entries larger than this (as declared) are not read to check their
   // checksum; such an entry is reported instead.
   static constexpr uint64_t kLargestCheckedEntry = 256ull << 20;
-  // A config.xml larger than this is not parsed.
-  static constexpr uint64_t kLargestConfig = 1u << 20;
+  // A config.xml larger than this is not parsed (nor would the engine).
+  static constexpr uint64_t kLargestConfig = WidgetConfigParser::kLargestDocument;
 
  private:
   struct Entry {
