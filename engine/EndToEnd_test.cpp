@@ -570,4 +570,18 @@ TEST_F(EndToEndTest, RegistryFileThatDisappearsBetweenCalls) {
   expectKeeperFilesUntouched();
 }
 
+TEST_F(EndToEndTest, MegabyteURLsAndLanguagesAreAnsweredInOnePass) {
+  installKeeper();
+  CaptureStdout quiet;
+  const std::string longURL = keeperLaunchURL + std::string(1 << 20, '/');
+  const std::string dashes(1 << 20, '-');
+  EXPECT_EQ(0, engine->isWidget(longURL.c_str()));
+  EngineString mapped(engine->mapResource(longURL.c_str(), dashes.c_str()));
+  EXPECT_FALSE(mapped);
+  std::string languages;
+  while (languages.size() < (1u << 20)) languages += "de-de,fr-fr,";
+  EngineString french(engine->mapResource(keeperLaunchURL.c_str(), languages.c_str()));
+  EXPECT_EQ(1, engine->isWidget(keeperLaunchURL.c_str()));
+}
+
 }  // namespace

@@ -39,6 +39,7 @@ void UserAgentLocales::compute(std::string language) {
   std::vector<std::string> tokens;
   splitString(language, ',', tokens);
   locales.clear();
+  size_t accepted = 0;
 
   for (std::string& token : tokens) {
     // A token that is empty reads '\0' here, which is no star.
@@ -51,14 +52,25 @@ void UserAgentLocales::compute(std::string language) {
 
     // "en-*" becomes "en" and "en-*-us" becomes "en-us": each star goes with
     // the character before it. Erasing can bring a later star to the front
-    // ("a**" leaves "*"); with nothing before it, it goes alone.
-    for (size_t star = token.find('*'); star != std::string::npos;
-         star = token.find('*')) {
-      if (star == 0)
-        token.erase(0, 1);
-      else
-        token.erase(star - 1, 2);
+    // ("a**" leaves "*"); with nothing before it, it goes alone. Read from
+    // the left, the characters before the first star are all kept ones, so
+    // one pass that drops a star together with the last character kept
+    // gives the same tag as erasing star after star, in linear time.
+    size_t kept = 0;
+    for (char c : token) {
+      if (c != '*') {
+        token[kept++] = c;
+      } else if (kept > 0) {
+        --kept;
+      }
     }
+    token.resize(kept);
+
+    // Every tag yields itself and each of its prefixes, so a tag of n
+    // characters costs up to n * n / 2 bytes: longer tags than any real one,
+    // and tags beyond the number any reader sets, are dropped.
+    if (token.size() > kLongestTag) continue;
+    if (++accepted > kMostTags) break;
 
     locales.push_back(token);
     for (size_t dash = token.rfind('-'); dash != std::string::npos;

@@ -11,6 +11,14 @@
 
 class UserAgentLocales {
  public:
+  // Bounds that keep the list's cost linear in the string's length: a tag
+  // longer than kLongestTag characters (after its stars are applied) is
+  // dropped, and so is every tag after the first kMostTags that are kept.
+  // The longest registered language tags have about 30 characters; browsers
+  // send a handful of tags.
+  static constexpr size_t kLongestTag = 64;
+  static constexpr size_t kMostTags = 32;
+
   // Nothing computed; the first non-empty string given later computes.
   UserAgentLocales();
   explicit UserAgentLocales(const std::string& language);

@@ -158,3 +158,37 @@ TEST(UserAgentLocalesTest, SplitStringKeepsInnerEmptyPiecesAndAppends) {
 TEST(UserAgentLocalesTest, NonAsciiBytesAreLeftAsTheyAre) {
   EXPECT_EQ(Locales{"\xc3\x89n"}, computeFor("\xc3\x89N"));
 }
+
+namespace {
+
+TEST(UserAgentLocalesBoundsTest, MegabyteStringsCostOnePass) {
+  CaptureStdout quiet;
+  // One tag of a megabyte of dashes would list a megabyte of prefixes of
+  // up to a megabyte each; it is dropped.
+  UserAgentLocales dashes(std::string(1 << 20, '-'));
+  EXPECT_TRUE(dashes.getLocales().empty());
+  // Stars are applied in one pass: "a*" pairs cancel, what is left is kept
+  // only when it is short enough.
+  std::string stars;
+  for (int i = 0; i < (1 << 19); ++i) stars += "a*";
+  UserAgentLocales cancelled(stars + "fr");
+  EXPECT_EQ((std::vector<std::string>{"fr"}), cancelled.getLocales());
+  UserAgentLocales onlyStars(std::string(1 << 20, '*'));
+  EXPECT_TRUE(onlyStars.getLocales().empty());
+  // Many tags: the first kMostTags kept ones count.
+  std::string many;
+  for (int i = 0; many.size() < (1u << 20); ++i) many += "l" + std::to_string(i) + "-x,";
+  UserAgentLocales tags(many);
+  ASSERT_EQ(2 * UserAgentLocales::kMostTags, tags.getLocales().size());
+  EXPECT_EQ("l0-x", tags.getLocales()[0]);
+  EXPECT_EQ("l31", tags.getLocales().back());
+}
+
+TEST(UserAgentLocalesBoundsTest, TagsUpToTheLimitAreKeptWithTheirPrefixes) {
+  CaptureStdout quiet;
+  std::string longest(UserAgentLocales::kLongestTag - 3, 'a');
+  UserAgentLocales limit(longest + "-bb, " + longest + "-bbb");
+  EXPECT_EQ((std::vector<std::string>{longest + "-bb", longest}), limit.getLocales());
+}
+
+}  // namespace
