@@ -3,7 +3,11 @@
 
 #include <curl/curl.h>
 #include <fcntl.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
+
+#include <cstdint>
+#include <cstdlib>
 
 #include <cstdio>
 #include <iostream>
@@ -29,6 +33,47 @@ FILE* createExclusively(const std::string& path, char* buffer) {
   }
   setvbuf(file, buffer, _IOFBF, kFileBufferSize);
   return file;
+}
+
+// How long a download may go without receiving a byte before it fails, in
+// seconds: a server that stops sending would otherwise hold the browser's
+// thread for ever. A minute outlasts any pause of a slow but live link.
+// WIDGETENGINE_STALL_SECONDS sets another limit (the tests use a second).
+constexpr long kStallSeconds = 60;
+
+long stallSeconds() {
+  const char* value = getenv("WIDGETENGINE_STALL_SECONDS");
+  if (!value || !*value) return kStallSeconds;
+  char* end = nullptr;
+  const long seconds = strtol(value, &end, 10);
+  return *end == '\0' && seconds > 0 ? seconds : kStallSeconds;
+}
+
+// The room left in the folder the package goes to; UINT64_MAX when it
+// cannot be told.
+uint64_t freeSpaceOf(const std::string& filePath) {
+  const size_t slash = filePath.rfind('/');
+  const std::string folder =
+      slash == std::string::npos ? "." : filePath.substr(0, slash + 1);
+  struct statvfs vfs;
+  if (statvfs(folder.c_str(), &vfs) != 0) return UINT64_MAX;
+  return static_cast<uint64_t>(vfs.f_bavail) * vfs.f_frsize;
+}
+
+// Appends the body to the file as libcurl's own writer would, but refuses
+// (and so ends the transfer as a failed download) the bytes that would no
+// longer fit in the folder: an endless body must not fill the disk.
+struct BoundedFile {
+  FILE* file;
+  uint64_t room;
+};
+
+size_t writeBounded(char* data, size_t size, size_t count, void* target) {
+  BoundedFile* out = static_cast<BoundedFile*>(target);
+  const size_t bytes = size * count;
+  if (bytes > out->room) return 0;
+  out->room -= bytes;
+  return fwrite(data, 1, bytes, out->file);
 }
 
 }  // namespace
@@ -57,10 +102,22 @@ int Downloader::download() {
     return -1;
   }
 
-  // Only the address and the destination: redirects are not followed and an
-  // HTTP error page is stored like any body; the extractor refuses it later.
+  // The address, the destination and two bounds: redirects are not followed
+  // and an HTTP error page is stored like any body (the extractor refuses it
+  // later), but a body larger than the room left, or a server silent for
+  // too long, fails the download.
+  BoundedFile out = {file, freeSpaceOf(filePath)};
   curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
-  curl_easy_setopt(curl, CURLOPT_WRITEDATA, file);
+  curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, writeBounded);
+  curl_easy_setopt(curl, CURLOPT_WRITEDATA, &out);
+  if (out.room < static_cast<uint64_t>(INT64_MAX)) {
+    curl_easy_setopt(curl, CURLOPT_MAXFILESIZE_LARGE,
+                     static_cast<curl_off_t>(out.room));
+  }
+  const long stall = stallSeconds();
+  curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, 1L);
+  curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, stall);
+  curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, stall);
 
   CURLcode result = curl_easy_perform(curl);
   if (result != CURLE_OK) {

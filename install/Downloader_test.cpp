@@ -2,6 +2,9 @@
 #include "install/Downloader.h"
 
 #include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -11,6 +14,7 @@
 #include "testing/CaptureStdout.h"
 #include "testing/HttpServer.h"
 #include "testing/OutputChecks.h"
+#include "testing/ScopedEnv.h"
 #include "testing/TempDir.h"
 
 namespace {
@@ -112,6 +116,31 @@ TEST_F(DownloaderTest, ConnectionClosedMidBodyFailsAndLeavesNoFile) {
   server->serveTruncated("/cut.wgt", randomBytes(64 * 1024), 1000);
   EXPECT_TRUE(failsToDownload(server->url("/cut.wgt")));
   EXPECT_EQ(1, server->requestCount("/cut.wgt"));
+}
+
+TEST_F(DownloaderTest, BodyAnnouncedLargerThanTheFreeSpaceFailsAtOnce) {
+  // An exabyte announced: refused before a byte is stored.
+  server->serveEndless("/huge.wgt", 1ull << 60);
+  EXPECT_TRUE(failsToDownload(server->url("/huge.wgt")));
+}
+
+TEST_F(DownloaderTest, EndlessBodyStopsWhenTheFolderIsFull) {
+  if (geteuid() != 0) GTEST_SKIP() << "mounting a small tmpfs needs root";
+  const std::string small = dir.file("small");
+  ASSERT_EQ(0, mkdir(small.c_str(), 0755));
+  if (mount("tmpfs", small.c_str(), "tmpfs", 0, "size=4m") != 0)
+    GTEST_SKIP() << "mount failed";
+  packagePath = small + "/fileAb3xYz";
+  server->serveEndless("/endless.wgt");
+  EXPECT_TRUE(failsToDownload(server->url("/endless.wgt")));
+  EXPECT_TRUE(TempDir::listDirectory(small).empty());
+  umount2(small.c_str(), MNT_DETACH);
+}
+
+TEST_F(DownloaderTest, ServerThatStopsSendingFailsTheDownload) {
+  ScopedEnv stall("WIDGETENGINE_STALL_SECONDS", "1");
+  server->serveStalled("/silent.wgt", randomBytes(64 * 1024), 1000);
+  EXPECT_TRUE(failsToDownload(server->url("/silent.wgt")));
 }
 
 TEST_F(DownloaderTest, FileUrlIsCopied) {

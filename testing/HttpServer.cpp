@@ -115,6 +115,24 @@ void HttpServer::serveTruncated(const std::string& path,
   routes_[path] = route;
 }
 
+void HttpServer::serveEndless(const std::string& path, uint64_t announced) {
+  Route route;
+  route.endless = true;
+  route.announced = announced;
+  std::lock_guard<std::mutex> lock(mutex_);
+  routes_[path] = route;
+}
+
+void HttpServer::serveStalled(const std::string& path, const std::string& body,
+                              size_t sentBytes) {
+  Route route;
+  route.body = body;
+  route.sentBytes = sentBytes;
+  route.stall = true;
+  std::lock_guard<std::mutex> lock(mutex_);
+  routes_[path] = route;
+}
+
 std::string HttpServer::url(const std::string& path) const {
   return loopbackUrl(port_, path);
 }
@@ -194,6 +212,22 @@ void HttpServer::answer(int client) {
     route.body = "<html><body>Not Found</body></html>\n";
   }
 
+  if (route.endless) {
+    std::string head = "HTTP/1.1 200 OK\r\n";
+    if (route.announced) {
+      head += "Content-Length: " + std::to_string(route.announced) + "\r\n";
+    }
+    head += "Connection: close\r\n\r\n";
+    const std::string chunk(64 * 1024, 'e');
+    bool open = sendAll(client, head.data(), head.size());
+    while (open) {
+      pollfd fds[1] = {{wakeRead_, POLLIN, 0}};
+      if (poll(fds, 1, 0) > 0) break;
+      open = sendAll(client, chunk.data(), chunk.size());
+    }
+    return;
+  }
+
   int file = -1;
   size_t length = route.body.size();
   if (!route.filePath.empty()) {
@@ -233,6 +267,14 @@ void HttpServer::answer(int client) {
   } else {
     size_t sent = route.sentBytes < length ? route.sentBytes : length;
     sendAll(client, route.body.data(), sent);
+  }
+  if (route.stall) {
+    // Holds the connection open, sending nothing, until the client closes
+    // it or the server stops.
+    pollfd fds[2] = {{wakeRead_, POLLIN, 0}, {client, POLLIN, 0}};
+    for (int waited = 0; waited < 120; ++waited) {
+      if (poll(fds, 2, 1000) != 0) break;
+    }
   }
   // The client reads until the server closes; a clean end of the sending
   // side makes sure it sees every byte sent.

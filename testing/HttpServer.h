@@ -11,6 +11,7 @@
 #define WIDGETENGINE_TESTING_HTTPSERVER_H_
 
 #include <atomic>
+#include <cstdint>
 #include <map>
 #include <mutex>
 #include <string>
@@ -42,6 +43,15 @@ class HttpServer {
   void serveTruncated(const std::string& path, const std::string& body,
                       size_t sentBytes);
 
+  // 200 with a body that never ends: chunks of bytes until the client goes
+  // away. announced, when not 0, is sent as the Content-Length.
+  void serveEndless(const std::string& path, uint64_t announced = 0);
+  // 200 announcing the whole body's length, then the first sentBytes bytes,
+  // then silence with the connection held open until the client goes away
+  // or the server stops.
+  void serveStalled(const std::string& path, const std::string& body,
+                    size_t sentBytes);
+
   int port() const { return port_; }
   // "http://127.0.0.1:<port>" + path.
   std::string url(const std::string& path) const;
@@ -56,6 +66,9 @@ class HttpServer {
     std::string filePath;  // when not empty, the body is read from here
     Headers headers;
     size_t sentBytes = static_cast<size_t>(-1);
+    bool endless = false;
+    uint64_t announced = 0;
+    bool stall = false;
   };
 
   void run();
@@ -82,6 +95,15 @@ class RefusingPort {
 
   RefusingPort(const RefusingPort&) = delete;
   RefusingPort& operator=(const RefusingPort&) = delete;
+
+  // 200 with a body that never ends: chunks of bytes until the client goes
+  // away. announced, when not 0, is sent as the Content-Length.
+  void serveEndless(const std::string& path, uint64_t announced = 0);
+  // 200 announcing the whole body's length, then the first sentBytes bytes,
+  // then silence with the connection held open until the client goes away
+  // or the server stops.
+  void serveStalled(const std::string& path, const std::string& body,
+                    size_t sentBytes);
 
   int port() const { return port_; }
   std::string url(const std::string& path) const;
