@@ -9,14 +9,14 @@ BENCH_BUILD := build/bench-build
 
 # Tests and the demo run against a schema, registry and widget root inside the
 # build tree; an installed library uses the fixed system paths.
-SANDBOX_FLAGS = \
+SANDBOX_FLAGS = -DWIDGETENGINE_WERROR=ON \
   -DWIDGETENGINE_SCHEMA_PATH=$(CURDIR)/config/WidgetConfig.rng \
   -DWIDGETENGINE_DATABASE_DIR=$(CURDIR)/$(1)/sandbox/conf/ \
   -DWIDGETENGINE_WIDGET_ROOT=$(CURDIR)/$(1)/sandbox/widgets/
 
 SANITIZE := -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer
 
-.PHONY: all setup build test test-normal test-asan demo bench clean
+.PHONY: all setup build test test-normal test-asan demo bench clean fuzz fuzz-ci fuzz-build
 
 all: build
 
@@ -54,5 +54,29 @@ bench: setup
 	mkdir -p build/bench
 	bash bench/run.sh $(BENCH_BUILD) build/bench
 
+# Fuzzing: every target of fuzz/ for FUZZ_SECONDS each (default 300), one
+# after the other, starting from the seeds and from what earlier runs kept in
+# build-fuzz/corpus/; findings land in build-fuzz/findings/<target>/.
+# fuzz-ci is the short run that CI makes (30 s a target).
+FUZZ_BUILD := build-fuzz
+FUZZ_SECONDS ?= 300
+FUZZ_FLAGS := -fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer -g -O1
+
+fuzz-build: setup
+	cmake -S . -B $(FUZZ_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	  -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
+	  -DCMAKE_C_FLAGS="$(FUZZ_FLAGS)" -DCMAKE_CXX_FLAGS="$(FUZZ_FLAGS)" \
+	  -DCMAKE_EXE_LINKER_FLAGS="-fsanitize=address,undefined" \
+	  -DBUILD_TESTING=OFF -DWIDGETENGINE_BUILD_TOOLS=OFF -DWIDGETENGINE_BUILD_FUZZERS=ON \
+	  $(call SANDBOX_FLAGS,$(FUZZ_BUILD))
+	cmake --build $(FUZZ_BUILD) -j $(JOBS)
+	bash fuzz/seeds.sh $(FUZZ_BUILD) $(FUZZ_BUILD)/seeds
+
+fuzz: fuzz-build
+	bash fuzz/run.sh $(FUZZ_BUILD) $(FUZZ_SECONDS)
+
+fuzz-ci: fuzz-build
+	bash fuzz/run.sh $(FUZZ_BUILD) 30
+
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD)

@@ -1,0 +1,116 @@
+// SPDX-License-Identifier: Apache-2.0
+// Writes the fuzz targets' seed corpora into OUT/<target>/: packages built
+// the way the tests build them, configuration documents, language strings
+// and a real registry file. The corpus of packages written elsewhere is
+// added by fuzz/seeds.sh.
+//
+//   make_seeds OUT
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <widgetengine/WidgetEngineDelegate.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "testing/ZipBuilder.h"
+
+namespace {
+
+const char kConfigHead[] = "<widget xmlns=\"http://www.w3.org/ns/widgets\"";
+
+std::string config(const std::string& body, const std::string& attributes = "") {
+  return std::string(kConfigHead) + attributes + ">" + body + "</widget>";
+}
+
+void write(const std::string& path, const std::string& bytes) {
+  std::ofstream out(path, std::ios::binary);
+  out << bytes;
+}
+
+std::string read(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 2) return 2;
+  const std::string out = argv[1];
+  for (const char* target : {"", "/config_parser", "/extractor", "/install",
+                             "/locales", "/registry"}) {
+    mkdir((out + target).c_str(), 0755);
+  }
+
+  const std::vector<std::string> configs = {
+      config("<name>Clock</name>"),
+      config("<name>Clock</name><name xml:lang=\"fr\">Horloge</name>"
+             "<description>d</description><license href=\"http://l\">L</license>"
+             "<author href=\"http://a\" email=\"a@b\">A</author>"
+             "<icon src=\"icon.png\" width=\"16\" height=\"16\"/>"
+             "<content src=\"main.html\" type=\"text/html\" encoding=\"UTF-8\"/>"
+             "<feature name=\"http://f\" required=\"false\"><param name=\"p\" value=\"v\"/></feature>"
+             "<preference name=\"k\" value=\"v\" readonly=\"true\"/>",
+             " id=\"http://w/clock\" version=\"1.0\" width=\"200\" height=\"100\" viewmodes=\"floating\""),
+      config("<name short=\"C\">Clock</name><x:e xmlns:x=\"urn:x\"/>"),
+      "<?xml version=\"1.0\"?><!DOCTYPE w [<!ENTITY e \"x\">]>" + config("<name>&e;</name>"),
+  };
+  for (size_t i = 0; i < configs.size(); ++i) {
+    write(out + "/config_parser/seed" + std::to_string(i) + ".xml", configs[i]);
+  }
+
+  std::vector<ZipBuilder> packages(6);
+  packages[0].addFile("config.xml", configs[0]).addFile("index.html", "<p>x</p>");
+  packages[1]
+      .addFile("config.xml", configs[1])
+      .addFile("main.html", "<p>x</p>")
+      .addFile("icon.png", std::string("\x89PNG\r\n\x1a\n\0\0\0\rIHDR", 16))
+      .addFile("locales/fr/main.html", "<p>fr</p>")
+      .addFolder("img/");
+  packages[2]
+      .addFile("config.xml", configs[0], ZipBuilder::kStored)
+      .addFile("index.html", std::string(5000, 'x'), 9);
+  packages[3].addFile("index.html", "<p>no config</p>");
+  packages[4].addFile("config.xml", configs[2]).addFile("index.svg", "<svg/>");
+  packages[5].addFile("config.xml", configs[0]).addFile("a/b/c/index.htm", "x");
+  for (size_t i = 0; i < packages.size(); ++i) {
+    for (const char* target : {"/extractor/", "/install/"}) {
+      packages[i].write(out + target + "seed" + std::to_string(i) + ".wgt");
+    }
+  }
+
+  const std::vector<std::string> languages = {
+      std::string("file:///x/index.html\0fr-FR,fr;q=0.8,en", 37),
+      std::string("index.html\0de-DE,*,fr-ca", 25),
+      std::string("locales/fr/index.html\0en-*-us, i-klingon,zh-min", 48),
+      std::string("style.css\0fr-ca", 15)};
+  for (size_t i = 0; i < languages.size(); ++i) {
+    write(out + "/locales/seed" + std::to_string(i), languages[i]);
+  }
+
+  // A registry with two widgets, made by the engine itself.
+  char pattern[] = "/tmp/widgetengine-seeds-XXXXXX";
+  const std::string work = mkdtemp(pattern);
+  const std::string root = work + "/w/";
+  const std::string conf = work + "/c/";
+  mkdir(root.c_str(), 0755);
+  mkdir((root + "tmp").c_str(), 0755);
+  mkdir(conf.c_str(), 0755);
+  setenv("WIDGET_PATH", root.c_str(), 1);
+  setenv("YRA_DATA_PATH", conf.c_str(), 1);
+  {
+    RefPtr<WebWidgetEngineDelegate> engine = WidgetEngineDelegate::createInstance();
+    for (int i : {0, 1}) {
+      const std::string package = work + "/w" + std::to_string(i) + ".wgt";
+      packages[i].write(package);
+      std::free(engine->receiveWidget(("file://" + package).c_str(), nullptr));
+    }
+  }
+  write(out + "/registry/seed0.db", read(conf + "widget.db"));
+  std::string command = "rm -rf '" + work + "'";
+  return std::system(command.c_str()) == 0 ? 0 : 1;
+}
