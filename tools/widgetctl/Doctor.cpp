@@ -1,0 +1,199 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "tools/widgetctl/Doctor.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <widgetengine/WidgetEngineDelegate.h>
+
+#include <cstdlib>
+#include <memory>
+#include <set>
+
+#include "install/InstallLock.h"
+#include "install/WidgetInstaller.h"
+#include "install/WidgetUnInstaller.h"
+#include "registry/SqlLite3.h"
+#include "tools/widgetctl/EngineLines.h"
+
+namespace {
+
+std::string realDirectory(const std::string& path) {
+  char* real = realpath(path.c_str(), nullptr);
+  if (!real) return std::string();
+  std::string result(real);
+  free(real);
+  return result;
+}
+
+std::vector<std::string> entries(const std::string& dir) {
+  std::vector<std::string> names;
+  DIR* d = opendir(dir.c_str());
+  if (!d) return names;
+  while (const dirent* e = readdir(d)) {
+    const std::string name = e->d_name;
+    if (name != "." && name != "..") names.push_back(name);
+  }
+  closedir(d);
+  return names;
+}
+
+bool isDirectory(const std::string& path) {
+  struct stat status;
+  return lstat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+// The journal of a lock file whose lock no live installation holds; empty
+// when it is held, or empty.
+std::string deadJournal(const std::string& path) {
+  const int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+  if (fd < 0) return std::string();
+  std::string text;
+  if (flock(fd, LOCK_SH | LOCK_NB) == 0) {
+    char buffer[8192];
+    ssize_t n;
+    while ((n = read(fd, buffer, sizeof buffer)) > 0)
+      text.append(buffer, static_cast<size_t>(n));
+  }
+  close(fd);
+  return text;
+}
+
+// Whether a live installation holds the name of the directory widget_NAME:
+// its directory is being unpacked and is not an orphan.
+bool installationRunning(const std::string& root, const std::string& dirName) {
+  const std::string lock = root + "." + dirName + ".lock";
+  const int fd = open(lock.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+  if (fd < 0) return false;
+  const bool held = flock(fd, LOCK_SH | LOCK_NB) != 0;
+  close(fd);
+  return held;
+}
+
+}  // namespace
+
+bool Doctor::run(std::vector<DoctorProblem>& problems,
+                 std::vector<std::string>& engineLines) {
+  const std::string root = WidgetInstaller::getWidgetBasePath();
+  std::vector<WidgetsData*> rows;
+  {
+    EngineLines capture(&engineLines);
+    SqlLite3 registry;
+    bool ok = false;
+    if (registry.isOpen()) rows = registry.selectAllWidgets(&ok);
+    if (!ok) {
+      error_ = "the registry " + SqlLite3::databasePath() +
+               " cannot be read; check YRA_DATA_PATH and its permissions";
+      return false;
+    }
+  }
+  std::vector<std::unique_ptr<WidgetsData>> widgets;
+  for (WidgetsData* row : rows) widgets.emplace_back(row);
+
+  // Widgets whose directory is gone: listed, answered by isWidget, but
+  // neither removable (the removal fails on the directory) nor
+  // reinstallable (the address is installed already).
+  std::set<std::string> owned;
+  for (const auto& widget : widgets) {
+    const std::string dir = widget->getStoragePath();
+    const std::string real = realDirectory(dir);
+    if (!real.empty()) owned.insert(real);
+    if (isDirectory(dir)) continue;
+    DoctorProblem problem;
+    problem.kind = "missing-directory";
+    problem.name = widget->getName();
+    problem.path = dir;
+    problem.detail = "the files of widget " + widget->getName() +
+                     " (installed from " + widget->getSourceURL() +
+                     ") are gone; \"widgetctl doctor --repair\" removes it, "
+                     "--reinstall installs it again";
+    if (options_.repair) {
+      // A wiped root lost the folder downloads go to as well.
+      mkdir((root + "tmp").c_str(), 0755);
+      EngineLines capture(&engineLines);
+      RefPtr<WebWidgetEngineDelegate> engine =
+          WidgetEngineDelegate::createInstance();
+      // An empty directory in its place makes the widget removable again.
+      mkdir(dir.c_str(), 0755);
+      problem.repaired = engine->deleteWidget(widget->getName().c_str(), nullptr) == 1;
+      if (problem.repaired && options_.reinstall) {
+        char* launch = engine->receiveWidget(widget->getSourceURL().c_str(), nullptr);
+        problem.repaired = launch != nullptr;
+        if (!launch) problem.detail += "; its source address could not be installed again";
+        free(launch);
+      }
+    }
+    problems.push_back(problem);
+  }
+
+  // Directories of the widget root that no widget owns, as the registry
+  // stands after the repairs above.
+  if (options_.repair) {
+    EngineLines capture(&engineLines);
+    SqlLite3 registry;
+    owned.clear();
+    for (WidgetsData* row : registry.selectAllWidgets()) {
+      const std::string real = realDirectory(row->getStoragePath());
+      if (!real.empty()) owned.insert(real);
+      delete row;
+    }
+  }
+  for (const std::string& name : entries(root)) {
+    const std::string path = root + name;
+    if (name.compare(0, 7, "widget_") != 0 || !isDirectory(path)) continue;
+    if (owned.count(realDirectory(path))) continue;
+    if (installationRunning(root, name)) continue;
+    DoctorProblem problem;
+    problem.kind = "orphan-directory";
+    problem.path = path + "/";
+    problem.detail = "no installed widget owns this directory; "
+                     "\"widgetctl doctor --repair --remove-orphans\" removes it";
+    if (options_.repair && options_.removeOrphans) {
+      problem.repaired = WidgetUnInstaller::removeWidgetDirectory(problem.path);
+    }
+    problems.push_back(problem);
+  }
+
+  // What dead installations left: lock files that no live installation
+  // holds, whose journal still names a package file or a directory.
+  bool leftovers = false;
+  for (const std::string& name : entries(root)) {
+    if (name.compare(0, 8, ".widget_") != 0) continue;
+    const std::string journal = deadJournal(root + name);
+    if (journal.empty()) continue;
+    size_t start = 0;
+    while (start < journal.size()) {
+      size_t end = journal.find('\n', start);
+      if (end == std::string::npos) end = journal.size();
+      const std::string line = journal.substr(start, end - start);
+      start = end + 1;
+      const size_t space = line.find(' ');
+      if (space == std::string::npos) continue;
+      const std::string path = line.substr(space + 1);
+      struct stat status;
+      if (lstat(path.c_str(), &status) != 0) continue;
+      DoctorProblem problem;
+      problem.kind = "leftover-installation";
+      problem.path = path;
+      problem.detail = "left by an installation that did not finish; the next "
+                       "installation removes it, or \"widgetctl doctor --repair\"";
+      problems.push_back(problem);
+      leftovers = true;
+    }
+  }
+  if (leftovers && options_.repair) {
+    {
+      EngineLines capture(&engineLines);
+      SqlLite3 registry;
+      InstallLock::sweep(root, registry);
+    }
+    for (DoctorProblem& problem : problems) {
+      struct stat status;
+      if (problem.kind == "leftover-installation")
+        problem.repaired = lstat(problem.path.c_str(), &status) != 0;
+    }
+  }
+  return true;
+}

@@ -1,0 +1,531 @@
+// SPDX-License-Identifier: Apache-2.0
+// widgetctl as its users run it: the built program in a child process, with
+// its widget root, registry and temporary directory inside a TempDir.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <signal.h>
+
+#include <nlohmann/json.hpp>
+
+#include "testing/HttpServer.h"
+#include "testing/OutputChecks.h"
+#include "testing/TempDir.h"
+#include "testing/WidgetSandbox.h"
+#include "testing/ZipBuilder.h"
+
+namespace {
+
+const char kWidgetctl[] = WIDGETENGINE_BINARY_DIR "/widgetctl";
+const char kSample[] = WIDGETENGINE_SOURCE_DIR "/tools/sample-widget/";
+
+struct Result {
+  int status;
+  std::string out;
+  std::string err;
+};
+
+// The program's temporary directory is in the sandbox too.
+class WidgetctlTest : public WidgetSandbox {
+ protected:
+  void SetUp() override { ASSERT_EQ(0, mkdir(tmp.c_str(), 0755)); }
+
+  // Runs widgetctl with args, in the sandbox's environment; its exit status
+  // and both outputs.
+  Result run(const std::vector<std::string>& args) { return runWith(args, {}); }
+
+  // The same, with more variables in the child's environment (name=value;
+  // an empty value unsets the variable).
+  Result runWith(const std::vector<std::string>& args,
+                 const std::vector<std::pair<std::string, std::string>>& env,
+                 int signalAfterMs = 0) {
+    const std::string outPath = dir.path() + "/out.txt";
+    const std::string errPath = dir.path() + "/err.txt";
+    fflush(stdout);
+    fflush(stderr);
+    pid_t child = fork();
+    if (child == 0) {
+      int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+      int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+      if (out < 0 || err < 0) _exit(126);
+      dup2(out, 1);
+      dup2(err, 2);
+      setenv("TMPDIR", tmp.c_str(), 1);
+      unsetenv("LANGUAGE");
+      unsetenv("LC_ALL");
+      unsetenv("LC_MESSAGES");
+      unsetenv("LANG");
+      for (const auto& variable : env) {
+        if (variable.second.empty())
+          unsetenv(variable.first.c_str());
+        else
+          setenv(variable.first.c_str(), variable.second.c_str(), 1);
+      }
+      std::vector<char*> argv;
+      argv.push_back(const_cast<char*>(kWidgetctl));
+      for (const std::string& arg : args)
+        argv.push_back(const_cast<char*>(arg.c_str()));
+      argv.push_back(nullptr);
+      execv(kWidgetctl, argv.data());
+      _exit(127);
+    }
+    Result result;
+    int status = 0;
+    if (signalAfterMs > 0) {
+      usleep(signalAfterMs * 1000);
+      kill(child, SIGINT);
+    }
+    waitpid(child, &status, 0);
+    result.status =
+        WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    result.out = TempDir::readFile(outPath);
+    result.err = TempDir::readFile(errPath);
+    return result;
+  }
+
+  // The bundled sample widget, packed; the package's path.
+  std::string samplePackage(const std::string& fileName) {
+    const char* files[] = {"config.xml",
+                           "index.html",
+                           "style.css",
+                           "clock.js",
+                           "icon.png",
+                           "icon.svg",
+                           "locales/fr/index.html",
+                           "locales/de/index.html"};
+    ZipBuilder zip;
+    for (const char* file : files)
+      zip.addFile(file, TempDir::readFile(std::string(kSample) + file));
+    return writePackage(fileName, zip);
+  }
+
+  nlohmann::json document(const Result& result) {
+    return nlohmann::json::parse(result.out, nullptr, false);
+  }
+
+  const std::string tmp = dir.path() + "/tmp";
+};
+
+const char* const kCommandNames[] = {"install", "list",  "info",   "map", "is-widget",
+                                     "remove",  "check", "doctor", "help"};
+const char* const kOptionNames[] = {"--lang",   "--json",      "--quiet",
+                                    "--strict", "--repair",    "--reinstall",
+                                    "--remove-orphans", "--version", "--help"};
+
+TEST_F(WidgetctlTest, HelpDescribesTheToolEachCommandAndTheExitCodes) {
+  Result help = run({"--help"});
+  EXPECT_EQ(0, help.status);
+  EXPECT_EQ(0u, help.out.find("Usage: widgetctl [OPTIONS] COMMAND"));
+  EXPECT_EQ("", help.err);
+  for (const char* command : kCommandNames) {
+    SCOPED_TRACE(command);
+    EXPECT_NE(std::string::npos, help.out.find(std::string("  ") + command + " "));
+    for (const std::vector<std::string>& ask :
+         {std::vector<std::string>{command, "--help"},
+          std::vector<std::string>{"help", command}}) {
+      Result one = run(ask);
+      EXPECT_EQ(0, one.status);
+      EXPECT_EQ(0u, one.out.find(std::string("Usage: widgetctl ") + command));
+      EXPECT_EQ("", one.err);
+    }
+  }
+  for (const char* option : kOptionNames)
+    EXPECT_NE(std::string::npos, help.out.find(option)) << option;
+  for (const char* code : {"0 success", "1 the engine answered no", "2 usage",
+                           "3 the environment failed"})
+    EXPECT_NE(std::string::npos, help.out.find(code)) << code;
+  EXPECT_TRUE(TempDir::listDirectory(conf).empty());
+}
+
+TEST_F(WidgetctlTest, ManualPageNamesEveryCommandOptionAndExitCode) {
+  const std::string page =
+      TempDir::readFile(WIDGETENGINE_SOURCE_DIR "/tools/widgetctl/widgetctl.1");
+  ASSERT_FALSE(page.empty());
+  for (const char* command : kCommandNames) {
+    EXPECT_TRUE(page.find(std::string("\\fB") + command) != std::string::npos ||
+                page.find(std::string(".B ") + command) != std::string::npos)
+        << command;
+  }
+  for (const char* option : kOptionNames) {
+    std::string roff;
+    for (const char* c = option; *c; ++c) {
+      if (*c == '-') roff += "\\-";
+      else roff += *c;
+    }
+    EXPECT_NE(std::string::npos, page.find(roff)) << option;
+  }
+  for (const char* code : {".B 0\n", ".B 1\n", ".B 2\n", ".B 3\n"})
+    EXPECT_NE(std::string::npos, page.find(code)) << code;
+  // It renders without complaint.
+  std::string command = "cd / && MANWIDTH=80 man -l " WIDGETENGINE_SOURCE_DIR
+                        "/tools/widgetctl/widgetctl.1 2>&1 >/dev/null";
+  FILE* pipe = popen(command.c_str(), "r");
+  ASSERT_TRUE(pipe);
+  char buffer[512];
+  std::string warnings;
+  while (fgets(buffer, sizeof buffer, pipe)) warnings += buffer;
+  pclose(pipe);
+  EXPECT_EQ("", warnings);
+}
+
+TEST_F(WidgetctlTest, BashCompletionOffersCommandsAndOptions) {
+  const std::string script =
+      "source /usr/share/bash-completion/bash_completion 2>/dev/null; "
+      "source " WIDGETENGINE_SOURCE_DIR "/tools/widgetctl/widgetctl.bash-completion; "
+      "COMP_WORDS=(widgetctl \"$1\"); COMP_CWORD=1; COMP_LINE=\"widgetctl $1\"; "
+      "COMP_POINT=${#COMP_LINE}; _widgetctl; echo \"${COMPREPLY[*]}\"";
+  for (const auto& asked : {std::make_pair(std::string("do"), std::string("doctor")),
+                            std::make_pair(std::string("--re"),
+                                           std::string("--repair --reinstall --remove-orphans")),
+                            std::make_pair(std::string("i"), std::string("install info is-widget"))}) {
+    const std::string command = "bash -c '" + script + "' _ '" + asked.first + "'";
+    FILE* pipe = popen(command.c_str(), "r");
+    ASSERT_TRUE(pipe);
+    char buffer[512] = "";
+    std::string answer = fgets(buffer, sizeof buffer, pipe) ? buffer : "";
+    pclose(pipe);
+    EXPECT_EQ(asked.second + "\n", answer) << asked.first;
+  }
+}
+
+TEST_F(WidgetctlTest, UsageErrorsGiveOneLineAndStatus2) {
+  const std::vector<std::vector<std::string>> cases = {
+      {},
+      {"frobnicate"},
+      {"install"},
+      {"install", "a", "b"},
+      {"list", "x"},
+      {"info", "x", "--lang"},
+      {"remove", "--force", "x"},
+      {"check"},
+      {"list", "--repair"},
+      {"doctor", "--reinstall"},
+      {"help", "nothing"}};
+  for (const std::vector<std::string>& args : cases) {
+    Result result = run(args);
+    EXPECT_EQ(2, result.status) << (args.empty() ? "" : args[0]);
+    EXPECT_EQ(1u, lines(result.err).size()) << result.err;
+    EXPECT_EQ(0u, result.err.find("widgetctl: "));
+    EXPECT_EQ("", result.out);
+  }
+}
+
+TEST_F(WidgetctlTest, WholeStoryOfTheSampleWidget) {
+  const std::string url = "file://" + samplePackage("sample-clock.wgt");
+  const std::string storage = root + "widget_sample-clock/";
+  const std::string launchURL = "file://" + storage + "index.html";
+
+  Result install = run({"install", url});
+  EXPECT_EQ(0, install.status) << install.out << install.err;
+  EXPECT_EQ("", install.err);
+  EXPECT_EQ(0u, install.out.find("[Downloading...]\n"));
+  EXPECT_NE(std::string::npos, install.out.find("\n[Cleaning...]\n"));
+  EXPECT_EQ(launchURL, lastLine(install.out));
+
+  // The answer alone on standard output: a script can cut it.
+  Result list = run({"list"});
+  EXPECT_EQ(0, list.status);
+  EXPECT_EQ("sample-clock\t1.0\t" + launchURL + "\n", list.out);
+  EXPECT_EQ("Nothing to clean\n", list.err);
+
+  Result french = run({"info", "sample-clock", "--lang", "fr-FR,fr"});
+  EXPECT_EQ(0, french.status);
+  EXPECT_EQ(0u, french.out.find("name:          sample-clock\n"));
+  EXPECT_NE(std::string::npos, french.out.find("\ntitle:         Horloge exemple\n"));
+  EXPECT_NE(std::string::npos, french.out.find("\nshort title:   Horloge\n"));
+  EXPECT_NE(std::string::npos,
+            french.out.find("\nicon:          file://" + storage + "icon.png\n"));
+  EXPECT_EQ("storage path:  " + storage, lastLine(french.out));
+
+  // The reader's language comes from the environment, as a browser's does.
+  Result german = runWith({"info", "sample-clock"}, {{"LANG", "de_DE.UTF-8"}});
+  EXPECT_EQ(0, german.status);
+  EXPECT_NE(std::string::npos, german.out.find("\ntitle:         Beispieluhr\n"));
+
+  Result mapped = run({"map", launchURL, "--lang", "de"});
+  EXPECT_EQ(0, mapped.status);
+  EXPECT_EQ("file://" + storage + "/locales/de/index.html\n", mapped.out);
+  Result unmapped = run({"map", "file://" + storage + "style.css", "--lang", "de"});
+  EXPECT_EQ("file://" + storage + "style.css\n", unmapped.out);
+
+  Result yes = run({"is-widget", launchURL});
+  EXPECT_EQ(0, yes.status);
+  EXPECT_EQ("yes\n", yes.out);
+  Result no = run({"is-widget", "file://" + storage + "style.css"});
+  EXPECT_EQ(1, no.status);
+  EXPECT_EQ("no\n", no.out);
+  EXPECT_EQ(1u, lines(no.err).size());
+
+  Result again = run({"install", url});
+  EXPECT_EQ(0, again.status);
+  EXPECT_EQ("Widget already installed. Launch it with this url : " + launchURL +
+                "\nNothing to clean\n" + launchURL + "\n",
+            again.out);
+
+  Result removed = run({"remove", "sample-clock"});
+  EXPECT_EQ(0, removed.status);
+  EXPECT_EQ("removed sample-clock", lastLine(removed.out));
+  EXPECT_FALSE(TempDir::exists(storage));
+
+  Result missing = run({"remove", "sample-clock"});
+  EXPECT_EQ(1, missing.status);
+  EXPECT_EQ("widgetctl: no widget called sample-clock is installed "
+            "(\"widgetctl list\" lists them)\n",
+            missing.err);
+  Result noInfo = run({"info", "sample-clock"});
+  EXPECT_EQ(1, noInfo.status);
+  EXPECT_EQ("", noInfo.out);
+  Result empty = run({"list"});
+  EXPECT_EQ(0, empty.status);
+  EXPECT_EQ("", empty.out);
+}
+
+TEST_F(WidgetctlTest, EveryCommandSpeaksJson) {
+  const std::string url = "file://" + samplePackage("sample-clock.wgt");
+  const std::string launchURL = "file://" + root + "widget_sample-clock/index.html";
+  Result install = run({"--json", "install", url});
+  EXPECT_EQ(0, install.status);
+  nlohmann::json doc = document(install);
+  ASSERT_TRUE(doc.is_object()) << install.out;
+  EXPECT_EQ("install", doc["command"]);
+  EXPECT_EQ(true, doc["ok"]);
+  EXPECT_EQ(0, doc["exit"]);
+  EXPECT_EQ(launchURL, doc["launchURL"]);
+  EXPECT_EQ(false, doc["installedBefore"]);
+  ASSERT_TRUE(doc["engine"].is_array());
+  EXPECT_EQ("[Downloading...]", doc["engine"][0]);
+  EXPECT_NE(std::string::npos, install.err.find("[Downloading...]"));
+
+  doc = document(run({"--json", "list"}));
+  ASSERT_EQ(1u, doc["widgets"].size());
+  EXPECT_EQ("sample-clock", doc["widgets"][0]["name"]);
+  EXPECT_EQ(320, doc["widgets"][0]["width"]);
+  doc = document(run({"--json", "--lang", "fr", "info", "sample-clock"}));
+  EXPECT_EQ("Horloge exemple", doc["widget"]["title"]);
+  doc = document(run({"--json", "--lang", "de", "map", launchURL}));
+  EXPECT_EQ("file://" + root + "widget_sample-clock//locales/de/index.html", doc["mapped"]);
+  doc = document(run({"--json", "map", "file:///elsewhere"}));
+  EXPECT_TRUE(doc["mapped"].is_null());
+  EXPECT_EQ("file:///elsewhere", doc["answer"]);
+  doc = document(run({"--json", "is-widget", launchURL}));
+  EXPECT_EQ(true, doc["widget"]);
+  Result notWidget = run({"--json", "is-widget", "file:///elsewhere"});
+  EXPECT_EQ(1, notWidget.status);
+  doc = document(notWidget);
+  EXPECT_EQ(false, doc["widget"]);
+  EXPECT_EQ(false, doc["ok"]);
+  EXPECT_TRUE(doc["error"].is_string());
+  doc = document(run({"--json", "check", url.substr(7)}));
+  ASSERT_EQ(1u, doc["packages"].size());
+  EXPECT_EQ("install", doc["packages"][0]["verdict"]);
+  EXPECT_TRUE(doc["packages"][0]["findings"].is_array());
+  doc = document(run({"--json", "doctor"}));
+  EXPECT_EQ(true, doc["healthy"]);
+  doc = document(run({"--json", "remove", "sample-clock"}));
+  EXPECT_EQ(true, doc["removed"]);
+  doc = document(run({"--json", "--version"}));
+  EXPECT_EQ("1.0", doc["version"]);
+  EXPECT_TRUE(doc["schema"].is_string());
+}
+
+TEST_F(WidgetctlTest, FailedInstallPassesTheEngineLinesAndGivesOneReason) {
+  const std::string url = "file://" + dir.path() + "/missing.wgt";
+  Result result = run({"install", url});
+  EXPECT_EQ(1, result.status);
+  EXPECT_EQ(
+      "[Downloading...]\n\nCould not download file\nError while downloading\n"
+      "Download cleaned\nNothing to clean\n",
+      result.out);
+  EXPECT_EQ("widgetctl: could not install " + url +
+                ": the package could not be downloaded from " + url +
+                "; check the address\n",
+            result.err);
+  EXPECT_TRUE(nothingLeft());
+}
+
+TEST_F(WidgetctlTest, NameTakenByAnotherWidgetNamesThatWidget) {
+  const std::string first = samplePackage("clock.wgt");
+  ASSERT_EQ(0, run({"install", first}).status);
+  ASSERT_EQ(0, mkdir((packages + "other").c_str(), 0755));
+  const std::string second = samplePackage("other/clock.wgt");
+  Result result = run({"install", second});
+  EXPECT_EQ(1, result.status);
+  EXPECT_EQ("widgetctl: could not install file://" + second +
+                ": the widget could not be recorded: The widget name clock is "
+                "taken by the widget installed from file://" + first +
+                "; remove that widget first\n",
+            result.err);
+}
+
+TEST_F(WidgetctlTest, PlainPathsBecomeEscapedFileAddresses) {
+  const std::string path = samplePackage("my clock%1.wgt");
+  Result result = run({"install", path});
+  EXPECT_EQ(0, result.status) << result.err;
+  EXPECT_NE(std::string::npos,
+            result.out.find("Downloaded from file://" + packages + "my%20clock%251.wgt"))
+      << result.out;
+  EXPECT_TRUE(TempDir::isDirectory(root + "widget_my%20clock%251"));
+}
+
+TEST_F(WidgetctlTest, UnusableRegistryIsTheEnvironmentsFailure) {
+  for (const char* command : {"list", "info", "remove"}) {
+    std::vector<std::string> args = {command};
+    if (std::string(command) != "list") args.push_back("clock");
+    Result result = runWith(args, {{"YRA_DATA_PATH", dir.path() + "/no/such/dir/"}});
+    EXPECT_EQ(3, result.status) << command << result.err;
+    EXPECT_NE(std::string::npos, result.err.find("widgetctl: the registry ")) << result.err;
+    EXPECT_EQ("", result.out) << command;
+  }
+  Result install = runWith({"install", samplePackage("clock.wgt")},
+                           {{"YRA_DATA_PATH", dir.path() + "/no/such/dir/"}});
+  EXPECT_EQ(3, install.status);
+}
+
+TEST_F(WidgetctlTest, DirectoryVariablesWithoutTheirSlashAreWarnedAbout) {
+  Result result = runWith({"list"}, {{"YRA_DATA_PATH", conf.substr(0, conf.size() - 1)}});
+  EXPECT_NE(std::string::npos,
+            result.err.find("widgetctl: warning: YRA_DATA_PATH=" +
+                            conf.substr(0, conf.size() - 1) +
+                            " does not end with \"/\""))
+      << result.err;
+}
+
+TEST_F(WidgetctlTest, CheckLintsEveryPackageAndEndsWithTheVerdict) {
+  const std::string good = samplePackage("sample-clock.wgt");
+  ZipBuilder warned;
+  warned.addFile("config.xml",
+                 "<widget xmlns=\"http://www.w3.org/ns/widgets\" width=\"wide\">"
+                 "<name>x</name><icon src=\"missing.png\"/></widget>")
+      .addFile("index.html", "<p/>");
+  const std::string warning = writePackage("warned.wgt", warned);
+  ZipBuilder refused;
+  refused.addFile("config.xml", "<widget><name>x</name></widget>")
+      .addFile("index.html", "<p/>");
+  const std::string bad = writePackage("bad.wgt", refused);
+  TempDir::removeTree(root);
+
+  Result one = run({"check", good});
+  EXPECT_EQ(0, one.status) << one.out << one.err;
+  EXPECT_EQ(good + ": would install", lastLine(one.out));
+
+  Result all = run({"check", good, warning, bad});
+  EXPECT_EQ(1, all.status);
+  EXPECT_NE(std::string::npos,
+            all.out.find("warning: dimension-not-a-number"))
+      << all.out;
+  EXPECT_NE(std::string::npos, all.out.find("warning: declared-icon-missing"));
+  EXPECT_NE(std::string::npos, all.out.find("error: schema-invalid config.xml:1:"));
+  EXPECT_NE(std::string::npos, all.out.find(warning + ": would install\n"));
+  EXPECT_EQ(bad + ": would be refused: config.xml was refused; \"widgetctl check\" "
+                  "gives the line and the reason",
+            lastLine(all.out));
+
+  EXPECT_EQ(0, run({"check", warning}).status);
+  EXPECT_EQ(1, run({"check", "--strict", warning}).status);
+  EXPECT_EQ(0, run({"check", "--strict", good}).status);
+
+  // Nothing of the real places, nothing left in the temporary folder.
+  EXPECT_FALSE(TempDir::exists(root));
+  EXPECT_TRUE(TempDir::listDirectory(conf).empty());
+  EXPECT_TRUE(TempDir::listDirectory(tmp).empty());
+}
+
+TEST_F(WidgetctlTest, CheckDownloadsAnAddressOnceUnderItsName) {
+  HttpServer server;
+  server.serveFile("/w/sample-clock.wgt", samplePackage("sample-clock.wgt"));
+  server.serve("/w/error.wgt", 404, "<html>Not found</html>");
+  Result result = run({"check", server.url("/w/sample-clock.wgt"), server.url("/w/error.wgt")});
+  EXPECT_EQ(1, result.status);
+  EXPECT_NE(std::string::npos,
+            result.out.find(server.url("/w/sample-clock.wgt") + ": would install\n"));
+  EXPECT_NE(std::string::npos, result.out.find("error: not-a-zip-archive"));
+  EXPECT_EQ(1, server.requestCount("/w/sample-clock.wgt"));
+  EXPECT_TRUE(TempDir::listDirectory(tmp).empty());
+}
+
+TEST_F(WidgetctlTest, InterruptedCheckRemovesItsTemporaryFolder) {
+  // A package large enough that the check is still running when Ctrl-C
+  // comes.
+  ZipBuilder big;
+  big.addFile("config.xml", "<widget xmlns=\"http://www.w3.org/ns/widgets\"><name>b</name></widget>")
+      .addFile("index.html", "<p/>");
+  for (int i = 0; i < 3000; ++i) big.addFile("f/" + std::to_string(i) + ".txt", std::string(3000, 'a'));
+  const std::string package = writePackage("big.wgt", big);
+  int interrupted = 0;
+  for (int delay : {20, 60, 150, 300}) {
+    Result result = runWith({"check", package}, {}, delay);
+    if (result.status == 128 + SIGINT) ++interrupted;
+    EXPECT_TRUE(TempDir::listDirectory(tmp).empty()) << delay;
+  }
+  EXPECT_GT(interrupted, 0) << "every check ended before the signal";
+}
+
+TEST_F(WidgetctlTest, DoctorFindsAndRepairsEachKindOfDamage) {
+  const std::string keeper = samplePackage("keeper.wgt");
+  const std::string lost = samplePackage("lost.wgt");
+  ASSERT_EQ(0, run({"install", keeper}).status);
+  ASSERT_EQ(0, run({"install", lost}).status);
+  Result healthy = run({"doctor"});
+  EXPECT_EQ(0, healthy.status);
+  EXPECT_EQ("registry and disk agree\n", healthy.out);
+
+  // A widget's files gone, a stray directory, a dead installation's leftovers.
+  TempDir::removeTree(root + "widget_lost");
+  ASSERT_EQ(0, mkdir((root + "widget_stray").c_str(), 0755));
+  TempDir::writeFile(root + "tmp/fileAb3dE9", "PK");
+  TempDir::writeFile(root + ".widget_dead.lock",
+                     "package " + root + "tmp/fileAb3dE9\nstorage " + root + "widget_dead/\n");
+  Result found = run({"doctor"});
+  EXPECT_EQ(1, found.status);
+  EXPECT_NE(std::string::npos, found.out.find("missing-directory: lost " + root + "widget_lost/"));
+  EXPECT_NE(std::string::npos, found.out.find("orphan-directory: " + root + "widget_stray/"));
+  EXPECT_NE(std::string::npos, found.out.find("leftover-installation: " + root + "tmp/fileAb3dE9"));
+  EXPECT_EQ(1, run({"remove", "lost"}).status);  // not removable as it is
+
+  Result repaired = run({"doctor", "--repair"});
+  EXPECT_EQ(1, repaired.status);  // the stray directory stays unless asked
+  EXPECT_TRUE(TempDir::isDirectory(root + "widget_stray"));
+  EXPECT_FALSE(TempDir::exists(root + "tmp/fileAb3dE9"));
+  Result orphans = run({"doctor", "--repair", "--remove-orphans"});
+  EXPECT_EQ(0, orphans.status) << orphans.out;
+  EXPECT_FALSE(TempDir::exists(root + "widget_stray"));
+  EXPECT_EQ("keeper\t1.0\tfile://" + root + "widget_keeper/index.html\n", run({"list"}).out);
+  EXPECT_EQ(0, run({"doctor"}).status);
+
+  // The whole widget root wiped (a reboot of /tmp): reinstalled from the
+  // source addresses.
+  TempDir::removeTree(root);
+  Result wiped = run({"doctor", "--repair", "--reinstall"});
+  EXPECT_EQ(0, wiped.status) << wiped.out << wiped.err;
+  EXPECT_TRUE(TempDir::exists(root + "widget_keeper/index.html"));
+  EXPECT_EQ(0, run({"doctor"}).status);
+}
+
+TEST_F(WidgetctlTest, VersionNamesTheCompiledInPlaces) {
+  Result result = run({"--version"});
+  EXPECT_EQ(0, result.status);
+  EXPECT_EQ(0u, result.out.find("widgetctl 1.0 (libwidgetengine 1.0)\nschema:        "));
+  EXPECT_NE(std::string::npos, result.out.find("\nregistry:      "));
+  EXPECT_NE(std::string::npos, result.out.find("\nwidget root:   "));
+}
+
+TEST_F(WidgetctlTest, CheckOfAMissingPackageSaysWhy) {
+  Result result = run({"check", dir.path() + "/nothing.wgt"});
+  EXPECT_EQ(1, result.status);
+  EXPECT_NE(std::string::npos,
+            result.out.find(dir.path() + "/nothing.wgt: would be refused: cannot read "
+                            "the package file"))
+      << result.out;
+  EXPECT_TRUE(TempDir::listDirectory(tmp).empty());
+}
+
+}  // namespace
