@@ -16,7 +16,8 @@ SANDBOX_FLAGS = -DWIDGETENGINE_WERROR=ON \
 
 SANITIZE := -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer
 
-.PHONY: all setup build test test-normal test-asan demo bench clean fuzz fuzz-ci fuzz-build
+.PHONY: all setup build test test-normal test-asan demo bench clean fuzz fuzz-ci fuzz-build \
+  package package-test uninstall
 
 all: build
 
@@ -78,5 +79,21 @@ fuzz: fuzz-build
 fuzz-ci: fuzz-build
 	bash fuzz/run.sh $(FUZZ_BUILD) 30
 
+# Debian packages of the committed tree, built with the device's fixed paths
+# into build-package/: libwidgetengine1, libwidgetengine-dev, widgetctl.
+PACKAGE_BUILD := build-package
+
+package: setup
+	@bash tools/package.sh $(PACKAGE_BUILD)
+
+# Builds the packages, runs lintian, builds the README's host against them
+# and installs them over a registry that holds widgets (as root).
+package-test: package
+	bash tools/package-test.sh $(PACKAGE_BUILD)
+
+# Removes what `cmake --install build` wrote (from its install manifest).
+uninstall:
+	cmake --build $(BUILD) --target uninstall
+
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) $(PACKAGE_BUILD)

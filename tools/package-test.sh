@@ -1,0 +1,97 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
+# Tests the Debian packages in BUILD/ as a packager and an integrator would:
+# lintian finds no error; the README's host example builds against the
+# unpacked packages with pkg-config and with find_package; installed for real
+# (as root), the example installs a widget, and installing the packages again
+# over a registry that holds two widgets keeps both.
+#
+# Usage: tools/package-test.sh BUILD
+set -euo pipefail
+build=$(cd "${1:-build-package}" && pwd)
+source_dir=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+work=$(mktemp -d /tmp/widgetengine-package-test-XXXXXX)
+trap 'rm -rf "$work"' EXIT
+debs=("$build"/libwidgetengine1_*.deb "$build"/libwidgetengine-dev_*.deb "$build"/widgetctl_*.deb)
+
+echo "== lintian"
+lintian --fail-on error --suppress-tags initial-upload-closes-no-bugs "${debs[@]}"
+
+echo "== unpacked into $work/root"
+for deb in "${debs[@]}"; do dpkg -x "$deb" "$work/root"; done
+multiarch=$(dpkg-architecture -qDEB_HOST_MULTIARCH)
+libdir="$work/root/usr/lib/$multiarch"
+
+# The README's example, between its marker and the end of its code block.
+awk '/This example is compiled and run/ {found=1; next}
+     found && /^```cpp/ {inside=1; next}
+     inside && /^```/ {exit}
+     inside {print}' "$source_dir/README.md" >"$work/host.cpp"
+test -s "$work/host.cpp"
+
+echo "== pkg-config"
+export PKG_CONFIG_PATH="$libdir/pkgconfig"
+test "$(pkg-config --variable=schemapath widgetengine)" = /Customer/.yra/Resources/Widget/Validation/WidgetConfig.rng
+test "$(pkg-config --variable=databasedir widgetengine)" = /Customer/.yra/conf/
+test "$(pkg-config --variable=widgetroot widgetengine)" = /tmp/widgetEngine/
+# shellcheck disable=SC2046
+g++ -std=c++17 -o "$work/host-pc" "$work/host.cpp" $(pkg-config --cflags --libs widgetengine)
+
+echo "== find_package"
+mkdir -p "$work/cmake-host"
+cp "$work/host.cpp" "$work/cmake-host/host.cpp"
+cat >"$work/cmake-host/CMakeLists.txt" <<'CMAKE'
+cmake_minimum_required(VERSION 3.13)
+project(host CXX)
+find_package(widgetengine 1.0 REQUIRED)
+if(NOT WIDGETENGINE_SCHEMA_PATH STREQUAL "/Customer/.yra/Resources/Widget/Validation/WidgetConfig.rng")
+  message(FATAL_ERROR "WIDGETENGINE_SCHEMA_PATH is ${WIDGETENGINE_SCHEMA_PATH}")
+endif()
+add_executable(host host.cpp)
+set_target_properties(host PROPERTIES CXX_STANDARD 17)
+target_link_libraries(host widgetengine::widgetengine)
+CMAKE
+cmake -S "$work/cmake-host" -B "$work/cmake-host/build" -DCMAKE_PREFIX_PATH="$work/root/usr" >/dev/null
+cmake --build "$work/cmake-host/build" >/dev/null
+
+# A package to install, made of the bundled sample widget.
+(cd "$source_dir/tools/sample-widget" && zip -qr "$work/clock.wgt" .)
+cp "$work/clock.wgt" "$work/calendar.wgt"
+
+if [ "$(id -u)" -ne 0 ]; then
+  echo "== skipped: installing the packages needs root"
+  exit 0
+fi
+
+echo "== dpkg -i"
+dpkg -i "${debs[@]}" >/dev/null
+export WIDGET_PATH="$work/widgets/" YRA_DATA_PATH="$work/conf/"
+mkdir -p "$WIDGET_PATH/tmp" "$YRA_DATA_PATH"
+for host in "$work/host-pc" "$work/cmake-host/build/host"; do
+  LD_LIBRARY_PATH="$libdir" "$host" "file://$work/clock.wgt" | tail -3
+  widgetctl remove clock >/dev/null
+done
+test "$(stat -c %a /Customer/.yra/conf)" = 1777
+
+echo "== reinstalled over a registry with two widgets"
+# The registry at its packaged place, unless one is there already.
+unset YRA_DATA_PATH
+registry=/Customer/.yra/conf/widget.db
+if [ -e "$registry" ]; then
+  export YRA_DATA_PATH="$work/conf/"
+  registry="$work/conf/widget.db"
+else
+  trap 'rm -f /Customer/.yra/conf/widget.db; rm -rf "$work"' EXIT
+fi
+widgetctl install "$work/clock.wgt" >/dev/null
+widgetctl install "$work/calendar.wgt" >/dev/null
+dpkg -i "${debs[@]}" >/dev/null
+widgetctl is-widget "file://${WIDGET_PATH}widget_clock/index.html" 2>/dev/null
+widgetctl is-widget "file://${WIDGET_PATH}widget_calendar/index.html" 2>/dev/null
+test "$(widgetctl list 2>/dev/null | wc -l)" = 2
+test -s "$registry"
+widgetctl remove clock >/dev/null
+widgetctl remove calendar >/dev/null
+# The machine is left as it was found.
+dpkg --purge widgetctl libwidgetengine-dev libwidgetengine1 >/dev/null
+echo "== the packages pass"
