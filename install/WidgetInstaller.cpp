@@ -130,6 +130,16 @@ std::string WidgetInstaller::buildDownloadPath() {
   return path;
 }
 
+int WidgetInstaller::abandonParsed(int status,
+                                   std::unique_ptr<WidgetsData>& record) {
+  parser.reset();
+  extractor.reset();
+  downloader.reset();
+  record.reset();
+  launchURL = "about:blank";
+  return status;
+}
+
 int WidgetInstaller::refuse(int status, const std::string& reason) {
   std::cout << reason << std::endl;
   launchURL = "about:blank";
@@ -286,12 +296,7 @@ int WidgetInstaller::runHoldingName() {
   parser.reset(new WidgetConfigParser(configPath, config.get()));
   if (parser->parse() == -1) {
     std::cout << "Error while parsing" << std::endl;
-    parser.reset();
-    extractor.reset();
-    downloader.reset();
-    record.reset();
-    launchURL = "about:blank";
-    return 8;
+    return abandonParsed(8, record);
   }
 
   // A content element is only recorded once its file was found, so without
@@ -303,12 +308,7 @@ int WidgetInstaller::runHoldingName() {
   }
   if (!config->getStartFile()) {
     std::cout << "No start file found" << std::endl;
-    parser.reset();
-    extractor.reset();
-    downloader.reset();
-    record.reset();
-    launchURL = "about:blank";
-    return 9;
+    return abandonParsed(9, record);
   }
 
   launchURL = "file://" + storagePath + *config->getStartFile();
@@ -356,12 +356,7 @@ int WidgetInstaller::runHoldingName() {
                 << database->lastError() << std::endl;
     }
     database->rollbackJob();
-    parser.reset();
-    extractor.reset();
-    downloader.reset();
-    record.reset();
-    launchURL = "about:blank";
-    return 10;
+    return abandonParsed(10, record);
   }
   database->insertLocalizedItems(widgetId, localizeditems::kName,
                                  config->getNames());
@@ -378,12 +373,7 @@ int WidgetInstaller::runHoldingName() {
   if (!database->endJob()) {
     std::cout << "Cannot commit the widget to the registry: "
               << database->lastError() << std::endl;
-    parser.reset();
-    extractor.reset();
-    downloader.reset();
-    record.reset();
-    launchURL = "about:blank";
-    return 10;
+    return abandonParsed(10, record);
   }
 
   extractor->setKeepFiles(true);

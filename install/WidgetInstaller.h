@@ -17,6 +17,7 @@ class InstallLock;
 class SqlLite3;
 class WidgetConfig;
 class WidgetConfigParser;
+class WidgetsData;
 
 class WidgetInstaller {
  public:
@@ -63,6 +64,10 @@ class WidgetInstaller {
   int runHoldingName();
   // Prints the reason line of a refusal and sets the launch URL of one.
   int refuse(int status, const std::string& reason);
+  // Ends a run that got as far as parsing config.xml with a failure: its
+  // objects go, last made first (so their clean-up lines come in that
+  // order), and the launch URL is "about:blank".
+  int abandonParsed(int status, std::unique_ptr<WidgetsData>& record);
 
   std::string sourceURL;
   std::string basePath;

@@ -272,6 +272,9 @@ TEST_F(UnInstallerTest, DanglingLinkAtTheTopFailsLikeAMissingDirectory) {
 }
 
 TEST_F(UnInstallerTest, RemovesDeepTreesWithoutChangingWorkingDirectory) {
+  // Somewhere that exists: an earlier test's failed installation may have
+  // left the process in a directory removed since.
+  ASSERT_EQ(0, chdir(widgets_.path().c_str()));
   char before[4096];
   ASSERT_NE(nullptr, getcwd(before, sizeof before));
   std::string path = widgets_.file("tree");
