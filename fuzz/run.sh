@@ -5,8 +5,9 @@
 # BUILD/corpus/<target>/ (new inputs are added there); a crash, leak,
 # timeout (over 2 s an input) or memory blow-up (over 512 MB) is written to
 # BUILD/findings/<target>/. Prints one line per target: CPU seconds,
-# executions, coverage (edges) and findings; exits 1 when any target found
-# something.
+# executions, coverage (edges) and findings, and adds the CPU seconds and
+# executions to BUILD/totals/<target> (all runs so far); exits 1 when any
+# target found something.
 #
 # Usage: fuzz/run.sh BUILD SECONDS
 set -uo pipefail
@@ -30,19 +31,24 @@ for program in "$build"/*_fuzzer; do
     extractor|install) dict=(-dict="$source_dir/zip.dict") ;;
   esac
   before=$(find "$findings" -type f | wc -l)
-  start=$(date +%s)
   ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 \
+    /usr/bin/time -f '%U %S' -o "$log.cpu" \
     "$program" "$corpus" "$build/seeds/$target" "${dict[@]}" \
     -max_total_time="$seconds" -timeout=2 -rss_limit_mb=512 \
     -artifact_prefix="$findings/" -print_final_stats=1 >"$log" 2>&1
   rc=$?
-  elapsed=$(( $(date +%s) - start ))
+  cpu=$(awk 'END {printf "%d", $1 + $2}' "$log.cpu")
   after=$(find "$findings" -type f | wc -l)
   runs=$(grep -o 'stat::number_of_executed_units: *[0-9]*' "$log" | grep -o '[0-9]*$' | tail -1)
   edges=$(grep -o 'cov: [0-9]*' "$log" | tail -1 | grep -o '[0-9]*')
   found=$((after - before))
-  summary+=("$(printf '%-14s %6ss %10s runs %6s edges %3s findings' \
-    "$target" "$elapsed" "${runs:-0}" "${edges:-0}" "$found")")
+  mkdir -p "$build/totals"
+  read -r total_cpu total_runs <"$build/totals/$target" 2>/dev/null || true
+  total_cpu=$(( ${total_cpu:-0} + cpu ))
+  total_runs=$(( ${total_runs:-0} + ${runs:-0} ))
+  echo "$total_cpu $total_runs" >"$build/totals/$target"
+  summary+=("$(printf '%-14s %6s CPU s %10s runs %6s edges %3s findings   (all runs: %s CPU s, %s runs)' \
+    "$target" "$cpu" "${runs:-0}" "${edges:-0}" "$found" "$total_cpu" "$total_runs")")
   if [ "$rc" -ne 0 ] || [ "$found" -ne 0 ]; then
     status=1
     echo "fuzz: $target found something; see $log and $findings/" >&2
