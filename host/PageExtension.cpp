@@ -1,0 +1,69 @@
+// SPDX-License-Identifier: Apache-2.0
+// The part of widget-browser that WebKit loads into each web process. It owns
+// an engine of its own there and rewrites the address of every sub-resource
+// request (stylesheets, scripts, images, fonts, frames, fetch and XHR) to the
+// localized copy the engine names for the reader's language.
+//
+// Why here: sub-resource loads never reach the UI process one by one; the
+// web page's send-request signal is the one place that sees each of them
+// before it leaves, and it may change the address in place. Documents of the
+// main frame are mapped by the UI process's navigation policy instead
+// (BrowserWindow.cpp); rewriting them here stalls the load, and by the time a
+// mapped document is requested it already lies under locales/, which the
+// engine never maps again, so the call below leaves it alone.
+#include <stdlib.h>
+
+#include <memory>
+#include <string>
+
+#include <webkit2/webkit-web-extension.h>
+
+#include <widgetengine/WidgetEngineDelegate.h>
+
+#include "host/ResourceMapper.h"
+
+namespace {
+
+// Web processes are separate programs, each initialised once and living
+// until WebKit ends them, so one engine per process is enough.
+RefPtr<WebWidgetEngineDelegate>* engine = nullptr;
+ResourceMapper* mapper = nullptr;
+
+gboolean onSendRequest(WebKitWebPage*, WebKitURIRequest* request,
+                       WebKitURIResponse*, gpointer) {
+  const char* uri = webkit_uri_request_get_uri(request);
+  if (uri == nullptr || mapper == nullptr) return FALSE;
+  const std::string mapped = mapper->map(uri);
+  if (!mapped.empty()) webkit_uri_request_set_uri(request, mapped.c_str());
+  return FALSE;  // let the (possibly rewritten) request go
+}
+
+void onPageCreated(WebKitWebExtension*, WebKitWebPage* page, gpointer) {
+  g_signal_connect(page, "send-request", G_CALLBACK(onSendRequest), nullptr);
+}
+
+}  // namespace
+
+// The browser hands over (language, YRA_DATA_PATH, WIDGET_PATH, mapping on):
+// the web process inherits the environment today, but a browser that
+// launches it differently must still give its engine the same registry.
+extern "C" G_MODULE_EXPORT void webkit_web_extension_initialize_with_user_data(
+    WebKitWebExtension* extension, const GVariant* constData) {
+  GVariant* data = const_cast<GVariant*>(constData);
+  if (data == nullptr || !g_variant_is_of_type(data, G_VARIANT_TYPE("(sssb)")))
+    return;
+  const char* language = nullptr;
+  const char* dataPath = nullptr;
+  const char* widgetPath = nullptr;
+  gboolean mapping = TRUE;
+  g_variant_get(data, "(&s&s&sb)", &language, &dataPath, &widgetPath, &mapping);
+  if (*dataPath) setenv("YRA_DATA_PATH", dataPath, 1);
+  if (*widgetPath) setenv("WIDGET_PATH", widgetPath, 1);
+  if (mapping) {
+    engine = new RefPtr<WebWidgetEngineDelegate>(
+        WidgetEngineDelegate::createInstance());
+    mapper = new ResourceMapper(engine->get(), language);
+  }
+  g_signal_connect(extension, "page-created", G_CALLBACK(onPageCreated),
+                   nullptr);
+}
