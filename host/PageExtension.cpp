@@ -11,6 +11,7 @@
 // (BrowserWindow.cpp); rewriting them here stalls the load, and by the time a
 // mapped document is requested it already lies under locales/, which the
 // engine never maps again, so the call below leaves it alone.
+#include <stdio.h>
 #include <stdlib.h>
 
 #include <memory>
@@ -57,6 +58,10 @@ extern "C" G_MODULE_EXPORT void webkit_web_extension_initialize_with_user_data(
   const char* widgetPath = nullptr;
   gboolean mapping = TRUE;
   g_variant_get(data, "(&s&s&sb)", &language, &dataPath, &widgetPath, &mapping);
+  // The engine's lines from this process share the browser's output; line
+  // buffering keeps them in order with the browser's own and not held back
+  // until WebKit ends the process.
+  setvbuf(stdout, nullptr, _IOLBF, 0);
   if (*dataPath) setenv("YRA_DATA_PATH", dataPath, 1);
   if (*widgetPath) setenv("WIDGET_PATH", widgetPath, 1);
   if (mapping) {
