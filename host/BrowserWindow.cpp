@@ -178,22 +178,25 @@ void BrowserWindow::measureFirstFrameFrom(
   firstFrameStart_ = start;
 }
 
-// Documents of the view are mapped here, in the UI process, because this is
-// the only point where WebKit asks about a navigation before it starts and
-// lets the browser load another address instead: links, form posts,
-// back/forward, reloads and load_uri all pass through it. Sub-resources do
-// not; the web-process extension (PageExtension.cpp) maps those.
+// Documents of the main frame are mapped here, in the UI process. The
+// response decision is the one point where WebKit tells for certain that a
+// load is the main frame's document (a navigation decision looks the same for
+// an iframe, and loading the mapped address then would replace the whole
+// page) and still lets the browser load another address instead: links,
+// form posts, back/forward, reloads and load_uri all pass through it. Frames
+// and sub-resources are mapped by the web-process extension
+// (PageExtension.cpp), which leaves the main document alone.
 gboolean BrowserWindow::onDecidePolicy(WebKitWebView* view,
                                        WebKitPolicyDecision* decision,
                                        WebKitPolicyDecisionType type,
                                        gpointer self) {
-  if (type != WEBKIT_POLICY_DECISION_TYPE_NAVIGATION_ACTION) return FALSE;
+  if (type != WEBKIT_POLICY_DECISION_TYPE_RESPONSE) return FALSE;
+  auto* response = WEBKIT_RESPONSE_POLICY_DECISION(decision);
+  if (!webkit_response_policy_decision_is_main_frame_main_resource(response))
+    return FALSE;
   auto* window = static_cast<BrowserWindow*>(self);
-  WebKitNavigationAction* action =
-      webkit_navigation_policy_decision_get_navigation_action(
-          WEBKIT_NAVIGATION_POLICY_DECISION(decision));
-  const char* requested =
-      webkit_uri_request_get_uri(webkit_navigation_action_get_request(action));
+  const char* requested = webkit_uri_request_get_uri(
+      webkit_response_policy_decision_get_request(response));
   if (requested == nullptr) return FALSE;
   const std::string url = engineAddress(requested);
   window->navigationStarts(url);
@@ -208,20 +211,30 @@ gboolean BrowserWindow::onDecidePolicy(WebKitWebView* view,
   return TRUE;
 }
 
-// Every navigation asks the engine whether it opens a widget: the launch
-// address is the only one the engine recognises, so the widget's name (and
-// its directory, which tells the pages reached from it) is kept until a
-// navigation leaves that directory.
+// Every navigation of the view asks the engine whether it opens a widget,
+// before its document is mapped and again once it is committed (back and
+// forward from WebKit's page cache come only there). The engine recognises
+// nothing but the launch address, so a page of the widget reached from it
+// (its localized copy, a link, a page restored from history) is recognised
+// by the widget's directory; the localized name is looked up once per visit.
 void BrowserWindow::navigationStarts(const std::string& url) {
-  if (engine_->isWidget(url.c_str()) == 1) {
-    widgetDir_.clear();
-    widgetTitle_.clear();
+  const std::string address = ResourceMapper::collapseSlashes(url);
+  const bool launch = engine_->isWidget(url.c_str()) == 1;
+  if (!launch && !widgetDir_.empty() && startsWith(address, widgetDir_)) {
+    updateTitle();
+    return;
+  }
+  widgetDir_.clear();
+  widgetTitle_.clear();
+  if (launch || address.compare(0, 7, "file://") == 0) {
     std::string name;
     for (WidgetsData* widget : engine_->getAll(nullptr)) {
-      if (widget->getLaunchURL() == url) {
+      const std::string dir =
+          ResourceMapper::collapseSlashes("file://" + widget->getStoragePath());
+      if (name.empty() && (launch ? widget->getLaunchURL() == url
+                                  : startsWith(address, dir))) {
         name = widget->getName();
-        widgetDir_ =
-            ResourceMapper::collapseSlashes("file://" + widget->getStoragePath());
+        widgetDir_ = dir;
       }
       delete widget;
     }
@@ -233,10 +246,6 @@ void BrowserWindow::navigationStarts(const std::string& url) {
         delete info;
       }
     }
-  } else if (widgetDir_.empty() ||
-             !startsWith(ResourceMapper::collapseSlashes(url), widgetDir_)) {
-    widgetDir_.clear();
-    widgetTitle_.clear();
   }
   updateTitle();
 }
@@ -261,6 +270,8 @@ void BrowserWindow::onLoadChanged(WebKitWebView* view, WebKitLoadEvent event,
   if (event == WEBKIT_LOAD_STARTED && window->redirectPending_ &&
       engineAddress(viewUri(view)) == window->redirectedTo_)
     window->redirectPending_ = false;
+  if (event == WEBKIT_LOAD_COMMITTED && !window->refusal_)
+    window->navigationStarts(engineAddress(viewUri(view)));
   if (event != WEBKIT_LOAD_FINISHED) return;
   // The finish of a navigation that was ignored for its localized copy.
   if (window->redirectPending_) return;

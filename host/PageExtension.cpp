@@ -8,11 +8,11 @@
 // web page's send-request signal is the one place that sees each of them
 // before it leaves, and it may change the address in place. Documents of the
 // main frame are mapped by the UI process's navigation policy instead
-// (BrowserWindow.cpp); rewriting them here stalls the load, and by the time a
-// mapped document is requested it already lies under locales/, which the
-// engine never maps again, so the call below leaves it alone.
+// (BrowserWindow.cpp): rewriting the main document here stalls its load.
+// Documents of frames are mapped here, like any other sub-resource.
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 
 #include <memory>
 #include <string>
@@ -30,10 +30,14 @@ namespace {
 RefPtr<WebWidgetEngineDelegate>* engine = nullptr;
 ResourceMapper* mapper = nullptr;
 
-gboolean onSendRequest(WebKitWebPage*, WebKitURIRequest* request,
+gboolean onSendRequest(WebKitWebPage* page, WebKitURIRequest* request,
                        WebKitURIResponse*, gpointer) {
   const char* uri = webkit_uri_request_get_uri(request);
   if (uri == nullptr || mapper == nullptr) return FALSE;
+  // The page's address is already the one being loaded when its document is
+  // requested: that one request belongs to the UI process.
+  const char* pageUri = webkit_web_page_get_uri(page);
+  if (pageUri != nullptr && strcmp(pageUri, uri) == 0) return FALSE;
   const std::string mapped = mapper->map(uri);
   if (!mapped.empty()) webkit_uri_request_set_uri(request, mapped.c_str());
   return FALSE;  // let the (possibly rewritten) request go

@@ -217,6 +217,44 @@ TEST_F(WidgetBrowserTest, ReaderWithoutACopyGetsTheDefaultFiles) {
   EXPECT_NE(std::string::npos, text(next).find("Back to the clock"));
 }
 
+TEST_F(WidgetBrowserTest, FramesAndRequestsGetTheFrenchCopiesInsideThePage) {
+  ZipBuilder zip;
+  zip.addFile("config.xml",
+              "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+              "<widget xmlns=\"http://www.w3.org/ns/widgets\" "
+              "id=\"http://example.org/frames\" version=\"1.0\">\n"
+              "  <name>Frames</name>\n  <content src=\"index.html\"/>\n"
+              "</widget>\n");
+  // The page reads its frame and a file (with XHR, synchronous so that it is
+  // done when the load is) once all is loaded, and shows both in its title.
+  zip.addFile("index.html",
+              "<!DOCTYPE html><html><head><meta charset=\"UTF-8\">"
+              "<title>Top</title></head><body><h1>Top</h1>"
+              "<iframe id=\"f\" src=\"frame.html\"></iframe><script>"
+              "window.addEventListener('load', () => {"
+              " const frame = document.getElementById('f')"
+              ".contentDocument.body.innerText.trim();"
+              " const request = new XMLHttpRequest();"
+              " request.open('GET', 'data.txt', false); request.send();"
+              " document.title = frame + '|' + request.responseText.trim();"
+              "});</script></body></html>");
+  const std::string head = "<!DOCTYPE html><html><head><meta charset=\"UTF-8\">"
+                           "</head><body>";
+  zip.addFile("frame.html", head + "default frame</body></html>");
+  zip.addFile("data.txt", "default data\n");
+  zip.addFolder("locales/").addFolder("locales/fr/");
+  zip.addFile("locales/fr/frame.html", head + "cadre français</body></html>");
+  zip.addFile("locales/fr/data.txt", "données\n");
+  Browse run = browse({"--lang", "fr", "--exit-after-load",
+                       "file://" + writePackage("frames.wgt", zip)});
+  ASSERT_EQ(0, run.status) << run.err;
+  // The frame's document did not replace the page.
+  EXPECT_EQ("file://" + root + "widget_frames/index.html", url(run));
+  EXPECT_EQ("cadre français|données",
+            run.facts.value("documentTitle", std::string()));
+  EXPECT_EQ("Frames", title(run));
+}
+
 TEST_F(WidgetBrowserTest, LanguageComesFromTheLocaleWithoutLang) {
   install("ja");
   Browse run = browse({"--exit-after-load", launchURL()},
