@@ -7,7 +7,7 @@
 // Why here: sub-resource loads never reach the UI process one by one; the
 // web page's send-request signal is the one place that sees each of them
 // before it leaves, and it may change the address in place. Documents of the
-// main frame are mapped by the UI process's navigation policy instead
+// main frame are mapped by the UI process at its response decision instead
 // (BrowserWindow.cpp): rewriting the main document here stalls its load.
 // Documents of frames are mapped here, like any other sub-resource.
 #include <stdio.h>
