@@ -319,11 +319,25 @@ void BrowserWindow::loadFinished() {
                                  onSnapshot, this);
     return;
   }
-  if (!options_.click.empty() && !clicked_) {
-    clicked_ = true;
-    gchar* selector = g_strescape(options_.click.c_str(), nullptr);
-    std::string script = std::string("(() => { const e = document.querySelector(\"") +
-                         selector + "\"); if (!e) return false; e.click(); return true; })()";
+  if (stepsDone_ < options_.steps.size()) {
+    const std::string& step = options_.steps[stepsDone_++];
+    if (step == "back" || step == "forward") {
+      const bool can = step == "back" ? webkit_web_view_can_go_back(view_)
+                                      : webkit_web_view_can_go_forward(view_);
+      if (!can) {
+        loadFinished();
+        return;
+      }
+      if (step == "back")
+        webkit_web_view_go_back(view_);
+      else
+        webkit_web_view_go_forward(view_);
+      return;
+    }
+    gchar* selector = g_strescape(step.c_str(), nullptr);
+    const std::string script =
+        std::string("(() => { const e = document.querySelector(\"") +
+        selector + "\"); if (!e) return false; e.click(); return true; })()";
     g_free(selector);
     webkit_web_view_evaluate_javascript(
         view_, script.c_str(), -1, nullptr, nullptr, nullptr,

@@ -26,7 +26,9 @@ struct BrowserOptions {
   std::string extensionDir;    // where the web-process part lives
   // Test and benchmark hooks, set from the environment by main().
   bool printFacts = false;     // print what the loaded page shows as JSON
-  std::string click;           // CSS selector clicked once after the load
+  // After each load, the next of these steps: a CSS selector to click, or
+  // "back" / "forward" through the history.
+  std::vector<std::string> steps;
   int repeat = 0;              // load the page this many more times, timed
 };
 
@@ -85,7 +87,7 @@ class BrowserWindow {
   bool refusal_ = false;
   bool loadFailed_ = false;
   std::string failure_;
-  bool clicked_ = false;
+  size_t stepsDone_ = 0;
   bool factsPrinted_ = false;
   bool repeating_ = false;
   bool firstFrameMeasured_ = false;

@@ -179,13 +179,30 @@ TEST_F(WidgetBrowserTest, FrenchReaderSeesTheFrenchCopies) {
 TEST_F(WidgetBrowserTest, FrenchLinkLeadsToTheFrenchSecondPage) {
   install("fr");
   Browse run = browse({"--lang", "fr", "--exit-after-load", launchURL()},
-                      {{"WIDGET_BROWSER_CLICK", "#next"}});
+                      {{"WIDGET_BROWSER_STEPS", "#next"}});
   EXPECT_EQ(0, run.status) << run.err;
   EXPECT_EQ("file://" + storage() + "/locales/fr/about.html", url(run));
   EXPECT_NE(std::string::npos, text(run).find("Retour à l’horloge")) << text(run);
   EXPECT_EQ(kFrenchColour, colour(run));
   // Still the same widget: its localized name stays the window's title.
   EXPECT_EQ("Horloge exemple", title(run));
+}
+
+TEST_F(WidgetBrowserTest, BackAndForwardKeepTheFrenchCopiesAndTheTitle) {
+  install("fr");
+  Browse back = browse({"--lang", "fr", "--exit-after-load", launchURL()},
+                       {{"WIDGET_BROWSER_STEPS", "#next back"}});
+  EXPECT_EQ(0, back.status) << back.err;
+  EXPECT_EQ("file://" + storage() + "/locales/fr/index.html", url(back));
+  EXPECT_NE(std::string::npos, text(back).find("Heure locale")) << text(back);
+  EXPECT_EQ(kFrenchColour, colour(back));
+  EXPECT_EQ("Horloge exemple", title(back));
+
+  Browse forward = browse({"--lang", "fr", "--exit-after-load", launchURL()},
+                          {{"WIDGET_BROWSER_STEPS", "#next back forward"}});
+  EXPECT_EQ("file://" + storage() + "/locales/fr/about.html", url(forward));
+  EXPECT_EQ(kFrenchColour, colour(forward));
+  EXPECT_EQ("Horloge exemple", title(forward));
 }
 
 TEST_F(WidgetBrowserTest, GermanReaderSeesTheGermanCopies) {
@@ -197,7 +214,7 @@ TEST_F(WidgetBrowserTest, GermanReaderSeesTheGermanCopies) {
   EXPECT_EQ("Beispieluhr", title(run));
 
   Browse next = browse({"--lang", "de", "--exit-after-load", launchURL()},
-                       {{"WIDGET_BROWSER_CLICK", "#next"}});
+                       {{"WIDGET_BROWSER_STEPS", "#next"}});
   EXPECT_EQ("file://" + storage() + "/locales/de/about.html", url(next));
   EXPECT_NE(std::string::npos, text(next).find("Zurück zur Uhr")) << text(next);
   EXPECT_EQ(kGermanColour, colour(next));
@@ -212,7 +229,7 @@ TEST_F(WidgetBrowserTest, ReaderWithoutACopyGetsTheDefaultFiles) {
   EXPECT_EQ("Sample Clock", title(run));
 
   Browse next = browse({"--lang", "ja", "--exit-after-load", launchURL()},
-                       {{"WIDGET_BROWSER_CLICK", "#next"}});
+                       {{"WIDGET_BROWSER_STEPS", "#next"}});
   EXPECT_EQ("file://" + storage() + "/about.html", url(next));
   EXPECT_NE(std::string::npos, text(next).find("Back to the clock"));
 }

@@ -15,9 +15,11 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <iostream>
+#include <sstream>
 #include <string>
 
 #include <gtk/gtk.h>
@@ -171,7 +173,11 @@ int main(int argc, char** argv) {
   options.extensionDir = extensionDirectory(argv[0]);
   options.mapping = !envFlag("WIDGET_BROWSER_NO_MAPPING");
   options.printFacts = envFlag("WIDGET_BROWSER_FACTS");
-  if (const char* click = getenv("WIDGET_BROWSER_CLICK")) options.click = click;
+  if (const char* steps = getenv("WIDGET_BROWSER_STEPS")) {
+    std::istringstream words(steps);
+    std::string step;
+    while (words >> step) options.steps.push_back(step);
+  }
   if (const char* repeat = getenv("WIDGET_BROWSER_REPEAT"))
     options.repeat = std::clamp(atoi(repeat), 0, 1000);
   const bool timing = envFlag("WIDGET_BROWSER_TIMING");
