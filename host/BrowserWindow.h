@@ -49,8 +49,8 @@ class BrowserWindow {
   // exitAfterLoad); the process's exit status.
   int run();
 
-  // Milliseconds from start to the first rendered frame, with a snapshot
-  // taken then; -1 until it happened.
+  // Once the first page has loaded and a frame of it has been rendered,
+  // prints the milliseconds since start ("first-frame-ms: ...").
   void measureFirstFrameFrom(std::chrono::steady_clock::time_point start);
 
  private:
