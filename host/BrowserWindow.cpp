@@ -50,18 +50,6 @@ double millisecondsSince(std::chrono::steady_clock::time_point start) {
       .count();
 }
 
-// The engine stores plain paths in its file:// addresses; WebKit hands out
-// percent-escaped ones. Asking with WebKit's form would miss every widget
-// installed under a directory whose name needs escaping.
-std::string engineAddress(const std::string& uri) {
-  if (uri.compare(0, 7, "file://") != 0) return uri;
-  char* plain = g_uri_unescape_string(uri.c_str(), nullptr);
-  if (plain == nullptr) return uri;
-  std::string result = plain;
-  g_free(plain);
-  return result;
-}
-
 bool startsWith(const std::string& text, const std::string& prefix) {
   return text.compare(0, prefix.size(), prefix) == 0;
 }
@@ -198,7 +186,7 @@ gboolean BrowserWindow::onDecidePolicy(WebKitWebView* view,
   const char* requested = webkit_uri_request_get_uri(
       webkit_response_policy_decision_get_request(response));
   if (requested == nullptr) return FALSE;
-  const std::string url = engineAddress(requested);
+  const std::string url = ResourceMapper::engineAddress(requested);
   window->navigationStarts(url);
   if (url == window->redirectedTo_) return FALSE;
   const std::string mapped = window->mapper_.map(url);
@@ -268,10 +256,10 @@ void BrowserWindow::onLoadChanged(WebKitWebView* view, WebKitLoadEvent event,
                                   gpointer self) {
   auto* window = static_cast<BrowserWindow*>(self);
   if (event == WEBKIT_LOAD_STARTED && window->redirectPending_ &&
-      engineAddress(viewUri(view)) == window->redirectedTo_)
+      ResourceMapper::engineAddress(viewUri(view)) == window->redirectedTo_)
     window->redirectPending_ = false;
   if (event == WEBKIT_LOAD_COMMITTED && !window->refusal_)
-    window->navigationStarts(engineAddress(viewUri(view)));
+    window->navigationStarts(ResourceMapper::engineAddress(viewUri(view)));
   if (event != WEBKIT_LOAD_FINISHED) return;
   // The finish of a navigation that was ignored for its localized copy.
   if (window->redirectPending_) return;

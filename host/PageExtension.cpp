@@ -38,7 +38,7 @@ gboolean onSendRequest(WebKitWebPage* page, WebKitURIRequest* request,
   // requested: that one request belongs to the UI process.
   const char* pageUri = webkit_web_page_get_uri(page);
   if (pageUri != nullptr && strcmp(pageUri, uri) == 0) return FALSE;
-  const std::string mapped = mapper->map(uri);
+  const std::string mapped = mapper->map(ResourceMapper::engineAddress(uri));
   if (!mapped.empty()) webkit_uri_request_set_uri(request, mapped.c_str());
   return FALSE;  // let the (possibly rewritten) request go
 }

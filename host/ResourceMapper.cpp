@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/ResourceMapper.h"
 
+#include <glib.h>
+
 #include <cstdlib>
 #include <utility>
 
@@ -42,4 +44,16 @@ std::string ResourceMapper::collapseSlashes(const std::string& url) {
   }
   out += url.substr(pathEnd);
   return out;
+}
+
+// The engine stores plain paths in its file:// addresses; WebKit hands out
+// percent-escaped ones. Asking with WebKit's form would miss every widget
+// installed under a directory whose name needs escaping.
+std::string ResourceMapper::engineAddress(const std::string& uri) {
+  if (uri.compare(0, 7, "file://") != 0) return uri;
+  char* plain = g_uri_unescape_string(uri.c_str(), nullptr);
+  if (plain == nullptr) return uri;
+  std::string result = plain;
+  g_free(plain);
+  return result;
 }

@@ -19,6 +19,9 @@ class ResourceMapper {
   // The address to load instead of url, or "" to keep url.
   std::string map(const std::string& url) const;
 
+  // A file:// address from WebKit in the form the engine stores.
+  static std::string engineAddress(const std::string& uri);
+
   // url with runs of "/" in its path collapsed to one.
   static std::string collapseSlashes(const std::string& url);
 

@@ -272,6 +272,21 @@ TEST_F(WidgetBrowserTest, FramesAndRequestsGetTheFrenchCopiesInsideThePage) {
   EXPECT_EQ("Frames", title(run));
 }
 
+TEST_F(WidgetBrowserTest, WidgetRootWhoseNameNeedsEscaping) {
+  const std::string spaced = dir.file("my widgets") + "/";
+  ASSERT_EQ(0, mkdir(spaced.c_str(), 0755));
+  ASSERT_EQ(0, mkdir((spaced + "tmp").c_str(), 0755));
+  Browse run = browse({"--lang", "fr", "--exit-after-load", samplePackage()},
+                      {{"WIDGET_PATH", spaced}});
+  ASSERT_EQ(0, run.status) << run.out << run.err;
+  EXPECT_EQ("file://" + dir.file("my%20widgets") +
+                "/widget_sample-clock/locales/fr/index.html",
+            url(run));
+  EXPECT_EQ(kFrenchColour, colour(run));
+  EXPECT_EQ(std::make_pair(60, 40), imageSize(run));
+  EXPECT_EQ("Horloge exemple", title(run));
+}
+
 TEST_F(WidgetBrowserTest, LanguageComesFromTheLocaleWithoutLang) {
   install("ja");
   Browse run = browse({"--exit-after-load", launchURL()},
