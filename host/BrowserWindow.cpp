@@ -239,6 +239,7 @@ void BrowserWindow::navigationStarts(const std::string& url) {
 }
 
 void BrowserWindow::updateTitle() {
+  if (window_ == nullptr) return;  // closed; the view goes with it
   if (!widgetTitle_.empty()) {
     gtk_window_set_title(GTK_WINDOW(window_), widgetTitle_.c_str());
     return;
