@@ -5,6 +5,8 @@
 # from its file:// URL into a fresh sandbox under BUILD/demo/, then lists,
 # describes, maps, recognises, reinstalls and removes it. Before that,
 # "widgetctl check" shows the configuration record parsed from its config.xml.
+# Last, widget-browser installs it again and shows it to a French and a
+# German reader, with a screenshot of each under BUILD/demo/.
 #
 # Usage: bash tools/demo.sh BUILD   (BUILD is the build tree, "build" by
 # default; `make build` must have made BUILD/widgetctl).
@@ -81,5 +83,28 @@ step "Install the same URL again (already installed)"
 
 step "Remove sample-clock"
 "$widgetctl" remove sample-clock
+
+browser="$build/widget-browser"
+if [ -x "$browser" ]; then
+  # A machine without a display gets a virtual one.
+  run_browser=("$browser")
+  if [ -z "${DISPLAY:-}" ] && [ -z "${WAYLAND_DISPLAY:-}" ]; then
+    run_browser=(xvfb-run -a -n 611 "$browser")
+  fi
+  shot_fr="$demo/sample-clock-fr.png"
+  shot_de="$demo/sample-clock-de.png"
+
+  step "Open $url in widget-browser for a French reader (installs it)"
+  "${run_browser[@]}" --lang fr-FR,fr --size 640x400 --screenshot "$shot_fr" "$url"
+
+  step "Open $launch in widget-browser for a German reader"
+  "${run_browser[@]}" --lang de --size 640x400 --screenshot "$shot_de" "$launch"
+
+  step "Screenshots"
+  echo "$shot_fr"
+  echo "$shot_de"
+else
+  step "widget-browser was not built (no WebKitGTK 4.1): no screenshots"
+fi
 
 step "Done: the sandbox is $demo"

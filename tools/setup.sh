@@ -10,7 +10,7 @@ packages=(
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   python3 zip unzip curl libarchive-tools binutils sqlite3 libxml2-utils
   clang libfuzzer-14-dev libclang-rt-14-dev
-  libwebkit2gtk-4.1-dev xvfb xauth
+  libwebkit2gtk-4.1-dev libgdk-pixbuf-2.0-dev xvfb xauth
   nlohmann-json3-dev bash-completion
   dpkg-dev fakeroot lintian file time
 )

@@ -1,0 +1,446 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "host/BrowserWindow.h"
+
+#include <cairo.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+#include <memory>
+#include <utility>
+
+#include <nlohmann/json.hpp>
+
+#include <widgetengine/WidgetsData.h>
+
+namespace {
+
+// Long enough for a cold web process on a loaded machine; a page that has
+// not loaded by then is reported instead of waited for forever.
+const guint kLoadTimeoutSeconds = 90;
+
+// What the tests read back from a loaded page. Image sizes are the decoded
+// files' own, so they tell which copy of a picture was fetched even though
+// the element keeps the address written in the page.
+const char kFactsScript[] = R"JS(
+(() => {
+  const h1 = document.querySelector('h1');
+  return JSON.stringify({
+    url: location.href,
+    documentTitle: document.title,
+    lang: document.documentElement ? document.documentElement.lang : '',
+    text: document.body ? document.body.innerText : '',
+    h1Color: h1 ? getComputedStyle(h1).color : '',
+    images: Array.from(document.images).map(i => ({
+      src: i.src, width: i.naturalWidth, height: i.naturalHeight})),
+    links: Array.from(document.links).map(a => a.href),
+  });
+})()
+)JS";
+
+std::string viewUri(WebKitWebView* view) {
+  const char* uri = webkit_web_view_get_uri(view);
+  return uri ? uri : "";
+}
+
+double millisecondsSince(std::chrono::steady_clock::time_point start) {
+  return std::chrono::duration<double, std::milli>(
+             std::chrono::steady_clock::now() - start)
+      .count();
+}
+
+bool startsWith(const std::string& text, const std::string& prefix) {
+  return text.compare(0, prefix.size(), prefix) == 0;
+}
+
+struct LoadLater {
+  WebKitWebView* view;
+  std::string uri;
+};
+
+gboolean loadLater(gpointer data) {
+  std::unique_ptr<LoadLater> load(static_cast<LoadLater*>(data));
+  webkit_web_view_load_uri(load->view, load->uri.c_str());
+  return G_SOURCE_REMOVE;
+}
+
+}  // namespace
+
+BrowserWindow::BrowserWindow(WebWidgetEngineDelegate* engine,
+                             BrowserOptions options)
+    : engine_(engine),
+      options_(std::move(options)),
+      mapper_(options_.mapping ? engine : nullptr, options_.language) {
+  context_ = webkit_web_context_new();
+  g_signal_connect(context_, "initialize-web-extensions",
+                   G_CALLBACK(onInitializeExtensions), this);
+  // Timed repeats must fetch every resource again, as a first visit does,
+  // or the memory cache would hide what the mapping costs.
+  if (options_.repeat > 0)
+    webkit_web_context_set_cache_model(context_,
+                                       WEBKIT_CACHE_MODEL_DOCUMENT_VIEWER);
+
+  view_ = WEBKIT_WEB_VIEW(webkit_web_view_new_with_context(context_));
+  // Widgets are local applications that read their own files with fetch and
+  // XHR; without this every file:// page is an origin of its own.
+  WebKitSettings* settings = webkit_web_view_get_settings(view_);
+  webkit_settings_set_allow_file_access_from_file_urls(settings, TRUE);
+
+  g_signal_connect(view_, "decide-policy", G_CALLBACK(onDecidePolicy), this);
+  g_signal_connect(view_, "load-changed", G_CALLBACK(onLoadChanged), this);
+  g_signal_connect(view_, "load-failed", G_CALLBACK(onLoadFailed), this);
+  g_signal_connect(view_, "notify::title", G_CALLBACK(onTitleChanged), this);
+
+  window_ = gtk_window_new(GTK_WINDOW_TOPLEVEL);
+  gtk_window_set_default_size(GTK_WINDOW(window_), options_.width,
+                              options_.height);
+  gtk_window_set_title(GTK_WINDOW(window_), "widget-browser");
+  gtk_container_add(GTK_CONTAINER(window_), GTK_WIDGET(view_));
+  g_signal_connect(window_, "destroy", G_CALLBACK(onDestroy), this);
+  gtk_widget_show_all(window_);
+
+  if (options_.exitAfterLoad || !options_.screenshot.empty() ||
+      options_.repeat > 0)
+    timeout_ = g_timeout_add_seconds(kLoadTimeoutSeconds, onTimeout, this);
+}
+
+BrowserWindow::~BrowserWindow() {
+  if (timeout_ != 0) g_source_remove(timeout_);
+  if (window_ != nullptr) {
+    g_signal_handlers_disconnect_by_data(window_, this);
+    g_signal_handlers_disconnect_by_data(view_, this);
+    gtk_widget_destroy(window_);
+  }
+  g_signal_handlers_disconnect_by_data(context_, this);
+  g_object_unref(context_);
+}
+
+void BrowserWindow::onInitializeExtensions(WebKitWebContext* context,
+                                           gpointer self) {
+  auto* window = static_cast<BrowserWindow*>(self);
+  const char* dataPath = getenv("YRA_DATA_PATH");
+  const char* widgetPath = getenv("WIDGET_PATH");
+  webkit_web_context_set_web_extensions_directory(
+      context, window->options_.extensionDir.c_str());
+  webkit_web_context_set_web_extensions_initialization_user_data(
+      context, g_variant_new("(sssb)", window->options_.language.c_str(),
+                             dataPath ? dataPath : "",
+                             widgetPath ? widgetPath : "",
+                             window->options_.mapping ? TRUE : FALSE));
+}
+
+void BrowserWindow::open(const std::string& url) {
+  url_ = url;
+  loadStart_ = std::chrono::steady_clock::now();
+  webkit_web_view_load_uri(view_, url.c_str());
+}
+
+void BrowserWindow::showRefusal(const std::string& url,
+                                const std::string& engineLines) {
+  refusal_ = true;
+  loadStart_ = std::chrono::steady_clock::now();
+  char* where = g_markup_escape_text(url.c_str(), -1);
+  char* why = g_markup_escape_text(engineLines.c_str(), -1);
+  std::string html =
+      "<!DOCTYPE html><html><head><meta charset=\"UTF-8\">"
+      "<title>Widget refused</title></head><body>"
+      "<h1>The widget was not installed</h1><p>Package: <code>";
+  html += where;
+  html += "</code></p><p>The widget engine said:</p><pre id=\"reason\">";
+  html += why;
+  html += "</pre></body></html>";
+  g_free(where);
+  g_free(why);
+  webkit_web_view_load_html(view_, html.c_str(), nullptr);
+}
+
+int BrowserWindow::run() {
+  if (!finished_) gtk_main();
+  return status_;
+}
+
+void BrowserWindow::measureFirstFrameFrom(
+    std::chrono::steady_clock::time_point start) {
+  measureFirstFrame_ = true;
+  firstFrameStart_ = start;
+}
+
+// Documents of the main frame are mapped here, in the UI process. The
+// response decision is the one point where WebKit tells for certain that a
+// load is the main frame's document (a navigation decision looks the same for
+// an iframe, and loading the mapped address then would replace the whole
+// page) and still lets the browser load another address instead: links,
+// form posts, back/forward, reloads and load_uri all pass through it. Frames
+// and sub-resources are mapped by the web-process extension
+// (PageExtension.cpp), which leaves the main document alone.
+gboolean BrowserWindow::onDecidePolicy(WebKitWebView* view,
+                                       WebKitPolicyDecision* decision,
+                                       WebKitPolicyDecisionType type,
+                                       gpointer self) {
+  if (type != WEBKIT_POLICY_DECISION_TYPE_RESPONSE) return FALSE;
+  auto* response = WEBKIT_RESPONSE_POLICY_DECISION(decision);
+  if (!webkit_response_policy_decision_is_main_frame_main_resource(response))
+    return FALSE;
+  auto* window = static_cast<BrowserWindow*>(self);
+  const char* requested = webkit_uri_request_get_uri(
+      webkit_response_policy_decision_get_request(response));
+  if (requested == nullptr) return FALSE;
+  const std::string url = ResourceMapper::engineAddress(requested);
+  window->navigationStarts(url);
+  if (url == window->redirectedTo_) return FALSE;
+  const std::string mapped = window->mapper_.map(url);
+  if (mapped.empty()) return FALSE;
+  window->redirectedTo_ = mapped;
+  window->redirectPending_ = true;
+  webkit_policy_decision_ignore(decision);
+  // Starting a load from inside the decision of another is not allowed.
+  g_idle_add(loadLater, new LoadLater{view, mapped});
+  return TRUE;
+}
+
+// Every navigation of the view asks the engine whether it opens a widget,
+// before its document is mapped and again once it is committed (back and
+// forward from WebKit's page cache come only there). The engine recognises
+// nothing but the launch address, so a page of the widget reached from it
+// (its localized copy, a link, a page restored from history) is recognised
+// by the widget's directory; the localized name is looked up once per visit.
+void BrowserWindow::navigationStarts(const std::string& url) {
+  const std::string address = ResourceMapper::collapseSlashes(url);
+  const bool launch = engine_->isWidget(url.c_str()) == 1;
+  if (!launch && !widgetDir_.empty() && startsWith(address, widgetDir_)) {
+    updateTitle();
+    return;
+  }
+  widgetDir_.clear();
+  widgetTitle_.clear();
+  if (launch || address.compare(0, 7, "file://") == 0) {
+    std::string name;
+    for (WidgetsData* widget : engine_->getAll(nullptr)) {
+      const std::string dir =
+          ResourceMapper::collapseSlashes("file://" + widget->getStoragePath());
+      if (name.empty() && (launch ? widget->getLaunchURL() == url
+                                  : startsWith(address, dir))) {
+        name = widget->getName();
+        widgetDir_ = dir;
+      }
+      delete widget;
+    }
+    if (!name.empty()) {
+      WidgetsData* info =
+          engine_->getInfo(name.c_str(), nullptr, options_.language.c_str());
+      if (info != nullptr) {
+        widgetTitle_ = info->getWidgetName();
+        delete info;
+      }
+    }
+  }
+  updateTitle();
+}
+
+void BrowserWindow::updateTitle() {
+  if (window_ == nullptr) return;  // closed; the view goes with it
+  if (!widgetTitle_.empty()) {
+    gtk_window_set_title(GTK_WINDOW(window_), widgetTitle_.c_str());
+    return;
+  }
+  const char* title = webkit_web_view_get_title(view_);
+  gtk_window_set_title(GTK_WINDOW(window_),
+                       title && *title ? title : "widget-browser");
+}
+
+void BrowserWindow::onTitleChanged(GObject*, GParamSpec*, gpointer self) {
+  static_cast<BrowserWindow*>(self)->updateTitle();
+}
+
+void BrowserWindow::onLoadChanged(WebKitWebView* view, WebKitLoadEvent event,
+                                  gpointer self) {
+  auto* window = static_cast<BrowserWindow*>(self);
+  if (event == WEBKIT_LOAD_STARTED && window->redirectPending_ &&
+      ResourceMapper::engineAddress(viewUri(view)) == window->redirectedTo_)
+    window->redirectPending_ = false;
+  if (event == WEBKIT_LOAD_COMMITTED && !window->refusal_)
+    window->navigationStarts(ResourceMapper::engineAddress(viewUri(view)));
+  if (event != WEBKIT_LOAD_FINISHED) return;
+  // The finish of a navigation that was ignored for its localized copy.
+  if (window->redirectPending_) return;
+  window->loadFinished();
+}
+
+gboolean BrowserWindow::onLoadFailed(WebKitWebView*, WebKitLoadEvent,
+                                     gchar* uri, GError* error, gpointer self) {
+  auto* window = static_cast<BrowserWindow*>(self);
+  if (window->redirectPending_) return TRUE;
+  window->loadFailed_ = true;
+  window->failure_ = std::string(uri ? uri : "") + ": " +
+                     (error && error->message ? error->message : "load failed");
+  std::cerr << "widget-browser: " << window->failure_ << std::endl;
+  return FALSE;  // WebKit's own error page says the same in the view
+}
+
+// After a load: the test and benchmark hooks, then the screenshot, then the
+// exit when one was asked for. Each asynchronous step comes back here.
+void BrowserWindow::loadFinished() {
+  if (finished_) return;
+  if (loadsLeft_ == 0 && options_.repeat > 0 && loadTimes_.empty() &&
+      !repeating_) {
+    repeating_ = true;
+    loadsLeft_ = options_.repeat;
+  }
+  if (repeating_) {
+    loadTimes_.push_back(millisecondsSince(loadStart_));
+    if (loadsLeft_-- > 0) {
+      redirectedTo_.clear();
+      open(url_);
+      return;
+    }
+    repeating_ = false;
+    // The first load warms the web process up; the others are the figures.
+    for (size_t i = 1; i < loadTimes_.size(); ++i)
+      printf("load-ms: %.3f\n", loadTimes_[i]);
+    fflush(stdout);
+  }
+  if (measureFirstFrame_ && !firstFrameMeasured_) {
+    // The snapshot is painted from the page as it is now, so when it
+    // arrives a frame of the page has been rendered.
+    webkit_web_view_get_snapshot(view_, WEBKIT_SNAPSHOT_REGION_VISIBLE,
+                                 WEBKIT_SNAPSHOT_OPTIONS_NONE, nullptr,
+                                 onSnapshot, this);
+    return;
+  }
+  if (stepsDone_ < options_.steps.size()) {
+    const std::string& step = options_.steps[stepsDone_++];
+    if (step == "back" || step == "forward") {
+      const bool can = step == "back" ? webkit_web_view_can_go_back(view_)
+                                      : webkit_web_view_can_go_forward(view_);
+      if (!can) {
+        loadFinished();
+        return;
+      }
+      if (step == "back")
+        webkit_web_view_go_back(view_);
+      else
+        webkit_web_view_go_forward(view_);
+      return;
+    }
+    gchar* selector = g_strescape(step.c_str(), nullptr);
+    const std::string script =
+        std::string("(() => { const e = document.querySelector(\"") +
+        selector + "\"); if (!e) return false; e.click(); return true; })()";
+    g_free(selector);
+    webkit_web_view_evaluate_javascript(
+        view_, script.c_str(), -1, nullptr, nullptr, nullptr,
+        [](GObject* source, GAsyncResult* result, gpointer self) {
+          auto* window = static_cast<BrowserWindow*>(self);
+          JSCValue* value = webkit_web_view_evaluate_javascript_finish(
+              WEBKIT_WEB_VIEW(source), result, nullptr);
+          const bool clicked = value && jsc_value_to_boolean(value);
+          if (value) g_object_unref(value);
+          // A click on a link starts a navigation whose finish comes back
+          // to loadFinished(); anything else goes on now.
+          if (!clicked) window->loadFinished();
+        },
+        this);
+    return;
+  }
+  if (options_.printFacts && !factsPrinted_) {
+    webkit_web_view_evaluate_javascript(view_, kFactsScript, -1, nullptr,
+                                        nullptr, nullptr, onFacts, this);
+    return;
+  }
+  afterFacts();
+}
+
+void BrowserWindow::onFacts(GObject* source, GAsyncResult* result,
+                            gpointer self) {
+  auto* window = static_cast<BrowserWindow*>(self);
+  GError* error = nullptr;
+  JSCValue* value = webkit_web_view_evaluate_javascript_finish(
+      WEBKIT_WEB_VIEW(source), result, &error);
+  nlohmann::json facts = nlohmann::json::object();
+  if (value != nullptr && jsc_value_is_string(value)) {
+    char* text = jsc_value_to_string(value);
+    facts = nlohmann::json::parse(text, nullptr, false);
+    g_free(text);
+    if (facts.is_discarded()) facts = nlohmann::json::object();
+  } else if (error != nullptr) {
+    facts["scriptError"] = error->message;
+  }
+  if (value != nullptr) g_object_unref(value);
+  if (error != nullptr) g_error_free(error);
+  facts["windowTitle"] = gtk_window_get_title(GTK_WINDOW(window->window_));
+  facts["refused"] = window->refusal_;
+  facts["loadFailed"] = window->loadFailed_;
+  std::cout << "widget-browser-facts: " << facts.dump() << std::endl;
+  window->factsPrinted_ = true;
+  window->afterFacts();
+}
+
+void BrowserWindow::afterFacts() {
+  const int status = refusal_ || loadFailed_ ? 1 : 0;
+  if (!options_.screenshot.empty()) {
+    webkit_web_view_get_snapshot(view_, WEBKIT_SNAPSHOT_REGION_VISIBLE,
+                                 WEBKIT_SNAPSHOT_OPTIONS_NONE, nullptr,
+                                 onSnapshot, this);
+    return;
+  }
+  if (options_.exitAfterLoad) finish(status);
+}
+
+void BrowserWindow::onSnapshot(GObject* source, GAsyncResult* result,
+                               gpointer self) {
+  auto* window = static_cast<BrowserWindow*>(self);
+  GError* error = nullptr;
+  cairo_surface_t* surface = webkit_web_view_get_snapshot_finish(
+      WEBKIT_WEB_VIEW(source), result, &error);
+  if (window->measureFirstFrame_ && !window->firstFrameMeasured_) {
+    window->firstFrameMeasured_ = true;
+    printf("first-frame-ms: %.3f\n",
+           millisecondsSince(window->firstFrameStart_));
+    fflush(stdout);
+    if (surface != nullptr) cairo_surface_destroy(surface);
+    if (error != nullptr) g_error_free(error);
+    window->loadFinished();
+    return;
+  }
+  int status = window->refusal_ || window->loadFailed_ ? 1 : 0;
+  if (surface == nullptr) {
+    std::cerr << "widget-browser: no snapshot: "
+              << (error ? error->message : "unknown error") << std::endl;
+    status = 1;
+  } else {
+    const cairo_status_t wrote = cairo_surface_write_to_png(
+        surface, window->options_.screenshot.c_str());
+    if (wrote != CAIRO_STATUS_SUCCESS) {
+      std::cerr << "widget-browser: cannot write "
+                << window->options_.screenshot << ": "
+                << cairo_status_to_string(wrote) << std::endl;
+      status = 1;
+    }
+    cairo_surface_destroy(surface);
+  }
+  if (error != nullptr) g_error_free(error);
+  window->finish(status);
+}
+
+gboolean BrowserWindow::onTimeout(gpointer self) {
+  auto* window = static_cast<BrowserWindow*>(self);
+  window->timeout_ = 0;
+  std::cerr << "widget-browser: the page did not finish loading in "
+            << kLoadTimeoutSeconds << " s" << std::endl;
+  window->finish(3);
+  return G_SOURCE_REMOVE;
+}
+
+void BrowserWindow::onDestroy(GtkWidget*, gpointer self) {
+  auto* window = static_cast<BrowserWindow*>(self);
+  window->window_ = nullptr;
+  window->finish(window->status_);
+}
+
+void BrowserWindow::finish(int status) {
+  if (finished_) return;
+  finished_ = true;
+  status_ = status;
+  if (gtk_main_level() > 0) gtk_main_quit();
+}

@@ -1,0 +1,104 @@
+// SPDX-License-Identifier: Apache-2.0
+// BrowserWindow is widget-browser's one window: a WebKit view whose
+// navigations ask the engine whether they open a widget and which localized
+// copy of a document to load, and which shows a refusal's reason as a page.
+#ifndef WIDGETENGINE_HOST_BROWSERWINDOW_H_
+#define WIDGETENGINE_HOST_BROWSERWINDOW_H_
+
+#include <gtk/gtk.h>
+#include <webkit2/webkit2.h>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include <widgetengine/WebWidgetEngineDelegate.h>
+
+#include "host/ResourceMapper.h"
+
+struct BrowserOptions {
+  std::string language;        // the reader's accept-language string
+  std::string screenshot;      // PNG written once the page has loaded
+  bool exitAfterLoad = false;
+  int width = 800;
+  int height = 600;
+  bool mapping = true;         // off only to measure what mapping costs
+  std::string extensionDir;    // where the web-process part lives
+  // Test and benchmark hooks, set from the environment by main().
+  bool printFacts = false;     // print what the loaded page shows as JSON
+  // After each load, the next of these steps: a CSS selector to click, or
+  // "back" / "forward" through the history.
+  std::vector<std::string> steps;
+  int repeat = 0;              // load the page this many more times, timed
+};
+
+class BrowserWindow {
+ public:
+  // engine stays the caller's; it must outlive the window.
+  BrowserWindow(WebWidgetEngineDelegate* engine, BrowserOptions options);
+  ~BrowserWindow();
+
+  BrowserWindow(const BrowserWindow&) = delete;
+  BrowserWindow& operator=(const BrowserWindow&) = delete;
+
+  void open(const std::string& url);
+  // A page that says the package at url was refused, with the engine's lines.
+  void showRefusal(const std::string& url, const std::string& engineLines);
+
+  // Runs until the window closes (or the page has loaded, with
+  // exitAfterLoad); the process's exit status.
+  int run();
+
+  // Once the first page has loaded and a frame of it has been rendered,
+  // prints the milliseconds since start ("first-frame-ms: ...").
+  void measureFirstFrameFrom(std::chrono::steady_clock::time_point start);
+
+ private:
+  static gboolean onDecidePolicy(WebKitWebView*, WebKitPolicyDecision*,
+                                 WebKitPolicyDecisionType, gpointer self);
+  static void onLoadChanged(WebKitWebView*, WebKitLoadEvent, gpointer self);
+  static gboolean onLoadFailed(WebKitWebView*, WebKitLoadEvent, gchar* uri,
+                               GError*, gpointer self);
+  static void onTitleChanged(GObject*, GParamSpec*, gpointer self);
+  static void onInitializeExtensions(WebKitWebContext*, gpointer self);
+  static void onDestroy(GtkWidget*, gpointer self);
+  static void onFacts(GObject*, GAsyncResult*, gpointer self);
+  static void onSnapshot(GObject*, GAsyncResult*, gpointer self);
+  static gboolean onTimeout(gpointer self);
+
+  void navigationStarts(const std::string& url);
+  void loadFinished();
+  void afterFacts();
+  void finish(int status);
+  void updateTitle();
+
+  WebWidgetEngineDelegate* engine_;
+  BrowserOptions options_;
+  ResourceMapper mapper_;
+  WebKitWebContext* context_ = nullptr;
+  GtkWidget* window_ = nullptr;
+  WebKitWebView* view_ = nullptr;
+
+  std::string url_;              // what open() was asked for
+  std::string redirectedTo_;     // the localized document being loaded
+  std::string widgetDir_;        // storage directory of the widget shown
+  std::string widgetTitle_;      // its localized name
+  bool redirectPending_ = false;  // an ignored navigation is replaced
+  bool refusal_ = false;
+  bool loadFailed_ = false;
+  std::string failure_;
+  size_t stepsDone_ = 0;
+  bool factsPrinted_ = false;
+  bool repeating_ = false;
+  bool firstFrameMeasured_ = false;
+  int loadsLeft_ = 0;
+  std::vector<double> loadTimes_;
+  std::chrono::steady_clock::time_point loadStart_;
+  bool measureFirstFrame_ = false;
+  std::chrono::steady_clock::time_point firstFrameStart_;
+  bool finished_ = false;
+  int status_ = 0;
+  guint timeout_ = 0;
+};
+
+#endif  // WIDGETENGINE_HOST_BROWSERWINDOW_H_
