@@ -23,5 +23,8 @@ fi
 cmake -S "$source_dir" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DCMAKE_INSTALL_PREFIX=/usr -DBUILD_TESTING=OFF -DWIDGETENGINE_WERROR=ON >/dev/null
 cmake --build "$build" -j "$(nproc)" >/dev/null
-(cd "$build" && cpack -G DEB >/dev/null)
+# dpkg-shlibdeps finds the library that widget-browser links in the build
+# tree (it searches LD_LIBRARY_PATH); the dependency on its package is
+# written in the control data, as the library's package is built alongside.
+(cd "$build" && LD_LIBRARY_PATH="$(pwd)" cpack -G DEB >/dev/null)
 ls "$build"/*.deb
