@@ -65,18 +65,6 @@ class InstallLockTest : public WidgetSandbox {
     return rc;
   }
 
-  int count(const std::string& sql) {
-    sqlite3* db = nullptr;
-    int result = -1;
-    sqlite3_open((conf + "widget.db").c_str(), &db);
-    sqlite3_stmt* stmt = nullptr;
-    if (sqlite3_prepare_v2(db, sql.c_str(), -1, &stmt, nullptr) == SQLITE_OK &&
-        sqlite3_step(stmt) == SQLITE_ROW)
-      result = sqlite3_column_int(stmt, 0);
-    sqlite3_finalize(stmt);
-    sqlite3_close(db);
-    return result;
-  }
 
   // Writes a journal as an installation that died would have left it.
   void leaveJournal(const std::string& name, const std::string& package,

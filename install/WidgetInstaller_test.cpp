@@ -83,22 +83,6 @@ class WidgetInstallerTest : public WidgetSandbox {
     return package(fileName, zip);
   }
 
-  // The number of rows a statement counts in the test's registry.
-  int count(const std::string& sql) {
-    sqlite3* db = nullptr;
-    int result = -1;
-    if (sqlite3_open_v2((conf + "widget.db").c_str(), &db, SQLITE_OPEN_READONLY,
-                        nullptr) == SQLITE_OK) {
-      sqlite3_stmt* statement = nullptr;
-      if (sqlite3_prepare_v2(db, sql.c_str(), -1, &statement, nullptr) ==
-              SQLITE_OK &&
-          sqlite3_step(statement) == SQLITE_ROW)
-        result = sqlite3_column_int(statement, 0);
-      sqlite3_finalize(statement);
-    }
-    sqlite3_close(db);
-    return result;
-  }
 
   // Installs url with a fresh installer; its status.
   int install(const std::string& url, std::string* launchURL = nullptr,

@@ -97,21 +97,6 @@ class FaultTest : public WidgetSandbox {
 
   std::string out(const std::string& name) { return dir.file(name + ".out"); }
 
-  int count(const std::string& sql) {
-    sqlite3* db = nullptr;
-    int result = -1;
-    if (sqlite3_open_v2((conf + "widget.db").c_str(), &db, SQLITE_OPEN_READONLY,
-                        nullptr) == SQLITE_OK) {
-      sqlite3_busy_timeout(db, 5000);
-      sqlite3_stmt* stmt = nullptr;
-      if (sqlite3_prepare_v2(db, sql.c_str(), -1, &stmt, nullptr) == SQLITE_OK &&
-          sqlite3_step(stmt) == SQLITE_ROW)
-        result = sqlite3_column_int(stmt, 0);
-      sqlite3_finalize(stmt);
-    }
-    sqlite3_close(db);
-    return result;
-  }
 
   std::vector<std::string> column(const std::string& sql) {
     std::vector<std::string> values;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "testing/WidgetSandbox.h"
 
+#include <sqlite3.h>
 #include <sys/stat.h>
 
 namespace {
@@ -47,4 +48,22 @@ std::string WidgetSandbox::writePackage(const std::string& fileName,
 
 ::testing::AssertionResult WidgetSandbox::nothingLeft() const {
   return rootHoldsOnly({"tmp"});
+}
+
+int WidgetSandbox::count(const std::string& sql) const {
+  sqlite3* db = nullptr;
+  int result = -1;
+  if (sqlite3_open_v2((conf + "widget.db").c_str(), &db, SQLITE_OPEN_READONLY,
+                      nullptr) == SQLITE_OK) {
+    sqlite3_busy_timeout(db, 5000);
+    sqlite3_stmt* statement = nullptr;
+    if (sqlite3_prepare_v2(db, sql.c_str(), -1, &statement, nullptr) ==
+            SQLITE_OK &&
+        sqlite3_step(statement) == SQLITE_ROW) {
+      result = sqlite3_column_int(statement, 0);
+    }
+    sqlite3_finalize(statement);
+  }
+  sqlite3_close(db);
+  return result;
 }

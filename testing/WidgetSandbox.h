@@ -33,6 +33,11 @@ class WidgetSandbox : public ::testing::Test {
   // Passes when the widget root holds nothing but its empty tmp/ folder.
   ::testing::AssertionResult nothingLeft() const;
 
+  // The number a counting statement reads from the sandbox's registry, on a
+  // read-only connection of its own that waits for another's lock; -1 when
+  // it cannot be read.
+  int count(const std::string& sql) const;
+
   TempDir dir;
   const std::string root;      // ends with "/"
   const std::string conf;      // ends with "/"
