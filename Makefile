@@ -74,7 +74,7 @@ fuzz-build: setup
 	bash fuzz/seeds.sh $(FUZZ_BUILD) $(FUZZ_BUILD)/seeds
 
 fuzz: fuzz-build
-	bash fuzz/run.sh $(FUZZ_BUILD) $(FUZZ_SECONDS)
+	bash fuzz/run.sh $(FUZZ_BUILD) $(FUZZ_SECONDS) $(FUZZ_TARGETS)
 
 fuzz-ci: fuzz-build
 	bash fuzz/run.sh $(FUZZ_BUILD) 30

@@ -9,10 +9,12 @@
 # executions to BUILD/totals/<target> (all runs so far); exits 1 when any
 # target found something.
 #
-# Usage: fuzz/run.sh BUILD SECONDS
+# Usage: fuzz/run.sh BUILD SECONDS [TARGET...]   (all targets when none named)
 set -uo pipefail
 build=${1:?build directory}
 seconds=${2:?seconds per target}
+shift 2
+only=("$@")
 # Absolute: removing an unpacked tree moves the process's working directory.
 build=$(cd "$build" && pwd)
 source_dir=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
@@ -21,6 +23,7 @@ summary=()
 for program in "$build"/*_fuzzer; do
   [ -x "$program" ] || continue
   target=$(basename "$program" _fuzzer)
+  if [ ${#only[@]} -gt 0 ] && [[ " ${only[*]} " != *" $target "* ]]; then continue; fi
   corpus="$build/corpus/$target"
   findings="$build/findings/$target"
   log="$build/logs/$target.log"
@@ -31,7 +34,7 @@ for program in "$build"/*_fuzzer; do
     extractor|install) dict=(-dict="$source_dir/zip.dict") ;;
   esac
   before=$(find "$findings" -type f | wc -l)
-  ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 \
+  ASAN_OPTIONS=detect_leaks=1:abort_on_error=0:quarantine_size_mb=16:malloc_context_size=5 \
     /usr/bin/time -f '%U %S' -o "$log.cpu" \
     "$program" "$corpus" "$build/seeds/$target" "${dict[@]}" \
     -max_total_time="$seconds" -timeout=2 -rss_limit_mb=512 \
@@ -43,7 +46,8 @@ for program in "$build"/*_fuzzer; do
   edges=$(grep -o 'cov: [0-9]*' "$log" | tail -1 | grep -o '[0-9]*')
   found=$((after - before))
   mkdir -p "$build/totals"
-  read -r total_cpu total_runs <"$build/totals/$target" 2>/dev/null || true
+  total_cpu=0 total_runs=0
+  [ -f "$build/totals/$target" ] && read -r total_cpu total_runs <"$build/totals/$target"
   total_cpu=$(( ${total_cpu:-0} + cpu ))
   total_runs=$(( ${total_runs:-0} + ${runs:-0} ))
   echo "$total_cpu $total_runs" >"$build/totals/$target"
