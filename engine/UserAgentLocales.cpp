@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <sstream>
 
-#include "install/WidgetQuery.h"
+#include "base/Strings.h"
 
 namespace {
 

@@ -17,7 +17,7 @@
 #include "install/Downloader.h"
 #include "install/Extractor.h"
 #include "install/InstallLock.h"
-#include "install/UrlPath.h"
+#include "base/UrlPath.h"
 #include "registry/LocalizedItemKeys.h"
 #include "registry/SqlLite3.h"
 #include "registry/WidgetsData.h"

@@ -113,12 +113,3 @@ std::vector<WidgetsData*> WidgetQuery::getAll() {
   result = database->selectAllWidgets();
   return result;
 }
-
-std::string joinStrings(const std::vector<std::string>& items) {
-  std::string joined;
-  for (size_t i = 0; i < items.size(); ++i) {
-    if (i > 0) joined += ',';
-    joined += items[i];
-  }
-  return joined;
-}

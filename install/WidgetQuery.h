@@ -36,7 +36,4 @@ class WidgetQuery {
   std::unique_ptr<SqlLite3> database;
 };
 
-// The items in order with "," between neighbours; "" for an empty list.
-std::string joinStrings(const std::vector<std::string>& items);
-
 #endif  // WIDGETENGINE_WIDGETQUERY_H_

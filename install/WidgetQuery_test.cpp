@@ -64,13 +64,6 @@ void createWidgetsTableWithoutConstraints(const std::string& file) {
 
 }  // namespace
 
-TEST(JoinStringsTest, JoinsWithCommasOnlyBetweenItems) {
-  EXPECT_EQ("fr-fr,fr,default", joinStrings({"fr-fr", "fr", "default"}));
-  EXPECT_EQ("fr", joinStrings({"fr"}));
-  EXPECT_EQ("", joinStrings({}));
-  EXPECT_EQ(",", joinStrings({"", ""}));
-}
-
 TEST_F(QueryTest, UnknownNameSaysSoAndYieldsNull) {
   addWidget("clock");
   CaptureStdout out;

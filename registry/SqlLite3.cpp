@@ -14,7 +14,7 @@
 #include <time.h>
 #include <unistd.h>
 
-#include "install/UrlPath.h"
+#include "base/UrlPath.h"
 #include "registry/LocalizedItemKeys.h"
 #include "registry/LookupCache.h"
 #include "registry/Statements.h"

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "install/UrlPath.h"
+#include "base/UrlPath.h"
 
 #include <gtest/gtest.h>
 
