@@ -3,6 +3,7 @@
 
 #include <iostream>
 
+#include "base/EngineOutput.h"
 #include "install/WidgetInstaller.h"
 
 namespace {
@@ -34,7 +35,7 @@ bool isAsciiDigit(char c) { return c >= '0' && c <= '9'; }
 // Writes "<label><language>(lang=<text>)" per entry: the key comes first.
 void printLocalized(const char* label, const WidgetConfig::LocalizedMap& map) {
   for (const auto& entry : map) {
-    std::cout << label << entry.first << "(lang=" << entry.second << ")"
+    engineOut() << label << entry.first << "(lang=" << entry.second << ")"
               << std::endl;
   }
 }
@@ -182,42 +183,42 @@ bool WidgetConfig::isValidIRI(const std::string& text) {
 }
 
 void WidgetConfig::print() const {
-  if (id) std::cout << "Id: " << *id << std::endl;
-  if (version) std::cout << "Version: " << *version << std::endl;
-  if (height) std::cout << "Height: " << *height << std::endl;
-  if (width) std::cout << "Width: " << *width << std::endl;
-  if (startFile) std::cout << "Start file: " << *startFile << std::endl;
+  if (id) engineOut() << "Id: " << *id << std::endl;
+  if (version) engineOut() << "Version: " << *version << std::endl;
+  if (height) engineOut() << "Height: " << *height << std::endl;
+  if (width) engineOut() << "Width: " << *width << std::endl;
+  if (startFile) engineOut() << "Start file: " << *startFile << std::endl;
 
   printLocalized("Short name: ", shortNames);
   printLocalized("Name : ", names);
   printLocalized("Description : ", descriptions);
 
-  if (author) std::cout << "Author: " << *author << std::endl;
-  if (authorHref) std::cout << "\tHref: " << *authorHref << std::endl;
-  if (authorEmail) std::cout << "\tEmail: " << *authorEmail << std::endl;
+  if (author) engineOut() << "Author: " << *author << std::endl;
+  if (authorHref) engineOut() << "\tHref: " << *authorHref << std::endl;
+  if (authorEmail) engineOut() << "\tEmail: " << *authorEmail << std::endl;
 
   printLocalized("Licence : ", licenses);
   printLocalized("Licence Href : ", licenseHrefs);
 
-  std::cout << "View modes: ";
-  for (const std::string& mode : viewModes) std::cout << mode << " ";
-  std::cout << std::endl;
-  std::cout << "Icons: ";
-  for (const WidgetIconInfo& icon : icons) std::cout << icon.getSrc() << " ";
-  std::cout << std::endl;
+  engineOut() << "View modes: ";
+  for (const std::string& mode : viewModes) engineOut() << mode << " ";
+  engineOut() << std::endl;
+  engineOut() << "Icons: ";
+  for (const WidgetIconInfo& icon : icons) engineOut() << icon.getSrc() << " ";
+  engineOut() << std::endl;
 
-  std::cout << "Preferences:" << std::endl;
+  engineOut() << "Preferences:" << std::endl;
   for (const WidgetPreferenceInfo& preference : preferences) {
-    std::cout << "\t" << preference.getName() << ": " << preference.getValue()
+    engineOut() << "\t" << preference.getName() << ": " << preference.getValue()
               << std::endl;
   }
-  std::cout << "Features:" << std::endl;
+  engineOut() << "Features:" << std::endl;
   for (const WidgetFeatureInfo& feature : features) {
-    std::cout << "\t" << feature.getName() << ": "
+    engineOut() << "\t" << feature.getName() << ": "
               << (feature.isRequired() ? "required" : "not required")
               << std::endl;
     for (const auto& param : feature.getParams()) {
-      std::cout << "\t\t" << param.first << ": " << param.second << std::endl;
+      engineOut() << "\t\t" << param.first << ": " << param.second << std::endl;
     }
   }
 }

@@ -16,6 +16,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "base/EngineOutput.h"
 #include "config/WidgetConfig.h"
 #include "config/WidgetFeatureInfo.h"
 #include "config/WidgetIconInfo.h"
@@ -460,7 +461,7 @@ int WidgetConfigParser::parse() {
     if (root && !EntityBudget(document.get()).fits(root)) document.reset();
   }
   if (!document) {
-    std::cout << "Document not parsed successfully" << std::endl;
+    engineOut() << "Document not parsed successfully" << std::endl;
     return -1;
   }
 
@@ -477,7 +478,7 @@ int WidgetConfigParser::parse() {
     if (!schema) {
       // The message names a variable that nothing reads; the schema path is
       // fixed when the library is built.
-      std::cout << "Could not find Relax NG file. Please set WIDGET_VALIDATOR "
+      engineOut() << "Could not find Relax NG file. Please set WIDGET_VALIDATOR "
                    "directory path."
                 << std::endl;
       return -1;
@@ -485,7 +486,7 @@ int WidgetConfigParser::parse() {
     std::unique_ptr<xmlRelaxNGValidCtxt, ValidatorFree> validator(
         xmlRelaxNGNewValidCtxt(schema.get()));
     if (!validator) {
-      std::cout << "Error while loading Relax NG file" << std::endl;
+      engineOut() << "Error while loading Relax NG file" << std::endl;
       return -1;
     }
     xmlRelaxNGSetValidStructuredErrors(validator.get(), ignoreStructuredError,
@@ -496,17 +497,17 @@ int WidgetConfigParser::parse() {
                 : xmlRelaxNGValidateDoc(validator.get(), document.get());
   }
   if (valid != 0) {
-    std::cout << "Widget configuration document is invalid" << std::endl;
+    engineOut() << "Widget configuration document is invalid" << std::endl;
     return -1;
   }
 
   xmlNode* root = xmlDocGetRootElement(document.get());
   if (!root) {
-    std::cout << "Empty document" << std::endl;
+    engineOut() << "Empty document" << std::endl;
     return -1;
   }
   if (!isElement(root, "widget")) {
-    std::cout << "Document of the wrong type, root node != widget"
+    engineOut() << "Document of the wrong type, root node != widget"
               << std::endl;
     return -1;
   }
@@ -553,32 +554,32 @@ std::string WidgetConfigParser::languageOf(xmlNode* element,
 void WidgetConfigParser::walk() {
   // Each trace line comes before its value is read.
   if (hasAttribute(node, "id")) {
-    std::cout << "Parsing id..." << std::endl;
+    engineOut() << "Parsing id..." << std::endl;
     config->setId(getAttribute(node, "id"));
   }
   if (hasAttribute(node, "version")) {
-    std::cout << "Parsing version..." << std::endl;
+    engineOut() << "Parsing version..." << std::endl;
     config->setVersion(getAttribute(node, "version"));
   }
   if (hasAttribute(node, "height")) {
-    std::cout << "Parsing height..." << std::endl;
+    engineOut() << "Parsing height..." << std::endl;
     const int32_t n = toNumber(getAttribute(node, "height"));
     if (n > 0) config->setHeight(n);
   }
   if (hasAttribute(node, "width")) {
-    std::cout << "Parsing width..." << std::endl;
+    engineOut() << "Parsing width..." << std::endl;
     const int32_t n = toNumber(getAttribute(node, "width"));
     if (n > 0) config->setWidth(n);
   }
   // View modes are announced but not read: the record keeps none.
   if (hasAttribute(node, "viewmodes")) {
-    std::cout << "Parsing viewmodes..." << std::endl;
+    engineOut() << "Parsing viewmodes..." << std::endl;
   }
   const std::string defaultLanguage =
       hasAttribute(node, "lang") ? getAttribute(node, "lang") : "default";
 
   if (!node->children) {
-    std::cout << "Empty widget configuration" << std::endl;
+    engineOut() << "Empty widget configuration" << std::endl;
     return;
   }
 
@@ -608,7 +609,7 @@ void WidgetConfigParser::walk() {
 
 void WidgetConfigParser::parseName(xmlNode* element,
                                    const std::string& defaultLanguage) {
-  std::cout << "Parsing name..." << std::endl;
+  engineOut() << "Parsing name..." << std::endl;
   const std::string language = languageOf(element, defaultLanguage);
   config->setName(language, getText(element, 1));
   if (hasAttribute(element, "short")) {
@@ -618,14 +619,14 @@ void WidgetConfigParser::parseName(xmlNode* element,
 
 void WidgetConfigParser::parseDescription(xmlNode* element,
                                           const std::string& defaultLanguage) {
-  std::cout << "Parsing description..." << std::endl;
+  engineOut() << "Parsing description..." << std::endl;
   const std::string language = languageOf(element, defaultLanguage);
   config->setDescription(language, getText(element, 1));
 }
 
 void WidgetConfigParser::parseLicense(xmlNode* element,
                                       const std::string& defaultLanguage) {
-  std::cout << "Parsing license..." << std::endl;
+  engineOut() << "Parsing license..." << std::endl;
   const std::string language = languageOf(element, defaultLanguage);
   config->setLicense(language, getText(element, 1));
   if (hasAttribute(element, "href")) {
@@ -634,7 +635,7 @@ void WidgetConfigParser::parseLicense(xmlNode* element,
 }
 
 void WidgetConfigParser::parseIcon(xmlNode* element) {
-  std::cout << "Parsing icon..." << std::endl;
+  engineOut() << "Parsing icon..." << std::endl;
   if (!hasAttribute(element, "src")) return;
   const std::string src = getAttribute(element, "src");
   uint32_t height = WidgetIconInfo::kUnset;
@@ -653,7 +654,7 @@ void WidgetConfigParser::parseIcon(xmlNode* element) {
 }
 
 void WidgetConfigParser::parseAuthor(xmlNode* element) {
-  std::cout << "Parsing author..." << std::endl;
+  engineOut() << "Parsing author..." << std::endl;
   // The first author element is the author; later ones are ignored.
   if (config->getAuthor()) return;
   config->setAuthor(getText(element, 1));
@@ -666,7 +667,7 @@ void WidgetConfigParser::parseAuthor(xmlNode* element) {
 }
 
 void WidgetConfigParser::parsePreference(xmlNode* element) {
-  std::cout << "Parsing preference..." << std::endl;
+  engineOut() << "Parsing preference..." << std::endl;
   if (!hasAttribute(element, "name") || !hasAttribute(element, "value")) {
     return;
   }
@@ -680,7 +681,7 @@ void WidgetConfigParser::parsePreference(xmlNode* element) {
 }
 
 void WidgetConfigParser::parseContent(xmlNode* element) {
-  std::cout << "Parsing content..." << std::endl;
+  engineOut() << "Parsing content..." << std::endl;
   if (!hasAttribute(element, "src")) return;
   // The first content element that names an acceptable file wins.
   if (config->getStartFile()) return;
@@ -699,7 +700,7 @@ void WidgetConfigParser::parseContent(xmlNode* element) {
 }
 
 void WidgetConfigParser::parseFeature(xmlNode* element) {
-  std::cout << "Parsing feature..." << std::endl;
+  engineOut() << "Parsing feature..." << std::endl;
   if (!hasAttribute(element, "name")) return;
   // Only the exact text "false" makes a feature optional.
   const bool required = !hasAttribute(element, "required") ||

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <sstream>
 
+#include "base/EngineOutput.h"
 #include "base/Strings.h"
 
 namespace {
@@ -80,7 +81,7 @@ void UserAgentLocales::compute(std::string language) {
     }
   }
 
-  printf("[%s:%s] Computed locales : %s\n", "V", "UserAgentLocales",
+  enginePrintf("[%s:%s] Computed locales : %s\n", "V", "UserAgentLocales",
          joinStrings(locales).c_str());
 }
 

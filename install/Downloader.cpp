@@ -13,6 +13,8 @@
 #include <iostream>
 #include <memory>
 
+#include "base/EngineOutput.h"
+
 namespace {
 
 // libcurl hands its default writer chunks of at most 16 KiB; a larger stdio
@@ -88,14 +90,14 @@ int Downloader::download() {
   std::unique_ptr<char[]> buffer(new char[kFileBufferSize]);
   FILE* file = createExclusively(filePath, buffer.get());
   if (file == nullptr) {
-    std::cout << "Could not open file for download" << std::endl;
+    engineOut() << "Could not open file for download" << std::endl;
     return -1;
   }
   createdFile = true;
 
   CURL* curl = curl_easy_init();
   if (curl == nullptr) {
-    std::cout << "Cannot initialize CURL" << std::endl;
+    engineOut() << "Cannot initialize CURL" << std::endl;
     fclose(file);
     remove(filePath.c_str());
     createdFile = false;
@@ -121,7 +123,7 @@ int Downloader::download() {
 
   CURLcode result = curl_easy_perform(curl);
   if (result != CURLE_OK) {
-    std::cout << "Could not download file" << std::endl;
+    engineOut() << "Could not download file" << std::endl;
     curl_easy_cleanup(curl);
     fclose(file);
     remove(filePath.c_str());
@@ -133,12 +135,12 @@ int Downloader::download() {
   // The tail of the body may still sit in the stdio buffer; a package that
   // could not be stored whole is no download.
   if (fclose(file) != 0) {
-    std::cout << "Could not download file" << std::endl;
+    engineOut() << "Could not download file" << std::endl;
     remove(filePath.c_str());
     createdFile = false;
     return -1;
   }
-  std::cout << "Downloaded from " << url << " to " << filePath << std::endl;
+  engineOut() << "Downloaded from " << url << " to " << filePath << std::endl;
   return 0;
 }
 
@@ -146,5 +148,5 @@ void Downloader::clean() {
   // Only a file this object created is removed: a name that was already
   // taken when download() ran belongs to someone else.
   if (createdFile) remove(filePath.c_str());
-  std::cout << "Download cleaned" << std::endl;
+  engineOut() << "Download cleaned" << std::endl;
 }

@@ -21,6 +21,8 @@
 #include <utility>
 #include <vector>
 
+#include "base/EngineOutput.h"
+
 namespace {
 
 // Large enough that a typical resource is copied in one or two calls.
@@ -441,10 +443,10 @@ bool copySpan(EntryWriter& out, const unsigned char* at, size_t length,
   return ok;
 }
 
-void say(const std::string& message) { std::cout << message << std::endl; }
+void say(const std::string& message) { engineOut() << message << std::endl; }
 
 void sayWithNumber(const char* message, long number) {
-  std::cout << message << " (error " << number << ")" << std::endl;
+  engineOut() << message << " (error " << number << ")" << std::endl;
 }
 
 }  // namespace
@@ -546,7 +548,7 @@ int Extractor::extract(std::vector<std::string>& files) {
     }
     const std::string name = entryName(stat);
     const std::string full = targetDir + name;
-    printf("[%s:%s] filename: %s\n", "V", kModule, full.c_str());
+    enginePrintf("[%s:%s] filename: %s\n", "V", kModule, full.c_str());
     const std::string relative = full.substr(baseLength);
 
     int error = 0;

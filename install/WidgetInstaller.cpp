@@ -11,6 +11,7 @@
 #include <random>
 #include <vector>
 
+#include "base/EngineOutput.h"
 #include "config/WidgetConfig.h"
 #include "config/WidgetConfigParser.h"
 #include "install/ContentType.h"
@@ -141,14 +142,14 @@ int WidgetInstaller::abandonParsed(int status,
 }
 
 int WidgetInstaller::refuse(int status, const std::string& reason) {
-  std::cout << reason << std::endl;
+  engineOut() << reason << std::endl;
   launchURL = "about:blank";
   return status;
 }
 
 int WidgetInstaller::run() {
   if (installed) {
-    std::cout << "WidgetInstaller cannot be run twice" << std::endl;
+    engineOut() << "WidgetInstaller cannot be run twice" << std::endl;
     return 1;
   }
   if (!database->isOpen()) {
@@ -189,16 +190,16 @@ int WidgetInstaller::runHoldingName() {
                            database->lastError());
     }
     if (rows.size() == 1) {
-      std::cout << "Widget already installed. Launch it with this url : "
+      engineOut() << "Widget already installed. Launch it with this url : "
                 << rows[0]->getLaunchURL() << std::endl;
       launchURL = rows[0]->getLaunchURL();
       return 2;
     }
     if (rows.size() > 1) {
-      std::cout
+      engineOut()
           << "It's not possible to see this log. Database integrity problem"
           << std::endl;
-      std::cout << "'sourceURL' Field in 'Widgets' Table must be unique"
+      engineOut() << "'sourceURL' Field in 'Widgets' Table must be unique"
                 << std::endl;
       launchURL = "about:blank";
       return 4;
@@ -243,21 +244,21 @@ int WidgetInstaller::runHoldingName() {
                          lock->root());
   }
 
-  std::cout << "[Downloading...]" << std::endl << std::endl;
+  engineOut() << "[Downloading...]" << std::endl << std::endl;
   downloader.reset(new Downloader(sourceURL, downloadPath));
   if (downloader->download() == -1) {
-    std::cout << "Error while downloading" << std::endl;
+    engineOut() << "Error while downloading" << std::endl;
     downloader.reset();
     record.reset();
     launchURL = "about:blank";
     return 5;
   }
 
-  std::cout << std::endl << "[Extracting...]" << std::endl << std::endl;
+  engineOut() << std::endl << "[Extracting...]" << std::endl << std::endl;
   extractor.reset(new Extractor(downloadPath, storagePath));
   files.clear();
   if (extractor->extract(files) == -1) {
-    std::cout << "Error while extracting" << std::endl;
+    engineOut() << "Error while extracting" << std::endl;
     extractor.reset();
     downloader.reset();
     record.reset();
@@ -267,23 +268,23 @@ int WidgetInstaller::runHoldingName() {
 
   record->setFiles(files);
 
-  std::cout << std::endl
+  engineOut() << std::endl
             << "[Remove downloaded file...]" << std::endl
             << std::endl;
   if (remove(downloadPath.c_str()) != 0) {
     // The launch URL is deliberately left as it was here.
-    std::cout << "Error while removing" << std::endl;
+    engineOut() << "Error while removing" << std::endl;
     record.reset();
     downloader.reset();
     extractor.reset();
     return 11;
   }
 
-  std::cout << std::endl << "[Parsing config.xml...]" << std::endl << std::endl;
+  engineOut() << std::endl << "[Parsing config.xml...]" << std::endl << std::endl;
   const std::string configPath = storagePath + "config.xml";
   FILE* configFile = fopen(configPath.c_str(), "r");
   if (!configFile) {
-    std::cout << "Could not find config.xml" << std::endl;
+    engineOut() << "Could not find config.xml" << std::endl;
     extractor.reset();
     downloader.reset();
     record.reset();
@@ -295,7 +296,7 @@ int WidgetInstaller::runHoldingName() {
   config->setConfigPath(configPath);
   parser.reset(new WidgetConfigParser(configPath, config.get()));
   if (parser->parse() == -1) {
-    std::cout << "Error while parsing" << std::endl;
+    engineOut() << "Error while parsing" << std::endl;
     return abandonParsed(8, record);
   }
 
@@ -307,12 +308,12 @@ int WidgetInstaller::runHoldingName() {
     }
   }
   if (!config->getStartFile()) {
-    std::cout << "No start file found" << std::endl;
+    engineOut() << "No start file found" << std::endl;
     return abandonParsed(9, record);
   }
 
   launchURL = "file://" + storagePath + *config->getStartFile();
-  std::cout << std::endl << "Path: " << launchURL << std::endl << std::endl;
+  engineOut() << std::endl << "Path: " << launchURL << std::endl << std::endl;
 
   record->setLaunchURL(launchURL);
   record->setStoragePath(storagePath);
@@ -352,7 +353,7 @@ int WidgetInstaller::runHoldingName() {
   const int widgetId = registered ? database->insertWidget(record.get()) : -1;
   if (widgetId <= 0) {
     if (widgetId < 0 && !registered) {
-      std::cout << "Cannot write to the widget registry: "
+      engineOut() << "Cannot write to the widget registry: "
                 << database->lastError() << std::endl;
     }
     database->rollbackJob();
@@ -371,7 +372,7 @@ int WidgetInstaller::runHoldingName() {
   // Nothing is installed until its rows are committed: a commit that fails
   // (a full disk, an I/O error) takes the unpacked files with it.
   if (!database->endJob()) {
-    std::cout << "Cannot commit the widget to the registry: "
+    engineOut() << "Cannot commit the widget to the registry: "
               << database->lastError() << std::endl;
     return abandonParsed(10, record);
   }
@@ -387,12 +388,12 @@ int WidgetInstaller::runHoldingName() {
 
 void WidgetInstaller::clean() {
   if (installed) {
-    std::cout << std::endl << "[Cleaning...]" << std::endl << std::endl;
+    engineOut() << std::endl << "[Cleaning...]" << std::endl << std::endl;
     parser.reset();
     extractor.reset();
     downloader.reset();
     installed = false;
   } else {
-    std::cout << "Nothing to clean" << std::endl;
+    engineOut() << "Nothing to clean" << std::endl;
   }
 }

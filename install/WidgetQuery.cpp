@@ -5,6 +5,7 @@
 
 #include <iostream>
 
+#include "base/EngineOutput.h"
 #include "registry/SqlLite3.h"
 
 namespace {
@@ -72,17 +73,17 @@ WidgetQuery::~WidgetQuery() {
 
 void WidgetQuery::clean() {
   if (alreadyRun) {
-    std::cout << std::endl << "[Cleaning...]" << std::endl << std::endl;
+    engineOut() << std::endl << "[Cleaning...]" << std::endl << std::endl;
     alreadyRun = false;
   } else {
-    std::cout << "Nothing to clean" << std::endl;
+    engineOut() << "Nothing to clean" << std::endl;
   }
 }
 
 WidgetsData* WidgetQuery::getInfo(const std::vector<std::string>& locales) {
   // The query job shares the uninstaller's texts, this one included.
   if (alreadyRun) {
-    std::cout << "WidgetUnInstaller cannot be run twice" << std::endl;
+    engineOut() << "WidgetUnInstaller cannot be run twice" << std::endl;
     return nullptr;
   }
   if (database->isOpen() != 1) return nullptr;
@@ -93,12 +94,12 @@ WidgetsData* WidgetQuery::getInfo(const std::vector<std::string>& locales) {
     return records[0];
   }
   if (records.empty()) {
-    std::cout << "No widget with this name" << std::endl;
+    engineOut() << "No widget with this name" << std::endl;
     return nullptr;
   }
-  std::cout << "It's not possible to see this log. Database integrity problem"
+  engineOut() << "It's not possible to see this log. Database integrity problem"
             << std::endl;
-  std::cout << "'name' Field in 'Widgets' Table must be unique" << std::endl;
+  engineOut() << "'name' Field in 'Widgets' Table must be unique" << std::endl;
   deleteAll(records);
   return nullptr;
 }
@@ -106,7 +107,7 @@ WidgetsData* WidgetQuery::getInfo(const std::vector<std::string>& locales) {
 std::vector<WidgetsData*> WidgetQuery::getAll() {
   std::vector<WidgetsData*> result;
   if (alreadyRun) {
-    std::cout << "WidgetUnInstaller cannot be run twice" << std::endl;
+    engineOut() << "WidgetUnInstaller cannot be run twice" << std::endl;
     return result;
   }
   if (database->isOpen() != 1) return result;

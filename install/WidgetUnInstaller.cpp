@@ -11,6 +11,7 @@
 #include <iostream>
 #include <vector>
 
+#include "base/EngineOutput.h"
 #include "install/InstallLock.h"
 #include "install/WidgetInstaller.h"
 #include "registry/SqlLite3.h"
@@ -54,7 +55,7 @@ void removeContents(int fd) {
     if (child >= 0) {
       removeContents(child);
     } else if (errno != ELOOP && errno != ENOTDIR) {
-      perror("Error opendir()");
+      enginePerror("Error opendir()");
     }
     // Failures are not reported: only the top directory decides the answer.
     if (unlinkat(parent, name, AT_REMOVEDIR) != 0 && errno == ENOTDIR) {
@@ -85,16 +86,16 @@ WidgetUnInstaller::~WidgetUnInstaller() {
 
 void WidgetUnInstaller::clean() {
   if (alreadyRun) {
-    std::cout << std::endl << "[Cleaning...]" << std::endl << std::endl;
+    engineOut() << std::endl << "[Cleaning...]" << std::endl << std::endl;
     alreadyRun = false;
   } else {
-    std::cout << "Nothing to clean" << std::endl;
+    engineOut() << "Nothing to clean" << std::endl;
   }
 }
 
 int WidgetUnInstaller::run() {
   if (alreadyRun) {
-    std::cout << "WidgetUnInstaller cannot be run twice" << std::endl;
+    engineOut() << "WidgetUnInstaller cannot be run twice" << std::endl;
     return -1;
   }
   if (database->isOpen() != 1) return -1;
@@ -110,9 +111,9 @@ int WidgetUnInstaller::run() {
   std::vector<WidgetsData*> records = database->selectWidgetsByName(name);
   if (records.empty()) return 0;
   if (records.size() > 1) {
-    std::cout << "It's not possible to see this log. Database integrity problem"
+    engineOut() << "It's not possible to see this log. Database integrity problem"
               << std::endl;
-    std::cout << "'name' Field in 'Widgets' Table must be unique" << std::endl;
+    engineOut() << "'name' Field in 'Widgets' Table must be unique" << std::endl;
     deleteAll(records);
     return -1;
   }
@@ -124,30 +125,30 @@ int WidgetUnInstaller::run() {
   // directory: a row pointing at the widget root, or anywhere else, would
   // take a whole tree with it.
   if (!isOwnDirectory(storagePath, name)) {
-    std::cout << "Refusing to delete " << storagePath << ": it is not the "
+    engineOut() << "Refusing to delete " << storagePath << ": it is not the "
               << "directory widget_" << name << "/ of widget " << name
               << std::endl;
     return -1;
   }
 
-  std::cout << "Try to delete directory on fileSystem : " << storagePath
+  engineOut() << "Try to delete directory on fileSystem : " << storagePath
             << std::endl;
   if (!removeWidgetDirectory(storagePath)) {
-    std::cout << "Error : can't delete this directory : " << storagePath
+    engineOut() << "Error : can't delete this directory : " << storagePath
               << std::endl;
     return -1;
   }
 
-  std::cout << "Delete OK !!!" << std::endl;
-  std::cout << "Delete from database ..." << std::endl;
+  engineOut() << "Delete OK !!!" << std::endl;
+  engineOut() << "Delete from database ..." << std::endl;
   if (database->deleteWidgetByName(name) != 0) {
-    std::cout << "Error, can't delete this widget in database !!!" << std::endl;
-    std::cout << "Integrity problem because widget is in database, but not in "
+    engineOut() << "Error, can't delete this widget in database !!!" << std::endl;
+    engineOut() << "Integrity problem because widget is in database, but not in "
                  "fileSystem :("
               << std::endl;
     return -1;
   }
-  std::cout << "Delete OK !!!" << std::endl;
+  engineOut() << "Delete OK !!!" << std::endl;
   return 1;
 }
 
@@ -177,7 +178,7 @@ bool WidgetUnInstaller::removeWidgetDirectory(const std::string& path) {
       }
     }
     errno = error;
-    perror("Error opendir()");
+    enginePerror("Error opendir()");
     return false;
   }
   removeContents(fd);

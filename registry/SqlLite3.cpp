@@ -14,6 +14,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "base/EngineOutput.h"
 #include "base/UrlPath.h"
 #include "registry/LocalizedItemKeys.h"
 #include "registry/LookupCache.h"
@@ -281,10 +282,10 @@ void SqlLite3::open() {
       SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
       nullptr);
   if (impl->resultCode != SQLITE_OK) {
-    printf("[%s:%s] Can't open database: ", kLevel, kModule);
-    printf("[%s:%s] sqlite3 error message : %s\n", kLevel, kModule,
+    enginePrintf("[%s:%s] Can't open database: ", kLevel, kModule);
+    enginePrintf("[%s:%s] sqlite3 error message : %s\n", kLevel, kModule,
            sqlite3_errmsg(impl->db));
-    printf("[%s:%s] HAVE YOU READ AND WRITE PERMISSION FOR OPEN OR CREATE "
+    enginePrintf("[%s:%s] HAVE YOU READ AND WRITE PERMISSION FOR OPEN OR CREATE "
            "THIS FILE : %s\n",
            kLevel, kModule, impl->databasePath.c_str());
     impl->closeHandle();
@@ -298,7 +299,7 @@ void SqlLite3::open() {
     impl->fileInode = status.st_ino;
   }
   impl->identityCheckedAt = impl->lastOpenAttempt.tv_sec;
-  if (impl->verbose) std::cout << "Database open. Good news ;)" << std::endl;
+  if (impl->verbose) engineOut() << "Database open. Good news ;)" << std::endl;
   // A registry that this engine has opened before has its tables and its
   // indexes: one statement proves both.
   if (impl->probe(statements::kProbeAllTablesAndIndexes)) {
@@ -310,7 +311,7 @@ void SqlLite3::open() {
     impl->opened = true;
     ensureIndexes();
   } else {
-    printf("[%s:%s] Error while checking database structure", kLevel, kModule);
+    enginePrintf("[%s:%s] Error while checking database structure", kLevel, kModule);
     impl->opened = false;
   }
 }
@@ -434,7 +435,7 @@ bool SqlLite3::checkTable(const std::string& table,
     impl->resultCode = SQLITE_OK;
     return true;
   }
-  printf("[%s:%s] Unable to create table %s :  %s (%d)\n", kLevel, kModule,
+  enginePrintf("[%s:%s] Unable to create table %s :  %s (%d)\n", kLevel, kModule,
          table.c_str(),
          impl->errorMessage ? impl->errorMessage : sqlite3_errmsg(impl->db),
          impl->resultCode);
@@ -495,7 +496,7 @@ int SqlLite3::insertWidgetRows(WidgetsData* widget, bool ownTransaction) {
     if (ownTransaction && !sqlite3_get_autocommit(impl->db)) {
       impl->exec(statements::kRollback);
     }
-    std::cout << "Cannot insert data to database :(" << std::endl;
+    engineOut() << "Cannot insert data to database :(" << std::endl;
     return -1;
   }
 
@@ -517,12 +518,12 @@ int SqlLite3::insertWidgetRows(WidgetsData* widget, bool ownTransaction) {
     }
   }
   if (ownTransaction && !impl->commit()) {
-    std::cout << "Cannot insert data to database :(" << std::endl;
+    engineOut() << "Cannot insert data to database :(" << std::endl;
     return -1;
   }
 
   if (id > INT_MAX || id < INT_MIN) {
-    printf("[%s:%s] Error convering widgetId to int : %lld\n", kLevel, kModule,
+    enginePrintf("[%s:%s] Error convering widgetId to int : %lld\n", kLevel, kModule,
            static_cast<long long>(id));
     return 0;
   }
