@@ -1,0 +1,187 @@
+// SPDX-License-Identifier: Apache-2.0
+// The registry's writes: a widget's rows, its texts, its removal, and the
+// transactions that group a job's writes.
+#include "registry/SqlLite3.h"
+
+#include <sqlite3.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+
+#include "base/EngineOutput.h"
+#include "registry/Statements.h"
+#include "registry/SqlLite3Impl.h"
+
+using namespace sqlite3impl;
+
+int SqlLite3::insertWidget(WidgetsData* widget) {
+  bool own = impl->db && sqlite3_get_autocommit(impl->db) &&
+             impl->exec(statements::kBegin) == SQLITE_OK;
+  return insertWidgetRows(widget, own);
+}
+
+int SqlLite3::insertWidgetRows(WidgetsData* widget, bool ownTransaction) {
+  sqlite3_stmt* insert =
+      widget ? impl->statement(kInsertWidgetStatement) : nullptr;
+  int rc = SQLITE_ERROR;
+  if (insert) {
+    ResetOnExit reset(insert);
+    const std::string* texts[] = {
+        &widget->getSourceURL(),  &widget->getName(),
+        &widget->getLaunchURL(),  &widget->getStoragePath(),
+        &widget->getVersion(),    &widget->getWidgetName(),
+        &widget->getWidgetShorName(), &widget->getViewMode(),
+        &widget->getIcon(),       &widget->getAuthor(),
+        &widget->getAuthorEmail(), &widget->getAuthorHref()};
+    bool ok = true;
+    for (const std::string* text : texts) ok = ok && quotable(*text, '\'');
+    if (ok) {
+      bindText(insert, 1, widget->getSourceURL());
+      bindText(insert, 2, widget->getName());
+      bindText(insert, 3, widget->getLaunchURL());
+      bindText(insert, 4, widget->getStoragePath());
+      sqlite3_bind_int(insert, 5, widget->getWidth());
+      sqlite3_bind_int(insert, 6, widget->getHeight());
+      for (int i = 4; i < 12; ++i) bindText(insert, i + 3, *texts[i]);
+      rc = sqlite3_step(insert);
+      if (rc == SQLITE_DONE) rc = SQLITE_OK;
+    }
+  }
+  impl->resultCode = rc;
+  if (rc != SQLITE_OK) {
+    if (ownTransaction && !sqlite3_get_autocommit(impl->db)) {
+      impl->exec(statements::kRollback);
+    }
+    engineOut() << "Cannot insert data to database :(" << std::endl;
+    return -1;
+  }
+
+  sqlite3_int64 id = sqlite3_last_insert_rowid(impl->db);
+  std::vector<std::string> files = widget->getFiles();
+  sqlite3_stmt* insertFile = impl->statement(kInsertWidgetFileStatement);
+  for (const std::string& path : files) {
+    if (!insertFile || !quotable(path, '"')) continue;
+    ResetOnExit reset(insertFile);
+    sqlite3_bind_int64(insertFile, 1, id);
+    bindText(insertFile, 2, path);
+    int fileRc = sqlite3_step(insertFile);
+    if (fileRc != SQLITE_DONE && ownTransaction &&
+        sqlite3_get_autocommit(impl->db)) {
+      // SQLite gave up the whole transaction (I/O error, full disk): what
+      // it held is gone, so the rows are written again one by one, where a
+      // failing row only loses itself.
+      return insertWidgetRows(widget, false);
+    }
+  }
+  if (ownTransaction && !impl->commit()) {
+    engineOut() << "Cannot insert data to database :(" << std::endl;
+    return -1;
+  }
+
+  if (id > INT_MAX || id < INT_MIN) {
+    enginePrintf("[%s:%s] Error convering widgetId to int : %lld\n", kLevel, kModule,
+           static_cast<long long>(id));
+    return 0;
+  }
+  return static_cast<int>(id);
+}
+
+int SqlLite3::insertLocalizedItems(int widgetId, const std::string& item,
+                                   const std::map<std::string, std::string>& texts) {
+  if (!impl->db || texts.empty() || !quotable(item, '\'')) return 0;
+  sqlite3_stmt* insert = impl->statement(kInsertLocalizedItemStatement);
+  if (!insert) return 0;
+  // Returns false when SQLite gave up the transaction the rows were in.
+  auto writeAll = [&](bool inTransaction) {
+    for (const auto& text : texts) {
+      if (!quotable(text.first, '\'') || !quotable(text.second, '\'')) {
+        continue;
+      }
+      ResetOnExit reset(insert);
+      sqlite3_bind_int(insert, 1, widgetId);
+      bindText(insert, 2, item);
+      bindText(insert, 3, text.first);
+      bindText(insert, 4, text.second);
+      if (sqlite3_step(insert) != SQLITE_DONE && inTransaction &&
+          sqlite3_get_autocommit(impl->db)) {
+        return false;
+      }
+    }
+    return true;
+  };
+  bool own = sqlite3_get_autocommit(impl->db) &&
+             impl->exec(statements::kBegin) == SQLITE_OK;
+  if (!writeAll(own)) {
+    // What the transaction held is gone; the rows are written one by one,
+    // where a failing row only loses itself.
+    writeAll(false);
+  } else if (own) {
+    impl->commit();
+  }
+  return 0;
+}
+
+int SqlLite3::deleteWidgetByName(const std::string& name) {
+  if (!impl->db) return SQLITE_MISUSE;
+  if (!quotable(name, '\'')) return impl->resultCode = SQLITE_ERROR;
+  sqlite3_stmt* remove = impl->statement(kDeleteWidgetByNameStatement);
+  if (!remove) return impl->resultCode = sqlite3_errcode(impl->db);
+  ResetOnExit reset(remove);
+  bindText(remove, 1, name);
+  int rc = sqlite3_step(remove);
+  impl->resultCode = rc == SQLITE_DONE ? SQLITE_OK : rc;
+  return impl->resultCode;
+}
+
+void SqlLite3::beginJob() {
+  if (!impl->db || impl->jobOpen || !sqlite3_get_autocommit(impl->db)) return;
+  impl->jobOpen = impl->exec(statements::kBegin) == SQLITE_OK;
+}
+
+bool SqlLite3::beginWriteJob() {
+  if (!impl->db || impl->jobOpen || !sqlite3_get_autocommit(impl->db)) {
+    return false;
+  }
+  // The write lock is taken at once: a deferred transaction that read first
+  // and then met another writer could only fail, never wait.
+  impl->resultCode = impl->exec(statements::kBeginImmediate);
+  impl->jobOpen = impl->resultCode == SQLITE_OK;
+  return impl->jobOpen;
+}
+
+bool SqlLite3::endJob() {
+  if (!impl->jobOpen) return false;
+  impl->jobOpen = false;
+  // SQLite gives up a transaction by itself on some errors (a full disk, an
+  // I/O error); what it held was then never written.
+  if (sqlite3_get_autocommit(impl->db)) {
+    impl->resultCode = SQLITE_ABORT;
+    return false;
+  }
+  const bool committed = impl->commit();
+  if (!committed) impl->resultCode = sqlite3_extended_errcode(impl->db);
+  return committed;
+}
+
+void SqlLite3::rollbackJob() {
+  if (!impl->jobOpen) return;
+  impl->jobOpen = false;
+  if (!sqlite3_get_autocommit(impl->db)) impl->exec(statements::kRollback);
+}
+
+bool SqlLite3::forgetRowsOfRemovedWidgets() {
+  if (!impl->db) return false;
+  for (const char* sql : {statements::kDeleteFilesOfRemovedWidgets,
+                          statements::kDeleteItemsOfRemovedWidgets}) {
+    impl->resultCode = impl->exec(sql);
+    if (impl->resultCode != SQLITE_OK) return false;
+  }
+  return true;
+}
