@@ -1,0 +1,333 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "tools/widgetctl/Commands.h"
+
+#include <curl/curl.h>
+#include <stdlib.h>
+#include <string.h>
+#include <widgetengine/WidgetEngineDelegate.h>
+
+#include <cerrno>
+#include <iostream>
+#include <memory>
+#include <nlohmann/json.hpp>
+
+#include "install/WidgetInstaller.h"
+#include "registry/SqlLite3.h"
+#include "tools/widgetctl/EngineLines.h"
+#include "tools/widgetctl/Reply.h"
+
+namespace widgetctl {
+
+using nlohmann::json;
+
+namespace {
+
+int exitForStatus(int status) {
+  return status == 3 || status == 4 || status == 11 ? kEnvironment : kNo;
+}
+
+json recordJson(const WidgetsData& w) {
+  return json{{"name", w.getName()},
+              {"title", w.getWidgetName()},
+              {"shortTitle", w.getWidgetShorName()},
+              {"description", w.getDescription()},
+              {"version", w.getVersion()},
+              {"width", w.getWidth()},
+              {"height", w.getHeight()},
+              {"author", w.getAuthor()},
+              {"authorEmail", w.getAuthorEmail()},
+              {"authorHref", w.getAuthorHref()},
+              {"license", w.getLicense()},
+              {"licenseHref", w.getLicenseHref()},
+              {"icon", w.getIcon()},
+              {"launchURL", w.getLaunchURL()},
+              {"sourceURL", w.getSourceURL()},
+              {"storagePath", w.getStoragePath()}};
+}
+
+}  // namespace
+
+bool registryUsable(std::string* reason) {
+  std::vector<std::string> lines;
+  bool open;
+  {
+    EngineLines capture(&lines);
+    SqlLite3 registry;
+    open = registry.isOpen();
+    if (open) {
+      bool read = false;
+      for (WidgetsData* w : registry.selectAllWidgets(&read)) delete w;
+      open = read;
+      if (!read) lines.push_back(registry.lastError());
+    }
+  }
+  if (!open) {
+    // Diagnostics of a failure, not progress: always on standard error.
+    for (const std::string& line : lines) std::cerr << line << '\n';
+    if (gJson) for (const std::string& line : lines) gDocument["engine"].push_back(line);
+    *reason = "the registry " + SqlLite3::databasePath() +
+              " cannot be used; check YRA_DATA_PATH (it must name a writable "
+              "directory, ending with \"/\")";
+  }
+  return open;
+}
+
+std::string fileURL(const std::string& path, std::string* error) {
+  std::unique_ptr<char, FreeDeleter> absolute(realpath(path.c_str(), nullptr));
+  if (!absolute) {
+    *error = "cannot read the package file " + path + ": " + strerror(errno);
+    return std::string();
+  }
+  CURLU* url = curl_url();
+  std::string result;
+  if (url && curl_url_set(url, CURLUPART_SCHEME, "file", 0) == CURLUE_OK &&
+      curl_url_set(url, CURLUPART_PATH, absolute.get(), CURLU_URLENCODE) ==
+          CURLUE_OK) {
+    char* text = nullptr;
+    if (curl_url_get(url, CURLUPART_URL, &text, 0) == CURLUE_OK) result = text;
+    curl_free(text);
+  }
+  curl_url_cleanup(url);
+  if (result.empty()) *error = "cannot make a file:// address of " + path;
+  return result;
+}
+
+bool isAddress(const std::string& text) {
+  return text.find("://") != std::string::npos;
+}
+
+std::string installReason(int status, const std::string& url) {
+  switch (status) {
+    case 3:
+      return "the registry or the widget root cannot be used; check "
+             "YRA_DATA_PATH and WIDGET_PATH and their permissions";
+    case 4:
+      return "the registry lists this address twice; run \"widgetctl doctor\"";
+    case 5:
+      return "the package could not be downloaded from " + url +
+             "; check the address";
+    case 6:
+      return "the package is not a valid widget archive; \"widgetctl check\" "
+             "says why";
+    case 7:
+      return "the package has no config.xml at its top; \"widgetctl check\" "
+             "says more";
+    case 8:
+      return "config.xml was refused; \"widgetctl check\" gives the line and "
+             "the reason";
+    case 9:
+      return "the package has no start page (index.html, or the file named by "
+             "<content src>)";
+    case 10:
+      return "the widget could not be recorded";
+    case 11:
+      return "the downloaded package could not be removed from the widget "
+             "root's tmp/ folder; check its permissions";
+    default:
+      return "the installation failed (status " + std::to_string(status) + ")";
+  }
+}
+
+std::string engineReason(const std::vector<std::string>& lines) {
+  for (auto it = lines.rbegin(); it != lines.rend(); ++it) {
+    if (it->find("is taken by the widget installed from") != std::string::npos ||
+        it->compare(0, 7, "Cannot ") == 0 || it->find("Error") == 0) {
+      return *it;
+    }
+  }
+  return std::string();
+}
+
+int runInstall(const std::string& argument) {
+  std::string url = argument;
+  if (!isAddress(argument)) {
+    std::string error;
+    url = fileURL(argument, &error);
+    if (url.empty()) return finish(kNo, error);
+  }
+  gDocument["url"] = url;
+  std::vector<std::string> lines;
+  int status;
+  std::string launchURL;
+  {
+    EngineLines capture(&lines);
+    WidgetInstaller installer(url);
+    status = installer.run();
+    launchURL = installer.getLaunchURL();
+  }
+  passOn(lines);
+  gDocument["status"] = status;
+  if (status == 0 || status == 2) {
+    gDocument["launchURL"] = launchURL;
+    gDocument["installedBefore"] = status == 2;
+    if (!gJson) std::cout << launchURL << std::endl;
+    return finish(kOk);
+  }
+  gDocument["launchURL"] = nullptr;
+  std::string reason = "could not install " + url + ": " + installReason(status, url);
+  const std::string engine = engineReason(lines);
+  if (status == 10 && !engine.empty()) reason += ": " + engine;
+  return finish(exitForStatus(status), reason);
+}
+
+int runList(WebWidgetEngineDelegate* engine) {
+  std::vector<std::string> lines;
+  std::vector<std::unique_ptr<WidgetsData>> widgets;
+  {
+    EngineLines capture(&lines);
+    for (WidgetsData* widget : engine->getAll(nullptr)) widgets.emplace_back(widget);
+  }
+  passOn(lines);
+  gDocument["widgets"] = json::array();
+  for (const auto& widget : widgets) {
+    if (gJson) {
+      gDocument["widgets"].push_back(recordJson(*widget));
+    } else {
+      std::cout << widget->getName() << '\t' << widget->getVersion() << '\t'
+                << widget->getLaunchURL() << '\n';
+    }
+  }
+  return finish(kOk);
+}
+
+int runInfo(WebWidgetEngineDelegate* engine, const std::string& name,
+            const std::string& language) {
+  std::vector<std::string> lines;
+  std::unique_ptr<WidgetsData> widget;
+  {
+    EngineLines capture(&lines);
+    widget.reset(engine->getInfo(name.c_str(), nullptr, language.c_str()));
+  }
+  passOn(lines);
+  gDocument["name"] = name;
+  if (!widget) {
+    return finish(kNo, "no widget called " + name +
+                           " is installed (\"widgetctl list\" lists them)");
+  }
+  if (gJson) {
+    gDocument["widget"] = recordJson(*widget);
+    return finish(kOk);
+  }
+  const json record = recordJson(*widget);
+  const std::pair<const char*, const char*> shown[] = {
+      {"name", "name"},
+      {"title", "title"},
+      {"short title", "shortTitle"},
+      {"description", "description"},
+      {"version", "version"},
+      {"width", "width"},
+      {"height", "height"},
+      {"author", "author"},
+      {"author email", "authorEmail"},
+      {"author href", "authorHref"},
+      {"license", "license"},
+      {"license href", "licenseHref"},
+      {"icon", "icon"},
+      {"launch URL", "launchURL"},
+      {"source URL", "sourceURL"},
+      {"storage path", "storagePath"}};
+  for (const auto& item : shown) {
+    const json& value = record[item.second];
+    std::cout << field(item.first, value.is_string() ? value.get<std::string>()
+                                                     : value.dump())
+              << '\n';
+  }
+  return finish(kOk);
+}
+
+int runMap(WebWidgetEngineDelegate* engine, const std::string& url,
+           const std::string& language) {
+  std::vector<std::string> lines;
+  EngineString mapped;
+  {
+    EngineLines capture(&lines);
+    mapped.reset(engine->mapResource(url.c_str(), language.c_str()));
+  }
+  passOn(lines);
+  gDocument["url"] = url;
+  gDocument["language"] = language;
+  gDocument["mapped"] = mapped ? json(mapped.get()) : json(nullptr);
+  gDocument["answer"] = mapped ? mapped.get() : url;
+  if (!gJson) std::cout << (mapped ? mapped.get() : url) << std::endl;
+  return finish(kOk);
+}
+
+int runIsWidget(WebWidgetEngineDelegate* engine, const std::string& url) {
+  std::vector<std::string> lines;
+  int answer;
+  {
+    EngineLines capture(&lines);
+    answer = engine->isWidget(url.c_str());
+  }
+  passOn(lines);
+  gDocument["url"] = url;
+  gDocument["widget"] = answer == 1;
+  if (!gJson) std::cout << (answer == 1 ? "yes" : "no") << std::endl;
+  if (answer == 1) return finish(kOk);
+  return finish(kNo, url + " is not the launch URL of an installed widget");
+}
+
+int runRemove(WebWidgetEngineDelegate* engine, const std::string& name) {
+  std::vector<std::string> lines;
+  int status;
+  {
+    EngineLines capture(&lines);
+    status = engine->deleteWidget(name.c_str(), nullptr);
+  }
+  passOn(lines);
+  gDocument["name"] = name;
+  gDocument["status"] = status;
+  gDocument["removed"] = status == 1;
+  if (status == 1) {
+    if (!gJson) std::cout << "removed " << name << std::endl;
+    return finish(kOk);
+  }
+  if (status == 0) {
+    return finish(kNo, "no widget called " + name +
+                           " is installed (\"widgetctl list\" lists them)");
+  }
+  std::string why = engineReason(lines);
+  for (const std::string& line : lines) {
+    if (line.find("can't delete this directory") != std::string::npos) {
+      why = "its directory cannot be deleted; if its files are gone, "
+            "\"widgetctl doctor --repair\" removes it";
+    }
+  }
+  return finish(kNo, "could not remove " + name + (why.empty() ? "" : ": " + why));
+}
+
+// --- doctor ----------------------------------------------------------------
+
+int runDoctor(const Doctor::Options& options) {
+  Doctor doctor(options);
+  std::vector<DoctorProblem> problems;
+  std::vector<std::string> lines;
+  const bool ran = doctor.run(problems, lines);
+  passOn(lines);
+  if (!ran) return finish(kEnvironment, doctor.error());
+  gDocument["problems"] = json::array();
+  bool remaining = false;
+  for (const DoctorProblem& p : problems) {
+    remaining = remaining || !p.repaired;
+    gDocument["problems"].push_back({{"kind", p.kind},
+                                     {"name", p.name},
+                                     {"path", p.path},
+                                     {"detail", p.detail},
+                                     {"repaired", p.repaired}});
+    if (!gJson) {
+      std::cout << p.kind << ": " << (p.name.empty() ? "" : p.name + " ")
+                << p.path << (p.repaired ? " (repaired)" : "") << '\n'
+                << "  " << p.detail << '\n';
+    }
+  }
+  gDocument["healthy"] = problems.empty();
+  if (!gJson) {
+    std::cout << (problems.empty() ? "registry and disk agree"
+                  : remaining      ? "problems found"
+                                   : "everything found was repaired")
+              << std::endl;
+  }
+  return finish(remaining ? kNo : kOk);
+}
+
+}  // namespace widgetctl
