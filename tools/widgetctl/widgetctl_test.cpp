@@ -3,6 +3,7 @@
 // its widget root, registry and temporary directory inside a TempDir.
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -16,8 +17,10 @@
 #include <signal.h>
 
 #include <nlohmann/json.hpp>
+#include <sqlite3.h>
 
 #include "testing/HttpServer.h"
+#include "testing/Listener.h"
 #include "testing/OutputChecks.h"
 #include "testing/TempDir.h"
 #include "testing/WidgetSandbox.h"
@@ -47,7 +50,7 @@ class WidgetctlTest : public WidgetSandbox {
   // an empty value unsets the variable).
   Result runWith(const std::vector<std::string>& args,
                  const std::vector<std::pair<std::string, std::string>>& env,
-                 int signalAfterMs = 0) {
+                 int signalAfterMs = 0, int signal = SIGINT) {
     const std::string outPath = dir.path() + "/out.txt";
     const std::string errPath = dir.path() + "/err.txt";
     fflush(stdout);
@@ -82,7 +85,7 @@ class WidgetctlTest : public WidgetSandbox {
     int status = 0;
     if (signalAfterMs > 0) {
       usleep(signalAfterMs * 1000);
-      kill(child, SIGINT);
+      kill(child, signal);
     }
     waitpid(child, &status, 0);
     result.status =
@@ -526,6 +529,106 @@ TEST_F(WidgetctlTest, CheckOfAMissingPackageSaysWhy) {
                             "the package file"))
       << result.out;
   EXPECT_TRUE(TempDir::listDirectory(tmp).empty());
+}
+
+TEST_F(WidgetctlTest, InstallSpeaksNoOtherProtocolThanTheWebAndFiles) {
+  Listener listener;
+  for (const char* scheme : {"gopher", "dict", "telnet", "ftp", "smtp", "ldap"}) {
+    const std::string url = std::string(scheme) + "://" + listener.hostPort() +
+                            "/_SET%20key%20pwned%0D%0A/x.wgt";
+    Result result = run({"install", url});
+    EXPECT_EQ(1, result.status) << url;
+    EXPECT_NE(std::string::npos,
+              result.out.find("Refusing to download " + url + ": the protocol " +
+                              scheme + " is not http, https or file\n"))
+        << result.out;
+    Result checked = run({"check", url});
+    EXPECT_EQ(1, checked.status) << url;
+  }
+  std::string received;
+  EXPECT_EQ(0, listener.connections(&received)) << received;
+  EXPECT_TRUE(nothingLeft());
+}
+
+TEST_F(WidgetctlTest, CheckRemovesTheFoldersOfKilledChecks) {
+  ZipBuilder big;
+  big.addFile("config.xml", "<widget xmlns=\"http://www.w3.org/ns/widgets\"><name>b</name></widget>")
+      .addFile("index.html", "<p/>");
+  for (int i = 0; i < 3000; ++i) big.addFile("f/" + std::to_string(i) + ".txt", std::string(3000, 'a'));
+  const std::string package = writePackage("big.wgt", big);
+  int killed = 0;
+  for (int delay : {60, 150, 300}) {
+    if (runWith({"check", package}, {}, delay, SIGKILL).status == 128 + SIGKILL &&
+        !TempDir::listDirectory(tmp).empty()) {
+      ++killed;
+      break;
+    }
+  }
+  ASSERT_GT(killed, 0) << "every check ended before the signal";
+
+  // Beside it: the folder of a check still running (its marker locked), one
+  // without a marker yet, and another user's.
+  const std::string live = tmp + "/widgetctl-check-LiVe00";
+  const std::string young = tmp + "/widgetctl-check-YoUnG0";
+  ASSERT_EQ(0, mkdir(live.c_str(), 0700));
+  ASSERT_EQ(0, mkdir(young.c_str(), 0700));
+  TempDir::writeFile(live + "/.alive", "");
+  const int held = open((live + "/.alive").c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_EQ(0, flock(held, LOCK_EX));
+  std::string theirs;
+  if (geteuid() == 0) {
+    theirs = tmp + "/widgetctl-check-ThEiRs";
+    ASSERT_EQ(0, mkdir(theirs.c_str(), 0700));
+    TempDir::writeFile(theirs + "/.alive", "");
+    ASSERT_EQ(0, chown(theirs.c_str(), 65534, 65534));
+  }
+
+  EXPECT_EQ(0, run({"check", samplePackage("clock.wgt")}).status);
+  std::vector<std::string> expected = {"widgetctl-check-LiVe00",
+                                       "widgetctl-check-YoUnG0"};
+  if (!theirs.empty()) expected.insert(expected.begin() + 1, "widgetctl-check-ThEiRs");
+  EXPECT_EQ(expected, TempDir::listDirectory(tmp));
+  close(held);
+}
+
+TEST_F(WidgetctlTest, DoctorReportsLinksAndRowsOutsideTheRootAndTouchesNeither) {
+  ASSERT_EQ(0, run({"install", samplePackage("linked.wgt")}).status);
+  ASSERT_EQ(0, run({"install", samplePackage("moved.wgt")}).status);
+  // One widget's directory swapped for a link to a directory elsewhere; the
+  // other's row pointing outside the root.
+  const std::string elsewhere = dir.path() + "/elsewhere/";
+  ASSERT_EQ(0, mkdir(elsewhere.c_str(), 0755));
+  TempDir::writeFile(elsewhere + "precious", "keep");
+  TempDir::removeTree(root + "widget_linked");
+  ASSERT_EQ(0, symlink(elsewhere.c_str(), (root + "widget_linked").c_str()));
+  TempDir::removeTree(root + "widget_moved");
+  const std::string outside = dir.path() + "/out/widget_moved/";
+  {
+    sqlite3* db = nullptr;
+    ASSERT_EQ(SQLITE_OK, sqlite3_open((conf + "widget.db").c_str(), &db));
+    const std::string sql = "UPDATE Widgets SET storagePath='" + outside +
+                            "' WHERE name='moved'";
+    EXPECT_EQ(SQLITE_OK, sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr));
+    sqlite3_close(db);
+  }
+  for (const char* repair : {"", "--repair"}) {
+    std::vector<std::string> args = {"doctor"};
+    if (*repair) args.push_back(repair);
+    Result result = run(args);
+    EXPECT_EQ(1, result.status);
+    EXPECT_NE(std::string::npos,
+              result.out.find("linked-directory: linked " + root + "widget_linked/\n"))
+        << result.out;
+    EXPECT_NE(std::string::npos,
+              result.out.find("outside-root: moved " + outside + "\n"))
+        << result.out;
+  }
+  EXPECT_EQ("keep", TempDir::readFile(elsewhere + "precious"));
+  EXPECT_FALSE(TempDir::exists(dir.path() + "/out"));
+  // Removing the linked widget takes the link, not what it points to.
+  EXPECT_EQ(0, run({"remove", "linked"}).status);
+  EXPECT_EQ("keep", TempDir::readFile(elsewhere + "precious"));
+  EXPECT_FALSE(TempDir::exists(root + "widget_linked"));
 }
 
 }  // namespace
