@@ -132,7 +132,14 @@ bool InstallLock::acquire() {
   for (;;) {
     fd_ = open(path_.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (fd_ < 0) {
-      error_ = "cannot open the lock file " + path_ + ": " + strerror(errno);
+      const int error = errno;
+      // Someone else's lock file is often not even open to this user: the
+      // reason it is refused says more than the failed open.
+      if (!TrustedPath::fileIfPresent(path_, &error_)) {
+        error_ = "the lock file is not safe: " + error_;
+      } else {
+        error_ = "cannot open the lock file " + path_ + ": " + strerror(error);
+      }
       return false;
     }
     if (!TrustedPath::opened(fd_, path_, &error_)) {

@@ -370,13 +370,27 @@ TEST_F(WidgetctlTest, NameTakenByAnotherWidgetNamesThatWidget) {
 }
 
 TEST_F(WidgetctlTest, PlainPathsBecomeEscapedFileAddresses) {
-  const std::string path = samplePackage("my clock%1.wgt");
+  const std::string folder = packages + "my dir%1/";
+  ASSERT_EQ(0, mkdir(folder.c_str(), 0755));
+  const std::string path = samplePackage("my dir%1/clock.wgt");
   Result result = run({"install", path});
   EXPECT_EQ(0, result.status) << result.err;
   EXPECT_NE(std::string::npos,
-            result.out.find("Downloaded from file://" + packages + "my%20clock%251.wgt"))
+            result.out.find("Downloaded from file://" + packages + "my%20dir%251/clock.wgt"))
       << result.out;
-  EXPECT_TRUE(TempDir::isDirectory(root + "widget_my%20clock%251"));
+  EXPECT_TRUE(TempDir::isDirectory(root + "widget_clock"));
+
+  // A file name that needs escapes would give the widget a name whose
+  // launch URL the browser reads as another directory: refused.
+  const std::string spaced = samplePackage("my clock.wgt");
+  Result refused = run({"install", spaced});
+  EXPECT_EQ(1, refused.status);
+  EXPECT_NE(std::string::npos,
+            refused.out.find("the widget name taken from the address holds a "
+                             "character that a file:// address cannot carry"))
+      << refused.out;
+  EXPECT_EQ(std::vector<std::string>({"tmp", "widget_clock"}),
+            TempDir::listDirectory(root));
 }
 
 TEST_F(WidgetctlTest, UnusableRegistryIsTheEnvironmentsFailure) {
