@@ -50,7 +50,7 @@ class WidgetctlTest : public WidgetSandbox {
   // an empty value unsets the variable).
   Result runWith(const std::vector<std::string>& args,
                  const std::vector<std::pair<std::string, std::string>>& env,
-                 int signalAfterMs = 0, int signal = SIGINT) {
+                 int signalAfterMs = 0) {
     const std::string outPath = dir.path() + "/out.txt";
     const std::string errPath = dir.path() + "/err.txt";
     fflush(stdout);
@@ -85,7 +85,7 @@ class WidgetctlTest : public WidgetSandbox {
     int status = 0;
     if (signalAfterMs > 0) {
       usleep(signalAfterMs * 1000);
-      kill(child, signal);
+      kill(child, SIGINT);
     }
     waitpid(child, &status, 0);
     result.status =
@@ -570,15 +570,30 @@ TEST_F(WidgetctlTest, CheckRemovesTheFoldersOfKilledChecks) {
       .addFile("index.html", "<p/>");
   for (int i = 0; i < 3000; ++i) big.addFile("f/" + std::to_string(i) + ".txt", std::string(3000, 'a'));
   const std::string package = writePackage("big.wgt", big);
-  int killed = 0;
-  for (int delay : {60, 150, 300}) {
-    if (runWith({"check", package}, {}, delay, SIGKILL).status == 128 + SIGKILL &&
-        !TempDir::listDirectory(tmp).empty()) {
-      ++killed;
-      break;
-    }
+  // Killed outright once its folder is marked as in use.
+  fflush(stdout);
+  const pid_t child = fork();
+  if (child == 0) {
+    const int null = open("/dev/null", O_WRONLY);
+    dup2(null, 1);
+    dup2(null, 2);
+    setenv("TMPDIR", tmp.c_str(), 1);
+    execl(kWidgetctl, kWidgetctl, "check", package.c_str(), nullptr);
+    _exit(127);
   }
-  ASSERT_GT(killed, 0) << "every check ended before the signal";
+  bool marked = false;
+  for (int i = 0; i < 2000 && !marked; ++i) {
+    for (const std::string& name : TempDir::listDirectory(tmp)) {
+      marked = marked || TempDir::exists(tmp + "/" + name + "/.alive");
+    }
+    if (!marked) usleep(5000);
+  }
+  kill(child, SIGKILL);
+  int status = 0;
+  waitpid(child, &status, 0);
+  ASSERT_TRUE(marked) << "the check never made its folder";
+  ASSERT_TRUE(WIFSIGNALED(status)) << "the check ended before the signal";
+  ASSERT_EQ(1u, TempDir::listDirectory(tmp).size());
 
   // Beside it: the folder of a check still running (its marker locked), one
   // without a marker yet, and another user's.
