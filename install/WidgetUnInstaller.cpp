@@ -68,18 +68,13 @@ void removeContents(int fd) {
   closedir(dir);
 }
 
-}  // namespace
-
-bool WidgetUnInstaller::isOwnDirectory(const std::string& path,
-                                       const std::string& name) {
-  std::string bare = path;
-  while (bare.size() > 1 && bare.back() == '/') bare.pop_back();
-  const size_t slash = bare.rfind('/');
-  if (slash == std::string::npos || slash == 0) return false;
-  return bare.compare(slash + 1, std::string::npos, "widget_" + name) == 0;
+// path without its trailing slashes, so that a link in its place is seen as
+// a link and its last component is the directory's own name.
+std::string bare(const std::string& path) {
+  std::string result = path;
+  while (result.size() > 1 && result.back() == '/') result.pop_back();
+  return result;
 }
-
-namespace {
 
 std::string realPath(const std::string& path) {
   char* real = realpath(path.c_str(), nullptr);
@@ -91,13 +86,20 @@ std::string realPath(const std::string& path) {
 
 }  // namespace
 
+bool WidgetUnInstaller::isOwnDirectory(const std::string& path,
+                                       const std::string& name) {
+  const std::string top = bare(path);
+  const size_t slash = top.rfind('/');
+  if (slash == std::string::npos || slash == 0) return false;
+  return top.compare(slash + 1, std::string::npos, "widget_" + name) == 0;
+}
+
 bool WidgetUnInstaller::isInRoot(const std::string& path,
                                  const std::string& root) {
-  std::string bare = path;
-  while (bare.size() > 1 && bare.back() == '/') bare.pop_back();
-  const size_t slash = bare.rfind('/');
+  const std::string top = bare(path);
+  const size_t slash = top.rfind('/');
   const std::string parent =
-      slash == std::string::npos ? std::string(".") : bare.substr(0, slash + 1);
+      slash == std::string::npos ? std::string(".") : top.substr(0, slash + 1);
   const std::string realRoot = realPath(root);
   return !realRoot.empty() && realPath(parent) == realRoot;
 }
@@ -197,10 +199,7 @@ int WidgetUnInstaller::run() {
 }
 
 bool WidgetUnInstaller::removeWidgetDirectory(const std::string& path) {
-  // Without its trailing slashes, so that a link at the top is seen as a link
-  // and not resolved by the path lookup.
-  std::string top = path;
-  while (top.size() > 1 && top.back() == '/') top.pop_back();
+  const std::string top = bare(path);
 
   const int fd =
       open(top.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
