@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <cstdlib>
 
+#include <cctype>
 #include <cstdio>
 #include <iostream>
 #include <memory>
@@ -78,6 +79,57 @@ size_t writeBounded(char* data, size_t size, size_t count, void* target) {
   return fwrite(data, 1, bytes, out->file);
 }
 
+// A package comes over the web or from a local file, nothing else: libcurl
+// speaks many protocols (gopher, dict, telnet, smtp...) that would send the
+// address's bytes to whatever service listens at its host and port.
+constexpr char kAllowedProtocols[] = "http,https,file";
+
+bool allowedScheme(const std::string& scheme) {
+  return scheme == "http" || scheme == "https" || scheme == "file";
+}
+
+// The scheme libcurl would use for url, in lower case: the one it names, or
+// the one libcurl guesses for an address without one. Empty when libcurl
+// cannot read the address at all (then the transfer fails on its own).
+std::string schemeOf(const std::string& url) {
+  CURLU* parsed = curl_url();
+  if (parsed == nullptr) return std::string();
+  std::string scheme;
+  char* part = nullptr;
+  if (curl_url_set(parsed, CURLUPART_URL, url.c_str(),
+                   CURLU_GUESS_SCHEME | CURLU_NON_SUPPORT_SCHEME) == CURLUE_OK &&
+      curl_url_get(parsed, CURLUPART_SCHEME, &part, 0) == CURLUE_OK) {
+    scheme = part;
+    for (char& c : scheme) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+  }
+  curl_free(part);
+  curl_url_cleanup(parsed);
+  return scheme;
+}
+
+// Restricts the transfer, and any redirect should one ever be followed, to
+// the allowed protocols. False when libcurl refuses the restriction: then
+// the transfer must not run at all.
+bool restrictProtocols(CURL* curl) {
+#if LIBCURL_VERSION_NUM >= 0x075500  // 7.85.0 has the string options
+  return curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, kAllowedProtocols) ==
+             CURLE_OK &&
+         curl_easy_setopt(curl, CURLOPT_REDIR_PROTOCOLS_STR,
+                          kAllowedProtocols) == CURLE_OK;
+#else
+  const long allowed = CURLPROTO_HTTP | CURLPROTO_HTTPS | CURLPROTO_FILE;
+  return curl_easy_setopt(curl, CURLOPT_PROTOCOLS, allowed) == CURLE_OK &&
+         curl_easy_setopt(curl, CURLOPT_REDIR_PROTOCOLS, allowed) == CURLE_OK;
+#endif
+}
+
+void sayRefused(const std::string& url, const std::string& scheme) {
+  engineOut() << "Refusing to download " << url << ": "
+              << (scheme.empty() ? std::string("its protocol")
+                                 : "the protocol " + scheme)
+              << " is not http, https or file" << std::endl;
+}
+
 }  // namespace
 
 Downloader::Downloader(const std::string& url, const std::string& filePath)
@@ -86,6 +138,12 @@ Downloader::Downloader(const std::string& url, const std::string& filePath)
 Downloader::~Downloader() { clean(); }
 
 int Downloader::download() {
+  // Refused before anything is created or any connection made.
+  const std::string scheme = schemeOf(url);
+  if (!scheme.empty() && !allowedScheme(scheme)) {
+    sayRefused(url, scheme);
+    return -1;
+  }
   // The stdio buffer must outlive the FILE, which is closed before return.
   std::unique_ptr<char[]> buffer(new char[kFileBufferSize]);
   FILE* file = createExclusively(filePath, buffer.get());
@@ -109,6 +167,16 @@ int Downloader::download() {
   // later), but a body larger than the room left, or a server silent for
   // too long, fails the download.
   BoundedFile out = {file, freeSpaceOf(filePath)};
+  if (!restrictProtocols(curl)) {
+    engineOut() << "Refusing to download " << url
+                << ": this libcurl cannot be limited to http, https and file"
+                << std::endl;
+    curl_easy_cleanup(curl);
+    fclose(file);
+    remove(filePath.c_str());
+    createdFile = false;
+    return -1;
+  }
   curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
   curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, writeBounded);
   curl_easy_setopt(curl, CURLOPT_WRITEDATA, &out);
@@ -123,6 +191,7 @@ int Downloader::download() {
 
   CURLcode result = curl_easy_perform(curl);
   if (result != CURLE_OK) {
+    if (result == CURLE_UNSUPPORTED_PROTOCOL) sayRefused(url, std::string());
     engineOut() << "Could not download file" << std::endl;
     curl_easy_cleanup(curl);
     fclose(file);

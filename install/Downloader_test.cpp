@@ -13,6 +13,7 @@
 
 #include "testing/CaptureStdout.h"
 #include "testing/HttpServer.h"
+#include "testing/Listener.h"
 #include "testing/OutputChecks.h"
 #include "testing/ScopedEnv.h"
 #include "testing/TempDir.h"
@@ -261,6 +262,55 @@ TEST_F(DownloaderTest, LargePackageArrivesWhole) {
   TempDir::writeFile(dir.file("big.wgt"), package);
   server->serveFile("/big.wgt", dir.file("big.wgt"));
   EXPECT_TRUE(stores(server->url("/big.wgt"), package));
+}
+
+// Every protocol libcurl may speak beside the web and local files: each one
+// aimed at a listener that must see no connection at all.
+const char* const kForeignSchemes[] = {
+    "gopher", "gophers", "dict",  "telnet", "ftp",  "ftps",  "smtp", "smtps",
+    "imap",   "imaps",   "pop3",  "pop3s",  "ldap", "ldaps", "rtsp", "mqtt",
+    "smb",    "smbs",    "scp",   "sftp",   "ws",   "wss",   "tftp", "GoPhEr",
+    "DICT"};
+
+TEST_F(DownloaderTest, OtherProtocolsAreRefusedBeforeAnyConnection) {
+  ScopedEnv stall("WIDGETENGINE_STALL_SECONDS", "1");
+  Listener listener;
+  for (const char* scheme : kForeignSchemes) {
+    const std::string url = std::string(scheme) + "://" + listener.hostPort() +
+                            "/_SET%20key%20pwned%0D%0A/x.wgt";
+    Downloader downloader(url, packagePath);
+    std::string output;
+    EXPECT_EQ(-1, download(downloader, &output)) << url;
+    std::string lower(scheme);
+    for (char& c : lower) c = static_cast<char>(tolower(c));
+    EXPECT_EQ("Refusing to download " + url + ": the protocol " + lower +
+                  " is not http, https or file\n",
+              output);
+    EXPECT_FALSE(TempDir::exists(packagePath)) << url;
+    std::string received;
+    EXPECT_EQ(0, listener.connections(&received)) << url << ": " << received;
+  }
+}
+
+TEST_F(DownloaderTest, AddressWithoutSchemeIsStillFetchedOverHttp) {
+  server->serve("/plain.wgt", 200, "plain");
+  const std::string url = "127.0.0.1:" + std::to_string(server->port()) +
+                          "/plain.wgt";
+  EXPECT_TRUE(stores(url, "plain"));
+}
+
+TEST_F(DownloaderTest, RedirectToAnotherProtocolReachesNothing) {
+  Listener listener;
+  server->serveRedirect("/moved.wgt",
+                        "gopher://" + listener.hostPort() + "/_x",
+                        "moved");
+  EXPECT_TRUE(stores(server->url("/moved.wgt"), "moved"));
+  EXPECT_EQ(0, listener.connections());
+}
+
+TEST_F(DownloaderTest, LocalFileIsStillFetched) {
+  TempDir::writeFile(dir.file("local.wgt"), "local package");
+  EXPECT_TRUE(stores("file://" + dir.file("local.wgt"), "local package"));
 }
 
 }  // namespace

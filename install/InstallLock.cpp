@@ -14,6 +14,8 @@
 #include <functional>
 #include <vector>
 
+#include "base/TrustedPath.h"
+#include "install/WidgetInstaller.h"
 #include "install/WidgetUnInstaller.h"
 #include "registry/SqlLite3.h"
 #include "registry/WidgetsData.h"
@@ -73,6 +75,13 @@ std::string readAll(int fd) {
   return text;
 }
 
+// The folder that holds path (its text up to the last "/"), "." for a bare
+// name.
+std::string parentOf(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  return slash == std::string::npos ? std::string(".") : path.substr(0, slash + 1);
+}
+
 // Whether the lock taken on fd is the lock of path: a holder removes the file
 // before it lets go, and whoever was waiting on that removed file then holds
 // a lock that no one else can meet, so it must open the file again.
@@ -112,11 +121,31 @@ bool InstallLock::acquire() {
              strerror(errno);
     return false;
   }
+  // Whoever else can write the root can swap a widget's directory or plant
+  // a journal; whoever else owns the lock file can write what it names.
+  if (!TrustedPath::directory(root_, &error_)) {
+    error_ = "the widget root is not safe: " + error_;
+    root_.clear();
+    return false;
+  }
   path_ = root_ + lockFileName(name_);
   for (;;) {
-    fd_ = open(path_.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644);
+    fd_ = open(path_.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (fd_ < 0) {
-      error_ = "cannot open the lock file " + path_ + ": " + strerror(errno);
+      const int error = errno;
+      // Someone else's lock file is often not even open to this user: the
+      // reason it is refused says more than the failed open.
+      if (!TrustedPath::fileIfPresent(path_, &error_)) {
+        error_ = "the lock file is not safe: " + error_;
+      } else {
+        error_ = "cannot open the lock file " + path_ + ": " + strerror(error);
+      }
+      return false;
+    }
+    if (!TrustedPath::opened(fd_, path_, &error_)) {
+      error_ = "the lock file is not safe: " + error_;
+      close(fd_);
+      fd_ = -1;
       return false;
     }
     int rc;
@@ -178,11 +207,14 @@ bool InstallLock::cleanJournal(int fd, const std::string& root,
     start = end + 1;
   }
 
-  // Only a file of the downloader's form, and only the file itself: a link
-  // found there is removed, never what it points to.
+  // Only a file of the downloader's form, in the folder the downloader
+  // uses, made by this user, and only the file itself: a link found there is
+  // removed, never what it points to.
   struct stat status;
   if (!packagePath.empty() && isPackageFileName(packagePath) &&
-      lstat(packagePath.c_str(), &status) == 0 &&
+      realDirectory(parentOf(packagePath)) ==
+          realDirectory(WidgetInstaller::downloadFolder()) &&
+      lstat(packagePath.c_str(), &status) == 0 && status.st_uid == geteuid() &&
       (S_ISREG(status.st_mode) || S_ISLNK(status.st_mode))) {
     unlink(packagePath.c_str());
   }
@@ -194,8 +226,7 @@ bool InstallLock::cleanJournal(int fd, const std::string& root,
     std::string bare = storagePath;
     while (bare.size() > 1 && bare.back() == '/') bare.pop_back();
     const size_t slash = bare.rfind('/');
-    const std::string parent =
-        slash == std::string::npos ? std::string(".") : bare.substr(0, slash + 1);
+    const std::string parent = parentOf(bare);
     const std::string base =
         slash == std::string::npos ? bare : bare.substr(slash + 1);
     const bool ownName = name.empty() ? base.compare(0, 7, "widget_") == 0
@@ -213,7 +244,8 @@ bool InstallLock::cleanJournal(int fd, const std::string& root,
 
 void InstallLock::sweep(const std::string& widgetRoot, SqlLite3& registry) {
   const std::string root = realDirectory(widgetRoot);
-  if (root.empty()) return;
+  std::string untrusted;
+  if (root.empty() || !TrustedPath::directory(root, &untrusted)) return;
   DIR* dir = opendir(root.c_str());
   if (!dir) return;
   std::vector<std::string> locks;
@@ -230,8 +262,11 @@ void InstallLock::sweep(const std::string& widgetRoot, SqlLite3& registry) {
     const int fd = open(path.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0) continue;
     struct stat status;
+    std::string untrusted;
     // An empty journal needs no lock; a held lock is a live installation.
+    // A lock file someone else could have written is not acted on.
     if (fstat(fd, &status) == 0 && S_ISREG(status.st_mode) &&
+        TrustedPath::opened(fd, path, &untrusted) &&
         flock(fd, LOCK_EX | LOCK_NB) == 0 && isLockOf(fd, path)) {
       // The name in a shortened lock file's name is not the widget's whole
       // name: then any "widget_" directory of the journal is accepted.

@@ -339,4 +339,123 @@ TEST_F(InstallLockTest, RelativeRegistryPathStaysPutWhenTheWorkingDirectoryMoves
   EXPECT_EQ(path, SqlLite3::databasePath());
 }
 
+TEST_F(InstallLockTest, JournalNamesOnlyPackagesInTheRootsTmpFolder) {
+  // Files of the package form, but not where the engine makes packages.
+  ASSERT_EQ(0, mkdir((dir.path() + "/elsewhere").c_str(), 0755));
+  const std::string outside = dir.path() + "/elsewhere/fileAb3dE9";
+  const std::string inRoot = root + "fileQw3rTy";
+  const std::string climbing = root + "tmp/../fileZz9Yy8";
+  for (const std::string& path : {outside, inRoot, climbing}) {
+    TempDir::writeFile(path, "keep");
+  }
+  leaveJournal("a", outside, root + "widget_a/");
+  leaveJournal("b", inRoot, root + "widget_b/");
+  leaveJournal("c", climbing, root + "widget_c/");
+
+  ASSERT_EQ(0, install(clockPackage("clock.wgt")));
+  for (const std::string& path : {outside, inRoot, climbing}) {
+    EXPECT_EQ("keep", TempDir::readFile(path)) << path;
+  }
+}
+
+TEST_F(InstallLockTest, PackageInTmpThatAnotherUserMadeIsNotRemoved) {
+  if (geteuid() != 0) GTEST_SKIP() << "giving a file away needs root";
+  const std::string theirs = root + "tmp/fileAb3dE9";
+  TempDir::writeFile(theirs, "theirs");
+  ASSERT_EQ(0, chown(theirs.c_str(), 65534, 65534));
+  leaveJournal("dead", theirs, root + "widget_dead/");
+  ASSERT_EQ(0, install(clockPackage("clock.wgt")));
+  EXPECT_EQ("theirs", TempDir::readFile(theirs));
+}
+
+// The real path of the sandbox's root, as the lock names it.
+std::string realRoot(const std::string& root) {
+  char* real = realpath(root.c_str(), nullptr);
+  std::string result = std::string(real) + "/";
+  free(real);
+  return result;
+}
+
+TEST_F(InstallLockTest, LockFileOthersCanWriteRefusesTheInstallation) {
+  const std::string lock = root + ".widget_clock.lock";
+  TempDir::writeFile(lock, "package " + dir.path() + "/precious\n");
+  ASSERT_EQ(0, chmod(lock.c_str(), 0666));
+  const std::string url = clockPackage("clock.wgt");
+  std::string output;
+  EXPECT_EQ(3, install(url, &output));
+  EXPECT_EQ("Cannot install " + url + ": the lock file is not safe: " +
+                realRoot(root) +
+                ".widget_clock.lock is writable by other users (mode 0666)\n"
+                "Nothing to clean\n",
+            output);
+  EXPECT_FALSE(TempDir::exists(root + "widget_clock"));
+  EXPECT_EQ(0, count("SELECT COUNT(*) FROM Widgets"));
+}
+
+TEST_F(InstallLockTest, LockFileOfAnotherUserRefusesTheInstallation) {
+  if (geteuid() != 0) GTEST_SKIP() << "giving a file away needs root";
+  const std::string lock = root + ".widget_clock.lock";
+  TempDir::writeFile(lock, "");
+  ASSERT_EQ(0, chown(lock.c_str(), 65534, 65534));
+  std::string output;
+  EXPECT_EQ(3, install(clockPackage("clock.wgt"), &output));
+  EXPECT_NE(std::string::npos,
+            output.find("the lock file is not safe: " + realRoot(root) +
+                        ".widget_clock.lock belongs to another user (uid "
+                        "65534)"))
+      << output;
+  EXPECT_FALSE(TempDir::exists(root + "widget_clock"));
+  // Other names are not held up by it.
+  EXPECT_EQ(0, install(clockPackage("calendar.wgt")));
+}
+
+TEST_F(InstallLockTest, RootOthersCanWriteRefusesInstallAndRemoval) {
+  ASSERT_EQ(0, install(clockPackage("clock.wgt")));
+  ASSERT_EQ(0, chmod(root.c_str(), 01777));
+  const std::string url = clockPackage("calendar.wgt");
+  std::string output;
+  EXPECT_EQ(3, install(url, &output));
+  EXPECT_EQ("Cannot install " + url + ": the widget root is not safe: " +
+                realRoot(root) + " is writable by other users (mode 1777)\n"
+                "Nothing to clean\n",
+            output);
+  EXPECT_FALSE(TempDir::exists(root + "widget_calendar"));
+  CaptureStdout capture;
+  {
+    WidgetUnInstaller uninstaller("clock");
+    EXPECT_EQ(-1, uninstaller.run());
+  }
+  EXPECT_EQ("Refusing to remove widget clock: the widget root is not safe: " +
+                root + " is writable by other users (mode 1777)\n"
+                "Nothing to clean\n",
+            capture.text());
+  EXPECT_TRUE(TempDir::isDirectory(root + "widget_clock"));
+  ASSERT_EQ(0, chmod(root.c_str(), 0755));
+}
+
+TEST_F(InstallLockTest, RegistryOrJournalOthersCanWriteIsNeverOpened) {
+  ASSERT_EQ(0, install(clockPackage("clock.wgt")));
+  const std::string db = conf + "widget.db";
+  const std::string before = TempDir::readFile(db);
+  for (const std::string& planted :
+       {db, conf + "widget.db-journal", conf + "widget.db-wal"}) {
+    if (planted != db) TempDir::writeFile(planted, "planted");
+    ASSERT_EQ(0, chmod(planted.c_str(), 0666));
+    const std::string url = clockPackage("calendar.wgt");
+    std::string output;
+    EXPECT_EQ(3, install(url, &output));
+    EXPECT_EQ("Refusing the widget registry: " + planted +
+                  " is writable by other users (mode 0666)\nNothing to clean\n",
+              output);
+    EXPECT_FALSE(TempDir::exists(root + "widget_calendar"));
+    if (planted != db) {
+      EXPECT_EQ("planted", TempDir::readFile(planted));
+      ASSERT_EQ(0, unlink(planted.c_str()));
+    } else {
+      ASSERT_EQ(0, chmod(db.c_str(), 0644));
+    }
+    EXPECT_EQ(before, TempDir::readFile(db));
+  }
+}
+
 }  // namespace

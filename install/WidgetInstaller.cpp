@@ -65,7 +65,10 @@ std::string WidgetInstaller::getWidgetBasePath() {
   const char* value = getenv("WIDGET_PATH");
   std::string path = value ? value : WIDGETENGINE_WIDGET_ROOT;
   // An existing directory is the normal case; the result is not needed.
-  mkdir(path.c_str(), 0755);
+  // The built-in root sits at a fixed name that any local user could take
+  // first (under /tmp, say): it is made private to its user, and the
+  // installation refuses one that someone else made (see InstallLock).
+  mkdir(path.c_str(), value ? 0755 : 0700);
   return path;
 }
 
@@ -86,6 +89,29 @@ std::string WidgetInstaller::nameFromURL(const std::string& url) {
   const long underscore = static_cast<long>(name.rfind('_'));
   if (underscore > 0) name[underscore] = '-';
   return name;
+}
+
+bool WidgetInstaller::usableName(const std::string& name, std::string* why) {
+  if (name.empty() || name == "." || name == "..") {
+    *why = "the address gives the widget no usable name (\"" + name + "\")";
+    return false;
+  }
+  for (const char c : name) {
+    const unsigned char byte = static_cast<unsigned char>(c);
+    // A "?" or "#" would end the launch URL's path and a "%" start an
+    // escape, so the browser would open another file than the one installed.
+    if (c == '?' || c == '#' || c == '%' || byte < 0x20 || byte == 0x7f) {
+      *why = "the widget name taken from the address holds a character that a "
+             "file:// address cannot carry as it is";
+      return false;
+    }
+  }
+  return true;
+}
+
+std::string WidgetInstaller::downloadFolder() {
+  const char* root = getenv("WIDGET_PATH");
+  return std::string(root ? root : "") + P_tmpdir "/";
 }
 
 std::string WidgetInstaller::getLaunchURL() { return launchURL; }
@@ -112,8 +138,7 @@ bool WidgetInstaller::widgetFileExists(const std::string& fileName) {
 }
 
 std::string WidgetInstaller::buildDownloadPath() {
-  const char* root = getenv("WIDGET_PATH");
-  const std::string prefix = root ? root : "";
+  const std::string folder = downloadFolder();
   static const char kLetters[] =
       "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
   std::random_device random;
@@ -121,10 +146,9 @@ std::string WidgetInstaller::buildDownloadPath() {
   // The downloader creates the file exclusively, so a name taken in between
   // only fails that download; skipping names already taken makes that rare.
   for (int attempt = 0; attempt < 100; ++attempt) {
-    std::string name = P_tmpdir "/file";
+    path = folder + "file";
     for (int i = 0; i < 6; ++i)
-      name += kLetters[random() % (sizeof(kLetters) - 1)];
-    path = prefix + name;
+      path += kLetters[random() % (sizeof(kLetters) - 1)];
     struct stat info;
     if (lstat(path.c_str(), &info) != 0 && errno == ENOENT) break;
   }
@@ -155,6 +179,16 @@ int WidgetInstaller::run() {
   if (!database->isOpen()) {
     launchURL = "about:blank";
     return 3;
+  }
+  // A name the launch URL cannot carry is refused before anything is
+  // fetched or made. The address is what is wrong, as with an address the
+  // downloader refuses, so the status is the one of a failed download.
+  std::string why;
+  if (!usableName(name, &why)) {
+    engineOut() << "Cannot install " << sourceURL << ": " << why << std::endl;
+    engineOut() << "Error while downloading" << std::endl;
+    launchURL = "about:blank";
+    return 5;
   }
   // The name, and with it the widget's directory, belongs to this run from
   // the first look at the registry to the commit: the registry's own write

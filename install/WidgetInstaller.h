@@ -40,6 +40,13 @@ class WidgetInstaller {
   void buildStoragePath(const std::string& url);
   // The widget name that an install from url takes.
   static std::string nameFromURL(const std::string& url);
+  // Whether a name taken from an address can name a widget: not empty, "."
+  // or "..", and free of what would make its launch URL lead elsewhere ("?",
+  // "#", "%", control characters). Otherwise *why says what is wrong.
+  static bool usableName(const std::string& name, std::string* why);
+  // The folder the package files go to: $WIDGET_PATH (or nothing) followed
+  // by the system's temporary folder, with a "/" at the end.
+  static std::string downloadFolder();
 
   const std::string& getName() const { return name; }
   const std::string& getStoragePath() const { return storagePath; }

@@ -22,6 +22,7 @@
 #include "testing/CaptureStdout.h"
 #include "testing/ConfigXml.h"
 #include "testing/HttpServer.h"
+#include "testing/Listener.h"
 #include "testing/OutputChecks.h"
 #include "testing/ScopedEnv.h"
 #include "testing/TempDir.h"
@@ -833,6 +834,59 @@ TEST_F(WidgetInstallerTest, EveryDownloadGetsAFreshPackageName) {
   }
   std::sort(names.begin(), names.end());
   EXPECT_EQ(names.end(), std::adjacent_find(names.begin(), names.end()));
+}
+
+TEST_F(WidgetInstallerTest, NamesTheLaunchURLCannotCarryAreRefusedFirst) {
+  HttpServer server;
+  // Address endings whose name is empty, "." or "..", or holds what would
+  // end or escape the launch URL's path.
+  for (const char* ending :
+       {"/w/", "/w/.wgt", "/w/..wgt", "/w/...wgt", "/w/clock?v=2",
+        "/w/a#b", "/w/100%25", "/w/a%2e%2e", "/w/tab\tname.wgt",
+        "/w/bell\x07.wgt", "/w/del\x7f.wgt"}) {
+    const std::string url = server.url(ending);
+    std::string launchURL;
+    std::string output;
+    EXPECT_EQ(5, install(url, &launchURL, &output)) << url;
+    EXPECT_EQ("about:blank", launchURL);
+    const std::string name = WidgetInstaller::nameFromURL(url);
+    const std::string why =
+        name.empty() || name == "." || name == ".."
+            ? "the address gives the widget no usable name (\"" + name + "\")"
+            : "the widget name taken from the address holds a character that "
+              "a file:// address cannot carry as it is";
+    EXPECT_EQ("Cannot install " + url + ": " + why +
+                  "\nError while downloading\nNothing to clean\n",
+              output);
+  }
+  EXPECT_EQ(0, server.requestCount());
+  EXPECT_TRUE(nothingLeft());
+  EXPECT_EQ(0, count("SELECT COUNT(*) FROM Widgets"));
+}
+
+TEST_F(WidgetInstallerTest, OtherNamesAreDerivedAsBefore) {
+  for (const char* fileName :
+       {"my_clock.wgt", "_clock.wgt", "cl\xc3\xa9.wgt", "a+b.wgt"}) {
+    std::string launchURL;
+    std::string output;
+    EXPECT_EQ(0, install(simplePackage(fileName), &launchURL, &output))
+        << fileName << output;
+  }
+}
+
+TEST_F(WidgetInstallerTest, GopherAddressReachesNoListener) {
+  Listener listener;
+  const std::string url = "gopher://" + listener.hostPort() +
+                          "/_SET%20key%20pwned%0D%0A/x.wgt";
+  std::string launchURL;
+  std::string output;
+  EXPECT_EQ(5, install(url, &launchURL, &output));
+  EXPECT_EQ("[Downloading...]\n\nRefusing to download " + url +
+                ": the protocol gopher is not http, https or file\n"
+                "Error while downloading\nDownload cleaned\nNothing to clean\n",
+            output);
+  EXPECT_EQ(0, listener.connections());
+  EXPECT_TRUE(nothingLeft());
 }
 
 }  // namespace

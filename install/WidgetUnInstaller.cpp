@@ -8,10 +8,13 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <iostream>
 #include <vector>
 
 #include "base/EngineOutput.h"
+#include "base/TrustedPath.h"
 #include "install/InstallLock.h"
 #include "install/WidgetInstaller.h"
 #include "registry/SqlLite3.h"
@@ -65,15 +68,40 @@ void removeContents(int fd) {
   closedir(dir);
 }
 
+// path without its trailing slashes, so that a link in its place is seen as
+// a link and its last component is the directory's own name.
+std::string bare(const std::string& path) {
+  std::string result = path;
+  while (result.size() > 1 && result.back() == '/') result.pop_back();
+  return result;
+}
+
+std::string realPath(const std::string& path) {
+  char* real = realpath(path.c_str(), nullptr);
+  if (!real) return std::string();
+  std::string result(real);
+  free(real);
+  return result;
+}
+
 }  // namespace
 
 bool WidgetUnInstaller::isOwnDirectory(const std::string& path,
                                        const std::string& name) {
-  std::string bare = path;
-  while (bare.size() > 1 && bare.back() == '/') bare.pop_back();
-  const size_t slash = bare.rfind('/');
+  const std::string top = bare(path);
+  const size_t slash = top.rfind('/');
   if (slash == std::string::npos || slash == 0) return false;
-  return bare.compare(slash + 1, std::string::npos, "widget_" + name) == 0;
+  return top.compare(slash + 1, std::string::npos, "widget_" + name) == 0;
+}
+
+bool WidgetUnInstaller::isInRoot(const std::string& path,
+                                 const std::string& root) {
+  const std::string top = bare(path);
+  const size_t slash = top.rfind('/');
+  const std::string parent =
+      slash == std::string::npos ? std::string(".") : top.substr(0, slash + 1);
+  const std::string realRoot = realPath(root);
+  return !realRoot.empty() && realPath(parent) == realRoot;
 }
 
 WidgetUnInstaller::WidgetUnInstaller(const std::string& name)
@@ -100,12 +128,22 @@ int WidgetUnInstaller::run() {
   }
   if (database->isOpen() != 1) return -1;
 
+  // A root that someone else can write may hold their directories and
+  // journals under the widget's name: nothing in it is touched.
+  const std::string root = WidgetInstaller::getWidgetBasePath();
+  std::string untrusted;
+  if (!TrustedPath::directory(root, &untrusted)) {
+    engineOut() << "Refusing to remove widget " << name
+                << ": the widget root is not safe: " << untrusted << std::endl;
+    return -1;
+  }
+
   // Not while an installation of the same name runs: it may be about to
   // register the directory this removal would find half-written. Without a
   // widget root to lock in there can be no such installation either.
   // The lock file goes when the lock does, unless it still names what a dead
   // installation left and that could not be removed now.
-  InstallLock lock(WidgetInstaller::getWidgetBasePath(), name);
+  InstallLock lock(root, name);
   if (lock.acquire() && lock.removeLeftovers(*database)) lock.clear();
 
   std::vector<WidgetsData*> records = database->selectWidgetsByName(name);
@@ -128,6 +166,14 @@ int WidgetUnInstaller::run() {
     engineOut() << "Refusing to delete " << storagePath << ": it is not the "
               << "directory widget_" << name << "/ of widget " << name
               << std::endl;
+    return -1;
+  }
+  // Nor anything outside the widget root, whatever its last name: the row
+  // may come from a registry that others could write, or from a root that
+  // has moved since.
+  if (!isInRoot(storagePath, root)) {
+    engineOut() << "Refusing to delete " << storagePath
+                << ": it is not inside the widget root " << root << std::endl;
     return -1;
   }
 
@@ -153,10 +199,7 @@ int WidgetUnInstaller::run() {
 }
 
 bool WidgetUnInstaller::removeWidgetDirectory(const std::string& path) {
-  // Without its trailing slashes, so that a link at the top is seen as a link
-  // and not resolved by the path lookup.
-  std::string top = path;
-  while (top.size() > 1 && top.back() == '/') top.pop_back();
+  const std::string top = bare(path);
 
   const int fd =
       open(top.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
@@ -169,8 +212,10 @@ bool WidgetUnInstaller::removeWidgetDirectory(const std::string& path) {
       struct stat target;
       if (stat(top.c_str(), &target) == 0) {
         if (S_ISDIR(target.st_mode)) {
-          unlink(top.c_str());
-          return true;
+          if (unlink(top.c_str()) == 0) return true;
+          engineOut() << "Could not remove the link " << top << ": "
+                      << strerror(errno) << std::endl;
+          return false;
         }
         error = ENOTDIR;
       } else {
@@ -182,6 +227,11 @@ bool WidgetUnInstaller::removeWidgetDirectory(const std::string& path) {
     return false;
   }
   removeContents(fd);
-  rmdir(top.c_str());
+  // Only a directory that is really gone counts as removed.
+  if (rmdir(top.c_str()) != 0) {
+    engineOut() << "Could not remove the directory " << top << ": "
+                << strerror(errno) << std::endl;
+    return false;
+  }
   return true;
 }

@@ -24,12 +24,18 @@ class WidgetUnInstaller {
 
   // Removes the directory tree at path without following any symbolic link
   // (a link is removed itself, at the top too) and without changing the
-  // working directory. False only when the top directory cannot be opened.
+  // working directory. False, after a line that says why, when the top
+  // directory (or the link in its place) is still there afterwards.
   static bool removeWidgetDirectory(const std::string& path);
 
   // Whether path is a directory "widget_<name>/" (not at the file system's
   // top), the only kind of directory a widget called name can own.
   static bool isOwnDirectory(const std::string& path, const std::string& name);
+
+  // Whether the entry path names (a directory, or a link, which is never
+  // followed) sits directly in the widget root: the real path of its parent
+  // folder is the real path of root, whatever the spelling of either.
+  static bool isInRoot(const std::string& path, const std::string& root);
 
  private:
   bool alreadyRun;

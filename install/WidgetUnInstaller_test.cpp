@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <map>
@@ -23,7 +24,8 @@ class UnInstallerTest : public ::testing::Test {
  protected:
   UnInstallerTest()
       : env_("YRA_DATA_PATH", registry_.path() + "/"),
-        root_(widgets_.path() + "/") {}
+        root_(widgets_.path() + "/"),
+        rootEnv_("WIDGET_PATH", root_) {}
 
   // Registers a widget called name whose directory (root + "widget_" + name)
   // holds index.html and locales/fr/index.html; returns its id.
@@ -87,6 +89,7 @@ class UnInstallerTest : public ::testing::Test {
   TempDir widgets_;
   ScopedEnv env_;
   std::string root_;
+  ScopedEnv rootEnv_;
 };
 
 bool isPresent(const std::string& path) {
@@ -102,6 +105,86 @@ void execRaw(const std::string& file, const char* statement) {
   sqlite3_free(error);
   sqlite3_close(db);
   ASSERT_EQ(SQLITE_OK, rc) << statement;
+}
+
+TEST_F(UnInstallerTest, RowPlacingTheWidgetOutsideTheRootRemovesNothing) {
+  // The directory has the widget's own last name, but in another folder.
+  TempDir elsewhere;
+  const std::string outside = elsewhere.path() + "/widget_evil/";
+  ASSERT_EQ(0, mkdir(outside.c_str(), 0755));
+  TempDir::writeFile(outside + "precious", "kept");
+  {
+    SqlLite3 db;
+    WidgetsData widget(0, "http://127.0.0.1/evil.wgt", "evil",
+                       "file://" + outside + "index.html", outside, 1, 1, "",
+                       "", "", "", "", "", "", "");
+    ASSERT_GT(db.insertWidget(&widget), 0);
+  }
+  std::string output;
+  EXPECT_EQ(-1, uninstall("evil", &output));
+  EXPECT_EQ("Refusing to delete " + outside +
+                ": it is not inside the widget root " + root_ +
+                "\nNothing to clean\n",
+            output);
+  EXPECT_EQ("kept", TempDir::readFile(outside + "precious"));
+  EXPECT_EQ(1, widgetRows("evil"));
+}
+
+TEST_F(UnInstallerTest, RootSpelledThroughALinkStillFindsItsWidgets) {
+  addWidget("clock");
+  TempDir links;
+  const std::string link = links.path() + "/root";
+  ASSERT_EQ(0, symlink(widgets_.path().c_str(), link.c_str()));
+  ScopedEnv linked("WIDGET_PATH", link + "/");
+  std::string output;
+  EXPECT_EQ(1, uninstall("clock", &output)) << output;
+  EXPECT_FALSE(isPresent(storagePath("clock")));
+}
+
+TEST_F(UnInstallerTest, DirectoryThatDidNotGoIsNotReportedDeleted) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to act as another user";
+  // Another user's widget holds a folder of root's that they cannot empty,
+  // so their removal leaves the widget's directory in place.
+  constexpr uid_t kUser = 65534;
+  addWidget("stuck");
+  const std::string dir = storagePath("stuck");
+  ASSERT_EQ(0, mkdir((dir + "roots").c_str(), 0755));
+  TempDir::writeFile(dir + "roots/file", "x");
+  for (const std::string& path :
+       {registry_.path(), registry_.path() + "/widget.db", widgets_.path(),
+        dir, dir + "index.html", dir + "locales", dir + "locales/fr",
+        dir + "locales/fr/index.html"}) {
+    ASSERT_EQ(0, chown(path.c_str(), kUser, kUser)) << path;
+  }
+  CaptureStdout out;
+  fflush(stdout);
+  const pid_t child = fork();
+  if (child == 0) {
+    if (setgid(kUser) != 0 || setuid(kUser) != 0) _exit(77);
+    int status;
+    {
+      WidgetUnInstaller uninstaller("stuck");
+      status = uninstaller.run();
+    }
+    fflush(stdout);
+    _exit(status == -1 ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(child, waitpid(child, &status, 0));
+  const std::string output = out.text();
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(0, WEXITSTATUS(status));
+  EXPECT_EQ("Try to delete directory on fileSystem : " + dir +
+                "\nCould not remove the directory " + root_ +
+                "widget_stuck: Directory not empty\nError : can't delete "
+                "this directory : " + dir + "\nNothing to clean\n",
+            output);
+  EXPECT_EQ(std::string::npos, output.find("Delete OK"));
+  EXPECT_TRUE(isPresent(dir + "roots/file"));
+  // Root trusts only its own registry: given back before it is read.
+  ASSERT_EQ(0, chown(registry_.path().c_str(), 0, 0));
+  ASSERT_EQ(0, chown((registry_.path() + "/widget.db").c_str(), 0, 0));
+  EXPECT_EQ(1, widgetRows("stuck"));
 }
 
 }  // namespace

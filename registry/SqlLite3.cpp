@@ -17,6 +17,7 @@
 #include <iostream>
 
 #include "base/EngineOutput.h"
+#include "base/TrustedPath.h"
 #include "registry/SqlLite3Impl.h"
 
 using namespace sqlite3impl;
@@ -66,6 +67,15 @@ bool SqlLite3::reopen() {
 void SqlLite3::open() {
   clock_gettime(CLOCK_MONOTONIC_COARSE, &impl->lastOpenAttempt);
   impl->databasePath = databasePath();
+  // A registry, or a journal beside it, that another user could have
+  // written would answer with their rows; it is not opened at all.
+  std::string untrusted;
+  if (!TrustedPath::fileAndFolder(impl->databasePath,
+                                  {"-journal", "-wal", "-shm"}, &untrusted)) {
+    engineOut() << "Refusing the widget registry: " << untrusted << std::endl;
+    impl->opened = false;
+    return;
+  }
   // One thread uses a connection at a time, so SQLite's per-call locking of
   // the handle is left out (it costs more than reading a cell).
   impl->resultCode = sqlite3_open_v2(

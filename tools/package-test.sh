@@ -71,7 +71,7 @@ for host in "$work/host-pc" "$work/cmake-host/build/host"; do
   LD_LIBRARY_PATH="$libdir" "$host" "file://$work/clock.wgt" | tail -3
   widgetctl remove clock >/dev/null
 done
-test "$(stat -c %a /Customer/.yra/conf)" = 1777
+test "$(stat -c %a /Customer/.yra/conf)" = 755
 
 echo "== reinstalled over a registry with two widgets"
 # The registry at its packaged place, unless one is there already.

@@ -16,6 +16,7 @@
 #include "install/Downloader.h"
 #include "install/WidgetInstaller.h"
 #include "install/WidgetUnInstaller.h"
+#include "tools/widgetctl/CheckFolders.h"
 #include "tools/widgetctl/Commands.h"
 #include "tools/widgetctl/EngineLines.h"
 #include "tools/widgetctl/PackageLinter.h"
@@ -55,8 +56,9 @@ extern "C" void onSignal(int signal) {
 
 bool makeSandbox(std::string* error) {
   const char* tmp = getenv("TMPDIR");
-  const std::string pattern =
-      std::string(tmp && *tmp ? tmp : P_tmpdir) + "/widgetctl-check-XXXXXX";
+  const std::string folder = tmp && *tmp ? tmp : P_tmpdir;
+  CheckFolders::removeDead(folder);
+  const std::string pattern = folder + "/" + CheckFolders::kPrefix + "XXXXXX";
   if (pattern.size() >= sizeof gSandbox) {
     *error = "the temporary directory's name is too long";
     return false;
@@ -67,6 +69,7 @@ bool makeSandbox(std::string* error) {
     gSandbox[0] = '\0';
     return false;
   }
+  CheckFolders::markAlive(gSandbox);
   struct sigaction action = {};
   action.sa_handler = onSignal;
   sigaction(SIGINT, &action, nullptr);

@@ -12,6 +12,7 @@
 #include <memory>
 #include <set>
 
+#include "base/TrustedPath.h"
 #include "install/InstallLock.h"
 #include "install/WidgetInstaller.h"
 #include "install/WidgetUnInstaller.h"
@@ -40,9 +41,22 @@ std::vector<std::string> entries(const std::string& dir) {
   return names;
 }
 
+// Without its trailing slashes, so that a link in its place is seen as a
+// link and not resolved.
+std::string bare(const std::string& path) {
+  std::string result = path;
+  while (result.size() > 1 && result.back() == '/') result.pop_back();
+  return result;
+}
+
 bool isDirectory(const std::string& path) {
   struct stat status;
-  return lstat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+  return lstat(bare(path).c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+bool isLink(const std::string& path) {
+  struct stat status;
+  return lstat(bare(path).c_str(), &status) == 0 && S_ISLNK(status.st_mode);
 }
 
 // The journal of a lock file whose lock no live installation holds; empty
@@ -51,7 +65,10 @@ std::string deadJournal(const std::string& path) {
   const int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
   if (fd < 0) return std::string();
   std::string text;
-  if (flock(fd, LOCK_SH | LOCK_NB) == 0) {
+  std::string untrusted;
+  // A lock file someone else could have written names nothing of ours.
+  if (TrustedPath::opened(fd, path, &untrusted) &&
+      flock(fd, LOCK_SH | LOCK_NB) == 0) {
     char buffer[8192];
     ssize_t n;
     while ((n = read(fd, buffer, sizeof buffer)) > 0)
@@ -77,6 +94,12 @@ bool installationRunning(const std::string& root, const std::string& dirName) {
 bool Doctor::run(std::vector<DoctorProblem>& problems,
                  std::vector<std::string>& engineLines) {
   const std::string root = WidgetInstaller::getWidgetBasePath();
+  std::string untrusted;
+  if (!TrustedPath::directory(root, &untrusted)) {
+    error_ = "the widget root is not safe: " + untrusted +
+             "; make it yours and writable by you alone, or set WIDGET_PATH";
+    return false;
+  }
   std::vector<WidgetsData*> rows;
   {
     EngineLines capture(&engineLines);
@@ -101,6 +124,35 @@ bool Doctor::run(std::vector<DoctorProblem>& problems,
     const std::string real = realDirectory(dir);
     if (!real.empty()) owned.insert(real);
     if (isDirectory(dir)) continue;
+    if (isLink(dir)) {
+      // The engine never follows it: lookups answer as before, but the
+      // pages the browser opens are wherever the link points.
+      DoctorProblem problem;
+      problem.kind = "linked-directory";
+      problem.name = widget->getName();
+      problem.path = dir;
+      problem.detail = "the directory of widget " + widget->getName() +
+                       " was replaced by a link; \"widgetctl remove " +
+                       widget->getName() +
+                       "\" removes the link (not what it points to) and the "
+                       "widget";
+      problems.push_back(problem);
+      continue;
+    }
+    if (!WidgetUnInstaller::isInRoot(dir, root)) {
+      // Nothing is made or removed there: the engine removes widgets only
+      // inside the widget root.
+      DoctorProblem problem;
+      problem.kind = "outside-root";
+      problem.name = widget->getName();
+      problem.path = dir;
+      problem.detail = "the registry places widget " + widget->getName() +
+                       " outside the widget root " + root +
+                       "; it cannot be removed from there (set WIDGET_PATH "
+                       "to the root it was installed in)";
+      problems.push_back(problem);
+      continue;
+    }
     DoctorProblem problem;
     problem.kind = "missing-directory";
     problem.name = widget->getName();

@@ -12,7 +12,8 @@
 
 struct DoctorProblem {
   std::string kind;    // "missing-directory" | "orphan-directory" |
-                       // "leftover-installation"
+                       // "leftover-installation" | "linked-directory" |
+                       // "outside-root"
   std::string name;    // the widget's name, where there is one
   std::string path;    // the directory or file concerned
   std::string detail;  // one sentence: what it is and what to do

@@ -130,8 +130,10 @@ const Command kCommands[] = {
      "what an installation that died left. --repair makes the first kind\n"
      "removable again and removes them (--reinstall installs them again from\n"
      "their source address), removes what dead installations left, and with\n"
-     "--remove-orphans the directories no widget owns. A healthy widget is\n"
-     "never touched. Exit status 1 when problems remain.\n"},
+     "--remove-orphans the directories no widget owns. Widget directories\n"
+     "replaced by a link, and widgets placed outside the widget root, are\n"
+     "reported and never repaired. A healthy widget is never touched. Exit\n"
+     "status 1 when problems remain.\n"},
     {"help", -2,
      "Usage: widgetctl help [COMMAND]\n"
      "\n"

@@ -3,6 +3,7 @@
 // its widget root, registry and temporary directory inside a TempDir.
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -16,8 +17,10 @@
 #include <signal.h>
 
 #include <nlohmann/json.hpp>
+#include <sqlite3.h>
 
 #include "testing/HttpServer.h"
+#include "testing/Listener.h"
 #include "testing/OutputChecks.h"
 #include "testing/TempDir.h"
 #include "testing/WidgetSandbox.h"
@@ -367,13 +370,27 @@ TEST_F(WidgetctlTest, NameTakenByAnotherWidgetNamesThatWidget) {
 }
 
 TEST_F(WidgetctlTest, PlainPathsBecomeEscapedFileAddresses) {
-  const std::string path = samplePackage("my clock%1.wgt");
+  const std::string folder = packages + "my dir%1/";
+  ASSERT_EQ(0, mkdir(folder.c_str(), 0755));
+  const std::string path = samplePackage("my dir%1/clock.wgt");
   Result result = run({"install", path});
   EXPECT_EQ(0, result.status) << result.err;
   EXPECT_NE(std::string::npos,
-            result.out.find("Downloaded from file://" + packages + "my%20clock%251.wgt"))
+            result.out.find("Downloaded from file://" + packages + "my%20dir%251/clock.wgt"))
       << result.out;
-  EXPECT_TRUE(TempDir::isDirectory(root + "widget_my%20clock%251"));
+  EXPECT_TRUE(TempDir::isDirectory(root + "widget_clock"));
+
+  // A file name that needs escapes would give the widget a name whose
+  // launch URL the browser reads as another directory: refused.
+  const std::string spaced = samplePackage("my clock.wgt");
+  Result refused = run({"install", spaced});
+  EXPECT_EQ(1, refused.status);
+  EXPECT_NE(std::string::npos,
+            refused.out.find("the widget name taken from the address holds a "
+                             "character that a file:// address cannot carry"))
+      << refused.out;
+  EXPECT_EQ(std::vector<std::string>({"tmp", "widget_clock"}),
+            TempDir::listDirectory(root));
 }
 
 TEST_F(WidgetctlTest, UnusableRegistryIsTheEnvironmentsFailure) {
@@ -526,6 +543,121 @@ TEST_F(WidgetctlTest, CheckOfAMissingPackageSaysWhy) {
                             "the package file"))
       << result.out;
   EXPECT_TRUE(TempDir::listDirectory(tmp).empty());
+}
+
+TEST_F(WidgetctlTest, InstallSpeaksNoOtherProtocolThanTheWebAndFiles) {
+  Listener listener;
+  for (const char* scheme : {"gopher", "dict", "telnet", "ftp", "smtp", "ldap"}) {
+    const std::string url = std::string(scheme) + "://" + listener.hostPort() +
+                            "/_SET%20key%20pwned%0D%0A/x.wgt";
+    Result result = run({"install", url});
+    EXPECT_EQ(1, result.status) << url;
+    EXPECT_NE(std::string::npos,
+              result.out.find("Refusing to download " + url + ": the protocol " +
+                              scheme + " is not http, https or file\n"))
+        << result.out;
+    Result checked = run({"check", url});
+    EXPECT_EQ(1, checked.status) << url;
+  }
+  std::string received;
+  EXPECT_EQ(0, listener.connections(&received)) << received;
+  EXPECT_TRUE(nothingLeft());
+}
+
+TEST_F(WidgetctlTest, CheckRemovesTheFoldersOfKilledChecks) {
+  ZipBuilder big;
+  big.addFile("config.xml", "<widget xmlns=\"http://www.w3.org/ns/widgets\"><name>b</name></widget>")
+      .addFile("index.html", "<p/>");
+  for (int i = 0; i < 3000; ++i) big.addFile("f/" + std::to_string(i) + ".txt", std::string(3000, 'a'));
+  const std::string package = writePackage("big.wgt", big);
+  // Killed outright once its folder is marked as in use.
+  fflush(stdout);
+  const pid_t child = fork();
+  if (child == 0) {
+    const int null = open("/dev/null", O_WRONLY);
+    dup2(null, 1);
+    dup2(null, 2);
+    setenv("TMPDIR", tmp.c_str(), 1);
+    execl(kWidgetctl, kWidgetctl, "check", package.c_str(), nullptr);
+    _exit(127);
+  }
+  bool marked = false;
+  for (int i = 0; i < 2000 && !marked; ++i) {
+    for (const std::string& name : TempDir::listDirectory(tmp)) {
+      marked = marked || TempDir::exists(tmp + "/" + name + "/.alive");
+    }
+    if (!marked) usleep(5000);
+  }
+  kill(child, SIGKILL);
+  int status = 0;
+  waitpid(child, &status, 0);
+  ASSERT_TRUE(marked) << "the check never made its folder";
+  ASSERT_TRUE(WIFSIGNALED(status)) << "the check ended before the signal";
+  ASSERT_EQ(1u, TempDir::listDirectory(tmp).size());
+
+  // Beside it: the folder of a check still running (its marker locked), one
+  // without a marker yet, and another user's.
+  const std::string live = tmp + "/widgetctl-check-LiVe00";
+  const std::string young = tmp + "/widgetctl-check-YoUnG0";
+  ASSERT_EQ(0, mkdir(live.c_str(), 0700));
+  ASSERT_EQ(0, mkdir(young.c_str(), 0700));
+  TempDir::writeFile(live + "/.alive", "");
+  const int held = open((live + "/.alive").c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_EQ(0, flock(held, LOCK_EX));
+  std::string theirs;
+  if (geteuid() == 0) {
+    theirs = tmp + "/widgetctl-check-ThEiRs";
+    ASSERT_EQ(0, mkdir(theirs.c_str(), 0700));
+    TempDir::writeFile(theirs + "/.alive", "");
+    ASSERT_EQ(0, chown(theirs.c_str(), 65534, 65534));
+  }
+
+  EXPECT_EQ(0, run({"check", samplePackage("clock.wgt")}).status);
+  std::vector<std::string> expected = {"widgetctl-check-LiVe00",
+                                       "widgetctl-check-YoUnG0"};
+  if (!theirs.empty()) expected.insert(expected.begin() + 1, "widgetctl-check-ThEiRs");
+  EXPECT_EQ(expected, TempDir::listDirectory(tmp));
+  close(held);
+}
+
+TEST_F(WidgetctlTest, DoctorReportsLinksAndRowsOutsideTheRootAndTouchesNeither) {
+  ASSERT_EQ(0, run({"install", samplePackage("linked.wgt")}).status);
+  ASSERT_EQ(0, run({"install", samplePackage("moved.wgt")}).status);
+  // One widget's directory swapped for a link to a directory elsewhere; the
+  // other's row pointing outside the root.
+  const std::string elsewhere = dir.path() + "/elsewhere/";
+  ASSERT_EQ(0, mkdir(elsewhere.c_str(), 0755));
+  TempDir::writeFile(elsewhere + "precious", "keep");
+  TempDir::removeTree(root + "widget_linked");
+  ASSERT_EQ(0, symlink(elsewhere.c_str(), (root + "widget_linked").c_str()));
+  TempDir::removeTree(root + "widget_moved");
+  const std::string outside = dir.path() + "/out/widget_moved/";
+  {
+    sqlite3* db = nullptr;
+    ASSERT_EQ(SQLITE_OK, sqlite3_open((conf + "widget.db").c_str(), &db));
+    const std::string sql = "UPDATE Widgets SET storagePath='" + outside +
+                            "' WHERE name='moved'";
+    EXPECT_EQ(SQLITE_OK, sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr));
+    sqlite3_close(db);
+  }
+  for (const char* repair : {"", "--repair"}) {
+    std::vector<std::string> args = {"doctor"};
+    if (*repair) args.push_back(repair);
+    Result result = run(args);
+    EXPECT_EQ(1, result.status);
+    EXPECT_NE(std::string::npos,
+              result.out.find("linked-directory: linked " + root + "widget_linked/\n"))
+        << result.out;
+    EXPECT_NE(std::string::npos,
+              result.out.find("outside-root: moved " + outside + "\n"))
+        << result.out;
+  }
+  EXPECT_EQ("keep", TempDir::readFile(elsewhere + "precious"));
+  EXPECT_FALSE(TempDir::exists(dir.path() + "/out"));
+  // Removing the linked widget takes the link, not what it points to.
+  EXPECT_EQ(0, run({"remove", "linked"}).status);
+  EXPECT_EQ("keep", TempDir::readFile(elsewhere + "precious"));
+  EXPECT_FALSE(TempDir::exists(root + "widget_linked"));
 }
 
 }  // namespace

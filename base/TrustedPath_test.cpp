@@ -1,0 +1,139 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "base/TrustedPath.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "testing/TempDir.h"
+
+namespace {
+
+// A user id that is neither root nor the caller.
+constexpr uid_t kOtherUser = 65534;
+
+class TrustedPathTest : public ::testing::Test {
+ protected:
+  std::string folder(const char* name, mode_t mode) {
+    const std::string path = dir.file(name);
+    EXPECT_EQ(0, mkdir(path.c_str(), 0700));
+    EXPECT_EQ(0, chmod(path.c_str(), mode));
+    return path;
+  }
+  std::string file(const char* name, mode_t mode) {
+    const std::string path = dir.file(name);
+    TempDir::writeFile(path, "x");
+    EXPECT_EQ(0, chmod(path.c_str(), mode));
+    return path;
+  }
+  TempDir dir;
+  std::string reason;
+};
+
+TEST_F(TrustedPathTest, OwnPrivateDirectoryIsTrusted) {
+  EXPECT_TRUE(TrustedPath::directory(folder("mine", 0700), &reason)) << reason;
+  EXPECT_TRUE(TrustedPath::directory(folder("readable", 0755), &reason))
+      << reason;
+}
+
+TEST_F(TrustedPathTest, DirectoryOthersCanWriteIsNot) {
+  for (mode_t mode : {0770, 0777, 01777, 0757}) {
+    const std::string path = folder(("m" + std::to_string(mode)).c_str(), mode);
+    reason.clear();
+    EXPECT_FALSE(TrustedPath::directory(path, &reason)) << mode;
+    char text[8];
+    snprintf(text, sizeof text, "%04o", static_cast<unsigned>(mode));
+    EXPECT_EQ(path + " is writable by other users (mode " + text + ")", reason);
+  }
+}
+
+TEST_F(TrustedPathTest, MissingDirectoryIsLeftToTheCaller) {
+  EXPECT_TRUE(TrustedPath::directory(dir.file("missing"), &reason));
+}
+
+TEST_F(TrustedPathTest, FileInPlaceOfADirectoryIsNot) {
+  const std::string path = file("plain", 0600);
+  EXPECT_FALSE(TrustedPath::directory(path, &reason));
+  EXPECT_NE(std::string::npos, reason.find("cannot open the directory"));
+}
+
+TEST_F(TrustedPathTest, LinkToOwnDirectoryCountsAsTheDirectory) {
+  const std::string target = folder("target", 0700);
+  ASSERT_EQ(0, symlink(target.c_str(), dir.file("link").c_str()));
+  EXPECT_TRUE(TrustedPath::directory(dir.file("link"), &reason)) << reason;
+}
+
+TEST_F(TrustedPathTest, FilesOfTheCallerAreTrustedEvenUnreadable) {
+  EXPECT_TRUE(TrustedPath::fileIfPresent(file("a", 0644), &reason)) << reason;
+  EXPECT_TRUE(TrustedPath::fileIfPresent(file("b", 0), &reason)) << reason;
+  EXPECT_TRUE(TrustedPath::fileIfPresent(dir.file("none"), &reason));
+}
+
+TEST_F(TrustedPathTest, FileOthersCanWriteIsNot) {
+  const std::string path = file("shared", 0666);
+  EXPECT_FALSE(TrustedPath::fileIfPresent(path, &reason));
+  EXPECT_EQ(path + " is writable by other users (mode 0666)", reason);
+  EXPECT_FALSE(TrustedPath::fileIfPresent(file("group", 0620), &reason));
+}
+
+TEST_F(TrustedPathTest, LinkInPlaceOfAFileIsNotFollowed) {
+  const std::string target = file("target", 0600);
+  ASSERT_EQ(0, symlink(target.c_str(), dir.file("link").c_str()));
+  EXPECT_FALSE(TrustedPath::fileIfPresent(dir.file("link"), &reason));
+  EXPECT_EQ(dir.file("link") + " is a link", reason);
+}
+
+TEST_F(TrustedPathTest, FifoIsLookedAtWithoutBlocking) {
+  ASSERT_EQ(0, mkfifo(dir.file("fifo").c_str(), 0600));
+  EXPECT_TRUE(TrustedPath::fileIfPresent(dir.file("fifo"), &reason)) << reason;
+  ASSERT_EQ(0, chmod(dir.file("fifo").c_str(), 0622));
+  EXPECT_FALSE(TrustedPath::fileIfPresent(dir.file("fifo"), &reason));
+}
+
+TEST_F(TrustedPathTest, AnotherUsersFilesAndDirectoriesAreNot) {
+  if (geteuid() != 0) GTEST_SKIP() << "giving a file away needs root";
+  const std::string theirs = folder("theirs", 0755);
+  const std::string planted = file("planted", 0644);
+  ASSERT_EQ(0, chown(theirs.c_str(), kOtherUser, kOtherUser));
+  ASSERT_EQ(0, chown(planted.c_str(), kOtherUser, kOtherUser));
+  EXPECT_FALSE(TrustedPath::directory(theirs, &reason));
+  EXPECT_EQ(theirs + " belongs to another user (uid 65534)", reason);
+  EXPECT_FALSE(TrustedPath::fileIfPresent(planted, &reason));
+  EXPECT_EQ(planted + " belongs to another user (uid 65534)", reason);
+}
+
+TEST_F(TrustedPathTest, RootsFilesAreTrustedByEveryUser) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to run as another user";
+  const std::string rootsFile = file("roots", 0644);
+  ASSERT_EQ(0, chmod(dir.path().c_str(), 0755));
+  const pid_t child = fork();
+  if (child == 0) {
+    if (setgid(kOtherUser) != 0 || setuid(kOtherUser) != 0) _exit(77);
+    std::string why;
+    _exit(TrustedPath::fileIfPresent(rootsFile, &why) ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(child, waitpid(child, &status, 0));
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(0, WEXITSTATUS(status));
+}
+
+TEST_F(TrustedPathTest, FileAndFolderLooksAtEveryCompanion) {
+  const std::string db = file("widget.db", 0644);
+  EXPECT_TRUE(TrustedPath::fileAndFolder(db, {"-journal", "-wal"}, &reason))
+      << reason;
+  const std::string journal = file("widget.db-journal", 0666);
+  EXPECT_FALSE(TrustedPath::fileAndFolder(db, {"-journal", "-wal"}, &reason));
+  EXPECT_EQ(journal + " is writable by other users (mode 0666)", reason);
+  ASSERT_EQ(0, chmod(journal.c_str(), 0600));
+  ASSERT_EQ(0, chmod(dir.path().c_str(), 0777));
+  EXPECT_FALSE(TrustedPath::fileAndFolder(db, {"-journal"}, &reason));
+  EXPECT_EQ(dir.path() + "/ is writable by other users (mode 0777)", reason);
+  ASSERT_EQ(0, chmod(dir.path().c_str(), 0700));
+}
+
+}  // namespace
