@@ -31,14 +31,16 @@ namespace {
 // The private folder of a check, removed on every path: at the end of the
 // command, and from the signal handler when the user interrupts it. The
 // handler may only use async-signal-safe calls, so it runs rm from a child
-// with an argument vector made beforehand.
+// with an argument vector made beforehand. The child comes from vfork():
+// glibc's fork() runs its atfork handlers, which take malloc's locks, and a
+// signal that arrived while the program held one of them would hang there.
 char gSandbox[4096];
 char* gRemoveArgv[4] = {const_cast<char*>("rm"), const_cast<char*>("-rf"),
                         gSandbox, nullptr};
 
 void removeSandbox() {
   if (!gSandbox[0]) return;
-  const pid_t child = fork();
+  const pid_t child = vfork();
   if (child == 0) {
     execv("/bin/rm", gRemoveArgv);
     _exit(127);
