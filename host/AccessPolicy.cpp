@@ -110,10 +110,9 @@ bool parseOrigin(const std::string& text, Origin* origin) {
 AccessPolicy AccessPolicy::fromDocument(const std::string& xml) {
   AccessPolicy policy;
   // No network, no entity expansion: the document is the widget author's.
-  xmlDoc* doc = xmlReadMemory(xml.data(), static_cast<int>(xml.size()),
-                              "config.xml", nullptr,
-                              XML_PARSE_NONET | XML_PARSE_NOERROR |
-                                  XML_PARSE_NOWARNING);
+  xmlDoc* doc = xmlReadMemory(
+      xml.data(), static_cast<int>(xml.size()), "config.xml", nullptr,
+      XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING);
   if (doc == nullptr) return policy;
   const xmlNode* root = xmlDocGetRootElement(doc);
   if (root != nullptr && inWidgetsNamespace(root, "widget")) {

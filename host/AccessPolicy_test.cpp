@@ -12,7 +12,8 @@ namespace {
 
 std::string config(const std::string& body) {
   return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-         "<widget xmlns=\"http://www.w3.org/ns/widgets\" id=\"http://e.org/w\">\n"
+         "<widget xmlns=\"http://www.w3.org/ns/widgets\" "
+         "id=\"http://e.org/w\">\n"
          "<name>W</name>\n" +
          body + "\n</widget>\n";
 }
@@ -80,16 +81,17 @@ TEST(AccessPolicyTest, WebSocketsFollowTheOriginTheyUpgrade) {
 }
 
 TEST(AccessPolicyTest, SubdomainsOnlyWhenAsked) {
-  AccessPolicy sub = policy(
-      "<access origin=\"http://w3.org\" subdomains=\"  true \"/>");
+  AccessPolicy sub =
+      policy("<access origin=\"http://w3.org\" subdomains=\"  true \"/>");
   EXPECT_TRUE(sub.allows("http://w3.org/"));
   EXPECT_TRUE(sub.allows("http://dev.w3.org/"));
   EXPECT_TRUE(sub.allows("http://a.b.w3.org/"));
   EXPECT_FALSE(sub.allows("http://dev-w3.org/"));
   EXPECT_FALSE(sub.allows("http://w3.org.evil.net/"));
-  EXPECT_EQ("http://w3.org:80 http://*.w3.org:80 ws://w3.org:80 "
-            "ws://*.w3.org:80",
-            sub.cspSources());
+  EXPECT_EQ(
+      "http://w3.org:80 http://*.w3.org:80 ws://w3.org:80 "
+      "ws://*.w3.org:80",
+      sub.cspSources());
 
   for (const char* body : {"<access origin=\"http://w3.org\"/>",
                            "<access origin=\"http://w3.org\" "
@@ -138,7 +140,9 @@ TEST(AccessPolicyTest, HostsAreComparedInTheirAsciiLowerCaseForm) {
   EXPECT_EQ("w3c-test.org", upper.grants()[0].host);
   EXPECT_TRUE(upper.allows("https://w3c-test.org/"));
 
-  AccessPolicy idn = policy("<access origin=\"http://b\xc3\xbc" "cher.example\"/>");
+  AccessPolicy idn = policy(
+      "<access origin=\"http://b\xc3\xbc"
+      "cher.example\"/>");
   ASSERT_EQ(1u, idn.grants().size());
   EXPECT_EQ("xn--bcher-kva.example", idn.grants()[0].host);
   EXPECT_TRUE(idn.allows("http://xn--bcher-kva.example/"));
@@ -147,9 +151,9 @@ TEST(AccessPolicyTest, HostsAreComparedInTheirAsciiLowerCaseForm) {
 TEST(AccessPolicyTest, UnreadableDocumentsGrantNothing) {
   EXPECT_TRUE(AccessPolicy::fromDocument("").grants().empty());
   EXPECT_TRUE(AccessPolicy::fromDocument("<widget").grants().empty());
-  EXPECT_FALSE(AccessPolicy::fromDocument(
-                   "<widget><access origin=\"*\"/></widget>")
-                   .grantsAll());  // no namespace: not a widget document
+  EXPECT_FALSE(
+      AccessPolicy::fromDocument("<widget><access origin=\"*\"/></widget>")
+          .grantsAll());  // no namespace: not a widget document
   EXPECT_FALSE(AccessPolicy::fromFile("/nonexistent/config.xml").grantsAll());
   // An external entity is not fetched, nor expanded into the origin.
   TempDir dir;
@@ -216,9 +220,11 @@ TEST(AccessPolicyTest, ConformanceSuiteDocuments) {
       "/../shared/corpus/w3c-packaged-webapps/warp/test-suite/test-cases/";
   if (!TempDir::exists(suite)) GTEST_SKIP() << "no corpus at " << suite;
   const std::map<std::string, std::string> expected = {
-      {"ta-case-insensitive-compare/HTTPS_compare_hosts_in_a_case-insensitive_manner",
+      {"ta-case-insensitive-compare/"
+       "HTTPS_compare_hosts_in_a_case-insensitive_manner",
        "https w3c-test.org 443 0"},
-      {"ta-case-insensitive-compare/HTTP_compare_hosts_in_a_case-insensitive_manner",
+      {"ta-case-insensitive-compare/"
+       "HTTP_compare_hosts_in_a_case-insensitive_manner",
        "http w3c-test.org 80 0"},
       {"ta-default-policy/do_not_load_iframe", ""},
       {"ta-default-policy/do_not_load_image", ""},
@@ -233,7 +239,8 @@ TEST(AccessPolicyTest, ConformanceSuiteDocuments) {
       {"ta-grant-access/load_iframe", "http dev.w3.org 80 0"},
       {"ta-grant-access/load_image", "http dev.w3.org 80 1"},
       {"ta-grant-access/load_script", "http w3c-test.org 80 0"},
-      {"ta-ignore-unsupported-scheme/ignore_access_with_unsupported_scheme", ""},
+      {"ta-ignore-unsupported-scheme/ignore_access_with_unsupported_scheme",
+       ""},
       {"ta-missing-origin-attr/ignore_access_with_missing_origin",
        "http dev.w3.org 80 0"},
       {"ta-parse-origin-attr/ignore_access_element_with_fragment", ""},
@@ -251,8 +258,10 @@ TEST(AccessPolicyTest, ConformanceSuiteDocuments) {
        "http w3.org 80 0"},
       {"ta-parse-subdomains-attr/do_not_load_image_from_subdomain2",
        "http w3.org 80 0"},
-      {"ta-parse-subdomains-attr/load_image_from_subdomain1", "http w3.org 80 1"},
-      {"ta-parse-subdomains-attr/load_image_from_subdomain2", "http w3.org 80 1"},
+      {"ta-parse-subdomains-attr/load_image_from_subdomain1",
+       "http w3.org 80 1"},
+      {"ta-parse-subdomains-attr/load_image_from_subdomain2",
+       "http w3.org 80 1"},
       {"ta-parsing-wildcard/wildcard_ignore_whitespace", "*"},
       {"ta-parsing-wildcard/wildcard_plus_access_element", "*"},
       {"ta-parsing-wildcard/wildcard_support", "*"},
@@ -260,7 +269,8 @@ TEST(AccessPolicyTest, ConformanceSuiteDocuments) {
       {"ta-parsing/ignore_dir_ltr", "http w3c-test.org 80 1"},
       {"ta-parsing/ignore_dir_rlo", "http w3c-test.org 80 1"},
       {"ta-parsing/ignore_dir_rtl", "http w3c-test.org 80 1"},
-      {"ta-parsing/ignore_nested_access_in_any_element", "http w3c-test.org 80 1"},
+      {"ta-parsing/ignore_nested_access_in_any_element",
+       "http w3c-test.org 80 1"},
       {"ta-parsing/ignore_nested_access_in_foo", "http w3c-test.org 80 1"},
       {"ta-toASCII/load_image_using_toASCII", "http w3c-test.org 80 0"},
   };

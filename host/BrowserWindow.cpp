@@ -172,7 +172,8 @@ bool BrowserWindow::bindToWidget(const std::string& url, std::string* address) {
     if (match && name.empty()) {
       name = widget->getName();
       storage = dir;
-      if (authority.empty()) rest = file.substr(std::min(prefix.size(), file.size()));
+      if (authority.empty())
+        rest = file.substr(std::min(prefix.size(), file.size()));
     }
     delete widget;
   }
@@ -181,7 +182,8 @@ bool BrowserWindow::bindToWidget(const std::string& url, std::string* address) {
   if (authority.empty()) {
     // The query and fragment of the address stay as they were.
     const size_t tail = rest.find_first_of("?#");
-    *address = scheme_.addressOf("file://" + storage + "/" + rest.substr(0, tail));
+    *address =
+        scheme_.addressOf("file://" + storage + "/" + rest.substr(0, tail));
     if (tail != std::string::npos) *address += rest.substr(tail);
   }
   WidgetsData* info =
@@ -244,17 +246,19 @@ gboolean BrowserWindow::onDecidePolicy(WebKitWebView* view,
                                        gpointer self) {
   auto* window = static_cast<BrowserWindow*>(self);
   if (type != WEBKIT_POLICY_DECISION_TYPE_RESPONSE) {
-    WebKitNavigationAction* action = webkit_navigation_policy_decision_get_navigation_action(
-        WEBKIT_NAVIGATION_POLICY_DECISION(decision));
-    const char* uri =
-        webkit_uri_request_get_uri(webkit_navigation_action_get_request(action));
+    WebKitNavigationAction* action =
+        webkit_navigation_policy_decision_get_navigation_action(
+            WEBKIT_NAVIGATION_POLICY_DECISION(decision));
+    const char* uri = webkit_uri_request_get_uri(
+        webkit_navigation_action_get_request(action));
     const std::string url = uri ? uri : "";
     if (type == WEBKIT_POLICY_DECISION_TYPE_NEW_WINDOW_ACTION) {
-      window->refuseNavigation(decision, url, "no new window is opened", false);
+      window->refuseNavigation(decision, url, "no new window is opened",
+                               false);
       return TRUE;
     }
-    const std::string why =
-        window->scheme_.policy().refusal(window->scheme_.authority(), url, true);
+    const std::string why = window->scheme_.policy().refusal(
+        window->scheme_.authority(), url, true);
     if (why.empty()) return FALSE;
     window->refuseNavigation(decision, url, why.c_str(), false);
     return TRUE;

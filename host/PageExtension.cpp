@@ -10,10 +10,10 @@
 //
 // The localized copies are chosen by the browser when it serves the files
 // (WidgetScheme.cpp), so nothing is rewritten here.
+#include <webkit2/webkit-web-extension.h>
+
 #include <iostream>
 #include <string>
-
-#include <webkit2/webkit-web-extension.h>
 
 #include "host/AccessPolicy.h"
 
@@ -39,8 +39,7 @@ gboolean onSendRequest(WebKitWebPage*, WebKitURIRequest* request,
 // Content-Security-Policy leaves out), it says only on the page's console:
 // a widget's security messages are passed on, so that every refusal leaves
 // a line.
-void onConsoleMessage(WebKitWebPage*, WebKitConsoleMessage* message,
-                      gpointer) {
+void onConsoleMessage(WebKitWebPage*, WebKitConsoleMessage* message, gpointer) {
   if (shownWidget == nullptr || shownWidget->empty() ||
       webkit_console_message_get_source(message) !=
           WEBKIT_CONSOLE_MESSAGE_SOURCE_SECURITY)

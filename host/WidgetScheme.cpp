@@ -27,21 +27,36 @@ struct MediaType {
   const char* type;
 };
 const MediaType kMediaTypes[] = {
-    {"html", "text/html"},          {"htm", "text/html"},
-    {"xhtml", "application/xhtml+xml"}, {"xht", "application/xhtml+xml"},
-    {"css", "text/css"},            {"js", "text/javascript"},
-    {"mjs", "text/javascript"},     {"json", "application/json"},
-    {"xml", "application/xml"},     {"svg", "image/svg+xml"},
-    {"txt", "text/plain"},          {"png", "image/png"},
-    {"jpg", "image/jpeg"},          {"jpeg", "image/jpeg"},
-    {"gif", "image/gif"},           {"webp", "image/webp"},
-    {"ico", "image/x-icon"},        {"bmp", "image/bmp"},
-    {"woff", "font/woff"},          {"woff2", "font/woff2"},
-    {"ttf", "font/ttf"},            {"otf", "font/otf"},
-    {"wasm", "application/wasm"},   {"mp3", "audio/mpeg"},
-    {"ogg", "audio/ogg"},           {"oga", "audio/ogg"},
-    {"wav", "audio/wav"},           {"mp4", "video/mp4"},
-    {"webm", "video/webm"},         {"ogv", "video/ogg"},
+    {"html", "text/html"},
+    {"htm", "text/html"},
+    {"xhtml", "application/xhtml+xml"},
+    {"xht", "application/xhtml+xml"},
+    {"css", "text/css"},
+    {"js", "text/javascript"},
+    {"mjs", "text/javascript"},
+    {"json", "application/json"},
+    {"xml", "application/xml"},
+    {"svg", "image/svg+xml"},
+    {"txt", "text/plain"},
+    {"png", "image/png"},
+    {"jpg", "image/jpeg"},
+    {"jpeg", "image/jpeg"},
+    {"gif", "image/gif"},
+    {"webp", "image/webp"},
+    {"ico", "image/x-icon"},
+    {"bmp", "image/bmp"},
+    {"woff", "font/woff"},
+    {"woff2", "font/woff2"},
+    {"ttf", "font/ttf"},
+    {"otf", "font/otf"},
+    {"wasm", "application/wasm"},
+    {"mp3", "audio/mpeg"},
+    {"ogg", "audio/ogg"},
+    {"oga", "audio/ogg"},
+    {"wav", "audio/wav"},
+    {"mp4", "video/mp4"},
+    {"webm", "video/webm"},
+    {"ogv", "video/ogg"},
 };
 
 std::string mediaType(const std::string& path) {
@@ -125,8 +140,8 @@ void WidgetScheme::registerWith(WebKitWebContext* context) {
 }
 
 std::string WidgetScheme::authorityFor(const std::string& name) {
-  bool plain = !name.empty() && g_ascii_isalnum(name[0]) &&
-               !startsWith(name, "x-");
+  bool plain =
+      !name.empty() && g_ascii_isalnum(name[0]) && !startsWith(name, "x-");
   for (char c : name)
     plain = plain && ((c >= 'a' && c <= 'z') || g_ascii_isdigit(c) ||
                       c == '-' || c == '.' || c == '_');
@@ -156,18 +171,14 @@ void WidgetScheme::bind(const std::string& name,
   const std::string self = "'self' " + std::string(kPrefix) + authority_;
   std::string granted = policy_.cspSources();
   if (!granted.empty()) granted = " " + granted;
-  csp_ = "default-src " + self + granted +
-         "; script-src " + self + " 'unsafe-inline' 'unsafe-eval'" + granted +
-         "; style-src " + self + " 'unsafe-inline'" + granted +
-         "; img-src " + self + " data: blob:" + granted +
-         "; media-src " + self + " data: blob:" + granted +
-         "; font-src " + self + " data:" + granted +
-         "; connect-src " + self + granted +
-         "; frame-src " + self + granted +
-         "; child-src " + self + granted +
-         "; worker-src " + self +
-         "; object-src 'none'" +
-         "; form-action " + self + granted +
+  csp_ = "default-src " + self + granted + "; script-src " + self +
+         " 'unsafe-inline' 'unsafe-eval'" + granted + "; style-src " + self +
+         " 'unsafe-inline'" + granted + "; img-src " + self +
+         " data: blob:" + granted + "; media-src " + self +
+         " data: blob:" + granted + "; font-src " + self + " data:" + granted +
+         "; connect-src " + self + granted + "; frame-src " + self + granted +
+         "; child-src " + self + granted + "; worker-src " + self +
+         "; object-src 'none'" + "; form-action " + self + granted +
          "; base-uri " + self;
 }
 
@@ -177,8 +188,8 @@ std::string WidgetScheme::addressOf(const std::string& fileAddress) const {
   if (!bound()) return std::string();
   const std::string prefix = "file://" + engineDir_ + "/";
   if (!startsWith(fileAddress, prefix)) return std::string();
-  char* escaped = g_uri_escape_string(
-      fileAddress.c_str() + prefix.size(), "/", FALSE);
+  char* escaped =
+      g_uri_escape_string(fileAddress.c_str() + prefix.size(), "/", FALSE);
   std::string address = std::string(kPrefix) + authority_ + "/" + escaped;
   g_free(escaped);
   return address;
@@ -268,8 +279,7 @@ void WidgetScheme::serve(WebKitURISchemeRequest* request) const {
   const std::string type = mediaType(path);
   SoupMessageHeaders* headers =
       soup_message_headers_new(SOUP_MESSAGE_HEADERS_RESPONSE);
-  soup_message_headers_append(headers, "Content-Security-Policy",
-                              csp_.c_str());
+  soup_message_headers_append(headers, "Content-Security-Policy", csp_.c_str());
   soup_message_headers_append(headers, "X-Content-Type-Options", "nosniff");
   // The headers replace everything set before them, the media type among
   // it; without one, nosniff would refuse every script and stylesheet.

@@ -6,10 +6,9 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <widgetengine/WidgetEngineDelegate.h>
 
 #include <string>
-
-#include <widgetengine/WidgetEngineDelegate.h>
 
 #include "testing/TempDir.h"
 #include "testing/WidgetSandbox.h"
@@ -82,8 +81,8 @@ TEST_F(WidgetSchemeTest, RefusesEverythingOutsideTheWidgetsDirectory) {
 TEST_F(WidgetSchemeTest, LinksOutOfTheWidgetAreNotFollowed) {
   ASSERT_EQ(0, symlink(dir.file("secret.txt").c_str(),
                        (widget_ + "/link.txt").c_str()));
-  ASSERT_EQ(0, symlink(dir.file("other").c_str(),
-                       (widget_ + "/other").c_str()));
+  ASSERT_EQ(0,
+            symlink(dir.file("other").c_str(), (widget_ + "/other").c_str()));
   ASSERT_EQ(0, symlink("index.html", (widget_ + "/inside.html").c_str()));
   EXPECT_EQ("refused: a file outside the widget's directory",
             served("widget://clock/link.txt"));
@@ -112,7 +111,8 @@ TEST_F(WidgetSchemeTest, AddressesBetweenFileAndWidgetForms) {
 
 TEST_F(WidgetSchemeTest, AuthoritiesOfNames) {
   EXPECT_EQ("clock", WidgetScheme::authorityFor("clock"));
-  EXPECT_EQ("sample-clock.v2_1", WidgetScheme::authorityFor("sample-clock.v2_1"));
+  EXPECT_EQ("sample-clock.v2_1",
+            WidgetScheme::authorityFor("sample-clock.v2_1"));
   // Anything a host name cannot hold as it is, and the encoded form's own
   // prefix, is written in hexadecimal: two names never share an authority.
   EXPECT_EQ("x-436c6f636b", WidgetScheme::authorityFor("Clock"));

@@ -147,7 +147,9 @@ int main(int argc, char** argv) {
   g_option_context_set_summary(
       parser,
       "Installs the widget package at URL with the widget engine and shows it,\n"
-      "or opens URL as it is when it is not a package.");
+      "or opens URL as it is when it is not a package. A widget is shown from\n"
+      "widget://NAME/, confined to its own files and to the network origins\n"
+      "its config.xml grants; its window stays on it.");
   g_option_context_add_main_entries(parser, entries, nullptr);
   g_option_context_add_group(parser, gtk_get_option_group(FALSE));
   GError* error = nullptr;
