@@ -83,6 +83,19 @@ BrowserWindow::BrowserWindow(WebWidgetEngineDelegate* engine,
       security, WidgetScheme::kScheme);
   g_signal_connect(context_, "initialize-web-extensions",
                    G_CALLBACK(onInitializeExtensions), this);
+  // Nothing a page asks for is saved to the user's disk.
+  g_signal_connect(context_, "download-started",
+                   G_CALLBACK(+[](WebKitWebContext*, WebKitDownload* download,
+                                  gpointer) {
+                     WebKitURIRequest* request =
+                         webkit_download_get_request(download);
+                     const char* uri =
+                         request ? webkit_uri_request_get_uri(request) : "";
+                     std::cerr << "widget-browser: refused to download "
+                               << (uri ? uri : "") << std::endl;
+                     webkit_download_cancel(download);
+                   }),
+                   nullptr);
   // Timed repeats must fetch every resource again, as a first visit does,
   // or the memory cache would hide what the mapping costs.
   if (options_.repeat > 0)
@@ -96,6 +109,9 @@ BrowserWindow::BrowserWindow(WebWidgetEngineDelegate* engine,
   WebKitSettings* settings = webkit_web_view_get_settings(view_);
   webkit_settings_set_allow_file_access_from_file_urls(settings, FALSE);
   webkit_settings_set_allow_universal_access_from_file_urls(settings, FALSE);
+  // Peer connections reach any address, and no Content-Security-Policy
+  // governs them (WebKit's default, said here all the same).
+  webkit_settings_set_enable_webrtc(settings, FALSE);
 
   g_signal_connect(view_, "decide-policy", G_CALLBACK(onDecidePolicy), this);
   g_signal_connect(view_, "load-changed", G_CALLBACK(onLoadChanged), this);
@@ -264,8 +280,18 @@ gboolean BrowserWindow::onDecidePolicy(WebKitWebView* view,
     return TRUE;
   }
   auto* response = WEBKIT_RESPONSE_POLICY_DECISION(decision);
-  if (!webkit_response_policy_decision_is_main_frame_main_resource(response))
-    return FALSE;
+  const bool main =
+      webkit_response_policy_decision_is_main_frame_main_resource(response);
+  if (!webkit_response_policy_decision_is_mime_type_supported(response)) {
+    // WebKit would save what it cannot show to the user's disk.
+    const char* uri = webkit_uri_request_get_uri(
+        webkit_response_policy_decision_get_request(response));
+    window->refuseNavigation(decision, uri ? uri : "",
+                             "a document WebKit cannot show is not saved",
+                             main);
+    return TRUE;
+  }
+  if (!main) return FALSE;
   const char* requested = webkit_uri_request_get_uri(
       webkit_response_policy_decision_get_request(response));
   if (requested == nullptr || !window->scheme_.bound()) return FALSE;

@@ -174,6 +174,23 @@ class WidgetBrowserTest : public WidgetSandbox {
     return writePackage(name + ".wgt", zip);
   }
 
+  // The paths under dir (at any depth) of files whose names begin with one
+  // of these, one per line.
+  static std::string filesNamed(const std::string& dir,
+                                const std::vector<std::string>& names) {
+    std::string found;
+    for (const std::string& entry : TempDir::listDirectory(dir)) {
+      const std::string path = dir + "/" + entry;
+      if (TempDir::isDirectory(path)) {
+        found += filesNamed(path, names);
+        continue;
+      }
+      for (const std::string& name : names)
+        if (entry.compare(0, name.size(), name) == 0) found += path + "\n";
+    }
+    return found;
+  }
+
   // Installs a package with the engine itself; its launch address.
   std::string installWithEngine(const std::string& package) {
     RefPtr<WebWidgetEngineDelegate> engine =
@@ -688,32 +705,47 @@ TEST_F(WidgetBrowserTest, WidgetWindowStaysOnTheWidget) {
       "<a id=\"blank\" target=\"_blank\" href=\"about.html\">b</a>"
       "<a id=\"blanksite\" target=\"_blank\" href=\"" +
       site.url("/page.html") + "\">b</a>"
-      "<a id=\"data\" href=\"data:text/html,<p>data</p>\">d</a>";
+      "<a id=\"data\" href=\"data:text/html,<p>data</p>\">d</a>"
+      "<a id=\"save\" download href=\"about.html\">v</a>"
+      "<a id=\"bin\" href=\"payload.bin\">p</a>"
+      "<a id=\"ping\" ping=\"" + site.url("/ping") + "\" href=\"#pinged\">p</a>";
   installWithEngine(widgetPackage(
       "hostile", "",
       {{"index.html",
         page("window.loadedOnce = (window.loadedOnce || 0) + 1;"
              "setTimeout(() => location.href = 'file:///etc/passwd', 0);",
              body)},
-       {"about.html", "<p>about</p>"}}));
+       {"about.html", "<p>about</p>"},
+       {"payload.bin", std::string("\x7f" "ELF\x01\x02", 6)}}));
+  const std::string home = dir.file("home");
+  ASSERT_EQ(0, mkdir(home.c_str(), 0700));
   // Each click is refused and the next one is made on the same page; were
   // one let through, the rest would find no link and the page would be
   // another.
   Browse run = browse(
       {"--exit-after-load", "widget://hostile/index.html"},
-      {{"WIDGET_BROWSER_STEPS", "#file #listing #other #site #blank #blanksite"}});
+      {{"WIDGET_BROWSER_STEPS",
+        "#file #listing #other #site #blank #blanksite #save #bin #ping"},
+       {"HOME", home},
+       {"XDG_CONFIG_HOME", home + "/.config"},
+       {"XDG_DOWNLOAD_DIR", home}});
   ASSERT_EQ(0, run.status) << run.out << run.err;
-  EXPECT_EQ("widget://hostile/index.html", url(run));
+  // The last link only moves within the page (and would send its ping).
+  EXPECT_EQ("widget://hostile/index.html#pinged", url(run));
   EXPECT_EQ("Probe", run.facts.value("documentTitle", std::string()));
   EXPECT_EQ(std::string::npos, text(run).find("VICTIM-SECRET"));
   EXPECT_EQ(0, site.requestCount()) << run.err;
+  // Nothing was saved anywhere in the user's home.
+  EXPECT_EQ("", filesNamed(home, {"about.html", "payload.bin"}));
   // Each refusal left a line, WebKit's own among them.
   for (const std::string& line :
        {std::string("refused by WebKit: Not allowed to load local resource: "
                     "file:///etc/passwd"),
         std::string("refused to open widget://victim/index.html"),
         "refused to open " + site.url("/page.html"),
-        std::string("refused to open widget://hostile/about.html")})
+        std::string("refused to open widget://hostile/about.html"),
+        std::string("refused to open widget://hostile/payload.bin"),
+        std::string("refused to download widget://hostile/about.html")})
     EXPECT_NE(std::string::npos, run.err.find(line)) << line << "\n" << run.err;
 }
 
