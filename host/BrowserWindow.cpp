@@ -168,28 +168,34 @@ void BrowserWindow::open(const std::string& url) {
 // the widget:// address to load; false for any other address.
 bool BrowserWindow::bindToWidget(const std::string& url, std::string* address) {
   const std::string authority = AccessPolicy::widgetAuthority(url);
-  const std::string plain = ResourceMapper::engineAddress(url);
-  if (authority.empty() && plain.compare(0, 7, "file://") != 0) return false;
-  const bool launch = engine_->isWidget(plain.c_str()) == 1;
-  const std::string file = ResourceMapper::collapseSlashes(plain);
+  if (authority.empty() && url.compare(0, 7, "file://") != 0) return false;
+  // The engine stores plain paths, which WebKit escapes; but a widget
+  // directory may hold a "%" of its own, so the address is tried both ways.
+  const std::string forms[] = {url, ResourceMapper::engineAddress(url)};
+  std::string launch;
+  for (const std::string& form : forms)
+    if (launch.empty() && engine_->isWidget(form.c_str()) == 1) launch = form;
   std::string name, storage, rest;
   for (WidgetsData* widget : engine_->getAll(nullptr)) {
     std::string dir = widget->getStoragePath();
     while (dir.size() > 1 && dir.back() == '/') dir.pop_back();
     const std::string prefix =
         ResourceMapper::collapseSlashes("file://" + dir + "/");
-    bool match = false;
-    if (!authority.empty())
-      match = WidgetScheme::authorityFor(widget->getName()) == authority;
-    else if (launch)
-      match = widget->getLaunchURL() == plain;
-    else
-      match = file.compare(0, prefix.size(), prefix) == 0;
-    if (match && name.empty()) {
-      name = widget->getName();
-      storage = dir;
-      if (authority.empty())
-        rest = file.substr(std::min(prefix.size(), file.size()));
+    for (const std::string& form : forms) {
+      const std::string file = ResourceMapper::collapseSlashes(form);
+      bool match = false;
+      if (!authority.empty())
+        match = WidgetScheme::authorityFor(widget->getName()) == authority;
+      else if (!launch.empty())
+        match = widget->getLaunchURL() == launch && form == launch;
+      else
+        match = file.compare(0, prefix.size(), prefix) == 0;
+      if (match && name.empty()) {
+        name = widget->getName();
+        storage = dir;
+        if (authority.empty())
+          rest = file.substr(std::min(prefix.size(), file.size()));
+      }
     }
     delete widget;
   }

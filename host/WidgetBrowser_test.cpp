@@ -850,6 +850,18 @@ TEST_F(WidgetBrowserTest, WidgetReadsItsOwnFilesInTheReadersLanguage) {
   EXPECT_EQ("blocked", found.value("missing", "")) << text(run);
 }
 
+// The package's own name holds a blank: the engine is handed it escaped,
+// and the widget's directory and launch address then hold a "%".
+TEST_F(WidgetBrowserTest, PackageNameWithABlank) {
+  const std::string package = dir.file("my clock.wgt");
+  TempDir::writeFile(package, TempDir::readFile(samplePackage()));
+  Browse run = browse({"--lang", "fr", "--exit-after-load", package});
+  ASSERT_EQ(0, run.status) << run.out << run.err;
+  EXPECT_EQ(0u, url(run).rfind("widget://", 0)) << url(run);
+  EXPECT_EQ(kFrenchColour, colour(run));
+  EXPECT_EQ("Horloge exemple", title(run));
+}
+
 TEST_F(WidgetBrowserTest, PlainPathWithBlanksAndPercentSigns) {
   const std::string folder = dir.file("my pkgs 100%");
   ASSERT_EQ(0, mkdir(folder.c_str(), 0755));
