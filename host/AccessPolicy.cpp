@@ -218,6 +218,9 @@ std::string AccessPolicy::cspSources() const {
   if (all_) return "http: https: ws: wss:";
   std::string out;
   for (const Grant& grant : grants_) {
+    // A policy has no way to write an IPv6 address: such a grant stays
+    // without effect rather than make the policy malformed.
+    if (grant.host.find(':') != std::string::npos) continue;
     const std::string socket = grant.scheme == "https" ? "wss" : "ws";
     const std::string port = ":" + std::to_string(grant.port);
     for (const std::string& scheme : {grant.scheme, socket}) {

@@ -72,6 +72,13 @@ TEST(AccessPolicyTest, OriginIsSchemeHostAndPortWithDefaultPorts) {
   EXPECT_FALSE(port.allows("http://127.0.0.1/x"));
 }
 
+TEST(AccessPolicyTest, IPv6GrantsStayOutOfThePolicy) {
+  AccessPolicy six = policy("<access origin=\"http://[::1]:8123\"/>"
+                            "<access origin=\"http://127.0.0.1:8123\"/>");
+  EXPECT_EQ(2u, six.grants().size());
+  EXPECT_EQ("http://127.0.0.1:8123 ws://127.0.0.1:8123", six.cspSources());
+}
+
 TEST(AccessPolicyTest, WebSocketsFollowTheOriginTheyUpgrade) {
   AccessPolicy one = policy("<access origin=\"http://127.0.0.1:8123\"/>");
   EXPECT_TRUE(one.allows("ws://127.0.0.1:8123/socket"));
