@@ -2,8 +2,11 @@
 // Speed of widget-browser, the WebKitGTK host, as a reader sees it:
 //  - a widget page with 200 sub-resources (stylesheets, scripts and images,
 //    half of them with a copy under locales/fr/) loaded by a French reader
-//    with the engine's mapping and, as its twin, with the mapping switched
-//    off (WIDGET_BROWSER_NO_MAPPING), the two alternating over the rounds;
+//    as a widget is shown, from the widget:// scheme with the engine's
+//    mapping and the sandbox's policy; beside it, as twins, the same widget
+//    with the mapping switched off (WIDGET_BROWSER_NO_MAPPING) and the same
+//    files as a plain file:// page that WebKit reads by itself, the three
+//    taking turns over the rounds;
 //  - the time from receiveWidget of the typical 15 MB package to the first
 //    rendered frame of its start page.
 // Each run is a browser process of its own. For page loads it loads the page
@@ -150,15 +153,31 @@ std::vector<double> figures(const std::string& out, const std::string& key) {
 }
 
 std::string pageLaunchURL;
+std::string plainPageURL;
 
-void BM_PageLoad(benchmark::State& state, bool mapping) {
-  const std::string name =
-      std::string("BM_PageLoad/") + (mapping ? "mapping" : "no_mapping");
-  std::vector<std::string> env = {"WIDGET_BROWSER_REPEAT=11"};
-  if (!mapping) env.push_back("WIDGET_BROWSER_NO_MAPPING=1");
+// How a run shows the page.
+enum class Side { kConfined, kNoMapping, kPlainFile };
+
+const char* sideName(Side side) {
+  switch (side) {
+    case Side::kConfined: return "BM_PageLoad/confined";
+    case Side::kNoMapping: return "BM_PageLoad/no_mapping";
+    case Side::kPlainFile: return "BM_PageLoad/plain_file";
+  }
+  return "";
+}
+
+BrowserRun runPage(Side side, std::vector<std::string> env) {
+  if (side == Side::kNoMapping) env.push_back("WIDGET_BROWSER_NO_MAPPING=1");
+  return runBrowser({"--lang", "fr", "--exit-after-load",
+                     side == Side::kPlainFile ? plainPageURL : pageLaunchURL},
+                    env);
+}
+
+void BM_PageLoad(benchmark::State& state, Side side) {
+  const std::string name = sideName(side);
   for (auto _ : state) {
-    BrowserRun run = runBrowser({"--lang", "fr", "--exit-after-load",
-                                 pageLaunchURL}, env);
+    BrowserRun run = runPage(side, {"WIDGET_BROWSER_REPEAT=11"});
     const std::vector<double> loads = figures(run.out, "load-ms: ");
     if (!run.ok || loads.empty()) {
       state.SkipWithError("the browser failed");
@@ -234,27 +253,32 @@ int main(int argc, char** argv) {
     fprintf(stderr, "cannot install %s\n", package.c_str());
     return 1;
   }
-  // Both sides must load what they claim to: French copies with the
-  // mapping, the default files without.
-  for (bool mapping : {true, false}) {
-    std::vector<std::string> env = {"WIDGET_BROWSER_FACTS=1"};
-    if (!mapping) env.push_back("WIDGET_BROWSER_NO_MAPPING=1");
-    BrowserRun run = runBrowser({"--lang", "fr", "--exit-after-load",
-                                 pageLaunchURL}, env);
-    const char* expected = mapping ? "rgb(0, 0, 2)" : "rgb(0, 0, 1)";
-    if (!run.ok || run.out.find(expected) == std::string::npos) {
+  // The same files, outside the widget root: a plain page to WebKit.
+  const std::string plain = kRunsDir + "/plain";
+  if (system(("cp -r '" + root + "widget_many' '" + plain + "'").c_str()) != 0)
+    return 1;
+  plainPageURL = "file://" + plain + "/index.html";
+  // Every side must load what it claims to: French copies from the widget
+  // scheme with the mapping, the default files without and from file://.
+  for (Side side : {Side::kConfined, Side::kNoMapping, Side::kPlainFile}) {
+    BrowserRun run = runPage(side, {"WIDGET_BROWSER_FACTS=1"});
+    const char* expected =
+        side == Side::kConfined ? "rgb(0, 0, 2)" : "rgb(0, 0, 1)";
+    const char* address =
+        side == Side::kPlainFile ? "\"url\":\"file://" : "\"url\":\"widget://";
+    if (!run.ok || run.out.find(expected) == std::string::npos ||
+        run.out.find(address) == std::string::npos) {
       fprintf(stderr, "the page did not load as expected (%s):\n%s\n",
-              mapping ? "mapping" : "no mapping", run.out.c_str());
+              sideName(side), run.out.c_str());
       return 1;
     }
   }
 
   const int rounds = envInt("BROWSER_BENCH_ROUNDS", 9);
   for (int round = 0; round < rounds; ++round) {
-    benchmark::RegisterBenchmark("BM_PageLoad/mapping", BM_PageLoad, true)
-        ->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
-    benchmark::RegisterBenchmark("BM_PageLoad/no_mapping", BM_PageLoad, false)
-        ->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
+    for (Side side : {Side::kConfined, Side::kNoMapping, Side::kPlainFile})
+      benchmark::RegisterBenchmark(sideName(side), BM_PageLoad, side)
+          ->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
   }
   const int frameRounds = envInt("BROWSER_BENCH_FRAME_ROUNDS", 5);
   for (int round = 0; round < frameRounds; ++round) {
@@ -269,7 +293,8 @@ int main(int argc, char** argv) {
 
   printf("\nMedians of %d paired rounds (a French reader, %d resources):\n",
          rounds, kResources);
-  printRatio("BM_PageLoad/mapping", "BM_PageLoad/no_mapping", 1.05);
+  printRatio(sideName(Side::kConfined), sideName(Side::kNoMapping), 1.05);
+  printRatio(sideName(Side::kConfined), sideName(Side::kPlainFile), 1.05);
   const double frame = median(seconds()["BM_ReceiveToFirstFrame"]);
   const double receive = median(seconds()["receiveWidget alone"]);
   if (frame > 0)

@@ -20,6 +20,10 @@ namespace {
 // not loaded by then is reported instead of waited for forever.
 const guint kLoadTimeoutSeconds = 90;
 
+// How long a click on a link may take to start its load before the test
+// steps take it as refused.
+const guint kClickSettleMs = 1500;
+
 // What the tests read back from a loaded page. Image sizes are the decoded
 // files' own, so they tell which copy of a picture was fetched even though
 // the element keeps the address written in the page.
@@ -50,10 +54,6 @@ double millisecondsSince(std::chrono::steady_clock::time_point start) {
       .count();
 }
 
-bool startsWith(const std::string& text, const std::string& prefix) {
-  return text.compare(0, prefix.size(), prefix) == 0;
-}
-
 struct LoadLater {
   WebKitWebView* view;
   std::string uri;
@@ -71,10 +71,31 @@ BrowserWindow::BrowserWindow(WebWidgetEngineDelegate* engine,
                              BrowserOptions options)
     : engine_(engine),
       options_(std::move(options)),
-      mapper_(options_.mapping ? engine : nullptr, options_.language) {
+      mapper_(options_.mapping ? engine : nullptr, options_.language),
+      scheme_(mapper_) {
   context_ = webkit_web_context_new();
+  scheme_.registerWith(context_);
+  // Widgets fetch their own files with fetch and XHR: same-origin requests
+  // of the scheme must be allowed, as they are for http.
+  WebKitSecurityManager* security =
+      webkit_web_context_get_security_manager(context_);
+  webkit_security_manager_register_uri_scheme_as_cors_enabled(
+      security, WidgetScheme::kScheme);
   g_signal_connect(context_, "initialize-web-extensions",
                    G_CALLBACK(onInitializeExtensions), this);
+  // Nothing a page asks for is saved to the user's disk.
+  g_signal_connect(context_, "download-started",
+                   G_CALLBACK(+[](WebKitWebContext*, WebKitDownload* download,
+                                  gpointer) {
+                     WebKitURIRequest* request =
+                         webkit_download_get_request(download);
+                     const char* uri =
+                         request ? webkit_uri_request_get_uri(request) : "";
+                     std::cerr << "widget-browser: refused to download "
+                               << (uri ? uri : "") << std::endl;
+                     webkit_download_cancel(download);
+                   }),
+                   nullptr);
   // Timed repeats must fetch every resource again, as a first visit does,
   // or the memory cache would hide what the mapping costs.
   if (options_.repeat > 0)
@@ -82,10 +103,15 @@ BrowserWindow::BrowserWindow(WebWidgetEngineDelegate* engine,
                                        WEBKIT_CACHE_MODEL_DOCUMENT_VIEWER);
 
   view_ = WEBKIT_WEB_VIEW(webkit_web_view_new_with_context(context_));
-  // Widgets are local applications that read their own files with fetch and
-  // XHR; without this every file:// page is an origin of its own.
+  // A file:// page reads no other file with fetch or XHR (WebKit's default,
+  // said here because widgets were once shown that way): a widget reads its
+  // own files through widget://, and plain pages read none.
   WebKitSettings* settings = webkit_web_view_get_settings(view_);
-  webkit_settings_set_allow_file_access_from_file_urls(settings, TRUE);
+  webkit_settings_set_allow_file_access_from_file_urls(settings, FALSE);
+  webkit_settings_set_allow_universal_access_from_file_urls(settings, FALSE);
+  // Peer connections reach any address, and no Content-Security-Policy
+  // governs them (WebKit's default, said here all the same).
+  webkit_settings_set_enable_webrtc(settings, FALSE);
 
   g_signal_connect(view_, "decide-policy", G_CALLBACK(onDecidePolicy), this);
   g_signal_connect(view_, "load-changed", G_CALLBACK(onLoadChanged), this);
@@ -119,21 +145,76 @@ BrowserWindow::~BrowserWindow() {
 void BrowserWindow::onInitializeExtensions(WebKitWebContext* context,
                                            gpointer self) {
   auto* window = static_cast<BrowserWindow*>(self);
-  const char* dataPath = getenv("YRA_DATA_PATH");
-  const char* widgetPath = getenv("WIDGET_PATH");
   webkit_web_context_set_web_extensions_directory(
       context, window->options_.extensionDir.c_str());
+  // The window is bound to its widget before anything loads, so every web
+  // process starts knowing what it confines.
   webkit_web_context_set_web_extensions_initialization_user_data(
-      context, g_variant_new("(sssb)", window->options_.language.c_str(),
-                             dataPath ? dataPath : "",
-                             widgetPath ? widgetPath : "",
-                             window->options_.mapping ? TRUE : FALSE));
+      context,
+      g_variant_new("(ss)", window->scheme_.authority().c_str(),
+                    window->scheme_.policy().serialize().c_str()));
 }
 
 void BrowserWindow::open(const std::string& url) {
-  url_ = url;
+  std::string address = url;
+  if (!scheme_.bound() && bindToWidget(url, &address)) updateTitle();
+  url_ = address;
   loadStart_ = std::chrono::steady_clock::now();
-  webkit_web_view_load_uri(view_, url.c_str());
+  webkit_web_view_load_uri(view_, address.c_str());
+}
+
+// Finds the installed widget that url opens (its launch address, a file:// or
+// widget:// address of one of its files), binds the scheme to it and gives
+// the widget:// address to load; false for any other address.
+bool BrowserWindow::bindToWidget(const std::string& url, std::string* address) {
+  const std::string authority = AccessPolicy::widgetAuthority(url);
+  if (authority.empty() && url.compare(0, 7, "file://") != 0) return false;
+  // The engine stores plain paths, which WebKit escapes; but a widget
+  // directory may hold a "%" of its own, so the address is tried both ways.
+  const std::string forms[] = {url, ResourceMapper::engineAddress(url)};
+  std::string launch;
+  for (const std::string& form : forms)
+    if (launch.empty() && engine_->isWidget(form.c_str()) == 1) launch = form;
+  std::string name, storage, rest;
+  for (WidgetsData* widget : engine_->getAll(nullptr)) {
+    std::string dir = widget->getStoragePath();
+    while (dir.size() > 1 && dir.back() == '/') dir.pop_back();
+    const std::string prefix =
+        ResourceMapper::collapseSlashes("file://" + dir + "/");
+    for (const std::string& form : forms) {
+      const std::string file = ResourceMapper::collapseSlashes(form);
+      bool match = false;
+      if (!authority.empty())
+        match = WidgetScheme::authorityFor(widget->getName()) == authority;
+      else if (!launch.empty())
+        match = widget->getLaunchURL() == launch && form == launch;
+      else
+        match = file.compare(0, prefix.size(), prefix) == 0;
+      if (match && name.empty()) {
+        name = widget->getName();
+        storage = dir;
+        if (authority.empty())
+          rest = file.substr(std::min(prefix.size(), file.size()));
+      }
+    }
+    delete widget;
+  }
+  if (name.empty()) return false;
+  scheme_.bind(name, storage);
+  if (authority.empty()) {
+    // The query and fragment of the address stay as they were.
+    const size_t tail = rest.find_first_of("?#");
+    *address =
+        scheme_.addressOf("file://" + storage + "/" + rest.substr(0, tail));
+    if (tail != std::string::npos) *address += rest.substr(tail);
+  }
+  WidgetsData* info =
+      engine_->getInfo(name.c_str(), nullptr, options_.language.c_str());
+  if (info != nullptr) {
+    widgetTitle_ = info->getWidgetName();
+    delete info;
+  }
+  return true;
 }
 
 void BrowserWindow::showRefusal(const std::string& url,
@@ -166,31 +247,70 @@ void BrowserWindow::measureFirstFrameFrom(
   firstFrameStart_ = start;
 }
 
-// Documents of the main frame are mapped here, in the UI process. The
-// response decision is the one point where WebKit tells for certain that a
-// load is the main frame's document (a navigation decision looks the same for
-// an iframe, and loading the mapped address then would replace the whole
-// page) and still lets the browser load another address instead: links,
-// form posts, back/forward, reloads and load_uri all pass through it. Frames
-// and sub-resources are mapped by the web-process extension
-// (PageExtension.cpp), which leaves the main document alone.
+// Every navigation of the view, of the main frame and of frames, is decided
+// here, in the UI process. A window that shows a widget stays on it: a
+// document from anywhere but the widget's own files and the origins it was
+// granted is refused before it is requested, and a granted origin is let
+// into frames but not into the window (a navigation decision does not say
+// which frame it is for; the response decision does). New windows are
+// never opened.
+//
+// Documents of the main frame are mapped at the response decision: it is
+// the one point where WebKit tells for certain that a load is the main
+// frame's document and still lets the browser load another address instead
+// (links, form posts, back/forward, reloads and load_uri all pass through
+// it), so that the page's address is its localized copy's and the copy's
+// relative links resolve as their author wrote them. Frames and
+// sub-resources get their copies from the scheme (WidgetScheme.cpp).
 gboolean BrowserWindow::onDecidePolicy(WebKitWebView* view,
                                        WebKitPolicyDecision* decision,
                                        WebKitPolicyDecisionType type,
                                        gpointer self) {
-  if (type != WEBKIT_POLICY_DECISION_TYPE_RESPONSE) return FALSE;
-  auto* response = WEBKIT_RESPONSE_POLICY_DECISION(decision);
-  if (!webkit_response_policy_decision_is_main_frame_main_resource(response))
-    return FALSE;
   auto* window = static_cast<BrowserWindow*>(self);
+  if (type != WEBKIT_POLICY_DECISION_TYPE_RESPONSE) {
+    WebKitNavigationAction* action =
+        webkit_navigation_policy_decision_get_navigation_action(
+            WEBKIT_NAVIGATION_POLICY_DECISION(decision));
+    const char* uri = webkit_uri_request_get_uri(
+        webkit_navigation_action_get_request(action));
+    const std::string url = uri ? uri : "";
+    if (type == WEBKIT_POLICY_DECISION_TYPE_NEW_WINDOW_ACTION) {
+      window->refuseNavigation(decision, url, "no new window is opened",
+                               false);
+      return TRUE;
+    }
+    const std::string why = window->scheme_.policy().refusal(
+        window->scheme_.authority(), url, true);
+    if (why.empty()) return FALSE;
+    window->refuseNavigation(decision, url, why.c_str(), false);
+    return TRUE;
+  }
+  auto* response = WEBKIT_RESPONSE_POLICY_DECISION(decision);
+  const bool main =
+      webkit_response_policy_decision_is_main_frame_main_resource(response);
+  if (!webkit_response_policy_decision_is_mime_type_supported(response)) {
+    // WebKit would save what it cannot show to the user's disk.
+    const char* uri = webkit_uri_request_get_uri(
+        webkit_response_policy_decision_get_request(response));
+    window->refuseNavigation(decision, uri ? uri : "",
+                             "a document WebKit cannot show is not saved",
+                             main);
+    return TRUE;
+  }
+  if (!main) return FALSE;
   const char* requested = webkit_uri_request_get_uri(
       webkit_response_policy_decision_get_request(response));
-  if (requested == nullptr) return FALSE;
-  const std::string url = ResourceMapper::engineAddress(requested);
-  window->navigationStarts(url);
+  if (requested == nullptr || !window->scheme_.bound()) return FALSE;
+  const std::string url = requested;
+  if (AccessPolicy::widgetAuthority(url) != window->scheme_.authority()) {
+    window->refuseNavigation(decision, url,
+                             "a widget's window stays on the widget", true);
+    return TRUE;
+  }
   if (url == window->redirectedTo_) return FALSE;
-  const std::string mapped = window->mapper_.map(url);
-  if (mapped.empty()) return FALSE;
+  const std::string mapped = window->scheme_.addressOf(
+      window->mapper_.map(window->scheme_.fileAddressOf(url)));
+  if (mapped.empty() || mapped == url) return FALSE;
   window->redirectedTo_ = mapped;
   window->redirectPending_ = true;
   webkit_policy_decision_ignore(decision);
@@ -199,43 +319,31 @@ gboolean BrowserWindow::onDecidePolicy(WebKitWebView* view,
   return TRUE;
 }
 
-// Every navigation of the view asks the engine whether it opens a widget,
-// before its document is mapped and again once it is committed (back and
-// forward from WebKit's page cache come only there). The engine recognises
-// nothing but the launch address, so a page of the widget reached from it
-// (its localized copy, a link, a page restored from history) is recognised
-// by the widget's directory; the localized name is looked up once per visit.
-void BrowserWindow::navigationStarts(const std::string& url) {
-  const std::string address = ResourceMapper::collapseSlashes(url);
-  const bool launch = engine_->isWidget(url.c_str()) == 1;
-  if (!launch && !widgetDir_.empty() && startsWith(address, widgetDir_)) {
-    updateTitle();
+// A refused navigation leaves one line on standard error. When a test step
+// clicked what asked for it, the steps go on: no load will come back.
+void BrowserWindow::refuseNavigation(WebKitPolicyDecision* decision,
+                                     const std::string& url, const char* why,
+                                     bool loadStarted) {
+  std::cerr << "widget-browser: refused to open " << url << ": " << why
+            << std::endl;
+  webkit_policy_decision_ignore(decision);
+  if (loadStarted) {
+    // The load that was started fails and finishes (onLoadFailed,
+    // onLoadChanged), which goes on with the steps.
+    navigationRefused_ = true;
     return;
   }
-  widgetDir_.clear();
-  widgetTitle_.clear();
-  if (launch || address.compare(0, 7, "file://") == 0) {
-    std::string name;
-    for (WidgetsData* widget : engine_->getAll(nullptr)) {
-      const std::string dir =
-          ResourceMapper::collapseSlashes("file://" + widget->getStoragePath());
-      if (name.empty() && (launch ? widget->getLaunchURL() == url
-                                  : startsWith(address, dir))) {
-        name = widget->getName();
-        widgetDir_ = dir;
-      }
-      delete widget;
-    }
-    if (!name.empty()) {
-      WidgetsData* info =
-          engine_->getInfo(name.c_str(), nullptr, options_.language.c_str());
-      if (info != nullptr) {
-        widgetTitle_ = info->getWidgetName();
-        delete info;
-      }
-    }
+  if (clickPending_) {
+    clickRefused_ = true;
+  } else if (clickLoads_) {
+    clickLoads_ = false;
+    g_idle_add(
+        [](gpointer self) {
+          static_cast<BrowserWindow*>(self)->loadFinished();
+          return G_SOURCE_REMOVE;
+        },
+        this);
   }
-  updateTitle();
 }
 
 void BrowserWindow::updateTitle() {
@@ -256,21 +364,23 @@ void BrowserWindow::onTitleChanged(GObject*, GParamSpec*, gpointer self) {
 void BrowserWindow::onLoadChanged(WebKitWebView* view, WebKitLoadEvent event,
                                   gpointer self) {
   auto* window = static_cast<BrowserWindow*>(self);
+  if (event == WEBKIT_LOAD_STARTED) window->clickStarted_ = true;
   if (event == WEBKIT_LOAD_STARTED && window->redirectPending_ &&
-      ResourceMapper::engineAddress(viewUri(view)) == window->redirectedTo_)
+      viewUri(view) == window->redirectedTo_)
     window->redirectPending_ = false;
-  if (event == WEBKIT_LOAD_COMMITTED && !window->refusal_)
-    window->navigationStarts(ResourceMapper::engineAddress(viewUri(view)));
   if (event != WEBKIT_LOAD_FINISHED) return;
   // The finish of a navigation that was ignored for its localized copy.
   if (window->redirectPending_) return;
+  window->navigationRefused_ = false;
+  window->clickLoads_ = false;
   window->loadFinished();
 }
 
 gboolean BrowserWindow::onLoadFailed(WebKitWebView*, WebKitLoadEvent,
                                      gchar* uri, GError* error, gpointer self) {
   auto* window = static_cast<BrowserWindow*>(self);
-  if (window->redirectPending_) return TRUE;
+  // Ignored on purpose: replaced by its localized copy, or refused.
+  if (window->redirectPending_ || window->navigationRefused_) return TRUE;
   window->loadFailed_ = true;
   window->failure_ = std::string(uri ? uri : "") + ": " +
                      (error && error->message ? error->message : "load failed");
@@ -323,11 +433,17 @@ void BrowserWindow::loadFinished() {
         webkit_web_view_go_forward(view_);
       return;
     }
+    if (step.compare(0, 5, "wait:") == 0) {
+      waitFor(step.substr(5));
+      return;
+    }
     gchar* selector = g_strescape(step.c_str(), nullptr);
     const std::string script =
         std::string("(() => { const e = document.querySelector(\"") +
         selector + "\"); if (!e) return false; e.click(); return true; })()";
     g_free(selector);
+    clickPending_ = true;
+    clickRefused_ = false;
     webkit_web_view_evaluate_javascript(
         view_, script.c_str(), -1, nullptr, nullptr, nullptr,
         [](GObject* source, GAsyncResult* result, gpointer self) {
@@ -336,9 +452,31 @@ void BrowserWindow::loadFinished() {
               WEBKIT_WEB_VIEW(source), result, nullptr);
           const bool clicked = value && jsc_value_to_boolean(value);
           if (value) g_object_unref(value);
+          window->clickPending_ = false;
           // A click on a link starts a navigation whose finish comes back
-          // to loadFinished(); anything else goes on now.
-          if (!clicked) window->loadFinished();
+          // to loadFinished(), unless it was refused; anything else goes on
+          // now.
+          if (!clicked || window->clickRefused_) {
+            window->clickRefused_ = false;
+            window->loadFinished();
+          } else {
+            window->clickLoads_ = true;
+            window->clickStarted_ = false;
+            // WebKit refuses some navigations itself (a file:// address
+            // from a page of another scheme) without asking: when no load
+            // has started after a while, none will.
+            g_timeout_add(
+                kClickSettleMs,
+                [](gpointer self) {
+                  auto* window = static_cast<BrowserWindow*>(self);
+                  if (window->clickLoads_ && !window->clickStarted_) {
+                    window->clickLoads_ = false;
+                    window->loadFinished();
+                  }
+                  return G_SOURCE_REMOVE;
+                },
+                window);
+          }
         },
         this);
     return;
@@ -349,6 +487,38 @@ void BrowserWindow::loadFinished() {
     return;
   }
   afterFacts();
+}
+
+// Polls the page until an element matches selector (a page that does its
+// work after the load says so by adding one), then goes on with the steps.
+void BrowserWindow::waitFor(const std::string& selector) {
+  gchar* escaped = g_strescape(selector.c_str(), nullptr);
+  const std::string script =
+      std::string("document.querySelector(\"") + escaped + "\") !== null";
+  g_free(escaped);
+  waitingFor_ = selector;
+  webkit_web_view_evaluate_javascript(
+      view_, script.c_str(), -1, nullptr, nullptr, nullptr,
+      [](GObject* source, GAsyncResult* result, gpointer self) {
+        auto* window = static_cast<BrowserWindow*>(self);
+        JSCValue* value = webkit_web_view_evaluate_javascript_finish(
+            WEBKIT_WEB_VIEW(source), result, nullptr);
+        const bool found = value && jsc_value_to_boolean(value);
+        if (value) g_object_unref(value);
+        if (found) {
+          window->loadFinished();
+          return;
+        }
+        g_timeout_add(
+            50,
+            [](gpointer self) {
+              auto* window = static_cast<BrowserWindow*>(self);
+              if (!window->finished_) window->waitFor(window->waitingFor_);
+              return G_SOURCE_REMOVE;
+            },
+            window);
+      },
+      this);
 }
 
 void BrowserWindow::onFacts(GObject* source, GAsyncResult* result,

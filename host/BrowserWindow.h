@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// BrowserWindow is widget-browser's one window: a WebKit view whose
-// navigations ask the engine whether they open a widget and which localized
-// copy of a document to load, and which shows a refusal's reason as a page.
+// BrowserWindow is widget-browser's one window: a WebKit view that shows
+// either one widget, served from the widget:// scheme and kept on it, or
+// plain pages; it asks the engine which localized copy of a document to load
+// and shows a refused package's reason as a page.
 #ifndef WIDGETENGINE_HOST_BROWSERWINDOW_H_
 #define WIDGETENGINE_HOST_BROWSERWINDOW_H_
 
@@ -15,6 +16,7 @@
 #include <widgetengine/WebWidgetEngineDelegate.h>
 
 #include "host/ResourceMapper.h"
+#include "host/WidgetScheme.h"
 
 struct BrowserOptions {
   std::string language;        // the reader's accept-language string
@@ -26,8 +28,9 @@ struct BrowserOptions {
   std::string extensionDir;    // where the web-process part lives
   // Test and benchmark hooks, set from the environment by main().
   bool printFacts = false;     // print what the loaded page shows as JSON
-  // After each load, the next of these steps: a CSS selector to click, or
-  // "back" / "forward" through the history.
+  // After each load, the next of these steps: a CSS selector to click,
+  // "wait:" and a selector to wait for, or "back" / "forward" through the
+  // history.
   std::vector<std::string> steps;
   int repeat = 0;              // load the page this many more times, timed
 };
@@ -41,6 +44,9 @@ class BrowserWindow {
   BrowserWindow(const BrowserWindow&) = delete;
   BrowserWindow& operator=(const BrowserWindow&) = delete;
 
+  // Opens url. A launch address, any file:// address inside an installed
+  // widget's directory and a widget:// address of one bind the window to
+  // that widget for its life; any other address is a plain page.
   void open(const std::string& url);
   // A page that says the package at url was refused, with the engine's lines.
   void showRefusal(const std::string& url, const std::string& engineLines);
@@ -66,8 +72,11 @@ class BrowserWindow {
   static void onSnapshot(GObject*, GAsyncResult*, gpointer self);
   static gboolean onTimeout(gpointer self);
 
-  void navigationStarts(const std::string& url);
+  bool bindToWidget(const std::string& url, std::string* address);
+  void refuseNavigation(WebKitPolicyDecision* decision, const std::string& url,
+                        const char* why, bool loadStarted);
   void loadFinished();
+  void waitFor(const std::string& selector);
   void afterFacts();
   void finish(int status);
   void updateTitle();
@@ -81,13 +90,19 @@ class BrowserWindow {
 
   std::string url_;              // what open() was asked for
   std::string redirectedTo_;     // the localized document being loaded
-  std::string widgetDir_;        // storage directory of the widget shown
-  std::string widgetTitle_;      // its localized name
+  WidgetScheme scheme_;
+  std::string widgetTitle_;      // the localized name of the widget shown
   bool redirectPending_ = false;  // an ignored navigation is replaced
+  bool navigationRefused_ = false;  // a started load was refused
   bool refusal_ = false;
   bool loadFailed_ = false;
   std::string failure_;
   size_t stepsDone_ = 0;
+  std::string waitingFor_;
+  bool clickPending_ = false;    // a click's outcome is not known yet
+  bool clickLoads_ = false;      // it asked for a navigation
+  bool clickStarted_ = false;    // whose load has started
+  bool clickRefused_ = false;    // a navigation was refused meanwhile
   bool factsPrinted_ = false;
   bool repeating_ = false;
   bool firstFrameMeasured_ = false;

@@ -12,6 +12,7 @@
 
 #include <chrono>
 #include <map>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -19,6 +20,8 @@
 #include <gdk-pixbuf/gdk-pixbuf.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
+
+#include <widgetengine/WidgetEngineDelegate.h>
 
 #include "testing/HttpServer.h"
 #include "testing/TempDir.h"
@@ -147,6 +150,74 @@ class WidgetBrowserTest : public WidgetSandbox {
     return run;
   }
 
+  // A package of one widget named by its file, with these <access> elements
+  // and files (index.html among them).
+  std::string widgetPackage(const std::string& name, const std::string& access,
+                            const std::map<std::string, std::string>& files) {
+    ZipBuilder zip;
+    zip.addFile("config.xml",
+                "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+                "<widget xmlns=\"http://www.w3.org/ns/widgets\" "
+                "id=\"http://example.org/" + name + "\" version=\"1.0\">\n"
+                "  <name>" + name + "</name>\n"
+                "  <content src=\"index.html\"/>\n" + access +
+                "</widget>\n");
+    std::set<std::string> folders;
+    for (const auto& file : files) {
+      for (size_t slash = file.first.find('/'); slash != std::string::npos;
+           slash = file.first.find('/', slash + 1)) {
+        const std::string folder = file.first.substr(0, slash + 1);
+        if (folders.insert(folder).second) zip.addFolder(folder);
+      }
+      zip.addFile(file.first, file.second);
+    }
+    return writePackage(name + ".wgt", zip);
+  }
+
+  // The paths under dir (at any depth) of files whose names begin with one
+  // of these, one per line.
+  static std::string filesNamed(const std::string& dir,
+                                const std::vector<std::string>& names) {
+    std::string found;
+    for (const std::string& entry : TempDir::listDirectory(dir)) {
+      const std::string path = dir + "/" + entry;
+      if (TempDir::isDirectory(path)) {
+        found += filesNamed(path, names);
+        continue;
+      }
+      for (const std::string& name : names)
+        if (entry.compare(0, name.size(), name) == 0) found += path + "\n";
+    }
+    return found;
+  }
+
+  // Installs a package with the engine itself; its launch address.
+  std::string installWithEngine(const std::string& package) {
+    RefPtr<WebWidgetEngineDelegate> engine =
+        WidgetEngineDelegate::createInstance();
+    char* launch = engine->receiveWidget(("file://" + package).c_str(), nullptr);
+    EXPECT_NE(nullptr, launch) << package;
+    const std::string result = launch ? launch : "";
+    free(launch);
+    return result;
+  }
+
+  // What a page that ends its work by showing <pre id="results"> with a
+  // JSON object found, after the browser waited for it.
+  static nlohmann::json results(const Browse& run) {
+    const std::string shown = text(run);
+    const size_t start = shown.find("{\"");
+    if (start == std::string::npos) return nlohmann::json::object();
+    nlohmann::json parsed = nlohmann::json::parse(
+        shown.substr(start, shown.rfind('}') - start + 1), nullptr, false);
+    if (!parsed.is_object()) return nlohmann::json::object();
+    // Every value as text, so that a missing or odd one fails as a
+    // mismatch, not as an exception.
+    for (auto& entry : parsed.items())
+      if (!entry.value().is_string()) entry.value() = entry.value().dump();
+    return parsed;
+  }
+
   static std::string text(const Browse& run) {
     return run.facts.value("text", std::string());
   }
@@ -169,7 +240,7 @@ class WidgetBrowserTest : public WidgetSandbox {
 TEST_F(WidgetBrowserTest, FrenchReaderSeesTheFrenchCopies) {
   Browse run = install("fr");
   ASSERT_TRUE(run.facts.is_object()) << run.out << run.err;
-  EXPECT_EQ("file://" + storage() + "/locales/fr/index.html", url(run));
+  EXPECT_EQ("widget://sample-clock/locales/fr/index.html", url(run));
   EXPECT_NE(std::string::npos, text(run).find("Heure locale")) << text(run);
   EXPECT_EQ(kFrenchColour, colour(run));
   EXPECT_EQ(std::make_pair(60, 40), imageSize(run));
@@ -181,7 +252,7 @@ TEST_F(WidgetBrowserTest, FrenchLinkLeadsToTheFrenchSecondPage) {
   Browse run = browse({"--lang", "fr", "--exit-after-load", launchURL()},
                       {{"WIDGET_BROWSER_STEPS", "#next"}});
   EXPECT_EQ(0, run.status) << run.err;
-  EXPECT_EQ("file://" + storage() + "/locales/fr/about.html", url(run));
+  EXPECT_EQ("widget://sample-clock/locales/fr/about.html", url(run));
   EXPECT_NE(std::string::npos, text(run).find("Retour à l’horloge")) << text(run);
   EXPECT_EQ(kFrenchColour, colour(run));
   // Still the same widget: its localized name stays the window's title.
@@ -193,21 +264,21 @@ TEST_F(WidgetBrowserTest, BackAndForwardKeepTheFrenchCopiesAndTheTitle) {
   Browse back = browse({"--lang", "fr", "--exit-after-load", launchURL()},
                        {{"WIDGET_BROWSER_STEPS", "#next back"}});
   EXPECT_EQ(0, back.status) << back.err;
-  EXPECT_EQ("file://" + storage() + "/locales/fr/index.html", url(back));
+  EXPECT_EQ("widget://sample-clock/locales/fr/index.html", url(back));
   EXPECT_NE(std::string::npos, text(back).find("Heure locale")) << text(back);
   EXPECT_EQ(kFrenchColour, colour(back));
   EXPECT_EQ("Horloge exemple", title(back));
 
   Browse forward = browse({"--lang", "fr", "--exit-after-load", launchURL()},
                           {{"WIDGET_BROWSER_STEPS", "#next back forward"}});
-  EXPECT_EQ("file://" + storage() + "/locales/fr/about.html", url(forward));
+  EXPECT_EQ("widget://sample-clock/locales/fr/about.html", url(forward));
   EXPECT_EQ(kFrenchColour, colour(forward));
   EXPECT_EQ("Horloge exemple", title(forward));
 }
 
 TEST_F(WidgetBrowserTest, GermanReaderSeesTheGermanCopies) {
   Browse run = install("de-DE,en;q=0.5");
-  EXPECT_EQ("file://" + storage() + "/locales/de/index.html", url(run));
+  EXPECT_EQ("widget://sample-clock/locales/de/index.html", url(run));
   EXPECT_NE(std::string::npos, text(run).find("Ortszeit")) << text(run);
   EXPECT_EQ(kGermanColour, colour(run));
   EXPECT_EQ(std::make_pair(50, 30), imageSize(run));
@@ -215,14 +286,14 @@ TEST_F(WidgetBrowserTest, GermanReaderSeesTheGermanCopies) {
 
   Browse next = browse({"--lang", "de", "--exit-after-load", launchURL()},
                        {{"WIDGET_BROWSER_STEPS", "#next"}});
-  EXPECT_EQ("file://" + storage() + "/locales/de/about.html", url(next));
+  EXPECT_EQ("widget://sample-clock/locales/de/about.html", url(next));
   EXPECT_NE(std::string::npos, text(next).find("Zurück zur Uhr")) << text(next);
   EXPECT_EQ(kGermanColour, colour(next));
 }
 
 TEST_F(WidgetBrowserTest, ReaderWithoutACopyGetsTheDefaultFiles) {
   Browse run = install("ja");
-  EXPECT_EQ(launchURL(), url(run));
+  EXPECT_EQ("widget://sample-clock/index.html", url(run));
   EXPECT_NE(std::string::npos, text(run).find("Local time")) << text(run);
   EXPECT_EQ(kDefaultColour, colour(run));
   EXPECT_EQ(std::make_pair(48, 32), imageSize(run));
@@ -230,7 +301,7 @@ TEST_F(WidgetBrowserTest, ReaderWithoutACopyGetsTheDefaultFiles) {
 
   Browse next = browse({"--lang", "ja", "--exit-after-load", launchURL()},
                        {{"WIDGET_BROWSER_STEPS", "#next"}});
-  EXPECT_EQ("file://" + storage() + "/about.html", url(next));
+  EXPECT_EQ("widget://sample-clock/about.html", url(next));
   EXPECT_NE(std::string::npos, text(next).find("Back to the clock"));
 }
 
@@ -266,7 +337,7 @@ TEST_F(WidgetBrowserTest, FramesAndRequestsGetTheFrenchCopiesInsideThePage) {
                        "file://" + writePackage("frames.wgt", zip)});
   ASSERT_EQ(0, run.status) << run.err;
   // The frame's document did not replace the page.
-  EXPECT_EQ("file://" + root + "widget_frames/index.html", url(run));
+  EXPECT_EQ("widget://frames/index.html", url(run));
   EXPECT_EQ("cadre français|données",
             run.facts.value("documentTitle", std::string()));
   EXPECT_EQ("Frames", title(run));
@@ -279,9 +350,7 @@ TEST_F(WidgetBrowserTest, WidgetRootWhoseNameNeedsEscaping) {
   Browse run = browse({"--lang", "fr", "--exit-after-load", samplePackage()},
                       {{"WIDGET_PATH", spaced}});
   ASSERT_EQ(0, run.status) << run.out << run.err;
-  EXPECT_EQ("file://" + dir.file("my%20widgets") +
-                "/widget_sample-clock/locales/fr/index.html",
-            url(run));
+  EXPECT_EQ("widget://sample-clock/locales/fr/index.html", url(run));
   EXPECT_EQ(kFrenchColour, colour(run));
   EXPECT_EQ(std::make_pair(60, 40), imageSize(run));
   EXPECT_EQ("Horloge exemple", title(run));
@@ -291,7 +360,7 @@ TEST_F(WidgetBrowserTest, LanguageComesFromTheLocaleWithoutLang) {
   install("ja");
   Browse run = browse({"--exit-after-load", launchURL()},
                       {{"LANGUAGE", "de_AT:fr"}, {"LANG", "ja_JP.UTF-8"}});
-  EXPECT_EQ("file://" + storage() + "/locales/de/index.html", url(run));
+  EXPECT_EQ("widget://sample-clock/locales/de/index.html", url(run));
   EXPECT_EQ("Beispieluhr", title(run));
 }
 
@@ -411,6 +480,397 @@ TEST_F(WidgetBrowserTest, PageOutsideTheWidgetRootIsLoadedUntouched) {
   EXPECT_EQ("Plain text", text(run));
   EXPECT_EQ("rgb(1, 2, 3)", colour(run));
   EXPECT_EQ("Plain page", title(run));
+}
+
+// ---- The sandbox: a widget reaches its own files and what it was granted.
+
+// Functions that the test pages below share: each tries one way to read or
+// send something and says "blocked" or "LEAKED: <what came back>". Once the
+// page's tries have settled, finish() shows their results as JSON in
+// <pre id="results"> and adds #done, which the browser waits for.
+const char kProbes[] = R"JS(
+const results = {};
+const secrets = ['root:', 'VICTIM-SECRET', 'SQLite format', 'passwd'];
+function verdict(text) {
+  return secrets.some(s => text.includes(s)) ? 'LEAKED: ' + text.slice(0, 60)
+                                             : 'blocked';
+}
+function syncXhr(url) {
+  try {
+    const r = new XMLHttpRequest();
+    r.open('GET', url, false);
+    r.send();
+    return r.status === 200 ? 'LEAKED: ' + r.responseText.slice(0, 60)
+                            : verdict(r.responseText);
+  } catch (e) { return 'blocked'; }
+}
+function asyncXhr(url) {
+  return new Promise(resolve => {
+    try {
+      const r = new XMLHttpRequest();
+      r.open('GET', url);
+      r.onload = () => resolve(r.status === 200 ? 'ok: ' + r.responseText
+                                                : 'blocked');
+      r.onerror = () => resolve('blocked');
+      r.send();
+    } catch (e) { resolve('blocked'); }
+  });
+}
+async function tryFetch(url) {
+  try {
+    const r = await fetch(url);
+    const t = await r.text();
+    return r.ok ? 'ok: ' + t : 'blocked';
+  } catch (e) { return 'blocked'; }
+}
+function tryFrame(url) {
+  return new Promise(resolve => {
+    const f = document.createElement('iframe');
+    let settled = false;
+    const look = () => {
+      if (settled) return;
+      settled = true;
+      let text = '';
+      try {
+        const d = f.contentDocument;
+        text = d && d.documentElement ? d.documentElement.innerText : '';
+      } catch (e) { text = ''; }
+      resolve(verdict(text));
+    };
+    f.onload = () => setTimeout(look, 100);
+    setTimeout(look, 3000);
+    f.src = url;
+    document.body.appendChild(f);
+  });
+}
+function tryImage(url) {
+  return new Promise(resolve => {
+    const i = new Image();
+    i.onload = () => resolve('ok: ' + i.naturalWidth);
+    i.onerror = () => resolve('blocked');
+    i.src = url;
+  });
+}
+function tryScript(url) {
+  return new Promise(resolve => {
+    const s = document.createElement('script');
+    s.onload = () => resolve('ok: loaded');
+    s.onerror = () => resolve('blocked');
+    s.src = url;
+    document.head.appendChild(s);
+  });
+}
+function tryStyle(url) {
+  return new Promise(resolve => {
+    const l = document.createElement('link');
+    l.rel = 'stylesheet';
+    l.onload = () => resolve('ok: loaded');
+    l.onerror = () => resolve('blocked');
+    l.href = url;
+    document.head.appendChild(l);
+  });
+}
+function tryFont(url) {
+  try {
+    const font = new FontFace('probe', 'url(' + url + ')');
+    return font.load().then(() => 'ok: loaded', () => 'blocked');
+  } catch (e) { return Promise.resolve('blocked'); }
+}
+function tryMedia(url) {
+  return new Promise(resolve => {
+    const a = document.createElement('audio');
+    a.onerror = () => resolve('blocked');
+    a.oncanplay = () => resolve('ok: playable');
+    setTimeout(() => resolve('blocked'), 3000);
+    a.src = url;
+    a.load();
+  });
+}
+function trySocket(url) {
+  return new Promise(resolve => {
+    try {
+      const w = new WebSocket(url);
+      w.onopen = () => resolve('ok: open');
+      w.onerror = () => resolve('blocked');
+      setTimeout(() => resolve('blocked'), 3000);
+    } catch (e) { resolve('blocked'); }
+  });
+}
+function tryBeacon(url) {
+  try { navigator.sendBeacon(url, 'data'); } catch (e) {}
+  return 'sent';
+}
+async function finish(tries) {
+  for (const name of Object.keys(tries)) results[name] = await tries[name];
+  // A beacon or an image may still be on its way: the servers' counts are
+  // read after the browser has gone, so give them a moment to leave.
+  await new Promise(r => setTimeout(r, 300));
+  const pre = document.createElement('pre');
+  pre.id = 'results';
+  pre.textContent = JSON.stringify(results);
+  document.body.appendChild(pre);
+  const done = document.createElement('div');
+  done.id = 'done';
+  document.body.appendChild(done);
+}
+)JS";
+
+std::string page(const std::string& script, const std::string& body = "") {
+  return std::string("<!DOCTYPE html><html><head><meta charset=\"UTF-8\">"
+                     "<title>Probe</title><script>") +
+         kProbes + "</script></head><body><h1>Probe</h1>" + body +
+         "<script>" + script + "</script></body></html>";
+}
+
+TEST_F(WidgetBrowserTest, HostileWidgetReadsAndSendsNothing) {
+  // Another widget, with a secret of its own.
+  installWithEngine(widgetPackage(
+      "victim", "",
+      {{"index.html", "<p>victim</p>"},
+       {"secret.txt", "VICTIM-SECRET"},
+       {"secret.html", "<p>VICTIM-SECRET</p>"}}));
+  HttpServer remote;  // never granted: must receive nothing at all
+  for (const char* path : {"/script.js", "/style.css", "/img.png", "/font.woff",
+                           "/media.ogg", "/frame.html", "/xhr", "/fetch"})
+    remote.serve(path, 200, "VICTIM-SECRET",
+                 {{"Access-Control-Allow-Origin", "*"}});
+  const std::string r = remote.url("");
+  const std::string ws = "ws" + r.substr(4);
+  const std::string victim = "file://" + root + "widget_victim/secret.txt";
+  const std::string registry = "file://" + conf + "widget.db";
+  const std::string script =
+      "finish({"
+      // Files of the user, of another widget, of the engine.
+      "  syncXhrPasswd: syncXhr('file:///etc/passwd'),"
+      "  fetchPasswd: tryFetch('file:///etc/passwd'),"
+      "  framePasswd: tryFrame('file:///etc/passwd'),"
+      "  syncXhrListing: syncXhr('file:///etc/'),"
+      "  fetchListing: tryFetch('file:///etc/'),"
+      "  frameListing: tryFrame('file:///etc/'),"
+      "  syncXhrVictimFile: syncXhr('" + victim + "'),"
+      "  fetchVictimFile: tryFetch('" + victim + "'),"
+      "  syncXhrVictim: syncXhr('widget://victim/secret.txt'),"
+      "  fetchVictim: tryFetch('widget://victim/secret.txt'),"
+      "  frameVictim: tryFrame('widget://victim/secret.html'),"
+      "  syncXhrRegistry: syncXhr('" + registry + "'),"
+      "  fetchRegistry: tryFetch('" + registry + "'),"
+      "  frameRegistry: tryFrame('" + registry + "'),"
+      // Ways to climb out of its own directory.
+      "  climb: syncXhr('../../../../../../../../etc/passwd'),"
+      "  climbEscaped: syncXhr('%2e%2e/%2e%2e/%2e%2e/%2e%2e/%2e%2e/etc/passwd'),"
+      "  climbSlashes: syncXhr('x/..%2f..%2f..%2f..%2f..%2f..%2fetc/passwd'),"
+      "  climbBackslashes: syncXhr('..\\\\..\\\\..\\\\..\\\\..\\\\etc\\\\passwd'),"
+      "  climbToVictim: syncXhr('../widget_victim/secret.txt'),"
+      "  climbToVictimEscaped: syncXhr('%2e%2e/widget_victim/secret.txt'),"
+      // The network, without any <access>.
+      "  script: tryScript('" + r + "/script.js'),"
+      "  style: tryStyle('" + r + "/style.css'),"
+      "  image: tryImage('" + r + "/img.png'),"
+      "  font: tryFont('" + r + "/font.woff'),"
+      "  media: tryMedia('" + r + "/media.ogg'),"
+      "  frame: tryFrame('" + r + "/frame.html'),"
+      "  xhr: asyncXhr('" + r + "/xhr'),"
+      "  syncXhrRemote: syncXhr('" + r + "/xhr'),"
+      "  fetch: tryFetch('" + r + "/fetch'),"
+      "  beacon: tryBeacon('" + r + "/beacon'),"
+      "  socket: trySocket('" + ws + "/socket'),"
+      "  popup: window.open('" + r + "/popup') === null ? 'blocked' : 'opened',"
+      "});";
+  installWithEngine(
+      widgetPackage("hostile", "", {{"index.html", page(script)}}));
+  Browse run = browse({"--exit-after-load", "widget://hostile/index.html"},
+                      {{"WIDGET_BROWSER_STEPS", "wait:#done"}});
+  ASSERT_EQ(0, run.status) << run.out << run.err;
+  EXPECT_EQ("widget://hostile/index.html", url(run));
+  const nlohmann::json found = results(run);
+  ASSERT_EQ(32u, found.size()) << text(run);
+  for (const auto& entry : found.items()) {
+    const std::string value = entry.value().get<std::string>();
+    if (entry.key() == "beacon") continue;  // seen at the server only
+    EXPECT_EQ("blocked", value) << entry.key();
+  }
+  EXPECT_EQ(0, remote.requestCount()) << run.err;
+}
+
+TEST_F(WidgetBrowserTest, WidgetWindowStaysOnTheWidget) {
+  installWithEngine(widgetPackage(
+      "victim", "", {{"index.html", "<p>VICTIM-SECRET</p>"}}));
+  HttpServer site;  // not granted
+  site.serve("/page.html", 200, "<p>site</p>");
+  const std::string body =
+      "<a id=\"file\" href=\"file:///etc/passwd\">f</a>"
+      "<a id=\"listing\" href=\"file:///etc/\">l</a>"
+      "<a id=\"other\" href=\"widget://victim/index.html\">o</a>"
+      "<a id=\"site\" href=\"" + site.url("/page.html") + "\">s</a>"
+      "<a id=\"blank\" target=\"_blank\" href=\"about.html\">b</a>"
+      "<a id=\"blanksite\" target=\"_blank\" href=\"" +
+      site.url("/page.html") + "\">b</a>"
+      "<a id=\"data\" href=\"data:text/html,<p>data</p>\">d</a>"
+      "<a id=\"save\" download href=\"about.html\">v</a>"
+      "<a id=\"bin\" href=\"payload.bin\">p</a>"
+      "<a id=\"ping\" ping=\"" + site.url("/ping") + "\" href=\"#pinged\">p</a>";
+  installWithEngine(widgetPackage(
+      "hostile", "",
+      {{"index.html",
+        page("window.loadedOnce = (window.loadedOnce || 0) + 1;"
+             "setTimeout(() => location.href = 'file:///etc/passwd', 0);",
+             body)},
+       {"about.html", "<p>about</p>"},
+       {"payload.bin", std::string("\x7f" "ELF\x01\x02", 6)}}));
+  const std::string home = dir.file("home");
+  ASSERT_EQ(0, mkdir(home.c_str(), 0700));
+  // Each click is refused and the next one is made on the same page; were
+  // one let through, the rest would find no link and the page would be
+  // another.
+  Browse run = browse(
+      {"--exit-after-load", "widget://hostile/index.html"},
+      {{"WIDGET_BROWSER_STEPS",
+        "#file #listing #other #site #blank #blanksite #save #bin #ping"},
+       {"HOME", home},
+       {"XDG_CONFIG_HOME", home + "/.config"},
+       {"XDG_DOWNLOAD_DIR", home}});
+  ASSERT_EQ(0, run.status) << run.out << run.err;
+  // The last link only moves within the page (and would send its ping).
+  EXPECT_EQ("widget://hostile/index.html#pinged", url(run));
+  EXPECT_EQ("Probe", run.facts.value("documentTitle", std::string()));
+  EXPECT_EQ(std::string::npos, text(run).find("VICTIM-SECRET"));
+  EXPECT_EQ(0, site.requestCount()) << run.err;
+  // Nothing was saved anywhere in the user's home.
+  EXPECT_EQ("", filesNamed(home, {"about.html", "payload.bin"}));
+  // Each refusal left a line, WebKit's own among them.
+  for (const std::string& line :
+       {std::string("refused by WebKit: Not allowed to load local resource: "
+                    "file:///etc/passwd"),
+        std::string("refused to open widget://victim/index.html"),
+        "refused to open " + site.url("/page.html"),
+        std::string("refused to open widget://hostile/about.html"),
+        std::string("refused to open widget://hostile/payload.bin"),
+        std::string("refused to download widget://hostile/about.html")})
+    EXPECT_NE(std::string::npos, run.err.find(line)) << line << "\n" << run.err;
+}
+
+TEST_F(WidgetBrowserTest, GrantedWidgetReachesExactlyItsOrigin) {
+  HttpServer granted;
+  HttpServer other;  // a second origin on the same host: must get nothing
+  const HttpServer::Headers cors = {{"Access-Control-Allow-Origin", "*"}};
+  // A granted origin that sends the page on to one that is not.
+  granted.serve("/redirect", 302, "", {{"Location", other.url("/data.txt")},
+                                       {"Access-Control-Allow-Origin", "*"}});
+  for (HttpServer* server : {&granted, &other}) {
+    server->serve("/script.js", 200, "window.remoteScript = 1;", cors);
+    server->serve("/data.txt", 200, "remote data", cors);
+    server->serve("/data.txt?fetch", 200, "remote data", cors);
+    server->serve("/page.html", 200, "<p>remote page</p>", cors);
+  }
+  const std::string g = granted.url("");
+  const std::string o = other.url("");
+  const std::string script =
+      "finish({"
+      "  script: tryScript('" + g + "/script.js'),"
+      "  xhr: asyncXhr('" + g + "/data.txt'),"
+      "  fetch: tryFetch('" + g + "/data.txt?fetch'),"
+      "  frame: new Promise(r => { const f = document.createElement('iframe');"
+      "    f.onload = () => r('loaded'); f.src = '" + g + "/page.html';"
+      "    document.body.appendChild(f); }),"
+      "  socket: trySocket('ws" + g.substr(4) + "/socket'),"
+      "  otherScript: tryScript('" + o + "/script.js'),"
+      "  otherXhr: asyncXhr('" + o + "/data.txt'),"
+      "  otherFetch: tryFetch('" + o + "/data.txt'),"
+      "  otherImage: tryImage('" + o + "/img.png'),"
+      "  otherFrame: tryFrame('" + o + "/page.html'),"
+      "  otherSocket: trySocket('ws" + o.substr(4) + "/socket'),"
+      "  otherBeacon: tryBeacon('" + o + "/beacon'),"
+      "  redirected: tryFetch('" + g + "/redirect'),"
+      "});";
+  installWithEngine(widgetPackage(
+      "granted",
+      "  <access origin=\"" + g + "\"/>\n",
+      {{"index.html",
+        page(script, "<a id=\"away\" href=\"" + g + "/page.html?top\">a</a>")}}));
+  Browse run = browse({"--exit-after-load", "widget://granted/index.html"},
+                      {{"WIDGET_BROWSER_STEPS", "wait:#done #away"}});
+  ASSERT_EQ(0, run.status) << run.out << run.err;
+  const nlohmann::json found = results(run);
+  EXPECT_EQ("ok: loaded", found.value("script", "")) << text(run);
+  EXPECT_EQ("ok: remote data", found.value("xhr", "")) << text(run);
+  EXPECT_EQ("ok: remote data", found.value("fetch", "")) << text(run);
+  EXPECT_EQ("loaded", found.value("frame", "")) << text(run);
+  for (const char* name : {"otherScript", "otherXhr", "otherFetch",
+                           "otherImage", "otherFrame", "otherSocket",
+                           "redirected"})
+    EXPECT_EQ("blocked", found.value(name, "")) << name;
+  EXPECT_EQ(1, granted.requestCount("/script.js"));
+  EXPECT_EQ(1, granted.requestCount("/data.txt"));
+  EXPECT_EQ(1, granted.requestCount("/data.txt?fetch"));
+  EXPECT_EQ(1, granted.requestCount("/page.html"));
+  EXPECT_EQ(1, granted.requestCount("/socket"));
+  EXPECT_EQ(1, granted.requestCount("/redirect"));
+  EXPECT_EQ(0, other.requestCount()) << run.err;
+  // A granted origin is reached from the page, but the window stays on the
+  // widget when a link leads there.
+  EXPECT_EQ("widget://granted/index.html", url(run));
+}
+
+TEST_F(WidgetBrowserTest, WidgetReadsItsOwnFilesInTheReadersLanguage) {
+  const std::string script =
+      "finish({"
+      "  fetch: tryFetch('data.txt'),"
+      "  xhr: asyncXhr('data.txt'),"
+      "  sync: syncXhr('data.txt'),"
+      "  json: fetch('data.json').then(r => r.json()).then(j => 'ok: ' + j.word,"
+      "                                                  () => 'failed'),"
+      "  type: fetch('data.json').then(r => r.headers.get('Content-Type'),"
+      "                                () => 'failed'),"
+      "  nested: tryFetch('sub/deep.txt'),"
+      "  absolute: tryFetch('/data.txt'),"
+      "  missing: tryFetch('missing.txt'),"
+      "});";
+  installWithEngine(widgetPackage(
+      "own", "",
+      {{"index.html", page(script)},
+       {"data.txt", "default data"},
+       {"data.json", "{\"word\": \"default\"}"},
+       {"sub/deep.txt", "default deep"},
+       {"locales/fr/data.txt", "données"},
+       {"locales/fr/data.json", "{\"word\": \"français\"}"},
+       {"locales/fr/sub/deep.txt", "profond"}}));
+  Browse run = browse({"--lang", "fr", "--exit-after-load",
+                       "file://" + root + "widget_own/index.html"},
+                      {{"WIDGET_BROWSER_STEPS", "wait:#done"}});
+  ASSERT_EQ(0, run.status) << run.out << run.err;
+  EXPECT_EQ("widget://own/index.html", url(run));
+  const nlohmann::json found = results(run);
+  EXPECT_EQ("ok: données", found.value("fetch", "")) << text(run);
+  EXPECT_EQ("ok: données", found.value("xhr", "")) << text(run);
+  EXPECT_EQ("LEAKED: données", found.value("sync", "")) << text(run);
+  EXPECT_EQ("ok: français", found.value("json", "")) << text(run);
+  EXPECT_EQ("application/json", found.value("type", "")) << text(run);
+  EXPECT_EQ("ok: profond", found.value("nested", "")) << text(run);
+  EXPECT_EQ("ok: données", found.value("absolute", "")) << text(run);
+  EXPECT_EQ("blocked", found.value("missing", "")) << text(run);
+}
+
+// The package's own name holds a blank: the engine is handed it escaped,
+// and the widget's directory and launch address then hold a "%".
+TEST_F(WidgetBrowserTest, PackageNameWithABlank) {
+  const std::string package = dir.file("my clock.wgt");
+  TempDir::writeFile(package, TempDir::readFile(samplePackage()));
+  Browse run = browse({"--lang", "fr", "--exit-after-load", package});
+  ASSERT_EQ(0, run.status) << run.out << run.err;
+  EXPECT_EQ(0u, url(run).rfind("widget://", 0)) << url(run);
+  EXPECT_EQ(kFrenchColour, colour(run));
+  EXPECT_EQ("Horloge exemple", title(run));
+}
+
+TEST_F(WidgetBrowserTest, PlainPathWithBlanksAndPercentSigns) {
+  const std::string folder = dir.file("my pkgs 100%");
+  ASSERT_EQ(0, mkdir(folder.c_str(), 0755));
+  const std::string package = folder + "/sample-clock.wgt";
+  TempDir::writeFile(package, TempDir::readFile(samplePackage()));
+  Browse run = browse({"--lang", "fr", "--exit-after-load", package});
+  ASSERT_EQ(0, run.status) << run.out << run.err;
+  EXPECT_EQ("widget://sample-clock/locales/fr/index.html", url(run));
+  EXPECT_EQ(kFrenchColour, colour(run));
 }
 
 }  // namespace

@@ -7,7 +7,9 @@
 //
 // URL is a widget package (http://, file:// or a plain path), which is
 // installed and then opened at the launch address the engine answers, or any
-// other address, which is opened as it is.
+// other address, which is opened as it is. A widget is shown from the
+// browser's widget:// scheme, confined to its own files and the network
+// origins its config.xml grants (BrowserWindow.cpp, WidgetScheme.cpp).
 #include <limits.h>
 #include <stdlib.h>
 #include <string.h>
@@ -28,6 +30,7 @@
 
 #include "host/BrowserWindow.h"
 #include "host/OutputCapture.h"
+#include "host/ResourceMapper.h"
 
 #ifndef WIDGET_BROWSER_EXTENSION_DIR
 #define WIDGET_BROWSER_EXTENSION_DIR "/usr/lib/widget-browser"
@@ -144,7 +147,9 @@ int main(int argc, char** argv) {
   g_option_context_set_summary(
       parser,
       "Installs the widget package at URL with the widget engine and shows it,\n"
-      "or opens URL as it is when it is not a package.");
+      "or opens URL as it is when it is not a package. A widget is shown from\n"
+      "widget://NAME/, confined to its own files and to the network origins\n"
+      "its config.xml grants; its window stays on it.");
   g_option_context_add_main_entries(parser, entries, nullptr);
   g_option_context_add_group(parser, gtk_get_option_group(FALSE));
   GError* error = nullptr;
@@ -199,8 +204,17 @@ int main(int argc, char** argv) {
                 << std::endl;
       return 2;
     }
-    url = std::string("file://") + absolute;
+    // A file:// address, escaped: a path with a blank, "%" or "#" in it
+    // would otherwise name another file, or none.
+    char* uri = g_filename_to_uri(absolute, nullptr, nullptr);
     free(absolute);
+    if (uri == nullptr) {
+      std::cerr << "widget-browser: " << url << ": not a file name"
+                << std::endl;
+      return 2;
+    }
+    url = uri;
+    g_free(uri);
   }
 
   // The engine reads YRA_DATA_PATH and WIDGET_PATH itself; the browser only
@@ -208,7 +222,8 @@ int main(int argc, char** argv) {
   RefPtr<WebWidgetEngineDelegate> engine = WidgetEngineDelegate::createInstance();
   BrowserWindow window(engine.get(), options);
 
-  if (engine->isWidget(url.c_str()) == 1 || !looksLikePackage(url)) {
+  if (engine->isWidget(ResourceMapper::engineAddress(url).c_str()) == 1 ||
+      !looksLikePackage(url)) {
     window.open(url);
   } else {
     const auto start = std::chrono::steady_clock::now();
