@@ -8,10 +8,14 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <iostream>
 #include <vector>
 
+#include <widgetengine/WidgetEngineExtensions.h>
+
 #include "base/EngineOutput.h"
+#include "base/Refusal.h"
 #include "install/InstallLock.h"
 #include "install/WidgetInstaller.h"
 #include "registry/SqlLite3.h"
@@ -98,7 +102,11 @@ int WidgetUnInstaller::run() {
     engineOut() << "WidgetUnInstaller cannot be run twice" << std::endl;
     return -1;
   }
-  if (database->isOpen() != 1) return -1;
+  if (database->isOpen() != 1) {
+    refusal::note(WIDGETENGINE_REFUSAL_REGISTRY,
+                  "the widget registry cannot be opened");
+    return -1;
+  }
 
   // Not while an installation of the same name runs: it may be about to
   // register the directory this removal would find half-written. Without a
@@ -111,6 +119,8 @@ int WidgetUnInstaller::run() {
   std::vector<WidgetsData*> records = database->selectWidgetsByName(name);
   if (records.empty()) return 0;
   if (records.size() > 1) {
+    refusal::note(WIDGETENGINE_REFUSAL_REGISTRY,
+                  "the widget registry holds " + name + " more than once");
     engineOut() << "It's not possible to see this log. Database integrity problem"
               << std::endl;
     engineOut() << "'name' Field in 'Widgets' Table must be unique" << std::endl;
@@ -125,6 +135,9 @@ int WidgetUnInstaller::run() {
   // directory: a row pointing at the widget root, or anywhere else, would
   // take a whole tree with it.
   if (!isOwnDirectory(storagePath, name)) {
+    refusal::note(WIDGETENGINE_REFUSAL_REMOVE_FAILED,
+                  "the registry names " + storagePath + ", not the directory widget_" +
+                      name + "/");
     engineOut() << "Refusing to delete " << storagePath << ": it is not the "
               << "directory widget_" << name << "/ of widget " << name
               << std::endl;
@@ -134,6 +147,8 @@ int WidgetUnInstaller::run() {
   engineOut() << "Try to delete directory on fileSystem : " << storagePath
             << std::endl;
   if (!removeWidgetDirectory(storagePath)) {
+    refusal::note(WIDGETENGINE_REFUSAL_REMOVE_FAILED,
+                  "cannot remove " + storagePath + ": " + strerror(errno));
     engineOut() << "Error : can't delete this directory : " << storagePath
               << std::endl;
     return -1;
@@ -142,6 +157,9 @@ int WidgetUnInstaller::run() {
   engineOut() << "Delete OK !!!" << std::endl;
   engineOut() << "Delete from database ..." << std::endl;
   if (database->deleteWidgetByName(name) != 0) {
+    refusal::note(WIDGETENGINE_REFUSAL_REGISTRY,
+                  "cannot remove " + name + " from the widget registry: " +
+                      database->lastError());
     engineOut() << "Error, can't delete this widget in database !!!" << std::endl;
     engineOut() << "Integrity problem because widget is in database, but not in "
                  "fileSystem :("
