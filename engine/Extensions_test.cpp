@@ -4,7 +4,9 @@
 // HTTP download and unpacking, the host's own log sink, and the
 // Accept-Language helper feeding the engine's locale lookups.
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <widgetengine/WidgetEngineDelegate.h>
 #include <widgetengine/WidgetEngineExtensions.h>
 
@@ -20,6 +22,7 @@
 #include "testing/CaptureStdout.h"
 #include "testing/ConfigXml.h"
 #include "testing/HttpServer.h"
+#include "testing/ScopedEnv.h"
 #include "testing/WidgetSandbox.h"
 #include "testing/ZipBuilder.h"
 
@@ -177,6 +180,27 @@ TEST_F(ExtensionsTest, RefusalsOfThePackageSayWhy) {
   EXPECT_FALSE(receive("file://" + writePackage("nostart.wgt", noStart)));
   EXPECT_EQ(WIDGETENGINE_REFUSAL_NO_START_FILE, widgetengine_last_refusal(nullptr));
   EXPECT_TRUE(nothingLeft());
+}
+
+TEST_F(ExtensionsTest, APackageThatDoesNotFitSaysSo) {
+  if (geteuid() != 0) GTEST_SKIP() << "mounting a tmpfs needs root";
+  const std::string small = dir.path() + "/small/";
+  ASSERT_EQ(0, mkdir(small.c_str(), 0755));
+  if (mount("tmpfs", small.c_str(), "tmpfs", 0, "size=256k") != 0)
+    GTEST_SKIP() << "mount failed";
+  ASSERT_EQ(0, mkdir((small + "tmp").c_str(), 0755));
+  ZipBuilder zip;
+  addClock(zip);
+  zip.addZeros("big.bin", 4 * 1024 * 1024);
+  const std::string package = "file://" + writePackage("clock.wgt", zip);
+  {
+    ScopedEnv root("WIDGET_PATH", small);
+    EXPECT_FALSE(receive(package));
+  }
+  umount(small.c_str());
+  int code;
+  EXPECT_EQ("no space left for the package", lastReason(&code));
+  EXPECT_EQ(WIDGETENGINE_REFUSAL_NO_SPACE, code);
 }
 
 TEST_F(ExtensionsTest, AnInvalidConfigXmlGivesItsLine) {

@@ -447,7 +447,8 @@ bool copySpan(EntryWriter& out, const unsigned char* at, size_t length,
 }
 
 // The reason a refused package gives the host (Refusal.h), from the line
-// that refuses it; number is the errno of the lines that carry one.
+// that refuses it; number is what the line carries: an errno for the lines
+// about writing, a libzip error for the others.
 void noteRefusal(const std::string& message, long number) {
   struct Known {
     const char* line;
@@ -479,16 +480,17 @@ void noteRefusal(const std::string& message, long number) {
   for (const Known& known : kKnown) {
     const size_t length = strlen(known.line);
     if (message.compare(0, length, known.line) != 0) continue;
-    if (number == ENOSPC) {
+    const bool writing = known.code == WIDGETENGINE_REFUSAL_WRITE_FAILED;
+    if (writing && number == ENOSPC) {
       refusal::note(WIDGETENGINE_REFUSAL_NO_SPACE,
                     "no space left for the package");
-    } else if (number == EFBIG) {
+    } else if (writing && number == EFBIG) {
       refusal::note(WIDGETENGINE_REFUSAL_DAMAGED_ENTRY,
                     "damaged entry in the package: it holds more than it "
                     "declares");
     } else if (known.code == WIDGETENGINE_REFUSAL_BAD_ENTRY_NAME) {
       refusal::note(known.code, known.reason + message.substr(length));
-    } else if (known.code == WIDGETENGINE_REFUSAL_WRITE_FAILED && number > 0) {
+    } else if (writing && number > 0) {
       refusal::note(known.code, std::string(known.reason) + ": " +
                                     strerror(static_cast<int>(number)));
     } else {
