@@ -28,6 +28,8 @@ std::atomic<int> route{kUnread};
 // The destination chosen last (by the environment or the host), to which a
 // removed sink hands back.
 std::atomic<int> destination{kUnread};
+// What WIDGETENGINE_LOG chose.
+std::atomic<int> environmentChoice{kStdout};
 std::once_flag environmentRead;
 
 std::mutex sinkMutex;
@@ -46,13 +48,13 @@ int routeFromEnvironment() {
 int currentRoute() {
   const int chosen = route.load(std::memory_order_acquire);
   if (chosen != kUnread) return chosen;
+  // The host's settings read the environment first too, so that what they
+  // choose is never overwritten by it.
   std::call_once(environmentRead, [] {
-    int unread = kUnread;
     const int fromEnvironment = routeFromEnvironment();
-    // The host may have chosen before the engine first wrote: it wins.
-    destination.compare_exchange_strong(unread, fromEnvironment);
-    unread = kUnread;
-    route.compare_exchange_strong(unread, fromEnvironment);
+    environmentChoice.store(fromEnvironment, std::memory_order_release);
+    destination.store(fromEnvironment, std::memory_order_release);
+    route.store(fromEnvironment, std::memory_order_release);
   });
   return route.load(std::memory_order_acquire);
 }
@@ -77,7 +79,6 @@ const char* const kErrorLines[] = {
     "Document of the wrong type",
     "Widget configuration document is invalid",
     "Empty document",
-    "Empty widget configuration",
     "It's not possible to see this log",
     "'sourceURL' Field",
     "'name' Field",
@@ -99,9 +100,11 @@ void deliver(int level, const std::string& line) {
     case kSyslog:
       // Blank lines only space out the terminal's view of a job.
       if (line.empty()) return;
-      syslog(LOG_USER | (level == WIDGETENGINE_LOG_ERROR     ? LOG_ERR
-                         : level == WIDGETENGINE_LOG_VERBOSE ? LOG_DEBUG
-                                                             : LOG_INFO),
+      // The facility and the tag are the host's (openlog), "user" and the
+      // program's name unless it chose others.
+      syslog(level == WIDGETENGINE_LOG_ERROR     ? LOG_ERR
+             : level == WIDGETENGINE_LOG_VERBOSE ? LOG_DEBUG
+                                                 : LOG_INFO,
              "%s", line.c_str());
       return;
     case kSink: {
@@ -243,8 +246,8 @@ int enginePrintf(const char* format, ...) {
 }
 
 void enginePerror(const char* prefix) {
-  const int route = currentRoute();
-  if (route == kStdout || route == kStderr) {
+  const int now = currentRoute();
+  if (now == kStdout || now == kStderr) {
     std::perror(prefix);
     return;
   }
@@ -257,16 +260,16 @@ void enginePerror(const char* prefix) {
 }
 
 extern "C" int widgetengine_set_log_destination(int chosen) {
+  currentRoute();
   int next;
   switch (chosen) {
-    case WIDGETENGINE_LOG_TO_DEFAULT: next = routeFromEnvironment(); break;
+    case WIDGETENGINE_LOG_TO_DEFAULT: next = environmentChoice.load(); break;
     case WIDGETENGINE_LOG_TO_STDOUT: next = kStdout; break;
     case WIDGETENGINE_LOG_TO_STDERR: next = kStderr; break;
     case WIDGETENGINE_LOG_TO_SYSLOG: next = kSyslog; break;
     case WIDGETENGINE_LOG_TO_QUIET: next = kQuiet; break;
     default: return -1;
   }
-  currentRoute();
   finishCallingThreadsLine();
   std::lock_guard<std::mutex> hold(sinkMutex);
   sinkFunction = nullptr;
