@@ -1,18 +1,291 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "base/EngineOutput.h"
 
+#include <syslog.h>
+#include <widgetengine/WidgetEngineExtensions.h>
+
+#include <atomic>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <iostream>
+#include <mutex>
+#include <streambuf>
 
-std::ostream& engineOut() { return std::cout; }
+// Standard output and standard error are written as they always were: the
+// streams themselves, so that printf and std::cout keep their order and a
+// line without a line end stays as it was. Every other destination needs
+// whole lines, which a per-thread buffer assembles from the pieces the
+// engine writes; a piece without a line end waits there for the rest.
+
+namespace {
+
+// What the engine does with a line; kUnread until WIDGETENGINE_LOG is read.
+enum Route { kUnread = -1, kStdout = 0, kStderr, kSyslog, kQuiet, kSink };
+
+std::atomic<int> route{kUnread};
+// The destination chosen last (by the environment or the host), to which a
+// removed sink hands back.
+std::atomic<int> destination{kUnread};
+// What WIDGETENGINE_LOG chose.
+std::atomic<int> environmentChoice{kStdout};
+std::once_flag environmentRead;
+
+std::mutex sinkMutex;
+widgetengine_log_sink sinkFunction = nullptr;
+void* sinkData = nullptr;
+
+int routeFromEnvironment() {
+  const char* value = getenv("WIDGETENGINE_LOG");
+  if (value == nullptr) return kStdout;
+  if (strcmp(value, "stderr") == 0) return kStderr;
+  if (strcmp(value, "syslog") == 0) return kSyslog;
+  if (strcmp(value, "quiet") == 0) return kQuiet;
+  return kStdout;  // "stdout", and any value not understood
+}
+
+int currentRoute() {
+  const int chosen = route.load(std::memory_order_acquire);
+  if (chosen != kUnread) return chosen;
+  // The host's settings read the environment first too, so that what they
+  // choose is never overwritten by it.
+  std::call_once(environmentRead, [] {
+    const int fromEnvironment = routeFromEnvironment();
+    environmentChoice.store(fromEnvironment, std::memory_order_release);
+    destination.store(fromEnvironment, std::memory_order_release);
+    route.store(fromEnvironment, std::memory_order_release);
+  });
+  return route.load(std::memory_order_acquire);
+}
+
+bool startsWith(const std::string& line, size_t at, const char* prefix) {
+  return line.compare(at, strlen(prefix), prefix) == 0;
+}
+
+// Lines that say a job failed, as the engine words them.
+const char* const kErrorLines[] = {
+    "Error",
+    "Could not",
+    "Cannot ",
+    "Can't ",
+    "Zip archive",
+    "Empty archive",
+    "Incorrect file name",
+    "Directory could not",
+    "Subdirectory could not",
+    "No start file found",
+    "Document not parsed",
+    "Document of the wrong type",
+    "Widget configuration document is invalid",
+    "Empty document",
+    "It's not possible to see this log",
+    "'sourceURL' Field",
+    "'name' Field",
+    "Integrity problem",
+    "Refusing to delete",
+    "The widget name",
+    "No widget with this name",
+    "WidgetInstaller cannot be run twice",
+    "WidgetUnInstaller cannot be run twice",
+    "HAVE YOU READ",
+    "Unable to",
+};
+
+void deliver(int level, const std::string& line) {
+  switch (route.load(std::memory_order_acquire)) {
+    case kStderr:
+      fprintf(stderr, "%s\n", line.c_str());
+      return;
+    case kSyslog:
+      // Blank lines only space out the terminal's view of a job.
+      if (line.empty()) return;
+      // The facility and the tag are the host's (openlog), "user" and the
+      // program's name unless it chose others.
+      syslog(level == WIDGETENGINE_LOG_ERROR     ? LOG_ERR
+             : level == WIDGETENGINE_LOG_VERBOSE ? LOG_DEBUG
+                                                 : LOG_INFO,
+             "%s", line.c_str());
+      return;
+    case kSink: {
+      // Called without the lock, so that a sink may itself use the engine.
+      widgetengine_log_sink sink;
+      void* data;
+      {
+        std::lock_guard<std::mutex> hold(sinkMutex);
+        sink = sinkFunction;
+        data = sinkData;
+      }
+      if (sink != nullptr) sink(level, line.c_str(), data);
+      return;
+    }
+    default:
+      return;
+  }
+}
+
+// Collects the pieces written through engineOut() and enginePrintf() on one
+// thread and hands each whole line on.
+class LineBuffer : public std::streambuf {
+ public:
+  void append(const char* data, size_t size) {
+    const char* end = data + size;
+    while (data < end) {
+      const char* newline =
+          static_cast<const char*>(memchr(data, '\n', end - data));
+      if (newline == nullptr) {
+        pending_.append(data, end - data);
+        return;
+      }
+      pending_.append(data, newline - data);
+      const std::string line = std::move(pending_);
+      pending_.clear();
+      deliver(engineLineLevel(line), line);
+      data = newline + 1;
+    }
+  }
+
+  // Hands on what waits for its line end as a line of its own.
+  void finishLine() {
+    if (pending_.empty()) return;
+    const std::string line = std::move(pending_);
+    pending_.clear();
+    deliver(engineLineLevel(line), line);
+  }
+
+ protected:
+  int_type overflow(int_type c) override {
+    if (c != traits_type::eof()) {
+      const char ch = traits_type::to_char_type(c);
+      append(&ch, 1);
+    }
+    return traits_type::not_eof(c);
+  }
+  std::streamsize xsputn(const char* data, std::streamsize size) override {
+    append(data, static_cast<size_t>(size));
+    return size;
+  }
+
+ private:
+  std::string pending_;
+};
+
+struct LineStream {
+  LineBuffer buffer;
+  std::ostream stream{&buffer};
+};
+
+LineStream& lineStream() {
+  thread_local LineStream lines;
+  return lines;
+}
+
+// Before the destination changes, the calling thread's unfinished line goes
+// where the rest of it went.
+void finishCallingThreadsLine() {
+  const int now = route.load(std::memory_order_acquire);
+  if (now != kStdout && now != kStderr) lineStream().buffer.finishLine();
+}
+
+}  // namespace
+
+int engineLineLevel(const std::string& line) {
+  if (startsWith(line, 0, "[E:")) return WIDGETENGINE_LOG_ERROR;
+  size_t text = 0;
+  if (startsWith(line, 0, "[V:")) {
+    // "[V:Module] text": a trace, unless its text reports a failure.
+    const size_t close = line.find("] ");
+    text = close == std::string::npos ? line.size() : close + 2;
+  }
+  for (const char* prefix : kErrorLines) {
+    if (startsWith(line, text, prefix)) return WIDGETENGINE_LOG_ERROR;
+  }
+  return text == 0 ? WIDGETENGINE_LOG_INFO : WIDGETENGINE_LOG_VERBOSE;
+}
+
+std::ostream& engineOut() {
+  switch (currentRoute()) {
+    case kStdout:
+      return std::cout;
+    case kStderr:
+      return std::cerr;
+    default:
+      return lineStream().stream;
+  }
+}
 
 int enginePrintf(const char* format, ...) {
   va_list args;
   va_start(args, format);
-  int written = std::vprintf(format, args);
+  int written;
+  switch (currentRoute()) {
+    case kStdout:
+      written = std::vprintf(format, args);
+      break;
+    case kStderr:
+      written = std::vfprintf(stderr, format, args);
+      break;
+    default: {
+      char small[512];
+      va_list again;
+      va_copy(again, args);
+      written = std::vsnprintf(small, sizeof small, format, args);
+      if (written >= static_cast<int>(sizeof small)) {
+        std::string large(static_cast<size_t>(written) + 1, '\0');
+        std::vsnprintf(&large[0], large.size(), format, again);
+        lineStream().buffer.append(large.data(), static_cast<size_t>(written));
+      } else if (written > 0) {
+        lineStream().buffer.append(small, static_cast<size_t>(written));
+      }
+      va_end(again);
+      break;
+    }
+  }
   va_end(args);
   return written;
 }
 
-void enginePerror(const char* prefix) { std::perror(prefix); }
+void enginePerror(const char* prefix) {
+  const int now = currentRoute();
+  if (now == kStdout || now == kStderr) {
+    std::perror(prefix);
+    return;
+  }
+  const int error = errno;
+  std::string line;
+  if (prefix != nullptr && *prefix != '\0') line = std::string(prefix) + ": ";
+  line += strerror(error);
+  deliver(WIDGETENGINE_LOG_ERROR, line);
+  errno = error;
+}
+
+extern "C" int widgetengine_set_log_destination(int chosen) {
+  currentRoute();
+  int next;
+  switch (chosen) {
+    case WIDGETENGINE_LOG_TO_DEFAULT: next = environmentChoice.load(); break;
+    case WIDGETENGINE_LOG_TO_STDOUT: next = kStdout; break;
+    case WIDGETENGINE_LOG_TO_STDERR: next = kStderr; break;
+    case WIDGETENGINE_LOG_TO_SYSLOG: next = kSyslog; break;
+    case WIDGETENGINE_LOG_TO_QUIET: next = kQuiet; break;
+    default: return -1;
+  }
+  finishCallingThreadsLine();
+  std::lock_guard<std::mutex> hold(sinkMutex);
+  sinkFunction = nullptr;
+  sinkData = nullptr;
+  destination.store(next, std::memory_order_release);
+  route.store(next, std::memory_order_release);
+  return 0;
+}
+
+extern "C" void widgetengine_set_log_sink(widgetengine_log_sink sink,
+                                          void* userData) {
+  currentRoute();
+  finishCallingThreadsLine();
+  std::lock_guard<std::mutex> hold(sinkMutex);
+  sinkFunction = sink;
+  sinkData = userData;
+  route.store(sink != nullptr ? kSink : destination.load(),
+              std::memory_order_release);
+}

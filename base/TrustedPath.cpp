@@ -9,6 +9,10 @@
 #include <cstdio>
 #include <cstring>
 
+#include <widgetengine/WidgetEngineExtensions.h>
+
+#include "base/Refusal.h"
+
 namespace {
 
 std::string octal(mode_t mode) {
@@ -29,6 +33,7 @@ bool TrustedPath::opened(int fd, const std::string& path, std::string* reason) {
   if (status.st_uid != self && status.st_uid != 0) {
     *reason = path + " belongs to another user (uid " +
               std::to_string(status.st_uid) + ")";
+    refusal::note(WIDGETENGINE_REFUSAL_UNTRUSTED, *reason);
     return false;
   }
   // A directory with the sticky bit still lets others add names to it; only
@@ -36,6 +41,7 @@ bool TrustedPath::opened(int fd, const std::string& path, std::string* reason) {
   if (status.st_mode & (S_IWGRP | S_IWOTH)) {
     *reason = path + " is writable by other users (mode " +
               octal(status.st_mode) + ")";
+    refusal::note(WIDGETENGINE_REFUSAL_UNTRUSTED, *reason);
     return false;
   }
   return true;
@@ -68,6 +74,7 @@ bool TrustedPath::fileIfPresent(const std::string& path, std::string* reason) {
     *reason = "cannot look at " + path + ": " + strerror(errno);
   } else if (S_ISLNK(status.st_mode)) {
     *reason = path + " is a link";
+    refusal::note(WIDGETENGINE_REFUSAL_UNTRUSTED, *reason);
     trusted = false;
   } else {
     // Whatever else stands there (a directory, say) is the caller's to

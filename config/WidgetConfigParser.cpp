@@ -16,7 +16,10 @@
 #include <unordered_map>
 #include <vector>
 
+#include <widgetengine/WidgetEngineExtensions.h>
+
 #include "base/EngineOutput.h"
+#include "base/Refusal.h"
 #include "config/WidgetConfig.h"
 #include "config/WidgetFeatureInfo.h"
 #include "config/WidgetIconInfo.h"
@@ -32,6 +35,28 @@ const xmlChar* X(const char* text) {
 
 void ignoreGenericError(void*, const char*, ...) {}
 void ignoreStructuredError(void*, xmlErrorPtr) {}
+
+// The first complaint of a parse or validation, for the refusal's reason:
+// "at line L: message".
+struct FirstError {
+  std::string text;
+};
+
+std::string describe(const xmlError* error) {
+  if (error == nullptr) return "";
+  std::string message = error->message ? error->message : "";
+  while (!message.empty() && (message.back() == '\n' || message.back() == ' '))
+    message.pop_back();
+  std::string text;
+  if (error->line > 0) text = " at line " + std::to_string(error->line);
+  if (!message.empty()) text += ": " + message;
+  return text;
+}
+
+void rememberFirstError(void* context, xmlErrorPtr error) {
+  FirstError* first = static_cast<FirstError*>(context);
+  if (first->text.empty()) first->text = describe(error);
+}
 
 // libxml2 reports through per-thread handlers that write to standard error by
 // default. While one parse() runs they are silenced, so that the one result
@@ -461,11 +486,14 @@ int WidgetConfigParser::parse() {
     if (root && !EntityBudget(document.get()).fits(root)) document.reset();
   }
   if (!document) {
+    refusal::note(WIDGETENGINE_REFUSAL_INVALID_CONFIG,
+                  "invalid config.xml" + describe(xmlGetLastError()));
     engineOut() << "Document not parsed successfully" << std::endl;
     return -1;
   }
 
   int valid;
+  FirstError firstError;
   {
     std::unique_ptr<xmlRelaxNGParserCtxt, SchemaParserFree> schemaParser(
         xmlRelaxNGNewParserCtxt(schemaPath.c_str()));
@@ -476,6 +504,9 @@ int WidgetConfigParser::parse() {
       schema.reset(xmlRelaxNGParse(schemaParser.get()));
     }
     if (!schema) {
+      refusal::note(WIDGETENGINE_REFUSAL_INTERNAL,
+                    "the schema of config.xml cannot be loaded from " +
+                        schemaPath);
       // The message names a variable that nothing reads; the schema path is
       // fixed when the library is built.
       engineOut() << "Could not find Relax NG file. Please set WIDGET_VALIDATOR "
@@ -489,14 +520,18 @@ int WidgetConfigParser::parse() {
       engineOut() << "Error while loading Relax NG file" << std::endl;
       return -1;
     }
-    xmlRelaxNGSetValidStructuredErrors(validator.get(), ignoreStructuredError,
-                                       nullptr);
+    xmlRelaxNGSetValidStructuredErrors(validator.get(), rememberFirstError,
+                                       &firstError);
     xmlNode* top = xmlDocGetRootElement(document.get());
     valid = top && isTooLargeToValidate(top)
                 ? -1
                 : xmlRelaxNGValidateDoc(validator.get(), document.get());
   }
   if (valid != 0) {
+    refusal::note(WIDGETENGINE_REFUSAL_INVALID_CONFIG,
+                  "invalid config.xml" + (firstError.text.empty()
+                                              ? std::string(": too large to check")
+                                              : firstError.text));
     engineOut() << "Widget configuration document is invalid" << std::endl;
     return -1;
   }
@@ -507,6 +542,8 @@ int WidgetConfigParser::parse() {
     return -1;
   }
   if (!isElement(root, "widget")) {
+    refusal::note(WIDGETENGINE_REFUSAL_INVALID_CONFIG,
+                  "invalid config.xml: the root element is not widget");
     engineOut() << "Document of the wrong type, root node != widget"
               << std::endl;
     return -1;

@@ -232,6 +232,12 @@ TEST_F(PublicInterfaceTest, LibraryExportsOnlyTheEngineInterface) {
       "vtable for SharedObject<WebWidgetEngineDelegate>",
       "typeinfo for SharedObject<WebWidgetEngineDelegate>",
       "typeinfo name for SharedObject<WebWidgetEngineDelegate>",
+      // WidgetEngineExtensions.h
+      "widgetengine_set_log_destination",
+      "widgetengine_set_log_sink",
+      "widgetengine_last_refusal",
+      "widgetengine_accept_language",
+      "widgetengine_set_progress_callback",
   };
   std::istringstream lines(listing);
   std::string line;
@@ -261,6 +267,52 @@ TEST_F(PublicInterfaceTest, LibraryExportsOnlyTheEngineInterface) {
   std::string report;
   for (const std::string& stranger : strangers) report += stranger + "\n";
   EXPECT_TRUE(strangers.empty()) << "exported beyond the interface:\n" << report;
+}
+
+// The extension functions are plain C: a C program includes the header,
+// links the shared library and calls them.
+TEST_F(PublicInterfaceTest, AProgramInCUsesTheExtensions) {
+  TempDir work;
+  const std::string source = work.path() + "/host.c";
+  FILE* file = fopen(source.c_str(), "w");
+  ASSERT_NE(nullptr, file);
+  fputs(R"(#include <widgetengine/WidgetEngineExtensions.h>
+#include <stdio.h>
+#include <stdlib.h>
+static void sink(int level, const char* line, void* data) { (void)level; (void)line; (void)data; }
+static void progress(int stage, uint64_t done, uint64_t total, void* data) {
+  (void)stage; (void)done; (void)total; (void)data;
+}
+int main(void) {
+  const char* reason = NULL;
+  char* list = widgetengine_accept_language("en-US, de;q=0.8, fr;q=0.9");
+  int code = widgetengine_last_refusal(&reason);
+  widgetengine_set_log_sink(sink, NULL);
+  widgetengine_set_progress_callback(progress, NULL);
+  printf("%s %d [%s] %d\n", list, code, reason,
+         widgetengine_set_log_destination(WIDGETENGINE_LOG_TO_QUIET));
+  free(list);
+  return 0;
+}
+)", file);
+  fclose(file);
+  const std::string program = work.path() + "/host";
+#if defined(__SANITIZE_ADDRESS__)
+  const std::string flags = "-fsanitize=address,undefined ";
+#else
+  const std::string flags;
+#endif
+  std::string output;
+  ASSERT_EQ(0, runCommand("cc -std=c99 -Wall -Wextra -Werror " + flags + "-I" +
+                              shellQuoted(WIDGETENGINE_BINARY_DIR "/include") + " " +
+                              shellQuoted(source) + " -o " + shellQuoted(program) +
+                              " -L" + shellQuoted(WIDGETENGINE_BINARY_DIR) +
+                              " -lwidgetengine -Wl,-rpath," +
+                              shellQuoted(WIDGETENGINE_BINARY_DIR),
+                          &output))
+      << output;
+  ASSERT_EQ(0, runCommand(shellQuoted(program), &output)) << output;
+  EXPECT_EQ("en-US,fr,de 0 [] 0\n", output);
 }
 
 namespace {

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// OutputCapture collects what the process writes to a file descriptor (the
-// engine's lines on standard output) while it lives, so that the browser can
-// show a refusal's reason in the page; the lines are passed on afterwards.
+// OutputCapture collects the engine's lines while it lives, through the log
+// sink of WidgetEngineExtensions.h, so that the browser can show a refusal's
+// reason in the page; the lines are passed on to a file descriptor (the
+// engine's usual standard output) afterwards.
 #ifndef WIDGETENGINE_HOST_OUTPUTCAPTURE_H_
 #define WIDGETENGINE_HOST_OUTPUTCAPTURE_H_
 
-#include <cstdio>
 #include <string>
 
 class OutputCapture {
@@ -21,9 +21,9 @@ class OutputCapture {
   std::string finish();
 
  private:
+  static void collect(int level, const char* line, void* self);
+
   int fd_;
-  int saved_ = -1;
-  FILE* file_ = nullptr;
   bool finished_ = false;
   std::string text_;
 };

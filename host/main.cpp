@@ -27,6 +27,7 @@
 #include <gtk/gtk.h>
 
 #include <widgetengine/WidgetEngineDelegate.h>
+#include <widgetengine/WidgetEngineExtensions.h>
 
 #include "host/BrowserWindow.h"
 #include "host/OutputCapture.h"
@@ -166,7 +167,12 @@ int main(int argc, char** argv) {
   }
 
   BrowserOptions options;
-  options.language = lang ? lang : languageFromEnvironment();
+  // --lang may be a browser's Accept-Language header; the engine reads a
+  // plain list.
+  char* languages =
+      widgetengine_accept_language(lang ? lang : languageFromEnvironment().c_str());
+  options.language = languages ? languages : "";
+  free(languages);
   if (screenshot) options.screenshot = screenshot;
   options.exitAfterLoad = exitAfterLoad;
   if (size && sscanf(size, "%dx%d", &options.width, &options.height) != 2) {
@@ -227,8 +233,8 @@ int main(int argc, char** argv) {
     window.open(url);
   } else {
     const auto start = std::chrono::steady_clock::now();
-    // The engine reports why it refuses a package only as lines on standard
-    // output; they are caught here to be shown in the page, and passed on.
+    // The engine's lines are caught here to be shown in the page if it
+    // refuses the package, and passed on to standard output.
     OutputCapture capture(STDOUT_FILENO);
     char* launch = engine->receiveWidget(url.c_str(), nullptr);
     const std::string lines = capture.finish();

@@ -6,15 +6,21 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 
 #include <cctype>
 #include <cstdio>
+#include <cstring>
 #include <iostream>
 #include <memory>
 
+#include <widgetengine/WidgetEngineExtensions.h>
+
 #include "base/EngineOutput.h"
+#include "base/Progress.h"
+#include "base/Refusal.h"
 
 namespace {
 
@@ -128,6 +134,35 @@ void sayRefused(const std::string& url, const std::string& scheme) {
               << (scheme.empty() ? std::string("its protocol")
                                  : "the protocol " + scheme)
               << " is not http, https or file" << std::endl;
+  refusal::note(WIDGETENGINE_REFUSAL_ADDRESS,
+                "the address " + url + " uses a protocol other than http, "
+                "https or file");
+}
+
+int reportProgress(void*, curl_off_t total, curl_off_t done, curl_off_t,
+                   curl_off_t) {
+  progress::report(WIDGETENGINE_PROGRESS_DOWNLOAD, static_cast<uint64_t>(done),
+                   static_cast<uint64_t>(total));
+  return 0;
+}
+
+// Why a transfer that libcurl gave up on is refused.
+void noteFailure(CURLcode result, const std::string& url) {
+  switch (result) {
+    case CURLE_FILE_COULDNT_READ_FILE:
+    case CURLE_REMOTE_FILE_NOT_FOUND:
+      refusal::note(WIDGETENGINE_REFUSAL_NOT_FOUND, "package not found: " + url);
+      break;
+    case CURLE_FILESIZE_EXCEEDED:
+    case CURLE_WRITE_ERROR:
+      refusal::note(WIDGETENGINE_REFUSAL_NO_SPACE,
+                    "no space left for the package from " + url);
+      break;
+    default:
+      refusal::note(WIDGETENGINE_REFUSAL_DOWNLOAD,
+                    "cannot download " + url + ": " + curl_easy_strerror(result));
+      break;
+  }
 }
 
 }  // namespace
@@ -148,6 +183,8 @@ int Downloader::download() {
   std::unique_ptr<char[]> buffer(new char[kFileBufferSize]);
   FILE* file = createExclusively(filePath, buffer.get());
   if (file == nullptr) {
+    refusal::note(WIDGETENGINE_REFUSAL_DOWNLOAD,
+                  "cannot create the package file " + filePath);
     engineOut() << "Could not open file for download" << std::endl;
     return -1;
   }
@@ -188,10 +225,24 @@ int Downloader::download() {
   curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, 1L);
   curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, stall);
   curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, stall);
+  if (progress::wanted()) {
+    curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, reportProgress);
+    curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 0L);
+  }
 
   CURLcode result = curl_easy_perform(curl);
+  // An error page is stored and refused later, when it is not unpacked; the
+  // reason given to the host is the status, not what the page holds.
+  long status = 0;
+  curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
+  if (status >= 300 && (url.compare(0, 7, "http://") == 0 ||
+                        url.compare(0, 8, "https://") == 0)) {
+    refusal::note(WIDGETENGINE_REFUSAL_HTTP_STATUS,
+                  "HTTP status " + std::to_string(status) + " from " + url);
+  }
   if (result != CURLE_OK) {
     if (result == CURLE_UNSUPPORTED_PROTOCOL) sayRefused(url, std::string());
+    noteFailure(result, url);
     engineOut() << "Could not download file" << std::endl;
     curl_easy_cleanup(curl);
     fclose(file);
@@ -204,6 +255,9 @@ int Downloader::download() {
   // The tail of the body may still sit in the stdio buffer; a package that
   // could not be stored whole is no download.
   if (fclose(file) != 0) {
+    refusal::note(errno == ENOSPC ? WIDGETENGINE_REFUSAL_NO_SPACE
+                                  : WIDGETENGINE_REFUSAL_DOWNLOAD,
+                  std::string("cannot store the package: ") + strerror(errno));
     engineOut() << "Could not download file" << std::endl;
     remove(filePath.c_str());
     createdFile = false;

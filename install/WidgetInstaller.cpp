@@ -11,7 +11,10 @@
 #include <random>
 #include <vector>
 
+#include <widgetengine/WidgetEngineExtensions.h>
+
 #include "base/EngineOutput.h"
+#include "base/Refusal.h"
 #include "config/WidgetConfig.h"
 #include "config/WidgetConfigParser.h"
 #include "install/ContentType.h"
@@ -177,6 +180,8 @@ int WidgetInstaller::run() {
     return 1;
   }
   if (!database->isOpen()) {
+    refusal::note(WIDGETENGINE_REFUSAL_REGISTRY,
+                  "the widget registry cannot be opened");
     launchURL = "about:blank";
     return 3;
   }
@@ -186,6 +191,7 @@ int WidgetInstaller::run() {
   std::string why;
   if (!usableName(name, &why)) {
     engineOut() << "Cannot install " << sourceURL << ": " << why << std::endl;
+    refusal::note(WIDGETENGINE_REFUSAL_ADDRESS, why);
     engineOut() << "Error while downloading" << std::endl;
     launchURL = "about:blank";
     return 5;
@@ -199,6 +205,7 @@ int WidgetInstaller::run() {
   lock.reset(new InstallLock(basePath, name));
   if (!lock->acquire()) {
     const std::string reason = lock->error();
+    refusal::note(WIDGETENGINE_REFUSAL_BUSY, reason);
     lock.reset();
     return refuse(3, "Cannot install " + sourceURL + ": " + reason);
   }
@@ -220,6 +227,8 @@ int WidgetInstaller::runHoldingName() {
     // A registry that cannot be read says nothing about what is installed:
     // going on would unpack over a widget that may well be there.
     if (!read) {
+      refusal::note(WIDGETENGINE_REFUSAL_REGISTRY,
+                    "cannot read the widget registry: " + database->lastError());
       return refuse(3, "Cannot read the widget registry: " +
                            database->lastError());
     }
@@ -256,10 +265,15 @@ int WidgetInstaller::runHoldingName() {
       for (size_t i = 1; i < named.size(); ++i) delete named[i];
     }
     if (!read) {
+      refusal::note(WIDGETENGINE_REFUSAL_REGISTRY,
+                    "cannot read the widget registry: " + database->lastError());
       return refuse(3, "Cannot read the widget registry: " +
                            database->lastError());
     }
     if (owner) {
+      refusal::note(WIDGETENGINE_REFUSAL_NAME_TAKEN,
+                    "the name " + name + " is taken by the widget installed from " +
+                        owner->getSourceURL());
       return refuse(10, "The widget name " + name +
                             " is taken by the widget installed from " +
                             owner->getSourceURL() +
@@ -318,6 +332,8 @@ int WidgetInstaller::runHoldingName() {
   const std::string configPath = storagePath + "config.xml";
   FILE* configFile = fopen(configPath.c_str(), "r");
   if (!configFile) {
+    refusal::note(WIDGETENGINE_REFUSAL_NO_CONFIG,
+                  "the package has no config.xml");
     engineOut() << "Could not find config.xml" << std::endl;
     extractor.reset();
     downloader.reset();
@@ -342,6 +358,9 @@ int WidgetInstaller::runHoldingName() {
     }
   }
   if (!config->getStartFile()) {
+    refusal::note(WIDGETENGINE_REFUSAL_NO_START_FILE,
+                  "no start file: config.xml names none and no index.htm, "
+                  "index.html, index.svg, index.xhtml or index.xht is there");
     engineOut() << "No start file found" << std::endl;
     return abandonParsed(9, record);
   }
@@ -386,6 +405,8 @@ int WidgetInstaller::runHoldingName() {
                     database->forgetRowsOfRemovedWidgets();
   const int widgetId = registered ? database->insertWidget(record.get()) : -1;
   if (widgetId <= 0) {
+    refusal::note(WIDGETENGINE_REFUSAL_REGISTRY,
+                  "cannot write to the widget registry: " + database->lastError());
     if (widgetId < 0 && !registered) {
       engineOut() << "Cannot write to the widget registry: "
                 << database->lastError() << std::endl;
@@ -406,6 +427,9 @@ int WidgetInstaller::runHoldingName() {
   // Nothing is installed until its rows are committed: a commit that fails
   // (a full disk, an I/O error) takes the unpacked files with it.
   if (!database->endJob()) {
+    refusal::note(WIDGETENGINE_REFUSAL_REGISTRY,
+                  "cannot commit the widget to the registry: " +
+                      database->lastError());
     engineOut() << "Cannot commit the widget to the registry: "
               << database->lastError() << std::endl;
     return abandonParsed(10, record);

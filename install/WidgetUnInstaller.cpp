@@ -13,8 +13,11 @@
 #include <iostream>
 #include <vector>
 
+#include <widgetengine/WidgetEngineExtensions.h>
+
 #include "base/EngineOutput.h"
 #include "base/TrustedPath.h"
+#include "base/Refusal.h"
 #include "install/InstallLock.h"
 #include "install/WidgetInstaller.h"
 #include "registry/SqlLite3.h"
@@ -126,7 +129,11 @@ int WidgetUnInstaller::run() {
     engineOut() << "WidgetUnInstaller cannot be run twice" << std::endl;
     return -1;
   }
-  if (database->isOpen() != 1) return -1;
+  if (database->isOpen() != 1) {
+    refusal::note(WIDGETENGINE_REFUSAL_REGISTRY,
+                  "the widget registry cannot be opened");
+    return -1;
+  }
 
   // A root that someone else can write may hold their directories and
   // journals under the widget's name: nothing in it is touched.
@@ -149,6 +156,8 @@ int WidgetUnInstaller::run() {
   std::vector<WidgetsData*> records = database->selectWidgetsByName(name);
   if (records.empty()) return 0;
   if (records.size() > 1) {
+    refusal::note(WIDGETENGINE_REFUSAL_REGISTRY,
+                  "the widget registry holds " + name + " more than once");
     engineOut() << "It's not possible to see this log. Database integrity problem"
               << std::endl;
     engineOut() << "'name' Field in 'Widgets' Table must be unique" << std::endl;
@@ -163,6 +172,9 @@ int WidgetUnInstaller::run() {
   // directory: a row pointing at the widget root, or anywhere else, would
   // take a whole tree with it.
   if (!isOwnDirectory(storagePath, name)) {
+    refusal::note(WIDGETENGINE_REFUSAL_REMOVE_FAILED,
+                  "the registry names " + storagePath + ", not the directory widget_" +
+                      name + "/");
     engineOut() << "Refusing to delete " << storagePath << ": it is not the "
               << "directory widget_" << name << "/ of widget " << name
               << std::endl;
@@ -180,6 +192,8 @@ int WidgetUnInstaller::run() {
   engineOut() << "Try to delete directory on fileSystem : " << storagePath
             << std::endl;
   if (!removeWidgetDirectory(storagePath)) {
+    refusal::note(WIDGETENGINE_REFUSAL_REMOVE_FAILED,
+                  "cannot remove " + storagePath + ": " + strerror(errno));
     engineOut() << "Error : can't delete this directory : " << storagePath
               << std::endl;
     return -1;
@@ -188,6 +202,9 @@ int WidgetUnInstaller::run() {
   engineOut() << "Delete OK !!!" << std::endl;
   engineOut() << "Delete from database ..." << std::endl;
   if (database->deleteWidgetByName(name) != 0) {
+    refusal::note(WIDGETENGINE_REFUSAL_REGISTRY,
+                  "cannot remove " + name + " from the widget registry: " +
+                      database->lastError());
     engineOut() << "Error, can't delete this widget in database !!!" << std::endl;
     engineOut() << "Integrity problem because widget is in database, but not in "
                  "fileSystem :("

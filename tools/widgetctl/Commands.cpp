@@ -11,9 +11,11 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 
+#include "base/Refusal.h"
 #include "install/WidgetInstaller.h"
 #include "registry/SqlLite3.h"
 #include "tools/widgetctl/EngineLines.h"
+#include "tools/widgetctl/ProgressLine.h"
 #include "tools/widgetctl/Reply.h"
 
 namespace widgetctl {
@@ -149,8 +151,10 @@ int runInstall(const std::string& argument) {
   std::vector<std::string> lines;
   int status;
   std::string launchURL;
+  refusal::begin();
   {
     EngineLines capture(&lines);
+    ProgressLine progress(gProgress);
     WidgetInstaller installer(url);
     status = installer.run();
     launchURL = installer.getLaunchURL();
@@ -167,6 +171,11 @@ int runInstall(const std::string& argument) {
   std::string reason = "could not install " + url + ": " + installReason(status, url);
   const std::string engine = engineReason(lines);
   if (status == 10 && !engine.empty()) reason += ": " + engine;
+  // What the download or the archive said exactly (an HTTP status, a damaged
+  // entry) follows the general advice.
+  if ((status == 5 || status == 6) && refusal::noted()) {
+    reason += " (" + refusal::reason() + ")";
+  }
   return finish(exitForStatus(status), reason);
 }
 

@@ -1,14 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
-// EngineLines collects what the engine writes to standard output while it is
-// alive, so that widgetctl decides where the engine's lines go: above the
-// answer, to standard error, or into a JSON document.
+// EngineLines collects the engine's lines while it is alive, through the log
+// sink of WidgetEngineExtensions.h, so that widgetctl decides where they go:
+// above the answer, to standard error, or into a JSON document.
 //
 //   std::vector<std::string> lines;
 //   { EngineLines capture(&lines); engine->receiveWidget(url, nullptr); }
 #ifndef WIDGETCTL_ENGINELINES_H_
 #define WIDGETCTL_ENGINELINES_H_
 
-#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -22,9 +21,7 @@ class EngineLines {
   EngineLines& operator=(const EngineLines&) = delete;
 
  private:
-  std::vector<std::string>* lines_;
-  FILE* file_;
-  int saved_;
+  static void collect(int level, const char* line, void* lines);
 };
 
 #endif  // WIDGETCTL_ENGINELINES_H_

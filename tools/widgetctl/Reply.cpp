@@ -11,6 +11,7 @@ const char kProgram[] = "widgetctl";
 
 bool gEngineToStderr = false;
 bool gJson = false;
+bool gProgress = true;
 json gDocument;
 
 void passOn(const std::vector<std::string>& lines) {

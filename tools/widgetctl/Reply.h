@@ -21,6 +21,9 @@ enum Exit { kOk = 0, kNo = 1, kUsage = 2, kEnvironment = 3 };
 // Where the engine's lines go: false, above the answer on standard output
 // (what an integrator reads as the engine's log); true, standard error.
 extern bool gEngineToStderr;
+// Whether install shows its progress (not with --quiet or --json; and only
+// ever on a terminal).
+extern bool gProgress;
 // --json: the answer is gDocument, printed by finish().
 extern bool gJson;
 extern nlohmann::json gDocument;

@@ -13,6 +13,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <widgetengine/WidgetEngineDelegate.h>
+#include <widgetengine/WidgetEngineExtensions.h>
 
 #include <iostream>
 #include <nlohmann/json.hpp>
@@ -53,7 +54,7 @@ const char kUsageText[] =
     "                    LANGUAGE or LANG)\n"
     "  --json            one JSON document on standard output; the engine's\n"
     "                    lines go to standard error\n"
-    "  -q, --quiet       the engine's lines go to standard error\n"
+    "  -q, --quiet       the engine's lines go to standard error; no progress\n"
     "  --strict          check: warnings count as failures\n"
     "  --repair          doctor: repair what it finds\n"
     "  --reinstall       doctor --repair: reinstall widgets whose files are gone\n"
@@ -86,7 +87,8 @@ const Command kCommands[] = {
      "in the registry and prints the launch URL of its start page. An address\n"
      "installed before prints the launch URL of that installation. The\n"
      "engine's progress lines come first; a refusal ends with one line that\n"
-     "says why.\n"},
+     "says why. On a terminal, standard error shows the download and the\n"
+     "unpacking as they go (not with --quiet or --json).\n"},
     {"list", 0,
      "Usage: widgetctl list\n"
      "\n"
@@ -226,6 +228,12 @@ std::string defaultLanguage() {
   return std::string();
 }
 
+// What the engine reads from an Accept-Language header: a plain list.
+std::string localeList(const std::string& header) {
+  EngineString list(widgetengine_accept_language(header.c_str()));
+  return list ? list.get() : std::string();
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -267,6 +275,7 @@ int main(int argc, char** argv) {
   std::vector<std::string> words(argv + optind, argv + argc);
   gJson = options.json;
   gEngineToStderr = options.json || options.quiet;
+  gProgress = !options.json && !options.quiet;
 
   if (options.version) return printVersion();
   if (words.empty()) {
@@ -325,8 +334,11 @@ int main(int argc, char** argv) {
   gDocument = json::object();
   gDocument["command"] = name;
   gDocument["engine"] = json::array();
-  const std::string language =
-      options.hasLanguage ? options.language : defaultLanguage();
+  // --lang takes what a browser sends (quality values and all); the engine
+  // reads a plain list.
+  const std::string language = options.hasLanguage
+                                   ? localeList(options.language)
+                                   : defaultLanguage();
 
   if (name == "check") return runCheck(words, options.strict);
   if (name == "install") return runInstall(words[0]);

@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <pty.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -350,9 +351,22 @@ TEST_F(WidgetctlTest, FailedInstallPassesTheEngineLinesAndGivesOneReason) {
       result.out);
   EXPECT_EQ("widgetctl: could not install " + url +
                 ": the package could not be downloaded from " + url +
-                "; check the address\n",
+                "; check the address (package not found: " + url + ")\n",
             result.err);
   EXPECT_TRUE(nothingLeft());
+}
+
+TEST_F(WidgetctlTest, RefusedDownloadNamesTheHttpStatus) {
+  HttpServer server;
+  server.serve("/w/gone.wgt", 404, "<html>Not Found</html>");
+  const std::string url = server.url("/w/gone.wgt");
+  Result result = run({"install", url});
+  EXPECT_EQ(1, result.status);
+  EXPECT_NE(std::string::npos, result.out.find("Zip archive is not valid")) << result.out;
+  EXPECT_EQ("widgetctl: could not install " + url +
+                ": the package is not a valid widget archive; \"widgetctl check\" "
+                "says why (HTTP status 404 from " + url + ")\n",
+            result.err);
 }
 
 TEST_F(WidgetctlTest, NameTakenByAnotherWidgetNamesThatWidget) {
@@ -658,6 +672,78 @@ TEST_F(WidgetctlTest, DoctorReportsLinksAndRowsOutsideTheRootAndTouchesNeither) 
   EXPECT_EQ(0, run({"remove", "linked"}).status);
   EXPECT_EQ("keep", TempDir::readFile(elsewhere + "precious"));
   EXPECT_FALSE(TempDir::exists(root + "widget_linked"));
+}
+
+// Runs widgetctl with args on a pseudo-terminal (standard output and error
+// alike), as a user at a terminal does; what the terminal received.
+std::string runOnTerminal(const std::string& tmp,
+                          const std::vector<std::string>& args) {
+  int master = -1;
+  const pid_t child = forkpty(&master, nullptr, nullptr, nullptr);
+  if (child == 0) {
+    setenv("TMPDIR", tmp.c_str(), 1);
+    std::vector<char*> argv;
+    argv.push_back(const_cast<char*>(kWidgetctl));
+    for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
+    argv.push_back(nullptr);
+    execv(kWidgetctl, argv.data());
+    _exit(127);
+  }
+  std::string text;
+  if (child < 0) return text;
+  char buffer[4096];
+  ssize_t got;
+  // EIO once the child closed its side of the terminal.
+  while ((got = read(master, buffer, sizeof buffer)) > 0) text.append(buffer, got);
+  close(master);
+  waitpid(child, nullptr, 0);
+  return text;
+}
+
+TEST_F(WidgetctlTest, InstallShowsProgressOnATerminalOnly) {
+  ZipBuilder zip;
+  zip.addFile("config.xml", TempDir::readFile(std::string(kSample) + "config.xml"));
+  zip.addFile("index.html", "<p>clock</p>");
+  std::string noise(2 * 1024 * 1024, '\0');
+  unsigned state = 11;
+  for (char& c : noise) c = static_cast<char>((state = state * 1103515245 + 12345) >> 16);
+  zip.addFile("noise.bin", noise, ZipBuilder::kStored);
+  HttpServer server;
+  server.serveFile("/w/clock.wgt", writePackage("clock.wgt", zip));
+  const std::string url = server.url("/w/clock.wgt");
+
+  const std::string shown = runOnTerminal(tmp, {"install", url});
+  EXPECT_NE(std::string::npos, shown.find("\r\033[Kdownloading: ")) << shown;
+  EXPECT_NE(std::string::npos, shown.find(" MB (100%)")) << shown;
+  EXPECT_NE(std::string::npos, shown.find("\r\033[Kunpacking: 3 of 3 entries"))
+      << shown;
+  // The line is wiped before the engine's lines and the answer come.
+  const size_t wiped = shown.rfind("\r\033[K");
+  EXPECT_EQ(wiped + 4, shown.find("[Downloading...]", wiped)) << shown.substr(wiped);
+  EXPECT_NE(std::string::npos, shown.find("widget_clock/index.html")) << shown;
+
+  ASSERT_EQ(0, run({"remove", "clock"}).status);
+  Result piped = run({"install", url});
+  EXPECT_EQ(0, piped.status);
+  EXPECT_EQ("", piped.err);
+  EXPECT_EQ(std::string::npos, piped.out.find("downloading: "));
+
+  ASSERT_EQ(0, run({"remove", "clock"}).status);
+  const std::string quiet = runOnTerminal(tmp, {"--quiet", "install", url});
+  EXPECT_EQ(std::string::npos, quiet.find("downloading: ")) << quiet;
+  EXPECT_EQ(std::string::npos, quiet.find("unpacking: ")) << quiet;
+  EXPECT_NE(std::string::npos, quiet.find("widget_clock/index.html")) << quiet;
+}
+
+TEST_F(WidgetctlTest, LangTakesABrowsersAcceptLanguageHeader) {
+  ASSERT_EQ(0, run({"install", samplePackage("sample-clock.wgt")}).status);
+  Result french = run({"info", "sample-clock", "--lang", "de-CH;q=0.2, fr;q=0.9, *;q=0.1"});
+  EXPECT_EQ(0, french.status) << french.err;
+  EXPECT_NE(std::string::npos, french.out.find("\ntitle:         Horloge exemple\n"))
+      << french.out;
+  Result german = run({"info", "sample-clock", "--lang", "fr;q=0.5,de"});
+  EXPECT_NE(std::string::npos, german.out.find("\ntitle:         Beispieluhr\n"))
+      << german.out;
 }
 
 }  // namespace
