@@ -21,6 +21,7 @@
 #include <nlohmann/json.hpp>
 
 #include "testing/HttpServer.h"
+#include "testing/ManualPage.h"
 #include "testing/TempDir.h"
 #include "testing/WidgetSandbox.h"
 #include "testing/ZipBuilder.h"
@@ -411,6 +412,35 @@ TEST_F(WidgetBrowserTest, PageOutsideTheWidgetRootIsLoadedUntouched) {
   EXPECT_EQ("Plain text", text(run));
   EXPECT_EQ("rgb(1, 2, 3)", colour(run));
   EXPECT_EQ("Plain page", title(run));
+}
+
+TEST(WidgetBrowserManualPage, NamesEveryOptionExitCodeVariableAndFile) {
+  const std::string path = WIDGETENGINE_SOURCE_DIR "/host/widget-browser.1";
+  const std::string page = TempDir::readFile(path);
+  ASSERT_FALSE(page.empty());
+  // The options the program itself lists.
+  std::string help;
+  FILE* pipe = popen((std::string(kBrowser) + " --help 2>&1").c_str(), "r");
+  ASSERT_TRUE(pipe);
+  char buffer[512];
+  while (fgets(buffer, sizeof buffer, pipe)) help += buffer;
+  EXPECT_EQ(0, pclose(pipe));
+  for (const char* option :
+       {"--lang", "--screenshot", "--exit-after-load", "--size", "--help"}) {
+    EXPECT_NE(std::string::npos, help.find(option)) << option;
+    EXPECT_NE(std::string::npos, page.find(roffDashes(option))) << option;
+  }
+  for (const char* code : {".B 0\n", ".B 1\n", ".B 2\n"})
+    EXPECT_NE(std::string::npos, page.find(code)) << code;
+  for (const char* name :
+       {".B WIDGET_PATH\n", ".B YRA_DATA_PATH\n", ".B WIDGETENGINE_LOG\n",
+        ".B WIDGETENGINE_BUSY_TIMEOUT_MS\n", ".B WIDGETENGINE_STALL_SECONDS\n",
+        ".BR LANGUAGE ", ".B WIDGET_BROWSER_EXTENSION_DIR\n", ".SH FILES\n",
+        ".I /Customer/.yra/conf/widget.db\n",
+        ".I /Customer/.yra/Resources/Widget/Validation/WidgetConfig.rng\n",
+        ".I /tmp/widgetEngine/widget_NAME/\n"})
+    EXPECT_NE(std::string::npos, page.find(name)) << name;
+  EXPECT_EQ("", manualWarnings(path));
 }
 
 }  // namespace

@@ -8,6 +8,8 @@
 #include <memory>
 #include <string>
 
+#include "base/ToolsExport.h"
+
 class SqlLite3;
 
 class WidgetUnInstaller {
@@ -25,7 +27,7 @@ class WidgetUnInstaller {
   // Removes the directory tree at path without following any symbolic link
   // (a link is removed itself, at the top too) and without changing the
   // working directory. False only when the top directory cannot be opened.
-  static bool removeWidgetDirectory(const std::string& path);
+  WIDGETENGINE_TOOLS_EXPORT static bool removeWidgetDirectory(const std::string& path);
 
   // Whether path is a directory "widget_<name>/" (not at the file system's
   // top), the only kind of directory a widget called name can own.

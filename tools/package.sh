@@ -20,9 +20,31 @@ if [ -n "$(git -C "$source_dir" status --porcelain --untracked-files=normal 2>/d
   exit 1
 fi
 
+# Debian's build flags, with every hardening feature: stack protector,
+# fortified functions, read-only relocations and immediate binding (CMake
+# reads no CPPFLAGS, so they join the compiler flags). dpkg-buildflags
+# answers for the host architecture, a cross build's too.
+export DEB_BUILD_MAINT_OPTIONS=hardening=+all
+cppflags=$(dpkg-buildflags --get CPPFLAGS)
+ldflags=$(dpkg-buildflags --get LDFLAGS)
 cmake -S "$source_dir" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-  -DCMAKE_INSTALL_PREFIX=/usr -DBUILD_TESTING=OFF -DWIDGETENGINE_WERROR=ON >/dev/null
+  -DCMAKE_INSTALL_PREFIX=/usr -DBUILD_TESTING=OFF -DWIDGETENGINE_WERROR=ON \
+  -DCMAKE_C_FLAGS="$(dpkg-buildflags --get CFLAGS) $cppflags" \
+  -DCMAKE_CXX_FLAGS="$(dpkg-buildflags --get CXXFLAGS) $cppflags" \
+  -DCMAKE_EXE_LINKER_FLAGS="$ldflags" -DCMAKE_SHARED_LINKER_FLAGS="$ldflags" \
+  -DCMAKE_MODULE_LINKER_FLAGS="$ldflags" >/dev/null
 cmake --build "$build" -j "$(nproc)" >/dev/null
+# The library exports what its symbols file says, no more and no less
+# (tools/update-symbols.sh writes the file anew after a deliberate change).
+gensymbols="$build/gensymbols"
+mkdir -p "$gensymbols"
+version=$(dpkg-parsechangelog -l "$source_dir/packaging/changelog" -S Version)
+if ! dpkg-gensymbols -plibwidgetengine1 -v"$version" \
+     -P"$gensymbols" -e"$build/libwidgetengine.so.1" \
+     -I"$source_dir/packaging/libwidgetengine1.symbols" -O"$gensymbols/symbols" -c4; then
+  echo "package: libwidgetengine.so.1 does not export what packaging/libwidgetengine1.symbols says; after a deliberate change run tools/update-symbols.sh $build/libwidgetengine.so.1" >&2
+  exit 1
+fi
 # dpkg-shlibdeps finds the library that widget-browser links in the build
 # tree (it searches LD_LIBRARY_PATH); the dependency on its package is
 # written in the control data, as the library's package is built alongside.
