@@ -49,4 +49,4 @@ fi
 # tree (it searches LD_LIBRARY_PATH); the dependency on its package is
 # written in the control data, as the library's package is built alongside.
 (cd "$build" && LD_LIBRARY_PATH="$(pwd)" cpack -G DEB >/dev/null)
-ls "$build"/*.deb
+ls "$build"/*.deb "$build"/*.ddeb
