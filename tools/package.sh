@@ -35,13 +35,13 @@ cmake -S "$source_dir" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DCMAKE_MODULE_LINKER_FLAGS="$ldflags" >/dev/null
 cmake --build "$build" -j "$(nproc)" >/dev/null
 # The library exports what its symbols file says, no more and no less
-# (tools/update-symbols.sh writes the file anew after a deliberate change).
-gensymbols="$build/gensymbols"
-mkdir -p "$gensymbols"
+# (tools/update-symbols.sh writes the file anew after a deliberate change);
+# the package carries the list that dpkg-gensymbols makes of it.
 version=$(dpkg-parsechangelog -l "$source_dir/packaging/changelog" -S Version)
 if ! dpkg-gensymbols -plibwidgetengine1 -v"$version" \
-     -P"$gensymbols" -e"$build/libwidgetengine.so.1" \
-     -I"$source_dir/packaging/libwidgetengine1.symbols" -O"$gensymbols/symbols" -c4; then
+     -P"$build/packaging" -e"$build/libwidgetengine.so.1" \
+     -I"$source_dir/packaging/libwidgetengine1.symbols" \
+     -O"$build/packaging/symbols" -c4; then
   echo "package: libwidgetengine.so.1 does not export what packaging/libwidgetengine1.symbols says; after a deliberate change run tools/update-symbols.sh $build/libwidgetengine.so.1" >&2
   exit 1
 fi
@@ -49,4 +49,20 @@ fi
 # tree (it searches LD_LIBRARY_PATH); the dependency on its package is
 # written in the control data, as the library's package is built alongside.
 (cd "$build" && LD_LIBRARY_PATH="$(pwd)" cpack -G DEB >/dev/null)
+# CPack's debug-symbols packages list build-tree paths in their md5sums and
+# lack the link that points their documentation to their package's, as
+# Debian's have (usr/share/doc/P-dbgsym -> P): both are put right here.
+for ddeb in "$build"/*-dbgsym_*.ddeb; do
+  tree="$build/ddeb-tree"
+  rm -rf "$tree"
+  dpkg-deb -R "$ddeb" "$tree"
+  package=$(dpkg-deb -f "$ddeb" Package)
+  mkdir -p "$tree/usr/share/doc"
+  ln -s "${package%-dbgsym}" "$tree/usr/share/doc/$package"
+  find "$tree/usr/lib/debug" -type f -exec chmod 0644 {} +
+  (cd "$tree" && find usr -type f | LC_ALL=C sort | xargs md5sum) >"$tree/DEBIAN/md5sums"
+  chmod 0644 "$tree/DEBIAN/md5sums"
+  dpkg-deb --root-owner-group --build "$tree" "$ddeb" >/dev/null
+  rm -rf "$tree"
+done
 ls "$build"/*.deb "$build"/*.ddeb
