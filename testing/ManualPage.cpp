@@ -2,6 +2,8 @@
 #include "testing/ManualPage.h"
 
 #include <cstdio>
+#include <string>
+#include <vector>
 
 std::string roffDashes(const std::string& text) {
   std::string roff;
@@ -10,6 +12,19 @@ std::string roffDashes(const std::string& text) {
     else roff += c;
   }
   return roff;
+}
+
+std::vector<std::string> missingEngineEntries(const std::string& page) {
+  std::vector<std::string> missing;
+  for (const char* entry :
+       {".SH ENVIRONMENT\n", ".B WIDGET_PATH\n", ".B YRA_DATA_PATH\n",
+        ".B WIDGETENGINE_LOG\n", ".B WIDGETENGINE_BUSY_TIMEOUT_MS\n",
+        ".B WIDGETENGINE_STALL_SECONDS\n", ".BR LANGUAGE ", ".SH FILES\n",
+        ".I /Customer/.yra/conf/widget.db\n",
+        ".I /Customer/.yra/Resources/Widget/Validation/WidgetConfig.rng\n",
+        ".I /tmp/widgetEngine/widget_NAME/\n"})
+    if (page.find(entry) == std::string::npos) missing.push_back(entry);
+  return missing;
 }
 
 std::string manualWarnings(const std::string& path) {
