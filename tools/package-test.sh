@@ -117,6 +117,7 @@ echo "== dpkg -i"
 # A registry the machine had before is put back after the purge below.
 if [ -e /Customer/.yra/conf/widget.db ]; then
   cp -p /Customer/.yra/conf/widget.db "$work/machine-widget.db"
+  machine_mode=$(stat -c %a /Customer/.yra/conf)
 fi
 dpkg -i "${debs[@]}" >/dev/null
 widget-browser --help | grep -q -- --screenshot
@@ -156,7 +157,7 @@ test ! -e /Customer/.yra/conf
 # The machine is left as it was found.
 if [ -e "$work/machine-widget.db" ]; then
   mkdir -p /Customer/.yra/conf
-  chmod 1777 /Customer/.yra/conf
+  chmod "$machine_mode" /Customer/.yra/conf
   cp -p "$work/machine-widget.db" /Customer/.yra/conf/widget.db
 fi
 echo "== the packages pass"
