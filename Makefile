@@ -17,7 +17,7 @@ SANDBOX_FLAGS = -DWIDGETENGINE_WERROR=ON \
 SANITIZE := -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer
 
 .PHONY: all setup build test test-normal test-asan demo bench clean fuzz fuzz-ci fuzz-build \
-  package package-test uninstall
+  package package-test uninstall symbols
 
 all: build
 
@@ -80,7 +80,8 @@ fuzz-ci: fuzz-build
 	bash fuzz/run.sh $(FUZZ_BUILD) 30
 
 # Debian packages of the committed tree, built with the device's fixed paths
-# into build-package/: libwidgetengine1, libwidgetengine-dev, widgetctl.
+# and Debian's hardening flags into build-package/: libwidgetengine1,
+# libwidgetengine-dev, widgetctl, widget-browser and their -dbgsym packages.
 PACKAGE_BUILD := build-package
 
 package: setup
@@ -91,9 +92,15 @@ package: setup
 package-test: package
 	bash tools/package-test.sh $(PACKAGE_BUILD)
 
-# Removes what `cmake --install build` wrote (from its install manifest).
+# Removes what `cmake --install build` wrote (from its install manifest),
+# below DESTDIR when it is set, as for the install.
 uninstall:
 	cmake --build $(BUILD) --target uninstall
+
+# Writes packaging/libwidgetengine1.symbols anew from the built library, after
+# a deliberate change of what it exports (`make package` checks the file).
+symbols: build
+	bash tools/update-symbols.sh $(BUILD)/libwidgetengine.so.1
 
 clean:
 	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) $(PACKAGE_BUILD)

@@ -9,19 +9,21 @@
 
 #include <string>
 
+#include "base/ToolsExport.h"
+
 namespace refusal {
 
 // Starts a new call: nothing noted.
-void begin();
+WIDGETENGINE_TOOLS_EXPORT void begin();
 // Notes why the call fails, unless a reason was noted already.
 void note(int code, const std::string& reason);
 // True once a reason was noted in this call.
-bool noted();
+WIDGETENGINE_TOOLS_EXPORT bool noted();
 // Ends the call as a success: no reason is left.
 void clear();
 
 int code();
-const std::string& reason();
+WIDGETENGINE_TOOLS_EXPORT const std::string& reason();
 
 }  // namespace refusal
 

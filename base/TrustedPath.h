@@ -12,17 +12,19 @@
 #include <initializer_list>
 #include <string>
 
+#include "base/ToolsExport.h"
+
 class TrustedPath {
  public:
   // The file open at fd, found at path, is trusted. Otherwise false, and
   // *reason says why in words that name path.
-  static bool opened(int fd, const std::string& path, std::string* reason);
+  WIDGETENGINE_TOOLS_EXPORT static bool opened(int fd, const std::string& path, std::string* reason);
 
   // The directory at path (a link to one is followed: the directory is what
   // counts) is trusted. A directory that does not exist is trusted too, so
   // that the caller fails on it as it always has; anything else that cannot
   // be opened as a directory is not.
-  static bool directory(const std::string& path, std::string* reason);
+  WIDGETENGINE_TOOLS_EXPORT static bool directory(const std::string& path, std::string* reason);
 
   // What stands at path, when anything does, is trusted. A link there is
   // not followed and not trusted.

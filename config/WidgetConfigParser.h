@@ -9,6 +9,8 @@
 #include <cstdint>
 #include <string>
 
+#include "base/ToolsExport.h"
+
 class WidgetConfig;
 typedef struct _xmlDoc xmlDoc;
 typedef struct _xmlNode xmlNode;
@@ -16,7 +18,7 @@ typedef struct _xmlNode xmlNode;
 class WidgetConfigParser {
  public:
   // The schema path built into the library.
-  static const char* const kSchemaPath;
+  WIDGETENGINE_TOOLS_EXPORT static const char* const kSchemaPath;
 
   // schemaPath is fixed at build time; tests may point one parser elsewhere.
   WidgetConfigParser(const std::string& path, WidgetConfig* config,
@@ -30,7 +32,7 @@ class WidgetConfigParser {
   // (with one message on standard output, and the record untouched).
   int parse();
 
-  static int32_t toNumber(const std::string& text);
+  WIDGETENGINE_TOOLS_EXPORT static int32_t toNumber(const std::string& text);
   // True for a document far larger than any real one, which parse() refuses
   // as invalid without handing it to the validator.
   // Configuration documents larger than this are refused as documents that
@@ -40,7 +42,7 @@ class WidgetConfigParser {
   // check more, so a megabyte keeps a hostile package's cost to a few
   // megabytes and some milliseconds.
   static constexpr size_t kLargestDocument = 1u << 20;
-  static bool isTooLargeToValidate(xmlNode* root);
+  WIDGETENGINE_TOOLS_EXPORT static bool isTooLargeToValidate(xmlNode* root);
 
  private:
   // Fills the record from the root element held in node.

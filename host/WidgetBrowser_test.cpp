@@ -24,6 +24,7 @@
 #include <widgetengine/WidgetEngineDelegate.h>
 
 #include "testing/HttpServer.h"
+#include "testing/ManualPage.h"
 #include "testing/TempDir.h"
 #include "testing/WidgetSandbox.h"
 #include "testing/ZipBuilder.h"
@@ -286,7 +287,8 @@ TEST_F(WidgetBrowserTest, GermanReaderSeesTheGermanCopies) {
 
   Browse next = browse({"--lang", "de", "--exit-after-load", launchURL()},
                        {{"WIDGET_BROWSER_STEPS", "#next"}});
-  EXPECT_EQ("widget://sample-clock/locales/de/about.html", url(next));
+  EXPECT_EQ("widget://sample-clock/locales/de/about.html", url(next))
+      << next.out << next.err;
   EXPECT_NE(std::string::npos, text(next).find("Zurück zur Uhr")) << text(next);
   EXPECT_EQ(kGermanColour, colour(next));
 }
@@ -874,6 +876,29 @@ TEST_F(WidgetBrowserTest, PlainPathWithBlanksAndPercentSigns) {
   ASSERT_EQ(0, run.status) << run.out << run.err;
   EXPECT_EQ("widget://sample-clock/locales/fr/index.html", url(run));
   EXPECT_EQ(kFrenchColour, colour(run));
+}
+
+TEST(WidgetBrowserManualPage, NamesEveryOptionExitCodeVariableAndFile) {
+  const std::string path = WIDGETENGINE_SOURCE_DIR "/host/widget-browser.1";
+  const std::string page = TempDir::readFile(path);
+  ASSERT_FALSE(page.empty());
+  // The options the program itself lists.
+  std::string help;
+  FILE* pipe = popen((std::string(kBrowser) + " --help 2>&1").c_str(), "r");
+  ASSERT_TRUE(pipe);
+  char buffer[512];
+  while (fgets(buffer, sizeof buffer, pipe)) help += buffer;
+  EXPECT_EQ(0, pclose(pipe));
+  for (const char* option :
+       {"--lang", "--screenshot", "--exit-after-load", "--size", "--help"}) {
+    EXPECT_NE(std::string::npos, help.find(option)) << option;
+    EXPECT_NE(std::string::npos, page.find(roffDashes(option))) << option;
+  }
+  for (const char* code : {".B 0\n", ".B 1\n", ".B 2\n"})
+    EXPECT_NE(std::string::npos, page.find(code)) << code;
+  EXPECT_EQ(std::vector<std::string>(), missingEngineEntries(page));
+  EXPECT_NE(std::string::npos, page.find(".B WIDGET_BROWSER_EXTENSION_DIR\n"));
+  EXPECT_EQ("", manualWarnings(path));
 }
 
 }  // namespace

@@ -8,13 +8,15 @@
 #include <cstdio>
 #include <string>
 
+#include "base/ToolsExport.h"
+
 class ContentType {
  public:
-  static const char* const kUnknown;
+  WIDGETENGINE_TOOLS_EXPORT static const char* const kUnknown;
 
-  static std::string fromExtension(const std::string& fileName);
+  WIDGETENGINE_TOOLS_EXPORT static std::string fromExtension(const std::string& fileName);
   // Rewinds file and reads its first eight bytes.
-  static std::string fromContent(FILE* file);
+  WIDGETENGINE_TOOLS_EXPORT static std::string fromContent(FILE* file);
 };
 
 #endif  // WIDGETENGINE_CONTENTTYPE_H_

@@ -7,16 +7,18 @@
 
 #include <string>
 
+#include "base/ToolsExport.h"
+
 class Downloader {
  public:
-  Downloader(const std::string& url, const std::string& filePath);
-  ~Downloader();
+  WIDGETENGINE_TOOLS_EXPORT Downloader(const std::string& url, const std::string& filePath);
+  WIDGETENGINE_TOOLS_EXPORT ~Downloader();
 
   Downloader(const Downloader&) = delete;
   Downloader& operator=(const Downloader&) = delete;
 
   // 0 when the body was stored in filePath, -1 otherwise.
-  int download();
+  WIDGETENGINE_TOOLS_EXPORT int download();
   // Removes filePath and says so.
   void clean();
 

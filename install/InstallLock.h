@@ -21,6 +21,8 @@
 #include <memory>
 #include <string>
 
+#include "base/ToolsExport.h"
+
 class SqlLite3;
 class WidgetsData;
 
@@ -57,7 +59,7 @@ class InstallLock {
   // package file it names (only a file of the engine's temporary-file form)
   // and the widget directory (only "widget_<name>/" under the root, and only
   // when no registered widget lives there), then the lock file.
-  static void sweep(const std::string& widgetRoot, SqlLite3& registry);
+  WIDGETENGINE_TOOLS_EXPORT static void sweep(const std::string& widgetRoot, SqlLite3& registry);
 
   // The registered widget whose directory is the same directory as path:
   // the same text, or the same file on disk under another spelling. Null

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "base/ToolsExport.h"
 #include "registry/WidgetsData.h"
 
 struct sqlite3;
@@ -19,8 +20,8 @@ struct sqlite3;
 class SqlLite3 {
  public:
   // Opens (or creates) the registry at databasePath() and checks its tables.
-  SqlLite3();
-  ~SqlLite3();
+  WIDGETENGINE_TOOLS_EXPORT SqlLite3();
+  WIDGETENGINE_TOOLS_EXPORT ~SqlLite3();
 
   SqlLite3(const SqlLite3&) = delete;
   SqlLite3& operator=(const SqlLite3&) = delete;
@@ -29,16 +30,16 @@ class SqlLite3 {
   // without a separator. A relative path is taken from the working directory
   // the process had when it first asked (in practice: when the first engine
   // was created), whatever the working directory is now.
-  static std::string databasePath();
+  WIDGETENGINE_TOOLS_EXPORT static std::string databasePath();
   // The working directory of the process when the library was loaded.
   static const std::string& startDirectory();
 
-  bool isOpen();
+  WIDGETENGINE_TOOLS_EXPORT bool isOpen();
   // Tries again to open a registry that could not be opened (missing,
   // locked, unreadable at the time); true when it is open now.
   bool reopen();
   // SQLite's message and extended code of the last failure, for reason lines.
-  std::string lastError() const;
+  WIDGETENGINE_TOOLS_EXPORT std::string lastError() const;
 
   // Runs one statement text; the SQLite result code (0 = success). The result
   // is left in getColumnNames() and getValues() (row after row).
@@ -75,7 +76,7 @@ class SqlLite3 {
   std::vector<WidgetsData*> selectWidgets(std::string sql);
   // ok, when given, tells whether the read ran to its end: a read that
   // could not run (a lock held too long, an unreadable file) is not "none".
-  std::vector<WidgetsData*> selectAllWidgets(bool* ok = nullptr);
+  WIDGETENGINE_TOOLS_EXPORT std::vector<WidgetsData*> selectAllWidgets(bool* ok = nullptr);
   std::vector<WidgetsData*> selectWidgetsByName(const std::string& name);
   std::vector<WidgetsData*> selectWidgetsBySourceURL(const std::string& url,
                                                      bool* ok = nullptr);

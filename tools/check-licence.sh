@@ -14,5 +14,5 @@ while IFS= read -r file; do
   fi
 done < <(git ls-files '*.cpp' '*.h' '*.c' '*.sh' '*.cmake' '*.in' '*.map' '*.rng' \
            '*.dict' '*.1' '*.bash-completion' 'CMakeLists.txt' 'Makefile' '.ci/run' \
-           'packaging/postinst.in' 'packaging/postrm')
+           'packaging/postinst.in')
 exit $status

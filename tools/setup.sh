@@ -12,7 +12,7 @@ packages=(
   clang libfuzzer-14-dev libclang-rt-14-dev
   libwebkit2gtk-4.1-dev libgdk-pixbuf-2.0-dev xvfb xauth
   nlohmann-json3-dev bash-completion
-  dpkg-dev fakeroot lintian file time
+  dpkg-dev fakeroot lintian file time abigail-tools devscripts
 )
 
 missing=()

@@ -42,6 +42,16 @@ int usageError(const std::string& reason, const char* command) {
   std::cerr << kProgram << ": " << reason << " (see \"widgetctl help"
             << (command ? std::string(" ") + command : std::string()) << "\")"
             << std::endl;
+  if (gJson) {
+    // A script that asked for JSON gets a document whatever went wrong, with
+    // the command when one was recognised.
+    gDocument = json{{"command", command ? json(command) : json(nullptr)},
+                     {"engine", json::array()},
+                     {"exit", kUsage},
+                     {"ok", false},
+                     {"error", reason}};
+    std::cout << gDocument.dump(2) << std::endl;
+  }
   return kUsage;
 }
 

@@ -33,7 +33,8 @@ void passOn(const std::vector<std::string>& lines);
 // Ends a command: the reason line (if any) on standard error, the document
 // in --json mode; returns status.
 int finish(int status, const std::string& reason = std::string());
-// A usage error: the reason and where to read more; returns kUsage.
+// A usage error: the reason and where to read more, and in --json mode a
+// document with the command (or null) and the reason; returns kUsage.
 int usageError(const std::string& reason, const char* command);
 
 // "label:" padded to one column, then the value.

@@ -149,7 +149,6 @@ const Command* findCommand(const std::string& name) {
 }
 
 struct Options {
-  bool json = false;
   bool quiet = false;
   bool strict = false;
   bool repair = false;
@@ -169,14 +168,14 @@ int printVersion() {
   const char* dataPath = getenv("YRA_DATA_PATH");
   if (gJson) {
     gDocument = json{{"command", "version"},
+                     {"engine", json::array()},
                      {"version", WIDGETCTL_VERSION},
                      {"schema", schema},
                      {"registry", registry},
                      {"widgetRoot", WIDGETCTL_WIDGET_ROOT},
                      {"registryNow", SqlLite3::databasePath()},
                      {"widgetRootNow", widgetPath ? widgetPath : WIDGETCTL_WIDGET_ROOT}};
-    std::cout << gDocument.dump(2) << std::endl;
-    return kOk;
+    return finish(kOk);
   }
   std::cout << "widgetctl " << WIDGETCTL_VERSION << " (libwidgetengine "
             << WIDGETCTL_VERSION << ")\n"
@@ -249,11 +248,18 @@ int main(int argc, char** argv) {
       {"version", no_argument, nullptr, 'V'},
       {"help", no_argument, nullptr, 'h'},
       {nullptr, 0, nullptr, 0}};
+  // --json is known before the options are read, so that a usage error
+  // among them is answered as a document too.
+  // (getopt_long takes any unambiguous abbreviation, "--j" among them.)
+  for (int i = 1; i < argc && strcmp(argv[i], "--") != 0; ++i) {
+    const size_t length = strlen(argv[i]);
+    if (length >= 3 && strncmp(argv[i], "--json", length) == 0) gJson = true;
+  }
   opterr = 0;
   int c;
   while ((c = getopt_long(argc, argv, "qVh", kLong, nullptr)) != -1) {
     switch (c) {
-      case 'j': options.json = true; break;
+      case 'j': break;
       case 'q': options.quiet = true; break;
       case 'l': options.language = optarg; options.hasLanguage = true; break;
       case 's': options.strict = true; break;
@@ -263,8 +269,10 @@ int main(int argc, char** argv) {
       case 'V': options.version = true; break;
       case 'h': options.help = true; break;
       default: {
-        const std::string option =
-            optopt ? std::string("-") + static_cast<char>(optopt) : argv[optind - 1];
+        // optopt is the option's value in kLong, or 0 for an unknown one.
+        std::string option = argv[optind - 1];
+        for (const struct option* known = kLong; optopt && known->name; ++known)
+          if (known->val == optopt) option = std::string("--") + known->name;
         return usageError(c == ':' || (optopt == 'l')
                               ? option + " needs a value"
                               : "unknown option " + option,
@@ -273,9 +281,8 @@ int main(int argc, char** argv) {
     }
   }
   std::vector<std::string> words(argv + optind, argv + argc);
-  gJson = options.json;
-  gEngineToStderr = options.json || options.quiet;
-  gProgress = !options.json && !options.quiet;
+  gEngineToStderr = gJson || options.quiet;
+  gProgress = !gJson && !options.quiet;
 
   if (options.version) return printVersion();
   if (words.empty()) {

@@ -22,6 +22,7 @@
 
 #include "testing/HttpServer.h"
 #include "testing/Listener.h"
+#include "testing/ManualPage.h"
 #include "testing/OutputChecks.h"
 #include "testing/TempDir.h"
 #include "testing/WidgetSandbox.h"
@@ -159,26 +160,14 @@ TEST_F(WidgetctlTest, ManualPageNamesEveryCommandOptionAndExitCode) {
                 page.find(std::string(".B ") + command) != std::string::npos)
         << command;
   }
-  for (const char* option : kOptionNames) {
-    std::string roff;
-    for (const char* c = option; *c; ++c) {
-      if (*c == '-') roff += "\\-";
-      else roff += *c;
-    }
-    EXPECT_NE(std::string::npos, page.find(roff)) << option;
-  }
+  for (const char* option : kOptionNames)
+    EXPECT_NE(std::string::npos, page.find(roffDashes(option))) << option;
   for (const char* code : {".B 0\n", ".B 1\n", ".B 2\n", ".B 3\n"})
     EXPECT_NE(std::string::npos, page.find(code)) << code;
-  // It renders without complaint.
-  std::string command = "cd / && MANWIDTH=80 man -l " WIDGETENGINE_SOURCE_DIR
-                        "/tools/widgetctl/widgetctl.1 2>&1 >/dev/null";
-  FILE* pipe = popen(command.c_str(), "r");
-  ASSERT_TRUE(pipe);
-  char buffer[512];
-  std::string warnings;
-  while (fgets(buffer, sizeof buffer, pipe)) warnings += buffer;
-  pclose(pipe);
-  EXPECT_EQ("", warnings);
+  // Every variable the engine or the tool reads, and every fixed place.
+  EXPECT_EQ(std::vector<std::string>(), missingEngineEntries(page));
+  EXPECT_NE(std::string::npos, page.find(".B TMPDIR\n"));
+  EXPECT_EQ("", manualWarnings(WIDGETENGINE_SOURCE_DIR "/tools/widgetctl/widgetctl.1"));
 }
 
 TEST_F(WidgetctlTest, BashCompletionOffersCommandsAndOptions) {
@@ -221,6 +210,57 @@ TEST_F(WidgetctlTest, UsageErrorsGiveOneLineAndStatus2) {
     EXPECT_EQ(0u, result.err.find("widgetctl: "));
     EXPECT_EQ("", result.out);
   }
+}
+
+TEST_F(WidgetctlTest, UsageErrorsWithJsonAnswerADocument) {
+  struct Case {
+    std::vector<std::string> args;
+    nlohmann::json command;
+    std::string error;
+  };
+  const std::vector<Case> cases = {
+      {{"--json"}, nullptr, "no command given"},
+      {{"--json", "--force", "list"}, nullptr, "unknown option --force"},
+      {{"--force", "--json", "list"}, nullptr, "unknown option --force"},
+      {{"--json", "frobnicate"}, nullptr, "unknown command frobnicate"},
+      {{"--json", "install"}, "install", "install takes one argument"},
+      {{"list", "--js", "--repair"}, "list",
+       "--repair, --reinstall and --remove-orphans are for doctor"},
+      {{"--json", "info", "x", "--lang"}, nullptr, "--lang needs a value"}};
+  for (const Case& one : cases) {
+    SCOPED_TRACE(one.error);
+    Result result = run(one.args);
+    EXPECT_EQ(2, result.status);
+    nlohmann::json doc = document(result);
+    ASSERT_TRUE(doc.is_object()) << result.out;
+    EXPECT_EQ(one.command, doc["command"]);
+    EXPECT_EQ(2, doc["exit"]);
+    EXPECT_EQ(false, doc["ok"]);
+    EXPECT_EQ(one.error, doc["error"]);
+    EXPECT_EQ(nlohmann::json::array(), doc["engine"]);
+    // The reason line stays where a person reads it.
+    EXPECT_EQ(1u, lines(result.err).size()) << result.err;
+    EXPECT_EQ(0u, result.err.find("widgetctl: " + one.error));
+  }
+  // After "--" nothing is an option, not even --json.
+  Result plain = run({"frobnicate", "--", "--json"});
+  EXPECT_EQ(2, plain.status);
+  EXPECT_EQ("", plain.out);
+}
+
+TEST_F(WidgetctlTest, VersionWithJsonIsADocumentLikeEveryOther) {
+  Result result = runWith({"--json", "--version"}, {{"YRA_DATA_PATH", conf}});
+  EXPECT_EQ(0, result.status);
+  EXPECT_EQ("", result.err);
+  nlohmann::json doc = document(result);
+  ASSERT_TRUE(doc.is_object()) << result.out;
+  EXPECT_EQ("version", doc["command"]);
+  EXPECT_EQ(true, doc["ok"]);
+  EXPECT_EQ(0, doc["exit"]);
+  EXPECT_EQ(nlohmann::json::array(), doc["engine"]);
+  EXPECT_EQ("1.0", doc["version"]);
+  EXPECT_EQ(conf + "widget.db", doc["registryNow"]);
+  EXPECT_FALSE(doc.contains("error"));
 }
 
 TEST_F(WidgetctlTest, WholeStoryOfTheSampleWidget) {
