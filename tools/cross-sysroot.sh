@@ -8,7 +8,40 @@
 #   tools/cross-sysroot.sh ARCH DIRECTORY
 # A sysroot made from the same list of packages is kept; one made from
 # another list, or left half-made, is made anew.
+#
+# The sysroot's dpkg database (var/lib/dpkg) records the extracted packages
+# with their shlibs and symbols files, their files named by their path on
+# this machine (the sysroot's path in front): dpkg-shlibdeps, given it as
+# DPKG_ADMINDIR and the sysroot's library folders as LD_LIBRARY_PATH, finds
+# the package of each library a cross-built program needs.
 set -euo pipefail
+
+# Called by mmdebstrap's extract hook with the new sysroot, while the
+# downloaded packages are still in its apt cache.
+if [ "$1" = --register ]; then
+  root=$2
+  admin="$root/var/lib/dpkg"
+  real=$(cd "$root" && pwd)
+  control=$(mktemp -d)
+  # Info files named <package>:<architecture> where Multi-Arch says same.
+  echo 1 >"$admin/info/format"
+  for deb in "$root"/var/cache/apt/archives/*.deb; do
+    package=$(dpkg-deb -f "$deb" Package)
+    name=$package
+    [ "$(dpkg-deb -f "$deb" Multi-Arch)" = same ] && name="$package:$(dpkg-deb -f "$deb" Architecture)"
+    { dpkg-deb -f "$deb" | grep -v '^Status:'; echo "Status: install ok installed"; echo; } >>"$admin/status"
+    rm -rf "$control" && mkdir "$control"
+    dpkg-deb -e "$deb" "$control"
+    for file in shlibs symbols; do
+      [ -e "$control/$file" ] && cp "$control/$file" "$admin/info/$name.$file"
+    done
+    dpkg-deb --fsys-tarfile "$deb" | tar -t | sed -e 's|^\./|/|' -e 's|/$||' |
+      grep -v '^/\?$' | sed "s|^|$real|" >"$admin/info/$name.list"
+  done
+  rm -rf "$control"
+  exit 0
+fi
+
 arch=$1
 dir=$2
 packages=(
@@ -17,7 +50,8 @@ packages=(
   libgtest-dev libgmock-dev nlohmann-json3-dev
 )
 stamp="$dir/.complete"
-[ "$(cat "$stamp" 2>/dev/null)" = "${packages[*]}" ] && exit 0
+made="${packages[*]}, with its dpkg database"
+[ "$(cat "$stamp" 2>/dev/null)" = "$made" ] && exit 0
 # The same mirror and suite as the host's own package sources.
 mirror=$(grep -hE '^(URIs:|deb )' /etc/apt/sources.list /etc/apt/sources.list.d/* 2>/dev/null |
   grep -v -- '-security' | head -1 | sed -E 's/^deb +(\[[^]]*\] +)?//; s/^URIs: *//; s/ .*//' || true)
@@ -33,8 +67,9 @@ mmdebstrap --quiet --mode=auto --variant=extract --architectures="$arch" \
   --include="$(IFS=,; echo "${packages[*]}")" \
   --dpkgopt='path-exclude=/usr/share/doc/*' --dpkgopt='path-exclude=/usr/share/man/*' \
   --dpkgopt='path-exclude=/usr/share/locale/*' \
+  --extract-hook="bash '$(cd "$(dirname "$0")" && pwd)/cross-sysroot.sh' --register \"\$1\"" \
   "$suite" "$dir" "$mirror"
 # qemu-user looks a path up in the sysroot before the real file system: a
 # sysroot /tmp or /dev would stand in front of the real ones.
 rm -rf "$dir/tmp" "$dir/dev"
-echo "${packages[*]}" >"$stamp"
+echo "$made" >"$stamp"
