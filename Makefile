@@ -81,10 +81,11 @@ fuzz-ci: fuzz-build
 
 # Debian packages of the committed tree, built with the device's fixed paths
 # into build-package/: libwidgetengine1, libwidgetengine-dev, widgetctl.
-PACKAGE_BUILD := build-package
+# With ARCH (arm64 or armhf), for that architecture, into build-package-ARCH/.
+PACKAGE_BUILD := build-package$(if $(ARCH),-$(ARCH))
 
 package: setup
-	@bash tools/package.sh $(PACKAGE_BUILD)
+	@bash tools/package.sh $(PACKAGE_BUILD) $(ARCH)
 
 # Builds the packages, runs lintian, builds the README's host against them
 # and installs them over a registry that holds widgets (as root).
@@ -118,4 +119,4 @@ uninstall:
 	cmake --build $(BUILD) --target uninstall
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) $(PACKAGE_BUILD) build-cross
+	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) build-package* build-cross

@@ -50,7 +50,7 @@ packages=(
   libgtest-dev libgmock-dev nlohmann-json3-dev
 )
 stamp="$dir/.complete"
-made="${packages[*]}, with its dpkg database"
+made="${packages[*]}, with its dpkg database, relative links"
 [ "$(cat "$stamp" 2>/dev/null)" = "$made" ] && exit 0
 # The same mirror and suite as the host's own package sources.
 mirror=$(grep -hE '^(URIs:|deb )' /etc/apt/sources.list /etc/apt/sources.list.d/* 2>/dev/null |
@@ -69,6 +69,12 @@ mmdebstrap --quiet --mode=auto --variant=extract --architectures="$arch" \
   --dpkgopt='path-exclude=/usr/share/locale/*' \
   --extract-hook="bash '$(cd "$(dirname "$0")" && pwd)/cross-sysroot.sh' --register \"\$1\"" \
   "$suite" "$dir" "$mirror"
+# Links that name an absolute path (libz.so -> /lib/<triplet>/libz.so.1...)
+# would lead out of the sysroot, into this machine's libraries or nowhere: a
+# broken libz.so has the linker take libz.a instead. They are made relative.
+find "$dir" -type l -lname '/*' -print0 | while IFS= read -r -d '' link; do
+  ln -sfn "$(realpath -m --relative-to="$(dirname "$link")" "$dir$(readlink "$link")")" "$link"
+done
 # qemu-user looks a path up in the sysroot before the real file system: a
 # sysroot /tmp or /dev would stand in front of the real ones.
 rm -rf "$dir/tmp" "$dir/dev"

@@ -4,10 +4,14 @@
 # A tree with uncommitted changes, or a machine without the Debian tools,
 # gets one line that says what is missing.
 #
-# Usage: tools/package.sh BUILD
+# Usage: tools/package.sh BUILD [ARCH]
+# With ARCH (arm64, armhf, s390x), the packages are cross-built for it
+# against the sysroot of `make cross ARCH=...`.
 set -euo pipefail
 build=${1:-build-package}
+arch=${2:-}
 source_dir=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+[ "$arch" = "$(dpkg --print-architecture)" ] && arch=
 
 for tool in dpkg-deb dpkg-shlibdeps fakeroot; do
   if ! command -v "$tool" >/dev/null; then
@@ -20,11 +24,27 @@ if [ -n "$(git -C "$source_dir" status --porcelain --untracked-files=normal 2>/d
   exit 1
 fi
 
+cross=()
+library_path=
+if [ -n "$arch" ]; then
+  bash "$source_dir/tools/setup-cross.sh" "$arch"
+  sysroot="$source_dir/build-cross/sysroot-$arch"
+  bash "$source_dir/tools/cross-sysroot.sh" "$arch" "$sysroot"
+  cross=(-DCMAKE_TOOLCHAIN_FILE="$source_dir/cmake/toolchains/$arch.cmake"
+         -DCMAKE_SYSROOT="$sysroot")
+  # dpkg-shlibdeps looks the libraries up in the sysroot and their packages
+  # in the sysroot's dpkg database (tools/cross-sysroot.sh).
+  multiarch=$(dpkg-architecture -a"$arch" -qDEB_HOST_MULTIARCH 2>/dev/null)
+  library_path=":$sysroot/lib/$multiarch:$sysroot/usr/lib/$multiarch"
+  export DEB_HOST_ARCH="$arch" DPKG_ADMINDIR="$sysroot/var/lib/dpkg"
+fi
+
 cmake -S "$source_dir" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-  -DCMAKE_INSTALL_PREFIX=/usr -DBUILD_TESTING=OFF -DWIDGETENGINE_WERROR=ON >/dev/null
+  -DCMAKE_INSTALL_PREFIX=/usr -DBUILD_TESTING=OFF -DWIDGETENGINE_WERROR=ON \
+  ${cross[@]+"${cross[@]}"} >/dev/null
 cmake --build "$build" -j "$(nproc)" >/dev/null
 # dpkg-shlibdeps finds the library that widget-browser links in the build
 # tree (it searches LD_LIBRARY_PATH); the dependency on its package is
 # written in the control data, as the library's package is built alongside.
-(cd "$build" && LD_LIBRARY_PATH="$(pwd)" cpack -G DEB >/dev/null)
+(cd "$build" && LD_LIBRARY_PATH="$(pwd)$library_path" cpack -G DEB >/dev/null)
 ls "$build"/*.deb
