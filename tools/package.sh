@@ -30,11 +30,12 @@ if [ -n "$arch" ]; then
   bash "$source_dir/tools/setup-cross.sh" "$arch"
   sysroot="$source_dir/build-cross/sysroot-$arch"
   bash "$source_dir/tools/cross-sysroot.sh" "$arch" "$sysroot"
+  multiarch=$(dpkg-architecture -a"$arch" -qDEB_HOST_MULTIARCH 2>/dev/null)
+  # The multiarch library folder, as a native build on Debian gets it.
   cross=(-DCMAKE_TOOLCHAIN_FILE="$source_dir/cmake/toolchains/$arch.cmake"
-         -DCMAKE_SYSROOT="$sysroot")
+         -DCMAKE_SYSROOT="$sysroot" -DCMAKE_INSTALL_LIBDIR="lib/$multiarch")
   # dpkg-shlibdeps looks the libraries up in the sysroot and their packages
   # in the sysroot's dpkg database (tools/cross-sysroot.sh).
-  multiarch=$(dpkg-architecture -a"$arch" -qDEB_HOST_MULTIARCH 2>/dev/null)
   library_path=":$sysroot/lib/$multiarch:$sysroot/usr/lib/$multiarch"
   export DEB_HOST_ARCH="$arch" DPKG_ADMINDIR="$sysroot/var/lib/dpkg"
 fi
