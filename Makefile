@@ -119,4 +119,4 @@ uninstall:
 	cmake --build $(BUILD) --target uninstall
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) build-package* build-cross
+	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) build-package* build-cross build-footprint
