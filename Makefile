@@ -17,7 +17,7 @@ SANDBOX_FLAGS = -DWIDGETENGINE_WERROR=ON \
 SANITIZE := -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer
 
 .PHONY: all setup build test test-normal test-asan demo bench clean fuzz fuzz-ci fuzz-build \
-  package package-test uninstall symbols
+  package package-test uninstall symbols cross cross-setup
 
 all: build
 
@@ -82,15 +82,38 @@ fuzz-ci: fuzz-build
 # Debian packages of the committed tree, built with the device's fixed paths
 # and Debian's hardening flags into build-package/: libwidgetengine1,
 # libwidgetengine-dev, widgetctl, widget-browser and their -dbgsym packages.
-PACKAGE_BUILD := build-package
+# With ARCH (arm64 or armhf), for that architecture, into build-package-ARCH/.
+PACKAGE_BUILD := build-package$(if $(ARCH),-$(ARCH))
 
 package: setup
-	@bash tools/package.sh $(PACKAGE_BUILD)
+	@bash tools/package.sh $(PACKAGE_BUILD) $(ARCH)
 
 # Builds the packages, runs lintian, builds the README's host against them
 # and installs them over a registry that holds widgets (as root).
 package-test: package
 	bash tools/package-test.sh $(PACKAGE_BUILD)
+
+# Cross build for ARCH (arm64, armhf or s390x): a sysroot of Debian's
+# libraries for it (made once, kept in build-cross/sysroot-ARCH), Debian's
+# cross compiler, and the whole suite under qemu-user.
+ARCH ?=
+CROSS_ARCHES := arm64 armhf s390x
+CROSS_BUILD = build-cross/$(ARCH)
+CROSS_SYSROOT = $(CURDIR)/build-cross/sysroot-$(ARCH)
+CROSS_FLAGS = -DCMAKE_TOOLCHAIN_FILE=$(CURDIR)/cmake/toolchains/$(ARCH).cmake \
+  -DCMAKE_SYSROOT=$(CROSS_SYSROOT)
+
+cross-setup:
+	@case " $(CROSS_ARCHES) " in *" $(ARCH) "*) ;; \
+	  *) echo "make cross: set ARCH to one of $(CROSS_ARCHES)" >&2; exit 2 ;; esac
+	@bash tools/setup-cross.sh $(ARCH)
+	@bash tools/cross-sysroot.sh $(ARCH) $(CROSS_SYSROOT)
+
+cross: cross-setup
+	cmake -S . -B $(CROSS_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CROSS_FLAGS) \
+	  $(call SANDBOX_FLAGS,$(CROSS_BUILD))
+	cmake --build $(CROSS_BUILD) -j $(JOBS)
+	cd $(CROSS_BUILD) && ctest --output-on-failure -j $(JOBS)
 
 # Removes what `cmake --install build` wrote (from its install manifest),
 # below DESTDIR when it is set, as for the install.
@@ -103,4 +126,4 @@ symbols: build
 	bash tools/update-symbols.sh $(BUILD)/libwidgetengine.so.1
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) $(PACKAGE_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(FUZZ_BUILD) build-package* build-cross build-footprint

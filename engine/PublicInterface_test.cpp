@@ -44,7 +44,11 @@ int runCommand(const std::string& command, std::string* output) {
 std::string shellQuoted(const std::string& text) { return "'" + text + "'"; }
 
 // Slot index of a virtual member function, read from its pointer-to-member
-// representation: the vtable byte offset plus one.
+// representation (two words: a pointer and a this-adjustment). The Itanium
+// C++ ABI marks a virtual member by an odd pointer, the vtable byte offset
+// plus one; ARM's variant of it, where code addresses may be odd (Thumb),
+// keeps the plain offset and marks a virtual member in the adjustment's low
+// bit, the adjustment itself doubled.
 template <typename Member>
 long slotOf(Member member) {
   struct Representation {
@@ -54,8 +58,13 @@ long slotOf(Member member) {
   static_assert(sizeof(Member) == sizeof(Representation), "two words");
   Representation representation;
   memcpy(&representation, &member, sizeof representation);
+#if defined(__arm__) || defined(__aarch64__)
+  if ((representation.adjustment & 1) == 0) return -1;  // not virtual
+  return static_cast<long>(representation.ptr / sizeof(void*));
+#else
   if ((representation.ptr & 1) == 0) return -1;  // not virtual
   return static_cast<long>((representation.ptr - 1) / sizeof(void*));
+#endif
 }
 
 // A browser-side implementation that records which operation ran.
@@ -390,6 +399,11 @@ const char kHostFlags[] =
 const char kHostFlags[] = "";
 #endif
 
+// The build's own compiler and CMake settings (a cross build's toolchain
+// file and sysroot); a cross-built host runs under qemu through binfmt_misc.
+const char kHostCompiler[] = WIDGETENGINE_TEST_CXX;
+const char kHostCMakeArgs[] = WIDGETENGINE_TEST_CMAKE_ARGS;
+
 class InstalledPackageTest : public PublicInterfaceTest {
  protected:
   // Installs the build tree into a fresh prefix. The schema and the registry
@@ -455,7 +469,8 @@ TEST_F(InstalledPackageTest, HostBuildsWithPkgConfig) {
   ASSERT_EQ(0, runCommand(flags, &output)) << output;
   EXPECT_NE(std::string::npos, output.find("-lwidgetengine")) << output;
   const std::string host = work_.file("host-pc");
-  ASSERT_EQ(0, runCommand("c++ -std=c++17 " + std::string(kHostFlags) + " " +
+  ASSERT_EQ(0, runCommand(std::string(kHostCompiler) + " -std=c++17 " +
+                              std::string(kHostFlags) + " " +
                               shellQuoted(work_.file("host.cpp")) + " -o " +
                               shellQuoted(host) + " $(" + flags + ")",
                           &output))
@@ -469,7 +484,11 @@ TEST_F(InstalledPackageTest, HostBuildsWithFindPackage) {
   ASSERT_EQ(0, runCommand("cmake -S " + shellQuoted(work_.path()) + " -B " +
                               shellQuoted(work_.file("build")) +
                               " -DCMAKE_PREFIX_PATH=" + shellQuoted(prefix_) +
-                              " -DCMAKE_CXX_FLAGS=" + shellQuoted(kHostFlags),
+                              // A toolchain file confines the search to the
+                              // sysroot and the roots named here.
+                              " -DCMAKE_FIND_ROOT_PATH=" + shellQuoted(prefix_) +
+                              " -DCMAKE_CXX_FLAGS=" + shellQuoted(kHostFlags) +
+                              " " + kHostCMakeArgs,
                           &output))
       << output;
   ASSERT_EQ(0, runCommand("cmake --build " + shellQuoted(work_.file("build")), &output))
@@ -505,7 +524,8 @@ TEST_F(InstalledPackageTest, ReadmeHostExampleBuildsAndInstallsAWidget) {
       "PKG_CONFIG_PATH=" + shellQuoted(prefix_ + "/lib/pkgconfig") +
       " pkg-config --cflags --libs widgetengine";
   const std::string host = work_.file("readme-host");
-  ASSERT_EQ(0, runCommand("c++ -std=c++17 -Wall -Wextra -Werror " +
+  ASSERT_EQ(0, runCommand(std::string(kHostCompiler) +
+                              " -std=c++17 -Wall -Wextra -Werror " +
                               std::string(kHostFlags) + " " +
                               shellQuoted(work_.file("readme-host.cpp")) +
                               " -o " + shellQuoted(host) + " $(" + flags + ")",

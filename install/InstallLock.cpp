@@ -8,10 +8,11 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cinttypes>
 #include <climits>
 #include <cstdlib>
+#include <cstdint>
 #include <cstring>
-#include <functional>
 #include <vector>
 
 #include "base/TrustedPath.h"
@@ -31,6 +32,18 @@ const char kStorageLine[] = "storage ";
 // unique again with a hash), so that the lock file's name fits wherever the
 // widget's directory name does.
 constexpr size_t kLongestNameKept = 200;
+
+// 64-bit FNV-1a: the same value in every process, whatever its word size
+// or C++ library (std::hash is neither), so that engines of 32- and 64-bit
+// browsers sharing a widget root agree on the lock file of a long name.
+uint64_t fnv1a64(const std::string& text) {
+  uint64_t hash = UINT64_C(14695981039346656037);
+  for (const unsigned char c : text) {
+    hash ^= c;
+    hash *= UINT64_C(1099511628211);
+  }
+  return hash;
+}
 
 std::string realDirectory(const std::string& path) {
   char* real = realpath(path.c_str(), nullptr);
@@ -109,7 +122,7 @@ InstallLock::~InstallLock() {
 std::string InstallLock::lockFileName(const std::string& name) {
   if (name.size() <= kLongestNameKept) return kLockPrefix + name + kLockSuffix;
   char hash[17];
-  snprintf(hash, sizeof hash, "%016zx", std::hash<std::string>()(name));
+  snprintf(hash, sizeof hash, "%016" PRIx64, fnv1a64(name));
   return kLockPrefix + name.substr(0, kLongestNameKept) + "-" + hash +
          kLockSuffix;
 }

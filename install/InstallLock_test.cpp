@@ -14,6 +14,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "engine/WidgetEngineDelegate.h"
@@ -101,6 +102,35 @@ TEST_F(InstallLockTest, SecondHolderOfANameWaitsForTheFirstUnderAnySpelling) {
     EXPECT_TRUE(taken);
   }
   EXPECT_TRUE(rootHoldsOnly({"tmp"}));
+}
+
+namespace {
+
+std::string repeated(const std::string& text, int times) {
+  std::string result;
+  for (int i = 0; i < times; ++i) result += text;
+  return result;
+}
+
+}  // namespace
+
+TEST_F(InstallLockTest, LongNamesLockTheSameFileInProcessesOfAnyWordSize) {
+  // Names past 200 characters are cut there and a 64-bit FNV-1a of the whole
+  // name added: fixed names, whatever process computes them.
+  const std::pair<std::string, std::string> cases[] = {
+      {repeated("a", 200), ".widget_" + repeated("a", 200) + ".lock"},
+      {repeated("a", 201),
+       ".widget_" + repeated("a", 200) + "-9a253eda0ce95884.lock"},
+      {repeated("clock", 50),
+       ".widget_" + repeated("clock", 40) + "-abe6aba4de14a975.lock"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.first.size());
+    InstallLock lock(root, c.first);
+    ASSERT_TRUE(lock.acquire());
+    EXPECT_EQ(0, access((root + c.second).c_str(), F_OK)) << c.second;
+    lock.clear();
+  }
 }
 
 TEST_F(InstallLockTest, NextInstallationRemovesWhatADeadOneLeft) {

@@ -23,6 +23,26 @@ ddebs=("$build"/libwidgetengine1-dbgsym_*.ddeb "$build"/widgetctl-dbgsym_*.ddeb
 echo "== lintian"
 lintian --fail-on error --suppress-tags initial-upload-closes-no-bugs "${debs[@]}" "${ddebs[@]}"
 
+# Packages for another architecture (make package ARCH=...) are linted and
+# their control data checked; building against them and installing them
+# is for a machine of theirs.
+native=$(dpkg --print-architecture)
+target=$(dpkg-deb -f "${debs[0]}" Architecture)
+if [ "$target" != "$native" ]; then
+  echo "== $target packages"
+  for deb in "${debs[@]}"; do
+    test "$(dpkg-deb -f "$deb" Architecture)" = "$target"
+  done
+  # The library's dependencies come from dpkg-shlibdeps, read in the target's
+  # libraries: libc6, and the packages of libcurl, libzip, libxml2, SQLite.
+  depends=$(dpkg-deb -f "$build"/libwidgetengine1_*.deb Depends)
+  for library in libc6 libcurl libzip libxml2 libsqlite3; do
+    grep -q "\b$library" <<<"$depends" || { echo "package-test: libwidgetengine1 does not depend on $library: $depends" >&2; exit 1; }
+  done
+  echo "== the $target packages pass (installing them is for a $target machine)"
+  exit 0
+fi
+
 echo "== unpacked into $work/root"
 for deb in "${debs[@]}" "${ddebs[@]}"; do dpkg -x "$deb" "$work/root"; done
 multiarch=$(dpkg-architecture -qDEB_HOST_MULTIARCH)

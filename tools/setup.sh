@@ -2,6 +2,7 @@
 # SPDX-License-Identifier: Apache-2.0
 # Installs the Debian packages that building, testing, benchmarking and the
 # demo need, and only those that are missing. Safe to run again.
+# Packages named as arguments are installed too (tools/setup-cross.sh).
 set -euo pipefail
 
 packages=(
@@ -13,12 +14,16 @@ packages=(
   libwebkit2gtk-4.1-dev libgdk-pixbuf-2.0-dev xvfb xauth
   nlohmann-json3-dev bash-completion
   dpkg-dev fakeroot lintian file time abigail-tools devscripts
+  "$@"
 )
 
+# Installed for this machine's architecture: a foreign -dev package of the
+# same name (multiarch) would not build anything here.
+native=$(dpkg --print-architecture)
 missing=()
 for p in "${packages[@]}"; do
-  status=$(dpkg-query -W -f='${db:Status-Status}' "$p" 2>/dev/null || true)
-  [ "$status" = "installed" ] || missing+=("$p")
+  dpkg-query -W -f='${Architecture} ${db:Status-Status}\n' "$p" 2>/dev/null |
+    grep -qE "^($native|all) installed$" || missing+=("$p")
 done
 
 [ ${#missing[@]} -eq 0 ] && exit 0
