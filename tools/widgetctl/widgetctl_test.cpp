@@ -47,7 +47,7 @@ class WidgetctlTest : public WidgetSandbox {
   // an empty value unsets the variable).
   Result runWith(const std::vector<std::string>& args,
                  const std::vector<std::pair<std::string, std::string>>& env,
-                 int signalAfterMs = 0) {
+                 int signalAfterMs = 0, int signal = SIGINT) {
     const std::string outPath = dir.path() + "/out.txt";
     const std::string errPath = dir.path() + "/err.txt";
     fflush(stdout);
@@ -82,7 +82,7 @@ class WidgetctlTest : public WidgetSandbox {
     int status = 0;
     if (signalAfterMs > 0) {
       usleep(signalAfterMs * 1000);
-      kill(child, SIGINT);
+      kill(child, signal);
     }
     waitpid(child, &status, 0);
     result.status =
@@ -508,6 +508,43 @@ TEST_F(WidgetctlTest, DoctorFindsAndRepairsEachKindOfDamage) {
   EXPECT_EQ(0, wiped.status) << wiped.out << wiped.err;
   EXPECT_TRUE(TempDir::exists(root + "widget_keeper/index.html"));
   EXPECT_EQ(0, run({"doctor"}).status);
+}
+
+TEST_F(WidgetctlTest, DoctorRepairsAKilledInstallationOnceWithCleanPaths) {
+  // Large enough that the installation is still unpacking when it is killed.
+  ZipBuilder big;
+  big.addFile("config.xml", "<widget xmlns=\"http://www.w3.org/ns/widgets\"><name>b</name></widget>")
+      .addFile("index.html", "<p/>");
+  for (int i = 0; i < 3000; ++i) big.addFile("f/" + std::to_string(i) + ".txt", std::string(3000, 'a'));
+  const std::string package = writePackage("big.wgt", big);
+  bool halfway = false;
+  for (int delay : {40, 80, 150, 250, 400, 600, 900}) {
+    Result result = runWith({"install", package}, {}, delay, SIGKILL);
+    if (result.status == 128 + SIGKILL && TempDir::isDirectory(root + "widget_big")) {
+      halfway = true;
+      break;
+    }
+    if (result.status == 0) {
+      ASSERT_EQ(0, run({"remove", "big"}).status);
+    }
+  }
+  ASSERT_TRUE(halfway) << "no installation was killed while unpacking";
+
+  Result found = run({"doctor"});
+  EXPECT_EQ(1, found.status);
+  Result repaired = run({"doctor", "--repair"});
+  EXPECT_EQ(0, repaired.status) << repaired.out;
+  EXPECT_EQ(std::string::npos, repaired.out.find("orphan-directory")) << repaired.out;
+  EXPECT_EQ(std::string::npos, repaired.out.find("//")) << repaired.out;
+  const std::string line = "leftover-installation: " + root + "widget_big/ (repaired)\n";
+  const size_t at = repaired.out.find(line);
+  EXPECT_NE(std::string::npos, at) << repaired.out;
+  EXPECT_EQ(std::string::npos, repaired.out.find(line, at + 1)) << repaired.out;
+  EXPECT_NE(std::string::npos, repaired.out.find("everything found was repaired\n"));
+  EXPECT_FALSE(TempDir::exists(root + "widget_big"));
+  EXPECT_TRUE(TempDir::listDirectory(root + "tmp").empty());
+  Result after = run({"doctor"});
+  EXPECT_EQ(0, after.status) << after.out;
 }
 
 TEST_F(WidgetctlTest, VersionNamesTheCompiledInPlaces) {
