@@ -163,8 +163,8 @@ bool checkOne(const std::string& argument, size_t index, json& result) {
   }
   result["verdict"] = "refused";
   std::string reason = installReason(status, url);
-  const std::string engine = engineReason(lines);
-  if (status == 10 && !engine.empty()) reason += ": " + engine;
+  const std::string engine = refusalDetail(status, lines);
+  if (!engine.empty()) reason += ": " + engine;
   result["reason"] = reason;
   return false;
 }

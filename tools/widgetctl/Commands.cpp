@@ -128,6 +128,20 @@ std::string installReason(int status, const std::string& url) {
   }
 }
 
+std::string refusalDetail(int status, const std::vector<std::string>& lines) {
+  if (status == 10) return engineReason(lines);
+  if (status != 5 && status != 6) return std::string();
+  // The download's bounds and the damaged entry each leave a line of
+  // their own that says more than the status.
+  for (auto it = lines.rbegin(); it != lines.rend(); ++it) {
+    if (it->compare(0, 8, "Package ") == 0 ||
+        it->compare(0, 25, "Damaged file in archive: ") == 0) {
+      return *it;
+    }
+  }
+  return std::string();
+}
+
 std::string engineReason(const std::vector<std::string>& lines) {
   for (auto it = lines.rbegin(); it != lines.rend(); ++it) {
     if (it->find("is taken by the widget installed from") != std::string::npos ||
@@ -165,8 +179,8 @@ int runInstall(const std::string& argument) {
   }
   gDocument["launchURL"] = nullptr;
   std::string reason = "could not install " + url + ": " + installReason(status, url);
-  const std::string engine = engineReason(lines);
-  if (status == 10 && !engine.empty()) reason += ": " + engine;
+  const std::string engine = refusalDetail(status, lines);
+  if (!engine.empty()) reason += ": " + engine;
   return finish(exitForStatus(status), reason);
 }
 

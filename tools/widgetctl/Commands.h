@@ -40,6 +40,9 @@ std::string installReason(int status, const std::string& url);
 // The last engine line that gives a reason of its own, for the refusals
 // whose status alone does not say it (a name taken, a failed commit).
 std::string engineReason(const std::vector<std::string>& lines);
+// What the engine's lines add to the reason of a refused installation with
+// this status; empty when they add nothing.
+std::string refusalDetail(int status, const std::vector<std::string>& lines);
 
 }  // namespace widgetctl
 
