@@ -592,6 +592,14 @@ TEST_F(WidgetctlTest, DamagedPackageIsRefusedWithItsReasonAndCheckSaysSo) {
             lastLine(check.out));
 }
 
+// AddressSanitizer's runtime and shadow memory add some 25 MiB to any
+// program's peak; a mapped package would still add its 100 MiB on top.
+#if defined(__SANITIZE_ADDRESS__)
+constexpr long kInstallPeakKiB = 80 * 1024;
+#else
+constexpr long kInstallPeakKiB = 40 * 1024;
+#endif
+
 TEST_F(WidgetctlTest, InstallOfAHundredMegabytePackageStaysUnderFortyMegabytes) {
   // 100 MiB of incompressible files, stored and deflated, built and written
   // in a scope of its own so that the test holds none of it when it runs.
@@ -623,7 +631,7 @@ TEST_F(WidgetctlTest, InstallOfAHundredMegabytePackageStaysUnderFortyMegabytes) 
   const long peakKiB = std::stol(TempDir::readFile(dir.path() + "/peak.txt"));
   RecordProperty("peak_kib", std::to_string(peakKiB));
   std::printf("peak resident memory of the install: %ld KiB\n", peakKiB);
-  EXPECT_LT(peakKiB, 40 * 1024);
+  EXPECT_LT(peakKiB, kInstallPeakKiB);
   EXPECT_EQ(0, run({"remove", "huge"}).status);
 }
 
