@@ -167,6 +167,10 @@ bool Doctor::run(std::vector<DoctorProblem>& problems,
       problem.detail = "left by an installation that did not finish; the next "
                        "installation removes it, or \"widgetctl doctor --repair\"";
       if (!leftoverPaths.insert(problem.path).second) continue;
+      // The journal names the root by its real path, which may not be the
+      // spelling of the root given here.
+      const std::string real = realDirectory(path);
+      if (!real.empty()) leftoverPaths.insert(real);
       leftovers.push_back(problem);
     }
   }
@@ -188,7 +192,8 @@ bool Doctor::run(std::vector<DoctorProblem>& problems,
     if (name.compare(0, 7, "widget_") != 0 || !isDirectory(path)) continue;
     if (owned.count(realDirectory(path))) continue;
     if (installationRunning(root, name)) continue;
-    if (leftoverPaths.count(path) || leftoverPaths.count(path + "/")) continue;
+    if (leftoverPaths.count(path + "/") || leftoverPaths.count(realDirectory(path)))
+      continue;
     DoctorProblem problem;
     problem.kind = "orphan-directory";
     problem.path = path + "/";
