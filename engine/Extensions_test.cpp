@@ -222,7 +222,9 @@ TEST_F(ExtensionsTest, APackageThatDoesNotFitSaysSo) {
   }
   umount(small.c_str());
   int code;
-  EXPECT_EQ("no space left for the package", lastReason(&code));
+  EXPECT_EQ("the package would leave less than 16 MiB free where widgets are "
+            "stored",
+            lastReason(&code));
   EXPECT_EQ(WIDGETENGINE_REFUSAL_NO_SPACE, code);
 }
 

@@ -41,8 +41,8 @@ std::string read(const std::string& path) {
 int main(int argc, char** argv) {
   if (argc != 2) return 2;
   const std::string out = argv[1];
-  for (const char* target : {"", "/config_parser", "/extractor", "/install",
-                             "/locales", "/registry"}) {
+  for (const char* target : {"", "/config_parser", "/downloader", "/extractor",
+                             "/install", "/locales", "/registry"}) {
     mkdir((out + target).c_str(), 0755);
   }
 
@@ -81,6 +81,28 @@ int main(int argc, char** argv) {
     for (const char* target : {"/extractor/", "/install/"}) {
       packages[i].write(out + target + "seed" + std::to_string(i) + ".wgt");
     }
+  }
+
+  // Whole HTTP answers as a server would send them, one of them with a
+  // package as its body.
+  const std::string zip = [&] {
+    const std::string path = out + "/extractor/seed0.wgt";
+    return read(path);
+  }();
+  const std::vector<std::string> answers = {
+      "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(zip.size()) +
+          "\r\nContent-Type: application/widget\r\n\r\n" + zip,
+      "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n"
+      "5\r\nhello\r\n3;x=y\r\nabc\r\n0\r\nTrailer: t\r\n\r\n",
+      "HTTP/1.1 200 OK\r\nContent-Encoding: gzip\r\nContent-Length: 4\r\n\r\nabcd",
+      "HTTP/1.1 302 Found\r\nLocation: /elsewhere\r\nContent-Length: 5\r\n\r\nmoved",
+      "HTTP/1.0 404 Not Found\r\n\r\n<html>missing</html>",
+      "HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok",
+      "HTTP/1.1 200 OK\r\nContent-Length: 99999999999\r\n\r\nshort",
+      "HTTP/1.1 200 OK\r\nContent-Length: 3\r\nContent-Length: 4\r\n\r\nabcd",
+  };
+  for (size_t i = 0; i < answers.size(); ++i) {
+    write(out + "/downloader/seed" + std::to_string(i), answers[i]);
   }
 
   const std::vector<std::string> languages = {

@@ -58,8 +58,32 @@ long stallSeconds() {
   return *end == '\0' && seconds > 0 ? seconds : kStallSeconds;
 }
 
-// The room left in the folder the package goes to; UINT64_MAX when it
-// cannot be told.
+// What a download may take of the widget root's file system. The reserve is
+// what it must leave free for everyone else (the browser's own files, the
+// unpacked widget, the registry's journal); the maximum bounds a package
+// whatever the room. WIDGETENGINE_DOWNLOAD_RESERVE_MB and
+// WIDGETENGINE_MAX_PACKAGE_MB set others (0 for no reserve).
+constexpr uint64_t kMiB = 1024 * 1024;
+constexpr uint64_t kReserveMiB = 16;
+constexpr uint64_t kMaxPackageMiB = 512;
+
+uint64_t megabytesFrom(const char* variable, uint64_t fallback) {
+  const char* value = getenv(variable);
+  if (!value || !*value) return fallback;
+  char* end = nullptr;
+  const unsigned long long number = strtoull(value, &end, 10);
+  if (*end != '\0' || value[0] == '-' || number > UINT64_MAX / kMiB)
+    return fallback;
+  return number * kMiB;
+}
+
+// How much of a folder's free space the check between two measurements
+// may see consumed before measuring again: other writers share the file
+// system, so the room at the start is not the room at the end.
+constexpr uint64_t kRecheckBytes = 4 * kMiB;
+
+// The free bytes of the file system that holds filePath's folder;
+// UINT64_MAX when it cannot be told.
 uint64_t freeSpaceOf(const std::string& filePath) {
   const size_t slash = filePath.rfind('/');
   const std::string folder =
@@ -70,18 +94,47 @@ uint64_t freeSpaceOf(const std::string& filePath) {
 }
 
 // Appends the body to the file as libcurl's own writer would, but refuses
-// (and so ends the transfer as a failed download) the bytes that would no
-// longer fit in the folder: an endless body must not fill the disk.
+// (and so ends the transfer as a failed download) the bytes that would take
+// the package past its maximum, or the folder's file system under its
+// reserve: an endless body must not fill the disk. why says which.
 struct BoundedFile {
   FILE* file;
-  uint64_t room;
+  std::string folderOf;  // a path in the folder, for measuring its room
+  uint64_t reserve;
+  uint64_t maximum;
+  uint64_t written = 0;
+  uint64_t room = 0;      // what may still be written, as last measured
+  uint64_t measured = 0;  // written when the room was measured
+  const char* why = nullptr;
+
+  // The room the file system has above the reserve now. Bytes still in
+  // the stdio buffer are not on the disk yet, so they count as spent.
+  void measure() {
+    const uint64_t free = freeSpaceOf(folderOf);
+    const uint64_t pending = kFileBufferSize;
+    room = free > reserve + pending ? free - reserve - pending : 0;
+    if (free == UINT64_MAX) room = UINT64_MAX;
+    measured = written;
+  }
 };
+
+const char kOverReserve[] = "reserve";
+const char kOverMaximum[] = "maximum";
 
 size_t writeBounded(char* data, size_t size, size_t count, void* target) {
   BoundedFile* out = static_cast<BoundedFile*>(target);
   const size_t bytes = size * count;
-  if (bytes > out->room) return 0;
-  out->room -= bytes;
+  if (bytes > out->maximum - out->written) {
+    out->why = kOverMaximum;
+    return 0;
+  }
+  if (out->written - out->measured >= kRecheckBytes) out->measure();
+  const uint64_t since = out->written - out->measured;
+  if (out->room < since || bytes > out->room - since) {
+    out->why = kOverReserve;
+    return 0;
+  }
+  out->written += bytes;
   return fwrite(data, 1, bytes, out->file);
 }
 
@@ -165,6 +218,25 @@ void noteFailure(CURLcode result, const std::string& url) {
   }
 }
 
+// The line that says why a download was stopped.
+void sayWhy(const BoundedFile& out) {
+  if (out.why == kOverMaximum) {
+    engineOut() << "Package larger than the largest allowed, "
+                << out.maximum / kMiB << " MiB" << std::endl;
+    refusal::note(WIDGETENGINE_REFUSAL_DOWNLOAD,
+                  "the package is larger than the largest allowed, " +
+                      std::to_string(out.maximum / kMiB) + " MiB");
+  } else if (out.why == kOverReserve) {
+    engineOut() << "Package would leave less than "
+                << out.reserve / kMiB
+                << " MiB free where widgets are stored" << std::endl;
+    refusal::note(WIDGETENGINE_REFUSAL_NO_SPACE,
+                  "the package would leave less than " +
+                      std::to_string(out.reserve / kMiB) +
+                      " MiB free where widgets are stored");
+  }
+}
+
 }  // namespace
 
 Downloader::Downloader(const std::string& url, const std::string& filePath)
@@ -199,11 +271,16 @@ int Downloader::download() {
     return -1;
   }
 
-  // The address, the destination and two bounds: redirects are not followed
-  // and an HTTP error page is stored like any body (the extractor refuses it
-  // later), but a body larger than the room left, or a server silent for
-  // too long, fails the download.
-  BoundedFile out = {file, freeSpaceOf(filePath)};
+  // The address, the destination and three bounds: redirects are not
+  // followed and an HTTP error page is stored like any body (the extractor
+  // refuses it later), but a body larger than the maximum, or than the room
+  // above the reserve, or a server silent for too long, fails the download.
+  BoundedFile out;
+  out.file = file;
+  out.folderOf = filePath;
+  out.reserve = megabytesFrom("WIDGETENGINE_DOWNLOAD_RESERVE_MB", kReserveMiB * kMiB);
+  out.maximum = megabytesFrom("WIDGETENGINE_MAX_PACKAGE_MB", kMaxPackageMiB * kMiB);
+  out.measure();
   if (!restrictProtocols(curl)) {
     engineOut() << "Refusing to download " << url
                 << ": this libcurl cannot be limited to http, https and file"
@@ -217,9 +294,11 @@ int Downloader::download() {
   curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
   curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, writeBounded);
   curl_easy_setopt(curl, CURLOPT_WRITEDATA, &out);
-  if (out.room < static_cast<uint64_t>(INT64_MAX)) {
+  // A body announced larger than a bound is refused before a byte comes.
+  const uint64_t announcedLimit = out.room < out.maximum ? out.room : out.maximum;
+  if (announcedLimit < static_cast<uint64_t>(INT64_MAX)) {
     curl_easy_setopt(curl, CURLOPT_MAXFILESIZE_LARGE,
-                     static_cast<curl_off_t>(out.room));
+                     static_cast<curl_off_t>(announcedLimit));
   }
   const long stall = stallSeconds();
   curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, 1L);
@@ -240,8 +319,12 @@ int Downloader::download() {
     refusal::note(WIDGETENGINE_REFUSAL_HTTP_STATUS,
                   "HTTP status " + std::to_string(status) + " from " + url);
   }
+  if (result == CURLE_FILESIZE_EXCEEDED) {
+    out.why = announcedLimit == out.maximum ? kOverMaximum : kOverReserve;
+  }
   if (result != CURLE_OK) {
     if (result == CURLE_UNSUPPORTED_PROTOCOL) sayRefused(url, std::string());
+    sayWhy(out);
     noteFailure(result, url);
     engineOut() << "Could not download file" << std::endl;
     curl_easy_cleanup(curl);

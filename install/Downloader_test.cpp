@@ -4,11 +4,13 @@
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <unistd.h>
-#include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <cstdint>
 #include <memory>
+#include <thread>
 #include <string>
 
 #include "testing/CaptureStdout.h"
@@ -67,12 +69,15 @@ class DownloaderTest : public ::testing::Test {
   }
 
   // Passes when downloading url fails with its one line and leaves no file.
-  ::testing::AssertionResult failsToDownload(const std::string& url) {
+  // reason: the line said before that one, if any.
+  ::testing::AssertionResult failsToDownload(const std::string& url,
+                                             const std::string& reason = "") {
     Downloader downloader(url, packagePath);
     std::string output;
     const int result = download(downloader, &output);
     ::testing::AssertionResult failed = returnedAndPrinted(
-        "download()", result, -1, output, "Could not download file\n");
+        "download()", result, -1, output,
+        reason + "Could not download file\n");
     if (!failed) return failed;
     if (TempDir::exists(packagePath))
       return ::testing::AssertionFailure() << packagePath << " was left";
@@ -122,20 +127,108 @@ TEST_F(DownloaderTest, ConnectionClosedMidBodyFailsAndLeavesNoFile) {
 TEST_F(DownloaderTest, BodyAnnouncedLargerThanTheFreeSpaceFailsAtOnce) {
   // An exabyte announced: refused before a byte is stored.
   server->serveEndless("/huge.wgt", 1ull << 60);
-  EXPECT_TRUE(failsToDownload(server->url("/huge.wgt")));
+  EXPECT_TRUE(failsToDownload(server->url("/huge.wgt"),
+                              "Package larger than the largest allowed, "
+                              "512 MiB\n"));
 }
 
-TEST_F(DownloaderTest, EndlessBodyStopsWhenTheFolderIsFull) {
-  if (geteuid() != 0) GTEST_SKIP() << "mounting a small tmpfs needs root";
-  const std::string small = dir.file("small");
-  ASSERT_EQ(0, mkdir(small.c_str(), 0755));
-  if (mount("tmpfs", small.c_str(), "tmpfs", 0, "size=4m") != 0)
-    GTEST_SKIP() << "mount failed";
-  packagePath = small + "/fileAb3xYz";
+// A tmpfs of size MiB mounted in the test's folder, for as long as it lives.
+class SmallFileSystem {
+ public:
+  SmallFileSystem(const std::string& path, int megabytes) : path_(path) {
+    mkdir(path.c_str(), 0755);
+    const std::string options = "size=" + std::to_string(megabytes) + "m";
+    mounted_ = geteuid() == 0 &&
+               mount("tmpfs", path.c_str(), "tmpfs", 0, options.c_str()) == 0;
+  }
+  ~SmallFileSystem() {
+    if (mounted_) umount2(path_.c_str(), MNT_DETACH);
+  }
+  bool mounted() const { return mounted_; }
+  uint64_t freeBytes() const {
+    struct statvfs vfs;
+    if (statvfs(path_.c_str(), &vfs) != 0) return 0;
+    return static_cast<uint64_t>(vfs.f_bavail) * vfs.f_frsize;
+  }
+
+ private:
+  std::string path_;
+  bool mounted_ = false;
+};
+
+TEST_F(DownloaderTest, EndlessBodyStopsAtTheReserveWithAReason) {
+  SmallFileSystem small(dir.file("small"), 24);
+  if (!small.mounted()) GTEST_SKIP() << "mounting a tmpfs needs root";
+  packagePath = dir.file("small") + "/fileAb3xYz";
   server->serveEndless("/endless.wgt");
-  EXPECT_TRUE(failsToDownload(server->url("/endless.wgt")));
-  EXPECT_TRUE(TempDir::listDirectory(small).empty());
-  umount2(small.c_str(), MNT_DETACH);
+  // The default reserve, 16 MiB of the 24: the body is cut before the
+  // file system drops under it.
+  Downloader downloader(server->url("/endless.wgt"), packagePath);
+  std::string output;
+  uint64_t lowest = UINT64_MAX;
+  std::thread watch;
+  std::atomic<bool> done(false);
+  watch = std::thread([&] {
+    while (!done) {
+      const uint64_t free = small.freeBytes();
+      if (free < lowest) lowest = free;
+      usleep(200);
+    }
+  });
+  const int result = download(downloader, &output);
+  done = true;
+  watch.join();
+  EXPECT_TRUE(returnedAndPrinted(
+      "download()", result, -1, output,
+      "Package would leave less than 16 MiB free where widgets are stored\n"
+      "Could not download file\n"));
+  EXPECT_GE(lowest, 16u << 20) << "the file system dropped under the reserve";
+  EXPECT_TRUE(TempDir::listDirectory(dir.file("small")).empty());
+}
+
+TEST_F(DownloaderTest, ReserveIsConfigurable) {
+  SmallFileSystem small(dir.file("small"), 8);
+  if (!small.mounted()) GTEST_SKIP() << "mounting a tmpfs needs root";
+  packagePath = dir.file("small") + "/fileAb3xYz";
+  const std::string package = randomBytes(3 << 20);
+  server->serve("/w.wgt", 200, package);
+  {
+    // 3 MiB does not fit above a reserve of 6 MiB of 8...
+    ScopedEnv reserve("WIDGETENGINE_DOWNLOAD_RESERVE_MB", "6");
+    Downloader downloader(server->url("/w.wgt"), packagePath);
+    std::string output;
+    EXPECT_EQ(-1, download(downloader, &output));
+    EXPECT_EQ(
+        "Package would leave less than 6 MiB free where widgets are stored\n"
+        "Could not download file\n",
+        output);
+    EXPECT_FALSE(TempDir::exists(packagePath));
+  }
+  // ...but does above one of 2 MiB.
+  ScopedEnv reserve("WIDGETENGINE_DOWNLOAD_RESERVE_MB", "2");
+  EXPECT_TRUE(stores(server->url("/w.wgt"), package));
+}
+
+TEST_F(DownloaderTest, PackageOverTheMaximumSizeFailsWithAReason) {
+  ScopedEnv maximum("WIDGETENGINE_MAX_PACKAGE_MB", "1");
+  const std::string big = randomBytes((1 << 20) + 1);
+  server->serve("/announced.wgt", 200, big);
+  server->serveEndless("/endless.wgt");
+  for (const char* path : {"/announced.wgt", "/endless.wgt"}) {
+    Downloader downloader(server->url(path), packagePath);
+    std::string output;
+    EXPECT_EQ(-1, download(downloader, &output)) << path;
+    EXPECT_EQ(
+        "Package larger than the largest allowed, 1 MiB\n"
+        "Could not download file\n",
+        output)
+        << path;
+    EXPECT_FALSE(TempDir::exists(packagePath)) << path;
+  }
+  // A package of the maximum exactly is stored.
+  const std::string fits = randomBytes(1 << 20);
+  server->serve("/fits.wgt", 200, fits);
+  EXPECT_TRUE(stores(server->url("/fits.wgt"), fits));
 }
 
 TEST_F(DownloaderTest, ServerThatStopsSendingFailsTheDownload) {

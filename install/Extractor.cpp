@@ -4,7 +4,6 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
@@ -250,41 +249,37 @@ int openBase(const std::string& dir) {
   return ::open(path.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
 }
 
-// The archive mapped into memory, with the data span of each entry found
-// through its own central directory. libzip stays the judge of the archive
-// (opening, consistency, names, the checks); the map only lets the data of
-// stored and deflated entries go to the disk without the copies and the
-// buffer layers of a read through libzip. Any entry that this simple reader
-// does not fully understand, or on which it disagrees with libzip, is read
-// through libzip instead.
-class MappedArchive {
+// The package file read in bounded pieces, with the data span of each entry
+// found through its own central directory. libzip stays the judge of the
+// archive (opening, consistency, names, the checks); this reader only lets
+// the data of stored and deflated entries go to the disk without the buffer
+// layers of a read through libzip. Nothing of the package is mapped or held
+// whole: memory stays the same whatever the package's size. Any entry that
+// this simple reader does not fully understand, or on which it disagrees
+// with libzip, is read through libzip instead.
+class PackageReader {
  public:
-  explicit MappedArchive(const std::string& path) {
-    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return;
+  explicit PackageReader(const std::string& path) {
+    fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd_ < 0) return;
     struct stat info;
-    if (fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_size > 0) {
-      void* map = mmap(nullptr, static_cast<size_t>(info.st_size), PROT_READ,
-                       MAP_PRIVATE, fd, 0);
-      if (map != MAP_FAILED) {
-        data_ = static_cast<const unsigned char*>(map);
-        size_ = static_cast<size_t>(info.st_size);
-        madvise(map, size_, MADV_SEQUENTIAL);
-      }
-    }
-    close(fd);
-    if (data_ != nullptr) readDirectory();
+    if (fstat(fd_, &info) != 0 || !S_ISREG(info.st_mode) || info.st_size <= 0)
+      return;
+    size_ = static_cast<uint64_t>(info.st_size);
+    posix_fadvise(fd_, 0, 0, POSIX_FADV_SEQUENTIAL);
+    readDirectory();
   }
-  ~MappedArchive() {
-    if (data_ != nullptr) munmap(const_cast<unsigned char*>(data_), size_);
+  ~PackageReader() {
+    if (fd_ >= 0) close(fd_);
   }
-  MappedArchive(const MappedArchive&) = delete;
-  MappedArchive& operator=(const MappedArchive&) = delete;
+  PackageReader(const PackageReader&) = delete;
+  PackageReader& operator=(const PackageReader&) = delete;
 
-  // The compressed bytes of entry index, when they can be used directly:
-  // stored or deflated, not encrypted, and described alike by libzip.
-  bool span(zip_int64_t index, const zip_stat_t& stat, const unsigned char** at,
-            size_t* length, uint16_t* method) const {
+  // Where the compressed bytes of entry index lie in the file, when they can
+  // be used directly: stored or deflated, not encrypted, and described alike
+  // by libzip.
+  bool span(zip_int64_t index, const zip_stat_t& stat, uint64_t* at,
+            uint64_t* length, uint16_t* method) const {
     if (index < 0 || static_cast<size_t>(index) >= entries_.size()) return false;
     const Entry& entry = entries_[static_cast<size_t>(index)];
     // The same entry as libzip's, down to its name and checksum: an archive
@@ -294,9 +289,7 @@ class MappedArchive {
                               ZIP_STAT_NAME;
     if ((stat.valid & need) != need || stat.comp_method != entry.method ||
         stat.comp_size != entry.compressedSize || stat.size != entry.size ||
-        stat.crc != entry.crc || !stat.name ||
-        strlen(stat.name) != entry.nameLength ||
-        memcmp(stat.name, data_ + entry.nameOffset, entry.nameLength) != 0) {
+        stat.crc != entry.crc || !stat.name || stat.name != entry.name) {
       return false;
     }
     if (entry.method != ZIP_CM_STORE && entry.method != ZIP_CM_DEFLATE) {
@@ -307,14 +300,29 @@ class MappedArchive {
     }
     if ((entry.flags & 1) != 0) return false;  // encrypted
     const uint64_t local = entry.localOffset;
-    if (local > size_ || size_ - local < 30 || read32(local) != 0x04034b50) {
+    unsigned char header[30];
+    if (local > size_ || size_ - local < 30 ||
+        !readAt(local, header, sizeof header) || get32(header) != 0x04034b50) {
       return false;
     }
-    const uint64_t start = local + 30 + read16(local + 26) + read16(local + 28);
+    const uint64_t start = local + 30 + get16(header + 26) + get16(header + 28);
     if (start > size_ || size_ - start < entry.compressedSize) return false;
-    *at = data_ + start;
-    *length = static_cast<size_t>(entry.compressedSize);
+    *at = start;
+    *length = entry.compressedSize;
     *method = entry.method;
+    return true;
+  }
+
+  // Reads size bytes at offset, whole.
+  bool readAt(uint64_t offset, unsigned char* data, size_t size) const {
+    while (size > 0) {
+      const ssize_t n = pread(fd_, data, size, static_cast<off_t>(offset));
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) return false;
+      data += n;
+      size -= static_cast<size_t>(n);
+      offset += static_cast<uint64_t>(n);
+    }
     return true;
   }
 
@@ -326,63 +334,71 @@ class MappedArchive {
     uint64_t compressedSize;
     uint64_t size;
     uint64_t localOffset;
-    uint64_t nameOffset;
-    uint16_t nameLength;
+    std::string name;
   };
 
-  uint16_t read16(uint64_t at) const {
-    return static_cast<uint16_t>(data_[at] | (data_[at + 1] << 8));
+  static uint16_t get16(const unsigned char* at) {
+    return static_cast<uint16_t>(at[0] | (at[1] << 8));
   }
-  uint32_t read32(uint64_t at) const {
-    return static_cast<uint32_t>(read16(at)) |
-           (static_cast<uint32_t>(read16(at + 2)) << 16);
+  static uint32_t get32(const unsigned char* at) {
+    return static_cast<uint32_t>(get16(at)) |
+           (static_cast<uint32_t>(get16(at + 2)) << 16);
   }
 
   // Fills entries_ from the end-of-central-directory record; leaves it empty
   // for anything unusual (archives of the 64-bit format, several disks).
   void readDirectory() {
     if (size_ < 22) return;
-    const uint64_t lowest = size_ > 22 + 65535 ? size_ - 22 - 65535 : 0;
-    uint64_t end = size_ - 22;
+    const uint64_t tailSize = size_ < 22 + 65535 ? size_ : 22 + 65535;
+    std::vector<unsigned char> tail(static_cast<size_t>(tailSize));
+    const uint64_t tailStart = size_ - tailSize;
+    if (!readAt(tailStart, tail.data(), tail.size())) return;
+    size_t end = tail.size() - 22;
     for (;; --end) {
-      if (read32(end) == 0x06054b50) break;
-      if (end == lowest) return;
+      if (get32(&tail[end]) == 0x06054b50) break;
+      if (end == 0) return;
     }
-    const uint32_t count = read16(end + 10);
-    const uint64_t directorySize = read32(end + 12);
-    uint64_t at = read32(end + 16);
-    if (count == 0xffff || at == 0xffffffffu || at > size_ ||
-        size_ - at < directorySize) {
+    const uint32_t count = get16(&tail[end + 10]);
+    const uint64_t directorySize = get32(&tail[end + 12]);
+    const uint64_t directoryStart = get32(&tail[end + 16]);
+    if (count == 0xffff || directoryStart == 0xffffffffu ||
+        directoryStart > size_ || size_ - directoryStart < directorySize) {
       return;
     }
+    // Only the directory itself is held: a few dozen bytes an entry.
+    std::vector<unsigned char> directory(static_cast<size_t>(directorySize));
+    if (!readAt(directoryStart, directory.data(), directory.size())) return;
     std::vector<Entry> entries;
     entries.reserve(count);
+    size_t at = 0;
     for (uint32_t i = 0; i < count; ++i) {
-      if (size_ - at < 46 || read32(at) != 0x02014b50) return;
+      if (directory.size() - at < 46 || get32(&directory[at]) != 0x02014b50)
+        return;
+      const unsigned char* record = &directory[at];
       Entry entry;
-      entry.flags = read16(at + 8);
-      entry.method = read16(at + 10);
-      entry.crc = read32(at + 16);
-      entry.compressedSize = read32(at + 20);
-      entry.size = read32(at + 24);
-      entry.localOffset = read32(at + 42);
-      entry.nameOffset = at + 46;
-      entry.nameLength = read16(at + 28);
-      if (entry.nameOffset + entry.nameLength > size_) return;
+      entry.flags = get16(record + 8);
+      entry.method = get16(record + 10);
+      entry.crc = get32(record + 16);
+      entry.compressedSize = get32(record + 20);
+      entry.size = get32(record + 24);
+      entry.localOffset = get32(record + 42);
+      const size_t nameLength = get16(record + 28);
+      const size_t recordSize = 46 + nameLength + get16(record + 30) +
+                                static_cast<size_t>(get16(record + 32));
+      if (directory.size() - at < recordSize) return;
+      entry.name.assign(reinterpret_cast<const char*>(record + 46), nameLength);
       if (entry.compressedSize == 0xffffffffu || entry.size == 0xffffffffu ||
           entry.localOffset == 0xffffffffu) {
         entry.method = 0xffff;  // sizes live in a 64-bit extra field
       }
-      entries.push_back(entry);
-      at += 46 + static_cast<uint64_t>(read16(at + 28)) + read16(at + 30) +
-            read16(at + 32);
-      if (at > size_) return;
+      entries.push_back(std::move(entry));
+      at += recordSize;
     }
     entries_.swap(entries);
   }
 
-  const unsigned char* data_ = nullptr;
-  size_t size_ = 0;
+  int fd_ = -1;
+  uint64_t size_ = 0;
   std::vector<Entry> entries_;
 };
 
@@ -391,7 +407,8 @@ class MappedArchive {
 // check counted, and an archive whose data holds more (a stored entry whose
 // sizes disagree, a deflate stream that inflates further than announced)
 // would otherwise fill the disk. Such an entry fails as a write that found
-// the file full would, with EFBIG.
+// the file full would, with EFBIG. The CRC-32 of what was written is kept,
+// so that a damaged entry is known once its last byte is out.
 class EntryWriter {
  public:
   EntryWriter(int fd, uint64_t declared) : fd_(fd), left_(declared) {}
@@ -401,32 +418,63 @@ class EntryWriter {
       return false;
     }
     left_ -= size;
+    crc_ = crc32Of(crc_, data, size);
     return writeAll(fd_, data, size);
   }
+  // True when every declared byte was written and they sum to crc.
+  bool matches(uint32_t crc) const { return left_ == 0 && crc_ == crc; }
 
  private:
+  static uLong crc32Of(uLong crc, const char* data, size_t size) {
+    // zlib takes at most a uInt at a time.
+    while (size > 0) {
+      const uInt chunk = size < (1u << 30) ? static_cast<uInt>(size) : (1u << 30);
+      crc = crc32(crc, reinterpret_cast<const Bytef*>(data), chunk);
+      data += chunk;
+      size -= chunk;
+    }
+    return crc;
+  }
+
   int fd_;
   uint64_t left_;
+  uLong crc_ = 0;
 };
 
-// Writes a stored entry straight from the map, or inflates a deflated one
-// through buffer. Returns false with errno set when writing fails; data that
-// does not inflate ends the copy early, as a read error does.
-bool copySpan(EntryWriter& out, const unsigned char* at, size_t length,
-              uint16_t method, char* buffer, size_t bufferSize) {
+// How much of the package one read takes in.
+constexpr size_t kReadBufferSize = 256 * 1024;
+
+// Copies a stored entry, or inflates a deflated one, from the package file
+// at [at, at + length) through the two buffers. Returns false with errno set
+// when writing fails; data that cannot be read or does not inflate ends the
+// copy early, and the entry's checksum then tells it is damaged.
+bool copySpan(const PackageReader& package, EntryWriter& out, uint64_t at,
+              uint64_t length, uint16_t method, unsigned char* input,
+              char* buffer, size_t bufferSize) {
   if (method == ZIP_CM_STORE) {
-    return out.write(reinterpret_cast<const char*>(at), length);
+    while (length > 0) {
+      const size_t chunk =
+          static_cast<size_t>(length < bufferSize ? length : bufferSize);
+      if (!package.readAt(at, reinterpret_cast<unsigned char*>(buffer), chunk))
+        return true;
+      if (!out.write(buffer, chunk)) return false;
+      at += chunk;
+      length -= chunk;
+    }
+    return true;
   }
   z_stream stream{};
   if (inflateInit2(&stream, -MAX_WBITS) != Z_OK) return true;
   bool ok = true;
-  size_t left = length;
-  stream.next_in = const_cast<Bytef*>(at);
   for (;;) {
-    if (stream.avail_in == 0 && left > 0) {
-      const size_t chunk = left < (1u << 30) ? left : (1u << 30);
+    if (stream.avail_in == 0 && length > 0) {
+      const size_t chunk = static_cast<size_t>(
+          length < kReadBufferSize ? length : kReadBufferSize);
+      if (!package.readAt(at, input, chunk)) break;
+      stream.next_in = input;
       stream.avail_in = static_cast<uInt>(chunk);
-      left -= chunk;
+      at += chunk;
+      length -= chunk;
     }
     stream.next_out = reinterpret_cast<Bytef*>(buffer);
     stream.avail_out = static_cast<uInt>(bufferSize);
@@ -436,7 +484,7 @@ bool copySpan(EntryWriter& out, const unsigned char* at, size_t length,
       ok = false;
       break;
     }
-    if (status != Z_OK || (produced == 0 && stream.avail_in == 0 && left == 0)) {
+    if (status != Z_OK || (produced == 0 && stream.avail_in == 0 && length == 0)) {
       break;
     }
   }
@@ -470,6 +518,8 @@ void noteRefusal(const std::string& message, long number) {
        WIDGETENGINE_REFUSAL_DAMAGED_ENTRY, "damaged entry in the package"},
       {"Could not read file in archive", WIDGETENGINE_REFUSAL_DAMAGED_ENTRY,
        "damaged entry in the package"},
+      {"Damaged file in archive: ", WIDGETENGINE_REFUSAL_DAMAGED_ENTRY,
+       "damaged entry in the package: "},
       {"Directory could not be created", WIDGETENGINE_REFUSAL_WRITE_FAILED,
        "cannot create the widget's directory"},
       {"Subdirectory could not be created", WIDGETENGINE_REFUSAL_WRITE_FAILED,
@@ -488,7 +538,8 @@ void noteRefusal(const std::string& message, long number) {
       refusal::note(WIDGETENGINE_REFUSAL_DAMAGED_ENTRY,
                     "damaged entry in the package: it holds more than it "
                     "declares");
-    } else if (known.code == WIDGETENGINE_REFUSAL_BAD_ENTRY_NAME) {
+    } else if (known.line[length - 1] == ' ') {
+      // The line names the entry: so does the reason.
       refusal::note(known.code, known.reason + message.substr(length));
     } else if (writing && number > 0) {
       refusal::note(known.code, std::string(known.reason) + ": " +
@@ -597,8 +648,9 @@ int Extractor::extract(std::vector<std::string>& files) {
   // finds something there; its entries then fail one by one.
   ScopedFd baseFd(openBase(targetDir.substr(0, baseLength)));
   FolderWalker folders(baseFd.get(), baseFd.get() < 0 ? errno : 0);
-  const MappedArchive mapped(zipPath);
+  const PackageReader package(zipPath);
   std::unique_ptr<char[]> buffer(new char[kCopyBufferSize]);
+  std::unique_ptr<unsigned char[]> input(new unsigned char[kReadBufferSize]);
 
   for (zip_int64_t index = 0; index < count; ++index) {
     zip_stat_t stat;
@@ -663,15 +715,16 @@ int Extractor::extract(std::vector<std::string>& files) {
       sayWithNumber("Error opening file", errno);
       return -1;
     }
-    // A read error ends the copy and the file still counts as extracted; a
-    // write error fails the whole extraction.
-    const unsigned char* data;
-    size_t length;
+    // A write error fails the whole extraction; so does an entry whose
+    // bytes, once all out, are not the ones its checksum was made of (a read
+    // error ends the copy, and the short file then fails the same way).
+    uint64_t at;
+    uint64_t length;
     uint16_t method;
     EntryWriter writer(out.get(), stat.size);
-    if (mapped.span(index, stat, &data, &length, &method)) {
-      if (!copySpan(writer, data, length, method, buffer.get(),
-                    kCopyBufferSize)) {
+    if (package.span(index, stat, &at, &length, &method)) {
+      if (!copySpan(package, writer, at, length, method, input.get(),
+                    buffer.get(), kCopyBufferSize)) {
         sayWithNumber("Error opening file", errno);
         return -1;
       }
@@ -683,6 +736,10 @@ int Extractor::extract(std::vector<std::string>& files) {
           return -1;
         }
       }
+    }
+    if ((stat.valid & ZIP_STAT_CRC) != 0 && !writer.matches(stat.crc)) {
+      say("Damaged file in archive: " + name);
+      return -1;
     }
     if (out.reset() != 0) {
       sayWithNumber("Error opening file", errno);

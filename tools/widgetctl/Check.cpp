@@ -13,6 +13,7 @@
 #include <iostream>
 #include <nlohmann/json.hpp>
 
+#include "base/Refusal.h"
 #include "install/Downloader.h"
 #include "install/WidgetInstaller.h"
 #include "install/WidgetUnInstaller.h"
@@ -154,6 +155,7 @@ bool checkOne(const std::string& argument, size_t index, json& result) {
           ? fileURL(path, &error)
           : url;
   int status;
+  refusal::begin();
   {
     EngineLines capture(&lines);
     WidgetInstaller installer(trialURL);
@@ -168,8 +170,7 @@ bool checkOne(const std::string& argument, size_t index, json& result) {
   }
   result["verdict"] = "refused";
   std::string reason = installReason(status, url);
-  const std::string engine = engineReason(lines);
-  if (status == 10 && !engine.empty()) reason += ": " + engine;
+  reason += refusalDetail(status, lines);
   result["reason"] = reason;
   return false;
 }

@@ -130,6 +130,17 @@ std::string installReason(int status, const std::string& url) {
   }
 }
 
+std::string refusalDetail(int status, const std::vector<std::string>& lines) {
+  if (status == 10) {
+    const std::string engine = engineReason(lines);
+    return engine.empty() ? std::string() : ": " + engine;
+  }
+  if ((status == 5 || status == 6) && refusal::noted()) {
+    return " (" + refusal::reason() + ")";
+  }
+  return std::string();
+}
+
 std::string engineReason(const std::vector<std::string>& lines) {
   for (auto it = lines.rbegin(); it != lines.rend(); ++it) {
     if (it->find("is taken by the widget installed from") != std::string::npos ||
@@ -169,13 +180,7 @@ int runInstall(const std::string& argument) {
   }
   gDocument["launchURL"] = nullptr;
   std::string reason = "could not install " + url + ": " + installReason(status, url);
-  const std::string engine = engineReason(lines);
-  if (status == 10 && !engine.empty()) reason += ": " + engine;
-  // What the download or the archive said exactly (an HTTP status, a damaged
-  // entry) follows the general advice.
-  if ((status == 5 || status == 6) && refusal::noted()) {
-    reason += " (" + refusal::reason() + ")";
-  }
+  reason += refusalDetail(status, lines);
   return finish(exitForStatus(status), reason);
 }
 

@@ -40,6 +40,11 @@ std::string installReason(int status, const std::string& url);
 // The last engine line that gives a reason of its own, for the refusals
 // whose status alone does not say it (a name taken, a failed commit).
 std::string engineReason(const std::vector<std::string>& lines);
+// What the engine adds to the reason of a refused installation with this
+// status, ready to append: the reason it noted for a download or an archive
+// (an HTTP status, a damaged entry, a bound) in brackets, or the line that
+// names a taken name or a failed commit; empty when it adds nothing.
+std::string refusalDetail(int status, const std::vector<std::string>& lines);
 
 }  // namespace widgetctl
 

@@ -49,6 +49,18 @@ std::string bare(const std::string& path) {
   return result;
 }
 
+// path with every run of "/" made one, so that a root given with a trailing
+// "/" prints and compares like one given without.
+std::string cleanPath(const std::string& path) {
+  std::string clean;
+  clean.reserve(path.size());
+  for (char c : path) {
+    if (c == '/' && !clean.empty() && clean.back() == '/') continue;
+    clean += c;
+  }
+  return clean;
+}
+
 bool isDirectory(const std::string& path) {
   struct stat status;
   return lstat(bare(path).c_str(), &status) == 0 && S_ISDIR(status.st_mode);
@@ -156,7 +168,7 @@ bool Doctor::run(std::vector<DoctorProblem>& problems,
     DoctorProblem problem;
     problem.kind = "missing-directory";
     problem.name = widget->getName();
-    problem.path = dir;
+    problem.path = cleanPath(dir);
     problem.detail = "the files of widget " + widget->getName() +
                      " (installed from " + widget->getSourceURL() +
                      ") are gone; \"widgetctl doctor --repair\" removes it, "
@@ -180,37 +192,12 @@ bool Doctor::run(std::vector<DoctorProblem>& problems,
     problems.push_back(problem);
   }
 
-  // Directories of the widget root that no widget owns, as the registry
-  // stands after the repairs above.
-  if (options_.repair) {
-    EngineLines capture(&engineLines);
-    SqlLite3 registry;
-    owned.clear();
-    for (WidgetsData* row : registry.selectAllWidgets()) {
-      const std::string real = realDirectory(row->getStoragePath());
-      if (!real.empty()) owned.insert(real);
-      delete row;
-    }
-  }
-  for (const std::string& name : entries(root)) {
-    const std::string path = root + name;
-    if (name.compare(0, 7, "widget_") != 0 || !isDirectory(path)) continue;
-    if (owned.count(realDirectory(path))) continue;
-    if (installationRunning(root, name)) continue;
-    DoctorProblem problem;
-    problem.kind = "orphan-directory";
-    problem.path = path + "/";
-    problem.detail = "no installed widget owns this directory; "
-                     "\"widgetctl doctor --repair --remove-orphans\" removes it";
-    if (options_.repair && options_.removeOrphans) {
-      problem.repaired = WidgetUnInstaller::removeWidgetDirectory(problem.path);
-    }
-    problems.push_back(problem);
-  }
-
   // What dead installations left: lock files that no live installation
-  // holds, whose journal still names a package file or a directory.
-  bool leftovers = false;
+  // holds, whose journal still names a package file or a directory. Looked
+  // for first, so that a half-unpacked directory is reported once, as what
+  // it is, and not also as an orphan.
+  std::vector<DoctorProblem> leftovers;
+  std::set<std::string> leftoverPaths;
   for (const std::string& name : entries(root)) {
     if (name.compare(0, 8, ".widget_") != 0) continue;
     const std::string journal = deadJournal(root + name);
@@ -228,24 +215,59 @@ bool Doctor::run(std::vector<DoctorProblem>& problems,
       if (lstat(path.c_str(), &status) != 0) continue;
       DoctorProblem problem;
       problem.kind = "leftover-installation";
-      problem.path = path;
+      problem.path = cleanPath(path);
       problem.detail = "left by an installation that did not finish; the next "
                        "installation removes it, or \"widgetctl doctor --repair\"";
-      problems.push_back(problem);
-      leftovers = true;
+      if (!leftoverPaths.insert(problem.path).second) continue;
+      // The journal names the root by its real path, which may not be the
+      // spelling of the root given here.
+      const std::string real = realDirectory(path);
+      if (!real.empty()) leftoverPaths.insert(real);
+      leftovers.push_back(problem);
     }
   }
-  if (leftovers && options_.repair) {
+
+  // Directories of the widget root that no widget owns, as the registry
+  // stands after the repairs above.
+  if (options_.repair) {
+    EngineLines capture(&engineLines);
+    SqlLite3 registry;
+    owned.clear();
+    for (WidgetsData* row : registry.selectAllWidgets()) {
+      const std::string real = realDirectory(row->getStoragePath());
+      if (!real.empty()) owned.insert(real);
+      delete row;
+    }
+  }
+  for (const std::string& name : entries(root)) {
+    const std::string path = cleanPath(root + name);
+    if (name.compare(0, 7, "widget_") != 0 || !isDirectory(path)) continue;
+    if (owned.count(realDirectory(path))) continue;
+    if (installationRunning(root, name)) continue;
+    if (leftoverPaths.count(path + "/") || leftoverPaths.count(realDirectory(path)))
+      continue;
+    DoctorProblem problem;
+    problem.kind = "orphan-directory";
+    problem.path = path + "/";
+    problem.detail = "no installed widget owns this directory; "
+                     "\"widgetctl doctor --repair --remove-orphans\" removes it";
+    if (options_.repair && options_.removeOrphans) {
+      problem.repaired = WidgetUnInstaller::removeWidgetDirectory(problem.path);
+    }
+    problems.push_back(problem);
+  }
+
+  if (!leftovers.empty() && options_.repair) {
     {
       EngineLines capture(&engineLines);
       SqlLite3 registry;
       InstallLock::sweep(root, registry);
     }
-    for (DoctorProblem& problem : problems) {
+    for (DoctorProblem& problem : leftovers) {
       struct stat status;
-      if (problem.kind == "leftover-installation")
-        problem.repaired = lstat(problem.path.c_str(), &status) != 0;
+      problem.repaired = lstat(problem.path.c_str(), &status) != 0;
     }
   }
+  problems.insert(problems.end(), leftovers.begin(), leftovers.end());
   return true;
 }

@@ -45,7 +45,7 @@ const std::vector<LintTag> kTags = {
      "is refused."},
     {"entry-crc-mismatch", "error",
      "The entry's data does not match its recorded checksum: the file is "
-     "damaged, and unzip -t and bsdtar fail it too."},
+     "damaged, and the package is refused (unzip -t and bsdtar fail it too)."},
     {"entry-unreadable", "error",
      "The entry's data cannot be read (damaged or unsupported compression), "
      "and the package is refused."},

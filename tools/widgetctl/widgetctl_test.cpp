@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <utility>
@@ -52,7 +53,7 @@ class WidgetctlTest : public WidgetSandbox {
   // an empty value unsets the variable).
   Result runWith(const std::vector<std::string>& args,
                  const std::vector<std::pair<std::string, std::string>>& env,
-                 int signalAfterMs = 0) {
+                 int signalAfterMs = 0, int signal = SIGINT) {
     const std::string outPath = dir.path() + "/out.txt";
     const std::string errPath = dir.path() + "/err.txt";
     fflush(stdout);
@@ -76,18 +77,24 @@ class WidgetctlTest : public WidgetSandbox {
           setenv(variable.first.c_str(), variable.second.c_str(), 1);
       }
       std::vector<char*> argv;
+      // time(1) reports the peak of widgetctl alone: a child forked from
+      // this test would count the test's own pages in its peak too.
+      const std::string timeOptions[] = {"/usr/bin/time", "-f", "%M", "-o", peakFile};
+      if (!peakFile.empty())
+        for (const std::string& option : timeOptions)
+          argv.push_back(const_cast<char*>(option.c_str()));
       argv.push_back(const_cast<char*>(kWidgetctl));
       for (const std::string& arg : args)
         argv.push_back(const_cast<char*>(arg.c_str()));
       argv.push_back(nullptr);
-      execv(kWidgetctl, argv.data());
+      execv(argv[0], argv.data());
       _exit(127);
     }
     Result result;
     int status = 0;
     if (signalAfterMs > 0) {
       usleep(signalAfterMs * 1000);
-      kill(child, SIGINT);
+      kill(child, signal);
     }
     waitpid(child, &status, 0);
     result.status =
@@ -96,6 +103,10 @@ class WidgetctlTest : public WidgetSandbox {
     result.err = TempDir::readFile(errPath);
     return result;
   }
+
+  // When set, runs go through time(1), which writes the peak resident
+  // memory of widgetctl, in KiB, into this file.
+  std::string peakFile;
 
   // The bundled sample widget, packed; the package's path.
   std::string samplePackage(const std::string& fileName) {
@@ -579,6 +590,123 @@ TEST_F(WidgetctlTest, DoctorFindsAndRepairsEachKindOfDamage) {
   EXPECT_EQ(0, wiped.status) << wiped.out << wiped.err;
   EXPECT_TRUE(TempDir::exists(root + "widget_keeper/index.html"));
   EXPECT_EQ(0, run({"doctor"}).status);
+}
+
+TEST_F(WidgetctlTest, DoctorRepairsAKilledInstallationOnceWithCleanPaths) {
+  // Large enough that the installation is still unpacking when it is killed.
+  ZipBuilder big;
+  big.addFile("config.xml", "<widget xmlns=\"http://www.w3.org/ns/widgets\"><name>b</name></widget>")
+      .addFile("index.html", "<p/>");
+  for (int i = 0; i < 3000; ++i) big.addFile("f/" + std::to_string(i) + ".txt", std::string(3000, 'a'));
+  const std::string package = writePackage("big.wgt", big);
+  bool halfway = false;
+  for (int delay : {40, 80, 150, 250, 400, 600, 900}) {
+    Result result = runWith({"install", package}, {}, delay, SIGKILL);
+    if (result.status == 128 + SIGKILL && TempDir::isDirectory(root + "widget_big")) {
+      halfway = true;
+      break;
+    }
+    if (result.status == 0) {
+      ASSERT_EQ(0, run({"remove", "big"}).status);
+    }
+  }
+  ASSERT_TRUE(halfway) << "no installation was killed while unpacking";
+
+  Result found = run({"doctor"});
+  EXPECT_EQ(1, found.status);
+  // The root named through a link: the journal names it by its real path.
+  const std::string link = dir.path() + "/root-link";
+  ASSERT_EQ(0, symlink(root.c_str(), link.c_str()));
+  Result repaired = runWith({"doctor", "--repair"}, {{"WIDGET_PATH", link + "/"}});
+  EXPECT_EQ(0, repaired.status) << repaired.out;
+  EXPECT_EQ(std::string::npos, repaired.out.find("orphan-directory")) << repaired.out;
+  EXPECT_EQ(std::string::npos, repaired.out.find("//")) << repaired.out;
+  const std::string line = "leftover-installation: " + root + "widget_big/ (repaired)\n";
+  const size_t at = repaired.out.find(line);
+  EXPECT_NE(std::string::npos, at) << repaired.out;
+  EXPECT_EQ(std::string::npos, repaired.out.find(line, at + 1)) << repaired.out;
+  EXPECT_NE(std::string::npos, repaired.out.find("everything found was repaired\n"));
+  EXPECT_FALSE(TempDir::exists(root + "widget_big"));
+  EXPECT_TRUE(TempDir::listDirectory(root + "tmp").empty());
+  Result after = run({"doctor"});
+  EXPECT_EQ(0, after.status) << after.out;
+}
+
+TEST_F(WidgetctlTest, DamagedPackageIsRefusedWithItsReasonAndCheckSaysSo) {
+  ZipBuilder zip;
+  zip.addFile("config.xml",
+              "<widget xmlns=\"http://www.w3.org/ns/widgets\"><name>d</name></widget>")
+      .addFile("index.html", "<p/>")
+      .addFile("script.js", "var clockHands = 12;", ZipBuilder::kStored);
+  const std::string package = writePackage("damaged.wgt", zip);
+  std::string bytes = TempDir::readFile(package);
+  const size_t at = bytes.find("clockHands");
+  ASSERT_NE(std::string::npos, at);
+  bytes[at + 9] = 'z';
+  TempDir::writeFile(package, bytes);
+
+  Result install = run({"install", package});
+  EXPECT_EQ(1, install.status);
+  EXPECT_NE(std::string::npos, install.out.find("Damaged file in archive: script.js\n"))
+      << install.out;
+  EXPECT_NE(std::string::npos,
+            install.err.find(": the package is not a valid widget archive; "
+                             "\"widgetctl check\" says why (damaged entry in "
+                             "the package: script.js)\n"))
+      << install.err;
+  EXPECT_TRUE(nothingLeft());
+  EXPECT_EQ("", run({"list"}).out);
+
+  Result check = run({"check", package});
+  EXPECT_EQ(1, check.status);
+  EXPECT_NE(std::string::npos, check.out.find("error: entry-crc-mismatch script.js"));
+  EXPECT_EQ(package + ": would be refused: the package is not a valid widget "
+                      "archive; \"widgetctl check\" says why (damaged entry in "
+                      "the package: script.js)",
+            lastLine(check.out));
+}
+
+// AddressSanitizer's runtime and shadow memory add some 25 MiB to any
+// program's peak; a mapped package would still add its 100 MiB on top.
+#if defined(__SANITIZE_ADDRESS__)
+constexpr long kInstallPeakKiB = 80 * 1024;
+#else
+constexpr long kInstallPeakKiB = 40 * 1024;
+#endif
+
+TEST_F(WidgetctlTest, InstallOfAHundredMegabytePackageStaysUnderFortyMegabytes) {
+  // 100 MiB of incompressible files, stored and deflated, built and written
+  // in a scope of its own so that the test holds none of it when it runs.
+  std::string package;
+  {
+    ZipBuilder zip;
+    zip.addFile("config.xml",
+                "<widget xmlns=\"http://www.w3.org/ns/widgets\"><name>h</name></widget>")
+        .addFile("index.html", "<p/>");
+    std::string noise(10 << 20, '\0');
+    unsigned state = 99;
+    for (int i = 0; i < 10; ++i) {
+      for (char& c : noise) {
+        state = state * 1103515245u + 12345u;
+        c = static_cast<char>(state >> 16);
+      }
+      zip.addFile("data/" + std::to_string(i) + ".bin", noise,
+                  i % 2 ? ZipBuilder::kStored : 1);
+    }
+    package = writePackage("huge.wgt", zip);
+  }
+  struct stat info;
+  ASSERT_EQ(0, stat(package.c_str(), &info));
+  ASSERT_GT(info.st_size, 100 << 20);
+  peakFile = dir.path() + "/peak.txt";
+  Result install = run({"install", package});
+  peakFile.clear();
+  ASSERT_EQ(0, install.status) << install.err;
+  const long peakKiB = std::stol(TempDir::readFile(dir.path() + "/peak.txt"));
+  RecordProperty("peak_kib", std::to_string(peakKiB));
+  std::printf("peak resident memory of the install: %ld KiB\n", peakKiB);
+  EXPECT_LT(peakKiB, kInstallPeakKiB);
+  EXPECT_EQ(0, run({"remove", "huge"}).status);
 }
 
 TEST_F(WidgetctlTest, VersionNamesTheCompiledInPlaces) {
