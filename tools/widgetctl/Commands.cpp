@@ -300,7 +300,7 @@ int runRemove(WebWidgetEngineDelegate* engine, const std::string& name) {
     return finish(kNo, "no widget called " + name +
                            " is installed (\"widgetctl list\" lists them)");
   }
-  std::string why = engineReason(lines);
+  std::string why = refusal::noted() ? refusal::reason() : engineReason(lines);
   for (const std::string& line : lines) {
     if (line.find("can't delete this directory") != std::string::npos) {
       why = "its directory cannot be deleted; if its files are gone, "
