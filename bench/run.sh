@@ -17,7 +17,7 @@ for program in "$build"/*_bench; do
   # gets a virtual one.
   runner=()
   if [ "$area" = browser ] && [ -z "${DISPLAY:-}" ] && [ -z "${WAYLAND_DISPLAY:-}" ]; then
-    runner=(xvfb-run -a -n 611)
+    runner=(xvfb-run -a -n 611 -s "-screen 0 1280x1024x24 -noreset")
   fi
   "${runner[@]}" "$program" --benchmark_out="$outdir/$area.json" --benchmark_out_format=json \
     --benchmark_counters_tabular=true || status=$?

@@ -16,6 +16,16 @@
 
 namespace {
 
+// What a script run by evaluate_javascript answered, as a boolean: false
+// when it failed or answered nothing.
+bool scriptAnswer(GObject* source, GAsyncResult* result) {
+  JSCValue* value = webkit_web_view_evaluate_javascript_finish(
+      WEBKIT_WEB_VIEW(source), result, nullptr);
+  const bool answer = value && jsc_value_to_boolean(value);
+  if (value) g_object_unref(value);
+  return answer;
+}
+
 // Long enough for a cold web process on a loaded machine; a page that has
 // not loaded by then is reported instead of waited for forever.
 const guint kLoadTimeoutSeconds = 90;
@@ -448,10 +458,7 @@ void BrowserWindow::loadFinished() {
         view_, script.c_str(), -1, nullptr, nullptr, nullptr,
         [](GObject* source, GAsyncResult* result, gpointer self) {
           auto* window = static_cast<BrowserWindow*>(self);
-          JSCValue* value = webkit_web_view_evaluate_javascript_finish(
-              WEBKIT_WEB_VIEW(source), result, nullptr);
-          const bool clicked = value && jsc_value_to_boolean(value);
-          if (value) g_object_unref(value);
+          const bool clicked = scriptAnswer(source, result);
           window->clickPending_ = false;
           // A click on a link starts a navigation whose finish comes back
           // to loadFinished(), unless it was refused; anything else goes on
@@ -501,10 +508,7 @@ void BrowserWindow::waitFor(const std::string& selector) {
       view_, script.c_str(), -1, nullptr, nullptr, nullptr,
       [](GObject* source, GAsyncResult* result, gpointer self) {
         auto* window = static_cast<BrowserWindow*>(self);
-        JSCValue* value = webkit_web_view_evaluate_javascript_finish(
-            WEBKIT_WEB_VIEW(source), result, nullptr);
-        const bool found = value && jsc_value_to_boolean(value);
-        if (value) g_object_unref(value);
+        const bool found = scriptAnswer(source, result);
         if (found) {
           window->loadFinished();
           return;

@@ -89,7 +89,7 @@ if [ -x "$browser" ]; then
   # A machine without a display gets a virtual one.
   run_browser=("$browser")
   if [ -z "${DISPLAY:-}" ] && [ -z "${WAYLAND_DISPLAY:-}" ]; then
-    run_browser=(xvfb-run -a -n 611 "$browser")
+    run_browser=(xvfb-run -a -n 611 -s "-screen 0 1280x1024x24 -noreset" "$browser")
   fi
   shot_fr="$demo/sample-clock-fr.png"
   shot_de="$demo/sample-clock-de.png"
