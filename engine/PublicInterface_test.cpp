@@ -356,7 +356,10 @@ int main(void) {
   const std::string flags;
 #endif
   std::string output;
-  ASSERT_EQ(0, runCommand("cc -std=c99 -Wall -Wextra -Werror " + flags + "-I" +
+  // The configured compiler (a cross compiler in a cross build), told that
+  // the source is C.
+  ASSERT_EQ(0, runCommand(std::string(WIDGETENGINE_TEST_CXX) +
+                              " -x c -std=c99 -Wall -Wextra -Werror " + flags + "-I" +
                               shellQuoted(WIDGETENGINE_BINARY_DIR "/include") + " " +
                               shellQuoted(source) + " -o " + shellQuoted(program) +
                               " -L" + shellQuoted(WIDGETENGINE_BINARY_DIR) +
