@@ -28,8 +28,8 @@ declare -A known
 if [ -f "$symbols" ]; then
   while IFS= read -r line; do
     case "$line" in " "*) ;; *) continue ;; esac
-    spec=${line% *}
-    known[$spec]=${line##* }
+    entry=${line% *}
+    known[$entry]=${line##* }
   done <"$symbols"
 fi
 
@@ -37,8 +37,8 @@ entries=$(nm -D --defined-only "$library" | awk '{print $3}' | sort -u |
   while read -r raw; do
     name=$(c++filt "$raw")
     if [[ "$name" =~ ^($private):: ]]; then continue; fi
-    if [ "$name" != "$raw" ]; then spec=" (c++)\"$name@Base\""; else spec=" $raw@Base"; fi
-    echo "$spec ${known[$spec]:-$version}"
+    if [ "$name" != "$raw" ]; then entry=" (c++)\"$name@Base\""; else entry=" $raw@Base"; fi
+    echo "$entry ${known[$entry]:-$version}"
   done | LC_ALL=C sort -u)
 
 {
@@ -46,8 +46,8 @@ entries=$(nm -D --defined-only "$library" | awk '{print $3}' | sort -u |
   echo "* Build-Depends-Package: libwidgetengine-dev"
   echo "$entries"
   for class in ${private//|/ }; do
-    spec=" (c++|regex|optional)\"^$class::\""
-    echo "$spec ${known[$spec]:-$version}"
+    entry=" (c++|regex|optional)\"^$class::\""
+    echo "$entry ${known[$entry]:-$version}"
   done
 } >"$symbols"
 echo "update-symbols: wrote $symbols"
