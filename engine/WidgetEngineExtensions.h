@@ -114,6 +114,16 @@ typedef void (*widgetengine_progress_callback)(int stage, uint64_t done,
 WIDGETENGINE_EXPORT void widgetengine_set_progress_callback(
     widgetengine_progress_callback callback, void* user_data);
 
+/* ---- Damaged packages ------------------------------------------------- */
+
+/* By default an entry that cannot be read to its end is kept as far as it
+ * was read and counts as unpacked, as it always has. With on non-zero,
+ * every later installation, in every thread, checks each entry's size and
+ * CRC-32 as it is written and refuses a package whose entry does not match
+ * (WIDGETENGINE_REFUSAL_DAMAGED_ENTRY), leaving nothing. widgetctl and
+ * widget-browser turn it on. */
+WIDGETENGINE_EXPORT void widgetengine_set_verify_entries(int on);
+
 #ifdef __cplusplus
 }
 #endif

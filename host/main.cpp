@@ -128,6 +128,8 @@ bool envFlag(const char* name) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // A package whose entries do not match their checksums is not shown.
+  widgetengine_set_verify_entries(1);
   gchar* lang = nullptr;
   gchar* screenshot = nullptr;
   gchar* size = nullptr;

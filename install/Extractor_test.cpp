@@ -2,6 +2,7 @@
 #include "install/Extractor.h"
 
 #include <gtest/gtest.h>
+#include <widgetengine/WidgetEngineExtensions.h>
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <signal.h>
@@ -644,7 +645,38 @@ TEST_F(ExtractorTest, TruncatedArchiveIsNotAValidArchive) {
   EXPECT_TRUE(refusedWith("Zip archive is not valid (error 19)\n"));
 }
 
+TEST_F(ExtractorTest, CorruptEntryDataEndsItsCopyAndStillCounts) {
+  std::string text;
+  for (int i = 0; i < 2000; ++i) text += "line " + std::to_string(i) + "\n";
+  ZipBuilder zip;
+  zip.addFile("config.xml", "<widget/>").addFile("index.html", text);
+  build(zip);
+  std::string bytes = TempDir::readFile(zipPath);
+  std::vector<size_t> local = findAll(bytes, kLocalHeader);
+  ASSERT_EQ(2u, local.size());
+  // Scramble the middle of the second entry's deflated data.
+  const size_t middle = (local[1] + bytes.find(kCentralHeader)) / 2;
+  for (size_t i = middle; i < middle + 16; ++i) bytes[i] = ~bytes[i];
+  TempDir::writeFile(zipPath, bytes);
+  Files files;
+  std::string output;
+  EXPECT_EQ(0, extract(files, &output));
+  EXPECT_EQ((Files{"config.xml", "index.html"}), files);
+  EXPECT_EQ(trace(target + "config.xml") + trace(target + "index.html"),
+            output);
+  EXPECT_LT(TempDir::readFile(target + "index.html").size(), text.size());
+}
+
+// Checked entries, as widgetctl and widget-browser ask for them, for the
+// length of one test.
+class VerifiedEntries {
+ public:
+  VerifiedEntries() { widgetengine_set_verify_entries(1); }
+  ~VerifiedEntries() { widgetengine_set_verify_entries(0); }
+};
+
 TEST_F(ExtractorTest, CorruptDeflatedDataFailsAsADamagedFileAndLeavesNothing) {
+  VerifiedEntries verified;
   std::string text;
   for (int i = 0; i < 2000; ++i) text += "line " + std::to_string(i) + "\n";
   ZipBuilder zip;
@@ -663,6 +695,7 @@ TEST_F(ExtractorTest, CorruptDeflatedDataFailsAsADamagedFileAndLeavesNothing) {
 }
 
 TEST_F(ExtractorTest, StoredBytesThatFailTheirChecksumFailAndLeaveNothing) {
+  VerifiedEntries verified;
   ZipBuilder zip;
   zip.addFile("config.xml", "<widget/>", ZipBuilder::kStored)
       .addFile("script.js", "var clockHands = 12;", ZipBuilder::kStored);
@@ -678,6 +711,7 @@ TEST_F(ExtractorTest, StoredBytesThatFailTheirChecksumFailAndLeaveNothing) {
 }
 
 TEST_F(ExtractorTest, DamagedEntryReadThroughLibzipFailsToo) {
+  VerifiedEntries verified;
   // bzip2 entries are read through libzip rather than from the file.
   ZipBuilder zip;
   zip.addFile("config.xml", "<widget/>", ZipBuilder::kStored)

@@ -236,6 +236,9 @@ std::string localeList(const std::string& header) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // A package whose entries do not match their checksums is refused, by
+  // install and by check's trial alike.
+  widgetengine_set_verify_entries(1);
   Options options;
   static const struct option kLong[] = {
       {"json", no_argument, nullptr, 'j'},
