@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -11,6 +12,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <iostream>
+#include <vector>
 #include <nlohmann/json.hpp>
 
 #include "base/Refusal.h"
@@ -29,32 +31,38 @@ using nlohmann::json;
 
 namespace {
 
-// The private folder of a check, removed on every path: at the end of the
-// command, and from the signal handler when the user interrupts it. The
-// handler may only use async-signal-safe calls, so it runs rm from a child
-// with an argument vector made beforehand. The child comes from vfork():
-// glibc's fork() runs its atfork handlers, which take malloc's locks, and a
-// signal that arrived while the program held one of them would hang there.
+// The private folder of a check, removed on every path. The work runs in a
+// child process; the process the user started only waits for it and then
+// removes the folder, whichever way the child ended. Nothing is done in a
+// signal handler but passing the signal on: a handler that removed the
+// folder itself would race the program's other threads, which go on
+// writing into it while the handler runs.
 char gSandbox[4096];
-char* gRemoveArgv[4] = {const_cast<char*>("rm"), const_cast<char*>("-rf"),
-                        gSandbox, nullptr};
+volatile sig_atomic_t gWorker = 0;
+
+extern "C" void passSignalOn(int signal) {
+  if (gWorker > 0) kill(gWorker, signal);
+}
 
 void removeSandbox() {
   if (!gSandbox[0]) return;
-  const pid_t child = vfork();
-  if (child == 0) {
-    execv("/bin/rm", gRemoveArgv);
-    _exit(127);
-  }
-  if (child > 0) {
-    int status;
-    waitpid(child, &status, 0);
-  }
+  std::vector<std::string> lines;
+  EngineLines quiet(&lines);
+  WidgetUnInstaller::removeWidgetDirectory(gSandbox);
 }
 
-extern "C" void onSignal(int signal) {
+// In the waiting process: never returns. The exit status is the worker's,
+// or 128 + the signal that ended it, as a shell reports it.
+[[noreturn]] void superviseWorker(pid_t worker) {
+  gWorker = worker;
+  struct sigaction action = {};
+  action.sa_handler = passSignalOn;
+  for (int signal : {SIGINT, SIGTERM, SIGHUP}) sigaction(signal, &action, nullptr);
+  int status = 0;
+  while (waitpid(worker, &status, 0) < 0 && errno == EINTR) {
+  }
   removeSandbox();
-  _exit(128 + signal);
+  _exit(WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status));
 }
 
 bool makeSandbox(std::string* error) {
@@ -72,12 +80,25 @@ bool makeSandbox(std::string* error) {
     gSandbox[0] = '\0';
     return false;
   }
+  // The marker's lock is shared by both processes: the folder counts as in
+  // use while either lives.
   CheckFolders::markAlive(gSandbox);
-  struct sigaction action = {};
-  action.sa_handler = onSignal;
-  sigaction(SIGINT, &action, nullptr);
-  sigaction(SIGTERM, &action, nullptr);
-  sigaction(SIGHUP, &action, nullptr);
+  std::cout.flush();
+  fflush(nullptr);
+  const pid_t parent = getpid();
+  const pid_t worker = fork();
+  if (worker < 0) {
+    *error = std::string("cannot start the check: ") + strerror(errno);
+    removeSandbox();
+    gSandbox[0] = '\0';
+    return false;
+  }
+  if (worker > 0) superviseWorker(worker);
+  // The worker ends with the process the user started, should that be
+  // killed outright; the folder then stays, marked dead, for the next
+  // check to remove.
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  if (getppid() != parent) _exit(128 + SIGKILL);
   return true;
 }
 

@@ -21,6 +21,7 @@
 #include <nlohmann/json.hpp>
 #include <sqlite3.h>
 
+#include "base/Strings.h"
 #include "testing/HttpServer.h"
 #include "testing/Listener.h"
 #include "testing/ManualPage.h"
@@ -546,7 +547,8 @@ TEST_F(WidgetctlTest, InterruptedCheckRemovesItsTemporaryFolder) {
   for (int delay : {20, 60, 150, 300}) {
     Result result = runWith({"check", package}, {}, delay);
     if (result.status == 128 + SIGINT) ++interrupted;
-    EXPECT_TRUE(TempDir::listDirectory(tmp).empty()) << delay;
+    const std::vector<std::string> left = TempDir::listDirectory(tmp);
+    EXPECT_TRUE(left.empty()) << delay << " ms: " << joinStrings(left);
   }
   EXPECT_GT(interrupted, 0) << "every check ended before the signal";
 }
