@@ -118,7 +118,7 @@ cross: cross-setup
 	cmake -S . -B $(CROSS_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CROSS_FLAGS) \
 	  $(call SANDBOX_FLAGS,$(CROSS_BUILD))
 	cmake --build $(CROSS_BUILD) -j $(JOBS)
-	cd $(CROSS_BUILD) && ctest --output-on-failure -j $(JOBS)
+	cd $(CROSS_BUILD) && ctest --output-on-failure -j $(JOBS) $(RERUN_FAILED)
 
 # Removes what `cmake --install build` wrote (from its install manifest),
 # below DESTDIR when it is set, as for the install.

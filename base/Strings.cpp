@@ -9,3 +9,12 @@ std::string joinStrings(const std::vector<std::string>& items) {
   }
   return joined;
 }
+
+uint64_t fnv1a64(const std::string& text) {
+  uint64_t hash = UINT64_C(14695981039346656037);
+  for (const unsigned char c : text) {
+    hash ^= c;
+    hash *= UINT64_C(1099511628211);
+  }
+  return hash;
+}

@@ -15,6 +15,7 @@
 #include <cstring>
 #include <vector>
 
+#include "base/Strings.h"
 #include "base/TrustedPath.h"
 #include "install/WidgetInstaller.h"
 #include "install/WidgetUnInstaller.h"
@@ -32,18 +33,6 @@ const char kStorageLine[] = "storage ";
 // unique again with a hash), so that the lock file's name fits wherever the
 // widget's directory name does.
 constexpr size_t kLongestNameKept = 200;
-
-// 64-bit FNV-1a: the same value in every process, whatever its word size
-// or C++ library (std::hash is neither), so that engines of 32- and 64-bit
-// browsers sharing a widget root agree on the lock file of a long name.
-uint64_t fnv1a64(const std::string& text) {
-  uint64_t hash = UINT64_C(14695981039346656037);
-  for (const unsigned char c : text) {
-    hash ^= c;
-    hash *= UINT64_C(1099511628211);
-  }
-  return hash;
-}
 
 std::string realDirectory(const std::string& path) {
   char* real = realpath(path.c_str(), nullptr);

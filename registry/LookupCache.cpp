@@ -6,9 +6,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstring>
-#include <unordered_map>
+#include <time.h>
 
+#include <algorithm>
+#include <cstring>
+
+#include "base/UrlPath.h"
+#include "registry/ChangeCounter.h"
 #include "registry/Statements.h"
 
 namespace {
@@ -39,19 +43,50 @@ uint64_t hashBytes(const char* p, size_t n, uint64_t seed) {
     n -= 8;
   }
   if (n > 0) {
+    // The last bytes: a byte-wise copy of a variable length would be a call
+    // to memcpy().
     uint64_t v = 0;
-    memcpy(&v, p, n);
+    for (size_t i = 0; i < n; ++i) v |= static_cast<uint64_t>(static_cast<unsigned char>(p[i])) << (8 * i);
     h = mix(h ^ v ^ (static_cast<uint64_t>(n) << 59));
   }
   return mix(h);
+}
+
+// Directories differ in their last bytes (the widget's name) and share
+// the rest (the widget root): their hash takes the length and the last 16
+// bytes only, which a lookup computes for every directory length that
+// could begin its path. Equal hashes are told apart by comparing the text.
+uint64_t hashDirectory(const char* p, size_t n) {
+  if (n < 16) return hashBytes(p, n, 0);
+  uint64_t a, b;
+  memcpy(&a, p + n - 16, 8);
+  memcpy(&b, p + n - 8, 8);
+  return mix(mix((n * 0x9e3779b97f4a7c15ULL) ^ a) + b);
 }
 
 // Slot of a hash in a table; the other 32 bits are kept in the entry to
 // reject most mismatches without touching the text.
 inline uint32_t check(uint64_t hash) { return static_cast<uint32_t>(hash >> 32); }
 
+// Compared here rather than by memcmp(): the texts are a few tens of bytes,
+// where the call costs more than the comparison.
 bool sameText(const char* a, size_t aLength, const char* b, size_t bLength) {
-  return aLength == bLength && (aLength == 0 || memcmp(a, b, aLength) == 0);
+  if (aLength != bLength) return false;
+  size_t n = aLength;
+  while (n >= 8) {
+    uint64_t x, y;
+    memcpy(&x, a, 8);
+    memcpy(&y, b, 8);
+    if (x != y) return false;
+    a += 8;
+    b += 8;
+    n -= 8;
+  }
+  while (n > 0) {
+    if (*a++ != *b++) return false;
+    --n;
+  }
+  return true;
 }
 
 }  // namespace
@@ -66,23 +101,54 @@ struct LookupCache::Widget {
   uint32_t nameOffset;
   uint32_t nameLength;
   uint32_t launchCheck;
+  uint32_t dirCheck;
+  uint32_t sameDir;  // the next widget (+ 1) with the same directory, or 0
   bool hasDir;
   bool hasLaunchURL;
+  FileSet* files;  // once read
 };
 
-struct LookupCache::Join {
-  uint32_t check;
-  uint32_t first;  // widget of the first file row with this key
-  uint32_t last;   // widget of the last one
-  uint32_t pathOffset;
-  uint32_t pathLength;
-};
+// The file rows of one widget id, one entry per distinct path with the
+// first and last row that has it.
+struct LookupCache::FileSet {
+  struct Entry {
+    uint32_t check;
+    uint32_t offset;
+    uint32_t length;
+    // The languages L for which "locales/L/<this path>" is a file of the
+    // same widget: copies[copiesBegin, copiesBegin + copiesCount).
+    uint32_t copiesBegin;
+    uint32_t copiesCount;
+    int64_t first;
+    int64_t last;
+  };
+  struct Copy {
+    uint32_t offset;  // the language's bytes in text
+    uint32_t length;
+    bool inside;      // whether a browser reads the copy's path as inside
+  };
+  std::string text;
+  std::vector<Entry> entries;
+  std::vector<Copy> copies;
+  Table table;
 
-struct LookupCache::Local {
-  int64_t widgetId;
-  uint32_t check;
-  uint32_t pathOffset;
-  uint32_t pathLength;
+  size_t bytes() const {
+    return sizeof(FileSet) + text.capacity() + entries.capacity() * sizeof(Entry) +
+           copies.capacity() * sizeof(Copy) + table.slots.capacity() * sizeof(uint32_t);
+  }
+
+  const Entry* find(const char* path, size_t length) const {
+    const uint64_t hash = hashBytes(path, length, 0);
+    const uint32_t want = check(hash);
+    uint32_t slot = static_cast<uint32_t>(hash) & table.mask;
+    while (uint32_t entry = table.slots[slot]) {
+      const Entry& e = entries[entry - 1];
+      if (e.check == want && sameText(text.data() + e.offset, e.length, path, length))
+        return &e;
+      slot = (slot + 1) & table.mask;
+    }
+    return nullptr;
+  }
 };
 
 void LookupCache::Table::reset(size_t entries) {
@@ -93,7 +159,14 @@ void LookupCache::Table::reset(size_t entries) {
   mask = static_cast<uint32_t>(size - 1);
 }
 
-LookupCache::LookupCache() : state_(kEmpty), counter_(0), fd_(-1) {}
+LookupCache::LookupCache()
+    : state_(kEmpty),
+      counter_(0),
+      fd_(-1),
+      db_(nullptr),
+      seen_(0),
+      lookedAt_(-1),
+      filesBytes_(0) {}
 
 LookupCache::~LookupCache() {
   if (fd_ >= 0) close(fd_);
@@ -132,10 +205,47 @@ bool LookupCache::stamp(sqlite3* db, uint32_t& value, bool insideRead) {
   return readCounter(db, value);
 }
 
-bool LookupCache::fresh(sqlite3* db) {
-  uint32_t now = 0;
-  if (!stamp(db, now)) return false;
-  if (now == counter_) {
+// True when the shared counter says that no engine has committed since the
+// header was last read, and that was within this second: what another
+// program may have written meanwhile is seen at the next second at the
+// latest.
+// True when the shared counter says that no engine has committed since the
+// header was last read, and that was within this second: what another
+// program may have written meanwhile is seen at the next second at the
+// latest.
+bool LookupCache::unchangedSinceLastLook(ChangeCounter* shared, time_t second) {
+  return shared && shared->attached() && state_ != kEmpty &&
+         shared->read() == seen_ && second == lookedAt_;
+}
+
+time_t LookupCache::coarseSecond() {
+  struct timespec now;
+  clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+  return now.tv_sec;
+}
+
+bool LookupCache::look(sqlite3* db, ChangeCounter* shared, time_t second) {
+  // Inside a transaction the connection sees its own uncommitted writes,
+  // which neither counter reflects.
+  if (!sqlite3_get_autocommit(db)) return false;
+  if (db != db_) {
+    forget();
+    db_ = db;
+  }
+  if (second < 0) second = coarseSecond();
+  if (unchangedSinceLastLook(shared, second)) return state_ == kLoaded;
+  if (shared && second != lookedAt_) shared->revalidate();
+  // Read before the header: a commit after this read moves the counter
+  // again, and the next call looks at the header again.
+  const uint32_t seen = shared ? shared->read() : 0;
+  uint32_t header = 0;
+  if (!readCounter(db, header)) {
+    lookedAt_ = -1;
+    return false;
+  }
+  seen_ = seen;
+  lookedAt_ = second;
+  if (header == counter_) {
     if (state_ == kLoaded) return true;
     if (state_ == kUnusable) return false;
   }
@@ -145,6 +255,8 @@ bool LookupCache::fresh(sqlite3* db) {
 void LookupCache::forget() {
   clear();
   counter_ = 0;
+  db_ = nullptr;
+  lookedAt_ = -1;
   if (fd_ >= 0) close(fd_);
   fd_ = -1;
 }
@@ -153,11 +265,12 @@ void LookupCache::clear() {
   state_ = kEmpty;
   std::vector<char>().swap(arena_);
   std::vector<Widget>().swap(widgets_);
-  std::vector<Join>().swap(joins_);
-  std::vector<Local>().swap(locals_);
   byLaunchURL_ = Table();
-  byFile_ = Table();
-  byLocalFile_ = Table();
+  byDirectory_ = Table();
+  std::vector<uint32_t>().swap(dirLengths_);
+  std::vector<uint32_t>().swap(otherDirs_);
+  files_.clear();
+  filesBytes_ = 0;
 }
 
 bool LookupCache::reload(sqlite3* db) {
@@ -241,7 +354,6 @@ bool LookupCache::load(sqlite3* db, bool& standard) {
   standard = matching == 3;
   if (!standard) return true;
 
-  std::unordered_map<int64_t, uint32_t> widgetById;
   ok = eachRow(db, statements::kIndexWidgets, [&](sqlite3_stmt* s) {
     Widget w = {};
     w.id = sqlite3_column_int64(s, 0);
@@ -268,7 +380,6 @@ bool LookupCache::load(sqlite3* db, bool& standard) {
       w.nameOffset = addText(name, length);
       w.nameLength = static_cast<uint32_t>(length);
     }
-    widgetById.emplace(w.id, static_cast<uint32_t>(widgets_.size()));
     widgets_.push_back(w);
     return true;
   });
@@ -296,91 +407,183 @@ bool LookupCache::load(sqlite3* db, bool& standard) {
     if (!duplicate) byLaunchURL_.slots[slot] = i + 1;
   }
 
-  // File rows, in the order they were written. Each becomes (at most) one
-  // join entry keyed by directory + path and, under "locales/", one entry
-  // keyed by widget id + path.
-  std::string key;
-  std::vector<uint64_t> joinHashes;
-  std::vector<uint64_t> localHashes;
-  static const char kLocales[] = "locales/";
-  ok = eachRow(db, statements::kIndexFiles, [&](sqlite3_stmt* s) {
-    if (sqlite3_column_type(s, 0) != SQLITE_INTEGER) return true;
-    const unsigned char* path = sqlite3_column_text(s, 1);
-    if (!path) return true;
-    int64_t widgetId = sqlite3_column_int64(s, 0);
-    size_t length = static_cast<size_t>(sqlite3_column_bytes(s, 1));
-    bool local = length >= sizeof(kLocales) - 1 &&
-                 memcmp(path, kLocales, sizeof(kLocales) - 1) == 0;
-    auto owner = widgetById.find(widgetId);
-    bool joins = owner != widgetById.end() && widgets_[owner->second].hasDir;
-    if (!local && !joins) return true;
-    uint32_t pathOffset = addText(path, length);
-    if (local) {
-      Local l = {widgetId, 0, pathOffset, static_cast<uint32_t>(length)};
-      localHashes.push_back(hashBytes(arena_.data() + pathOffset, length,
-                                      static_cast<uint64_t>(widgetId)));
-      l.check = check(localHashes.back());
-      locals_.push_back(l);
+  // Directories, for finding the widgets whose directory begins a path.
+  // Those that end in '/' (all that the engine writes) are found by hashing
+  // the path up to each of its slashes; the others are few and compared
+  // one by one.
+  byDirectory_.reset(widgets_.size());
+  for (uint32_t i = 0; i < widgets_.size(); ++i) {
+    Widget& w = widgets_[i];
+    if (!w.hasDir) continue;
+    const char* dir = arena_.data() + w.dirOffset;
+    if (w.dirLength == 0 || dir[w.dirLength - 1] != '/') {
+      otherDirs_.push_back(i);
+      continue;
     }
-    if (joins) {
-      const Widget& w = widgets_[owner->second];
-      key.assign(arena_.data() + w.dirOffset, w.dirLength);
-      key.append(arena_.data() + pathOffset, length);
-      Join j = {0, owner->second, owner->second, pathOffset,
-                static_cast<uint32_t>(length)};
-      joinHashes.push_back(hashBytes(key.data(), key.size(), 0));
-      j.check = check(joinHashes.back());
-      joins_.push_back(j);
-    }
-    return true;
-  });
-  if (!ok) return false;
-
-  byFile_.reset(joins_.size());
-  std::vector<Join> merged;
-  merged.reserve(joins_.size());
-  for (size_t i = 0; i < joins_.size(); ++i) {
-    const Join& j = joins_[i];
-    const Widget& w = widgets_[j.first];
-    key.assign(arena_.data() + w.dirOffset, w.dirLength);
-    key.append(arena_.data() + j.pathOffset, j.pathLength);
-    uint64_t hash = joinHashes[i];
-    uint32_t slot = static_cast<uint32_t>(hash) & byFile_.mask;
-    bool seen = false;
-    while (uint32_t entry = byFile_.slots[slot]) {
-      Join& other = merged[entry - 1];
-      const Widget& ow = widgets_[other.first];
-      if (other.check == j.check &&
-          key.size() == static_cast<size_t>(ow.dirLength) + other.pathLength &&
-          memcmp(key.data(), arena_.data() + ow.dirOffset, ow.dirLength) == 0 &&
-          memcmp(key.data() + ow.dirLength, arena_.data() + other.pathOffset,
-                 other.pathLength) == 0) {
-        other.last = j.first;  // a later row with the same key
-        seen = true;
+    dirLengths_.push_back(w.dirLength);
+    const uint64_t hash = hashDirectory(dir, w.dirLength);
+    w.dirCheck = check(hash);
+    uint32_t slot = static_cast<uint32_t>(hash) & byDirectory_.mask;
+    bool chained = false;
+    while (uint32_t entry = byDirectory_.slots[slot]) {
+      Widget& other = widgets_[entry - 1];
+      if (other.dirCheck == w.dirCheck &&
+          sameText(arena_.data() + other.dirOffset, other.dirLength, dir,
+                   w.dirLength)) {
+        // The same bytes twice (a text and a blob): both join.
+        w.sameDir = other.sameDir;
+        other.sameDir = i + 1;
+        chained = true;
         break;
       }
-      slot = (slot + 1) & byFile_.mask;
+      slot = (slot + 1) & byDirectory_.mask;
     }
-    if (!seen) {
-      merged.push_back(j);
-      byFile_.slots[slot] = static_cast<uint32_t>(merged.size());
-    }
+    if (!chained) byDirectory_.slots[slot] = i + 1;
   }
-  merged.shrink_to_fit();
-  joins_.swap(merged);
-
-  byLocalFile_.reset(locals_.size());
-  for (size_t i = 0; i < locals_.size(); ++i) {
-    uint32_t slot = static_cast<uint32_t>(localHashes[i]) & byLocalFile_.mask;
-    // Equal entries are harmless: a lookup only asks whether one exists.
-    while (byLocalFile_.slots[slot]) slot = (slot + 1) & byLocalFile_.mask;
-    byLocalFile_.slots[slot] = static_cast<uint32_t>(i + 1);
-  }
-
+  std::sort(dirLengths_.begin(), dirLengths_.end());
+  dirLengths_.erase(std::unique(dirLengths_.begin(), dirLengths_.end()),
+                    dirLengths_.end());
+  dirLengths_.shrink_to_fit();
+  otherDirs_.shrink_to_fit();
   arena_.shrink_to_fit();
   widgets_.shrink_to_fit();
-  locals_.shrink_to_fit();
   return true;
+}
+
+LookupCache::FileSet* LookupCache::filesOf(int64_t widgetId) {
+  auto known = files_.find(widgetId);
+  if (known != files_.end()) return known->second.get();
+  if (!db_ || state_ != kLoaded) return nullptr;
+  // Read in a transaction of its own, and used only if the file is still
+  // what the widgets were read from.
+  if (sqlite3_exec(db_, statements::kBegin, nullptr, nullptr, nullptr) !=
+      SQLITE_OK) {
+    return nullptr;
+  }
+  std::unique_ptr<FileSet> set(new FileSet);
+  std::vector<uint64_t> hashes;
+  sqlite3_stmt* stmt = nullptr;
+  bool ok = sqlite3_prepare_v2(db_, statements::kIndexFilesOfWidget, -1, &stmt,
+                               nullptr) == SQLITE_OK;
+  if (ok) {
+    sqlite3_bind_int64(stmt, 1, widgetId);
+    int rc;
+    while ((rc = sqlite3_step(stmt)) == SQLITE_ROW) {
+      const unsigned char* path = sqlite3_column_text(stmt, 1);
+      if (!path) continue;
+      const size_t length = static_cast<size_t>(sqlite3_column_bytes(stmt, 1));
+      const int64_t row = sqlite3_column_int64(stmt, 0);
+      FileSet::Entry e = {0, static_cast<uint32_t>(set->text.size()),
+                          static_cast<uint32_t>(length), 0, 0, row, row};
+      set->text.append(reinterpret_cast<const char*>(path), length);
+      hashes.push_back(hashBytes(reinterpret_cast<const char*>(path), length, 0));
+      e.check = check(hashes.back());
+      set->entries.push_back(e);
+    }
+    ok = rc == SQLITE_DONE;
+  }
+  sqlite3_finalize(stmt);
+  uint32_t now = 0;
+  ok = readCounter(db_, now) && now == counter_ && ok;
+  if (sqlite3_exec(db_, statements::kCommit, nullptr, nullptr, nullptr) !=
+      SQLITE_OK) {
+    sqlite3_exec(db_, statements::kRollback, nullptr, nullptr, nullptr);
+  }
+  if (!ok) {
+    // The widgets in memory are older than the file: read them again at
+    // the next lookup.
+    if (now != counter_) state_ = kEmpty;
+    return nullptr;
+  }
+
+  // One entry per path; a repeated path widens its entry's row span.
+  FileSet& files = *set;
+  files.table.reset(files.entries.size());
+  std::vector<FileSet::Entry> kept;
+  kept.reserve(files.entries.size());
+  for (size_t i = 0; i < files.entries.size(); ++i) {
+    const FileSet::Entry& e = files.entries[i];
+    uint32_t slot = static_cast<uint32_t>(hashes[i]) & files.table.mask;
+    bool merged = false;
+    while (uint32_t entry = files.table.slots[slot]) {
+      FileSet::Entry& other = kept[entry - 1];
+      if (other.check == e.check &&
+          sameText(files.text.data() + other.offset, other.length,
+                   files.text.data() + e.offset, e.length)) {
+        other.first = std::min(other.first, e.first);
+        other.last = std::max(other.last, e.last);
+        merged = true;
+        break;
+      }
+      slot = (slot + 1) & files.table.mask;
+    }
+    if (!merged) {
+      kept.push_back(e);
+      files.table.slots[slot] = static_cast<uint32_t>(kept.size());
+    }
+  }
+  kept.shrink_to_fit();
+  files.entries.swap(kept);
+  files.text.shrink_to_fit();
+  findCopies(files);
+
+  // The files of the widgets looked at most recently stay; past the budget
+  // all are let go and read again as lookups need them.
+  if (filesBytes_ + files.bytes() > kFilesBudget) {
+    for (Widget& w : widgets_) w.files = nullptr;
+    files_.clear();
+    filesBytes_ = 0;
+  }
+  filesBytes_ += files.bytes();
+  FileSet* result = set.get();
+  files_.emplace(widgetId, std::move(set));
+  return result;
+}
+
+// Every way of reading a path "locales/L/R" as a copy in language L of a
+// file R that the widget has: L may hold slashes itself.
+void LookupCache::findCopies(FileSet& files) {
+  static const char kLocales[] = "locales/";
+  const size_t prefix = sizeof kLocales - 1;
+  struct Found {
+    uint32_t entry;
+    FileSet::Copy copy;
+  };
+  std::vector<Found> found;
+  for (const FileSet::Entry& e : files.entries) {
+    const char* path = files.text.data() + e.offset;
+    if (e.length <= prefix || memcmp(path, kLocales, prefix) != 0) continue;
+    for (size_t k = prefix; k < e.length; ++k) {
+      if (path[k] != '/') continue;
+      const FileSet::Entry* original = files.find(path + k + 1, e.length - k - 1);
+      if (!original) continue;
+      found.push_back({static_cast<uint32_t>(original - files.entries.data()),
+                       {static_cast<uint32_t>(e.offset + prefix),
+                        static_cast<uint32_t>(k - prefix),
+                        UrlPath::staysInside(path, e.length)}});
+    }
+  }
+  std::stable_sort(found.begin(), found.end(),
+                   [](const Found& a, const Found& b) { return a.entry < b.entry; });
+  files.copies.reserve(found.size());
+  for (const Found& f : found) {
+    FileSet::Entry& e = files.entries[f.entry];
+    if (e.copiesCount == 0) e.copiesBegin = static_cast<uint32_t>(files.copies.size());
+    ++e.copiesCount;
+    files.copies.push_back(f.copy);
+  }
+}
+
+bool LookupCache::hasCopy(const Copies& copies, const std::string& locale) const {
+  const FileSet::Entry& e = copies.set->entries[copies.entry];
+  for (uint32_t i = 0; i < e.copiesCount; ++i) {
+    const FileSet::Copy& c = copies.set->copies[e.copiesBegin + i];
+    if (sameText(copies.set->text.data() + c.offset, c.length, locale.data(),
+                 locale.size())) {
+      return c.inside;
+    }
+  }
+  return false;
 }
 
 bool LookupCache::nameByLaunchURL(const char* url, size_t length,
@@ -402,55 +605,92 @@ bool LookupCache::nameByLaunchURL(const char* url, size_t length,
   return false;
 }
 
-bool LookupCache::fileOwner(const std::string& path, int64_t& widgetId,
-                            const char*& dir, size_t& dirLength) const {
-  if (byFile_.slots.empty()) return false;
-  uint64_t hash = hashBytes(path.data(), path.size(), 0);
-  uint32_t want = check(hash);
-  uint32_t slot = static_cast<uint32_t>(hash) & byFile_.mask;
-  while (uint32_t entry = byFile_.slots[slot]) {
-    const Join& j = joins_[entry - 1];
-    if (j.check == want) {
-      const Widget& w = widgets_[j.first];
-      if (path.size() == static_cast<size_t>(w.dirLength) + j.pathLength &&
-          memcmp(path.data(), arena_.data() + w.dirOffset, w.dirLength) == 0 &&
-          memcmp(path.data() + w.dirLength, arena_.data() + j.pathOffset,
-                 j.pathLength) == 0) {
-        const Widget& last = widgets_[j.last];
-        widgetId = w.id;
-        dir = arena_.data() + last.dirOffset;
-        dirLength = last.dirTextLength;
-        return true;
-      }
-    }
-    slot = (slot + 1) & byFile_.mask;
+bool LookupCache::consider(uint32_t index, const char* path, size_t length,
+                           int64_t& first, uint32_t& firstWidget, int64_t& last,
+                           uint32_t& lastWidget, Copies& found) {
+  Widget& w = widgets_[index];
+  if (!w.files) w.files = filesOf(w.id);
+  if (!w.files) return false;
+  const FileSet::Entry* e =
+      w.files->find(path + w.dirLength, length - w.dirLength);
+  if (!e) return true;
+  if (firstWidget == 0 || e->first < first) {
+    first = e->first;
+    firstWidget = index + 1;
+    found.set = w.files;
+    found.entry = static_cast<uint32_t>(e - w.files->entries.data());
   }
-  return false;
+  if (lastWidget == 0 || e->last > last) {
+    last = e->last;
+    lastWidget = index + 1;
+  }
+  return true;
 }
 
-bool LookupCache::hasLocalizedFile(int64_t widgetId,
-                                   const std::string& path) const {
-  if (byLocalFile_.slots.empty()) return false;
-  uint64_t hash =
-      hashBytes(path.data(), path.size(), static_cast<uint64_t>(widgetId));
-  uint32_t want = check(hash);
-  uint32_t slot = static_cast<uint32_t>(hash) & byLocalFile_.mask;
-  while (uint32_t entry = byLocalFile_.slots[slot]) {
-    const Local& l = locals_[entry - 1];
-    if (l.check == want && l.widgetId == widgetId &&
-        sameText(arena_.data() + l.pathOffset, l.pathLength, path.data(),
-                 path.size())) {
-      return true;
+int LookupCache::fileOwner(const char* path, size_t pathLength, int64_t& widgetId,
+                           const char*& dir, size_t& dirLength, Copies* copies) {
+  if (copies) *copies = Copies();
+  if (state_ != kLoaded) return -1;
+  int64_t first = 0, last = 0;
+  uint32_t firstWidget = 0, lastWidget = 0;
+  Copies found;
+  // Every widget whose directory begins the path may hold the rest of it.
+  for (const uint32_t length : dirLengths_) {
+    if (length > pathLength) break;
+    if (path[length - 1] != '/') continue;
+    const uint64_t hash = hashDirectory(path, length);
+    const uint32_t want = check(hash);
+    uint32_t slot = static_cast<uint32_t>(hash) & byDirectory_.mask;
+    while (uint32_t entry = byDirectory_.slots[slot]) {
+      const Widget& w = widgets_[entry - 1];
+      if (w.dirCheck == want &&
+          sameText(arena_.data() + w.dirOffset, w.dirLength, path, length)) {
+        for (uint32_t i = entry; i; i = widgets_[i - 1].sameDir) {
+          if (!consider(i - 1, path, pathLength, first, firstWidget,
+                        last, lastWidget, found)) {
+            return -1;
+          }
+        }
+        break;
+      }
+      slot = (slot + 1) & byDirectory_.mask;
     }
-    slot = (slot + 1) & byLocalFile_.mask;
   }
-  return false;
+  for (const uint32_t index : otherDirs_) {
+    const Widget& w = widgets_[index];
+    if (w.dirLength <= pathLength &&
+        memcmp(arena_.data() + w.dirOffset, path, w.dirLength) == 0 &&
+        !consider(index, path, pathLength, first, firstWidget, last,
+                  lastWidget, found)) {
+      return -1;
+    }
+  }
+  if (!firstWidget) return 0;
+  const Widget& owner = widgets_[firstWidget - 1];
+  const Widget& lastOwner = widgets_[lastWidget - 1];
+  widgetId = owner.id;
+  dir = arena_.data() + lastOwner.dirOffset;
+  dirLength = lastOwner.dirTextLength;
+  // One widget alone, whose directory the caller cuts off whole, and whose
+  // files are still in memory: its copies answer for hasFile().
+  if (copies && firstWidget == lastWidget &&
+      owner.dirTextLength == owner.dirLength && owner.files == found.set) {
+    *copies = found;
+  }
+  return 1;
+}
+
+int LookupCache::hasFile(int64_t widgetId, const std::string& path) {
+  if (state_ != kLoaded) return -1;
+  const FileSet* files = filesOf(widgetId);
+  if (!files) return -1;
+  return files->find(path.data(), path.size()) ? 1 : 0;
 }
 
 size_t LookupCache::memoryUsed() const {
-  return arena_.capacity() + widgets_.capacity() * sizeof(Widget) +
-         joins_.capacity() * sizeof(Join) + locals_.capacity() * sizeof(Local) +
-         (byLaunchURL_.slots.capacity() + byFile_.slots.capacity() +
-          byLocalFile_.slots.capacity()) *
+  return filesBytes_ + files_.size() * 4 * sizeof(void*) + arena_.capacity() +
+         widgets_.capacity() * sizeof(Widget) +
+         (byLaunchURL_.slots.capacity() + byDirectory_.slots.capacity() +
+          dirLengths_.capacity() + otherDirs_.capacity()) *
              sizeof(uint32_t);
 }

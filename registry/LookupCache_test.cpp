@@ -1,17 +1,26 @@
 // SPDX-License-Identifier: Apache-2.0
 // The in-memory lookups answer exactly what the lookup statements, pasted
-// and run through sqlite3_get_table, answer on the same rows, and they are
-// never stale: a change made through another connection, in this process or
-// in another, is seen by the very next lookup.
+// and run through sqlite3_get_table, answer on the same rows. A change that
+// an engine makes, in this process or in another, is seen by the very next
+// lookup; one that another program makes, within a second. While nothing
+// changes, a lookup reads nothing from the file.
 #include "registry/LookupCache.h"
 
 #include <gtest/gtest.h>
 #include <sqlite3.h>
+#include <sys/ipc.h>
+#include <sys/shm.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <fstream>
 #include <string>
+#include <thread>
 #include <vector>
+
+#include "registry/ChangeCounter.h"
 
 #include "testing/RegistryTestUtil.h"
 #include "registry/SqlLite3.h"
@@ -311,17 +320,17 @@ TEST_F(RegistryTest, IndexServesTheRegistryAndStepsAsideWhenItCannotBeTrusted) {
   int64_t id = 0;
   const char* dir = nullptr;
   size_t length = 0;
-  ASSERT_TRUE(cache.fileOwner("/m/ab/c.html", id, dir, length));
+  ASSERT_EQ(1, cache.fileOwner("/m/ab/c.html", id, dir, length));
   EXPECT_EQ(2, id);
   EXPECT_EQ("/m/ab/", std::string(dir, length));
   // Rows written before widget 7 existed join it now.
-  ASSERT_TRUE(cache.fileOwner("/w/g/old.html", id, dir, length));
+  ASSERT_EQ(1, cache.fileOwner("/w/g/old.html", id, dir, length));
   EXPECT_EQ(7, id);
-  EXPECT_TRUE(cache.hasLocalizedFile(7, "locales/de/old.html"));
-  EXPECT_TRUE(cache.hasLocalizedFile(9, "locales/fr/orphan.html"));
-  EXPECT_FALSE(cache.fileOwner("/w/a/orphan.html", id, dir, length));
-  EXPECT_FALSE(cache.fileOwner("/nulldir/index.html", id, dir, length));
-  EXPECT_FALSE(cache.fileOwner("/w/a/INDEX.html", id, dir, length));
+  EXPECT_EQ(1, cache.hasFile(7, "locales/de/old.html"));
+  EXPECT_EQ(1, cache.hasFile(9, "locales/fr/orphan.html"));
+  EXPECT_EQ(0, cache.fileOwner("/w/a/orphan.html", id, dir, length));
+  EXPECT_EQ(0, cache.fileOwner("/nulldir/index.html", id, dir, length));
+  EXPECT_EQ(0, cache.fileOwner("/w/a/INDEX.html", id, dir, length));
 
   ASSERT_EQ(SQLITE_OK, raw.exec("BEGIN"));
   EXPECT_FALSE(cache.fresh(raw.handle()));
@@ -360,4 +369,131 @@ TEST_F(RegistryTest, TrickyRowsGiveTheExpectedRedirections) {
   EXPECT_EQ("file:///w/e//locales/FR/e.html", url);
   url = "file:///w/a/orphan.html";
   EXPECT_EQ(0, db.findLocalizedResource(url, {"fr"}));
+}
+
+namespace {
+
+// Read system calls this process has made so far.
+long readCalls() {
+  std::ifstream io("/proc/self/io");
+  std::string key;
+  long value = -1;
+  while (io >> key >> value) {
+    if (key == "syscr:") return value;
+  }
+  return -1;
+}
+
+void installSome(int count) {
+  SqlLite3 db;
+  for (int i = 0; i < count; ++i) {
+    WidgetsData w = makeWidget("w" + std::to_string(i),
+                               {"index.html", "locales/fr/index.html"});
+    ASSERT_GT(db.insertWidget(&w), 0);
+  }
+}
+
+int lookUp(SqlLite3& db, int widget) {
+  std::string name;
+  std::string url = "file:///widgets/widget_w" + std::to_string(widget) + "/index.html";
+  return db.getNameByLaunchURL(url, name) + db.findLocalizedResource(url, {"fr"});
+}
+
+}  // namespace
+
+TEST_F(RegistryTest, LookupsReadNothingFromTheFileWhileNothingChanges) {
+  installSome(20);
+  SqlLite3 db;
+  for (int i = 0; i < 20; ++i) ASSERT_EQ(2, lookUp(db, i));  // files read
+  const auto start = std::chrono::steady_clock::now();
+  const long before = readCalls();
+  ASSERT_GE(before, 0);
+  for (int i = 0; i < 20000; ++i) ASSERT_EQ(2, lookUp(db, i % 20)) << i;
+  const long calls = readCalls() - before;
+  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(
+                           std::chrono::steady_clock::now() - start).count();
+  // The header once a second, and the reading of /proc itself.
+  EXPECT_LE(calls, 2 * (seconds + 2) + 20) << seconds << " s";
+}
+
+TEST_F(RegistryTest, ChangesOfAnotherProgramAreSeenWithinASecond) {
+  installSome(2);
+  SqlLite3 db;
+  ASSERT_EQ(2, lookUp(db, 1));
+  ASSERT_EQ(0, lookUp(db, 7));
+  {
+    Raw raw(dbPath());
+    ASSERT_EQ(SQLITE_OK,
+              raw.exec("INSERT INTO Widgets (id, storagePath, launchURL, name) "
+                       "VALUES (9, '/widgets/widget_w7/', "
+                       "'file:///widgets/widget_w7/index.html', 'w7');"
+                       "INSERT INTO widgetFiles (widgetID, path) VALUES "
+                       "(9, 'index.html'), (9, 'locales/fr/index.html');"
+                       "DELETE FROM Widgets WHERE name='w1'"));
+  }
+  const auto start = std::chrono::steady_clock::now();
+  while (lookUp(db, 7) != 2 &&
+         std::chrono::steady_clock::now() - start < std::chrono::seconds(3)) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(2100));
+  EXPECT_EQ(2, lookUp(db, 7));
+  EXPECT_EQ(0, lookUp(db, 1));
+}
+
+TEST_F(RegistryTest, ACounterOthersMayWriteLeavesEveryLookupReadingTheFile) {
+  { SqlLite3 create; }
+  struct stat status;
+  ASSERT_EQ(0, stat(dbPath().c_str(), &status));
+  const int planted = shmget(ChangeCounter::keyOf(status.st_dev, status.st_ino),
+                             64, IPC_CREAT | IPC_EXCL | 0666);
+  ASSERT_GE(planted, 0);
+  installSome(2);
+  SqlLite3 db;
+  ASSERT_EQ(2, lookUp(db, 1));
+  // Whatever the planted counter says, a change is seen at the next lookup.
+  uint32_t* value = static_cast<uint32_t*>(shmat(planted, nullptr, 0));
+  ASSERT_NE(reinterpret_cast<uint32_t*>(-1), value);
+  *value += 5;
+  shmdt(value);
+  {
+    Raw raw(dbPath());
+    ASSERT_EQ(SQLITE_OK, raw.exec("DELETE FROM Widgets WHERE name='w1'"));
+  }
+  EXPECT_EQ(0, lookUp(db, 1));
+  const long before = readCalls();
+  for (int i = 0; i < 100; ++i) lookUp(db, 0);
+  EXPECT_GE(readCalls() - before, 100);
+  shmctl(planted, IPC_RMID, nullptr);
+}
+
+TEST_F(RegistryTest, AWidgetsFilesAreReadWhenALookupFirstNeedsThem) {
+  installSome(100);
+  Raw raw(dbPath());
+  LookupCache cache;
+  ASSERT_TRUE(cache.fresh(raw.handle()));
+  const size_t widgetsOnly = cache.memoryUsed();
+  int64_t id = 0;
+  const char* dir = nullptr;
+  size_t length = 0;
+  ASSERT_EQ(1, cache.fileOwner("/widgets/widget_w5/index.html", id, dir, length));
+  EXPECT_EQ("/widgets/widget_w5/", std::string(dir, length));
+  EXPECT_EQ(1, cache.hasFile(id, "locales/fr/index.html"));
+  const size_t oneWidget = cache.memoryUsed() - widgetsOnly;
+  for (int i = 0; i < 100; ++i) {
+    ASSERT_EQ(1, cache.fileOwner("/widgets/widget_w" + std::to_string(i) + "/index.html",
+                                 id, dir, length));
+  }
+  const size_t everyWidget = cache.memoryUsed() - widgetsOnly;
+  EXPECT_GT(oneWidget, 0u);
+  EXPECT_LE(oneWidget * 50, everyWidget);
+
+  // Files read after another program's commit are not mixed with the
+  // widgets read before it: the lookup hands over to the statements.
+  LookupCache stale;
+  ASSERT_TRUE(stale.fresh(raw.handle()));
+  ASSERT_EQ(SQLITE_OK, raw.exec("INSERT INTO widgetFiles (widgetID, path) VALUES (1, 'x')"));
+  EXPECT_EQ(-1, stale.fileOwner("/widgets/widget_w0/x", id, dir, length));
+  ASSERT_TRUE(stale.fresh(raw.handle()));
+  EXPECT_EQ(1, stale.fileOwner("/widgets/widget_w0/x", id, dir, length));
 }

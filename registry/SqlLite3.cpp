@@ -27,26 +27,26 @@ SqlLite3::SqlLite3() : impl(new Impl) {
   open();
 }
 
-void SqlLite3::followReplacedFile() {
+time_t SqlLite3::followReplacedFile() {
   // A connection keeps reading the file it opened, even once another file
   // has taken its name (a registry restored from a copy, or removed and
   // made anew by another process): at most once a second, the path is
   // looked at again, and a connection to a file that no longer has it
   // opens the one that does.
-  struct timespec now;
-  clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
-  if (now.tv_sec == impl->identityCheckedAt) return;
-  impl->identityCheckedAt = now.tv_sec;
+  const time_t now = LookupCache::coarseSecond();
+  if (now == impl->identityCheckedAt) return now;
+  impl->identityCheckedAt = now;
   struct stat status;
-  if (!impl->opened || stat(impl->databasePath.c_str(), &status) != 0) return;
+  if (!impl->opened || stat(impl->databasePath.c_str(), &status) != 0) return now;
   if (status.st_dev == impl->fileDevice && status.st_ino == impl->fileInode) {
-    return;
+    return now;
   }
   impl->opened = false;
   impl->allWidgetsKept = false;
   impl->cache.forget();
   impl->closeHandle();
   open();
+  return now;
 }
 
 bool SqlLite3::reopen() {
@@ -94,10 +94,13 @@ void SqlLite3::open() {
     return;
   }
   sqlite3_busy_timeout(impl->db, busyTimeoutMs());
+  sqlite3_commit_hook(impl->db, noteCommit<Impl>, impl.get());
+  PublishOnExit<Impl> publish(impl.get());
   struct stat status;
   if (stat(impl->databasePath.c_str(), &status) == 0) {
     impl->fileDevice = status.st_dev;
     impl->fileInode = status.st_ino;
+    impl->counter.attach(status.st_dev, status.st_ino);
   }
   impl->identityCheckedAt = impl->lastOpenAttempt.tv_sec;
   if (impl->verbose) engineOut() << "Database open. Good news ;)" << std::endl;
@@ -155,6 +158,7 @@ const std::string& SqlLite3::startDirectory() {
 bool SqlLite3::isOpen() { return impl->opened; }
 
 int SqlLite3::query(std::string sql) {
+  PublishOnExit<Impl> publish(impl.get());
   impl->columnNames.clear();
   impl->values.clear();
   if (!impl->db) {

@@ -7,6 +7,8 @@
 #ifndef WIDGETENGINE_SQLLITE3_H_
 #define WIDGETENGINE_SQLLITE3_H_
 
+#include <time.h>
+
 #include <map>
 #include <memory>
 #include <string>
@@ -99,7 +101,10 @@ class SqlLite3 {
   std::unique_ptr<Impl> impl;
 
   void open();
-  void followReplacedFile();
+  // Returns the monotonic second it read.
+  time_t followReplacedFile();
+  int findInCache(std::string& url, const std::vector<std::string>& locales,
+                  time_t second);
   void ensureIndexes();
   int insertWidgetRows(WidgetsData* widget, bool ownTransaction);
   std::vector<WidgetsData*> readWidgets(int statement, const std::string* key,

@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "registry/ChangeCounter.h"
 #include "registry/LookupCache.h"
 #include "registry/SqlLite3.h"
 #include "registry/Statements.h"
@@ -91,6 +92,13 @@ const char* const kStatementTexts[kStatementCount] = {
 // byte (which ends C text), would have broken the statement, so the statement
 // fails instead of running with it.
 inline bool quotable(const char* value, size_t length, char quote) {
+  // Languages are a few bytes long, where a loop costs less than the calls.
+  if (length < 16) {
+    for (size_t i = 0; i < length; ++i) {
+      if (value[i] == quote || value[i] == '\0') return false;
+    }
+    return true;
+  }
   return !memchr(value, quote, length) && !memchr(value, '\0', length);
 }
 
@@ -171,6 +179,10 @@ struct SqlLite3::Impl {
   std::vector<std::string> values;
   sqlite3_stmt* statements[sqlite3impl::kStatementCount] = {};
   LookupCache cache;
+  // Every engine's count of commits to this file, and whether this
+  // connection has committed since it last moved it.
+  ChangeCounter counter;
+  bool committed = false;
   // The rows of "SELECT * FROM Widgets" as last read, and the change counter
   // they were read under: the browser lists every widget at once, and
   // copying records costs a fraction of reading them again.
@@ -222,14 +234,52 @@ struct SqlLite3::Impl {
     return false;
   }
 
+  // Moves the shared counter once the connection's commits are done, so
+  // that every engine's next lookup looks at the file. Called as each write
+  // operation ends, in every process before its call returns.
+  void publishCommits() {
+    if (committed && db && sqlite3_get_autocommit(db)) {
+      counter.bump();
+      committed = false;
+    }
+  }
+
   void closeHandle() {
     for (sqlite3_stmt*& stmt : statements) {
       sqlite3_finalize(stmt);
       stmt = nullptr;
     }
+    publishCommits();
     if (db) sqlite3_close_v2(db);
     db = nullptr;
+    committed = false;
+    counter.detach();
   }
 };
+
+namespace sqlite3impl {
+
+// Publishes the connection's commits when a write operation ends, on
+// every path out of it.
+template <typename Impl>
+class PublishOnExit {
+ public:
+  explicit PublishOnExit(Impl* impl) : impl_(impl) {}
+  ~PublishOnExit() { impl_->publishCommits(); }
+  PublishOnExit(const PublishOnExit&) = delete;
+  PublishOnExit& operator=(const PublishOnExit&) = delete;
+
+ private:
+  Impl* impl_;
+};
+
+// SQLite's commit hook: notes that a write transaction is committing.
+template <typename Impl>
+int noteCommit(void* impl) {
+  static_cast<Impl*>(impl)->committed = true;
+  return 0;  // let it commit
+}
+
+}  // namespace sqlite3impl
 
 #endif  // WIDGETENGINE_SQLLITE3IMPL_H_

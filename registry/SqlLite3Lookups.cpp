@@ -8,6 +8,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <climits>
 #include <cstdio>
@@ -199,9 +200,9 @@ int SqlLite3::getNameByLaunchURL(const std::string& launchURL,
 
 int SqlLite3::getNameByLaunchURL(const char* launchURL, size_t length,
                                  std::string& name) {
-  followReplacedFile();
+  const time_t second = followReplacedFile();
   if (!impl->db || !quotable(launchURL, length, '"')) return 0;
-  if (impl->cache.fresh(impl->db)) {
+  if (impl->cache.fresh(impl->db, &impl->counter, second)) {
     return impl->cache.nameByLaunchURL(launchURL, length, name) ? 1 : 0;
   }
   sqlite3_stmt* stmt = impl->statement(kNameByLaunchURLStatement);
@@ -214,9 +215,56 @@ int SqlLite3::getNameByLaunchURL(const char* launchURL, size_t length,
   return 1;
 }
 
+// The usual lookup, answered from the cache without editing the address
+// until the answer is known: 1 mapped, -1 not (the address then left as the
+// statements' way leaves it), 0 when the statements' way must answer.
+int SqlLite3::findInCache(std::string& url, const std::vector<std::string>& locales,
+                          time_t second) {
+  if (!impl->db) return 0;
+  const size_t start = std::min<size_t>(7, url.size());
+  const size_t question = url.find('?', start);
+  const size_t end = question == std::string::npos ? url.size() : question;
+  const char* path = url.data() + start;
+  const size_t pathLength = end - start;
+  if (!quotable(path, pathLength, '\'')) return 0;
+  if (!impl->cache.fresh(impl->db, &impl->counter, second)) return 0;
+  int64_t widgetId = 0;
+  const char* dir = nullptr;
+  size_t dirLength = 0;
+  LookupCache::Copies copies;
+  const int owner =
+      impl->cache.fileOwner(path, pathLength, widgetId, dir, dirLength, &copies);
+  if (owner < 0 || (owner > 0 && !copies)) return 0;
+  // What the statements' way leaves in the address when it finds nothing.
+  const auto notMapped = [&](size_t cut) {
+    url.resize(end);
+    url.erase(0, start + cut);
+    return -1;
+  };
+  if (owner == 0) return notMapped(0);
+  const char* rest = path + dirLength;
+  const size_t restLength = pathLength - dirLength;
+  if (restLength >= 7 && memcmp(rest, "locales", 7) == 0) return notMapped(dirLength);
+  for (const std::string& locale : locales) {
+    if (!quotable(locale, '\'') || !impl->cache.hasCopy(copies, locale)) continue;
+    std::string& mapped = impl->localPath;
+    mapped.assign("file://");
+    mapped.append(dir, dirLength);
+    mapped.append("/locales/");
+    mapped.append(locale);
+    mapped.push_back('/');
+    mapped.append(rest, restLength);
+    mapped.append(url, end, std::string::npos);
+    url.swap(mapped);
+    return 1;
+  }
+  return notMapped(dirLength);
+}
+
 int SqlLite3::findLocalizedResource(std::string& url,
                                     std::vector<std::string> locales) {
-  followReplacedFile();
+  const time_t second = followReplacedFile();
+  if (int answer = findInCache(url, locales, second)) return answer > 0 ? 1 : 0;
   // The address loses its "file://" and its query part before the lookup.
   url.erase(0, 7);
   std::string& queryPart = impl->queryPart;
@@ -231,10 +279,16 @@ int SqlLite3::findLocalizedResource(std::string& url,
   int64_t widgetId = 0;
   const char* dir = nullptr;
   size_t dirLength = 0;
-  bool cached = impl->cache.fresh(impl->db);
+  // The cache answers unless it cannot read a widget's files in step with
+  // what it holds; then the statements do, for the whole lookup.
+  bool cached = impl->cache.fresh(impl->db, &impl->counter, second);
+  LookupCache::Copies copies;
   if (cached) {
-    if (!impl->cache.fileOwner(url, widgetId, dir, dirLength)) return 0;
-  } else {
+    const int owner = impl->cache.fileOwner(url, widgetId, dir, dirLength, &copies);
+    if (owner == 0) return 0;
+    cached = owner == 1;
+  }
+  if (!cached) {
     sqlite3_stmt* owner = impl->statement(kFileOwnerStatement);
     if (!owner) return 0;
     ResetOnExit reset(owner);
@@ -254,19 +308,18 @@ int SqlLite3::findLocalizedResource(std::string& url,
   // What is left is the file's path inside the widget; a file inside a
   // locale folder already is not redirected.
   url.erase(0, dirLength);
-  if (url.compare(0, 7, "locales") == 0) return 0;
+  if (url.size() >= 7 && memcmp(url.data(), "locales", 7) == 0) return 0;
 
   std::string& localPath = impl->localPath;
   for (const std::string& locale : locales) {
     if (!quotable(locale, '\'')) continue;
+    if (copies && !impl->cache.hasCopy(copies, locale)) continue;
     localPath.assign("locales/");
     localPath.append(locale);
     localPath.push_back('/');
     localPath.append(url);
-    bool hit;
-    if (cached) {
-      hit = impl->cache.hasLocalizedFile(widgetId, localPath);
-    } else {
+    int hit = copies ? 1 : cached ? impl->cache.hasFile(widgetId, localPath) : -1;
+    if (hit < 0) {
       sqlite3_stmt* local = impl->statement(kLocalizedFileStatement);
       if (!local) continue;
       ResetOnExit reset(local);
@@ -275,8 +328,9 @@ int SqlLite3::findLocalizedResource(std::string& url,
       hit = sqlite3_step(local) == SQLITE_ROW;
     }
     // A copy whose address the browser would resolve outside the widget
-    // (escaped dots in its path or in the locale) is never answered.
-    if (hit && UrlPath::staysInside(localPath)) {
+    // (escaped dots in its path or in the locale) is never answered; the
+    // cache's copies were checked when they were read.
+    if (hit && (copies || UrlPath::staysInside(localPath))) {
       url.assign("file://");
       url.append(dir, dirLength);
       url.push_back('/');

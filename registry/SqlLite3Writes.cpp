@@ -22,6 +22,7 @@
 using namespace sqlite3impl;
 
 int SqlLite3::insertWidget(WidgetsData* widget) {
+  PublishOnExit<Impl> publish(impl.get());
   bool own = impl->db && sqlite3_get_autocommit(impl->db) &&
              impl->exec(statements::kBegin) == SQLITE_OK;
   return insertWidgetRows(widget, own);
@@ -95,6 +96,7 @@ int SqlLite3::insertWidgetRows(WidgetsData* widget, bool ownTransaction) {
 
 int SqlLite3::insertLocalizedItems(int widgetId, const std::string& item,
                                    const std::map<std::string, std::string>& texts) {
+  PublishOnExit<Impl> publish(impl.get());
   if (!impl->db || texts.empty() || !quotable(item, '\'')) return 0;
   sqlite3_stmt* insert = impl->statement(kInsertLocalizedItemStatement);
   if (!insert) return 0;
@@ -129,6 +131,7 @@ int SqlLite3::insertLocalizedItems(int widgetId, const std::string& item,
 }
 
 int SqlLite3::deleteWidgetByName(const std::string& name) {
+  PublishOnExit<Impl> publish(impl.get());
   if (!impl->db) return SQLITE_MISUSE;
   if (!quotable(name, '\'')) return impl->resultCode = SQLITE_ERROR;
   sqlite3_stmt* remove = impl->statement(kDeleteWidgetByNameStatement);
@@ -157,6 +160,7 @@ bool SqlLite3::beginWriteJob() {
 }
 
 bool SqlLite3::endJob() {
+  PublishOnExit<Impl> publish(impl.get());
   if (!impl->jobOpen) return false;
   impl->jobOpen = false;
   // SQLite gives up a transaction by itself on some errors (a full disk, an
@@ -171,12 +175,14 @@ bool SqlLite3::endJob() {
 }
 
 void SqlLite3::rollbackJob() {
+  PublishOnExit<Impl> publish(impl.get());
   if (!impl->jobOpen) return;
   impl->jobOpen = false;
   if (!sqlite3_get_autocommit(impl->db)) impl->exec(statements::kRollback);
 }
 
 bool SqlLite3::forgetRowsOfRemovedWidgets() {
+  PublishOnExit<Impl> publish(impl.get());
   if (!impl->db) return false;
   for (const char* sql : {statements::kDeleteFilesOfRemovedWidgets,
                           statements::kDeleteItemsOfRemovedWidgets}) {

@@ -117,15 +117,16 @@ constexpr const char kLocalizedItem[] =
 constexpr const char kLocalizedItemsOfWidget[] =
     "SELECT item, lang, value, id FROM localizedItem WHERE widgetID=?1";
 
-// The in-memory lookup index is loaded with these, inside one read
+// The in-memory lookup index is loaded with these, each inside a read
 // transaction. The schema rows tell whether the tables are the ones this
 // engine creates, for which the index answers exactly like the lookups.
 constexpr const char kSchemaTables[] =
     "SELECT name, sql FROM sqlite_master WHERE type='table'";
 constexpr const char kIndexWidgets[] =
     "SELECT id, storagePath, launchURL, name FROM Widgets ORDER BY id";
-constexpr const char kIndexFiles[] =
-    "SELECT widgetID, path FROM widgetFiles ORDER BY id";
+// The file rows of one widget, through the index on (widgetID, path).
+constexpr const char kIndexFilesOfWidget[] =
+    "SELECT id, path FROM widgetFiles WHERE widgetID=?1";
 
 }  // namespace statements
 
