@@ -294,6 +294,7 @@ bool LookupCache::reload(sqlite3* db) {
     return false;
   }
   counter_ = loadedAt;
+  sqlite3_db_release_memory(db);
   if (!standard) {
     clear();
     state_ = kUnusable;
@@ -489,6 +490,8 @@ LookupCache::FileSet* LookupCache::filesOf(int64_t widgetId) {
       SQLITE_OK) {
     sqlite3_exec(db_, statements::kRollback, nullptr, nullptr, nullptr);
   }
+  // The pages just read are of no more use: the files are in memory now.
+  sqlite3_db_release_memory(db_);
   if (!ok) {
     // The widgets in memory are older than the file: read them again at
     // the next lookup.

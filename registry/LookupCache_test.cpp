@@ -14,6 +14,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <fstream>
 #include <string>
@@ -496,4 +497,47 @@ TEST_F(RegistryTest, AWidgetsFilesAreReadWhenALookupFirstNeedsThem) {
   EXPECT_EQ(-1, stale.fileOwner("/widgets/widget_w0/x", id, dir, length));
   ASSERT_TRUE(stale.fresh(raw.handle()));
   EXPECT_EQ(1, stale.fileOwner("/widgets/widget_w0/x", id, dir, length));
+}
+
+TEST_F(RegistryTest, FilesOfEveryWidgetOfALargeRegistryStayWithinTheBudget) {
+  { SqlLite3 create; }
+  {
+    Raw raw(dbPath());
+    ASSERT_EQ(SQLITE_OK,
+              raw.exec("WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 "
+                       "FROM n WHERE i < 400) "
+                       "INSERT INTO Widgets (id, storagePath, launchURL, name) "
+                       "SELECT i, '/widgets/widget_w' || i || '/', "
+                       "'file:///widgets/widget_w' || i || '/index.html', 'w' || i FROM n"));
+    ASSERT_EQ(SQLITE_OK,
+              raw.exec("WITH RECURSIVE n(i) AS (SELECT 0 UNION ALL SELECT i + 1 "
+                       "FROM n WHERE i < 39999) "
+                       "INSERT INTO widgetFiles (widgetID, path) "
+                       "SELECT 1 + i % 400, CASE WHEN i / 400 = 0 THEN 'index.html' "
+                       "WHEN i / 400 = 1 THEN 'locales/fr/index.html' "
+                       "ELSE 'resources/picture-number-' || (i / 400) || '.png' END FROM n"));
+  }
+  Raw raw(dbPath());
+  LookupCache cache;
+  ASSERT_TRUE(cache.fresh(raw.handle()));
+  const size_t widgetsOnly = cache.memoryUsed();
+  int64_t id = 0;
+  const char* dir = nullptr;
+  size_t length = 0;
+  size_t most = 0;
+  for (int round = 0; round < 2; ++round) {
+    for (int i = 1; i <= 400; ++i) {
+      const std::string widget = "/widgets/widget_w" + std::to_string(i) + "/";
+      ASSERT_EQ(1, cache.fileOwner(widget + "index.html", id, dir, length)) << i;
+      ASSERT_EQ(i, id);
+      ASSERT_EQ(widget, std::string(dir, length));
+      ASSERT_EQ(1, cache.hasFile(id, "locales/fr/index.html")) << i;
+      ASSERT_EQ(0, cache.hasFile(id, "locales/de/index.html")) << i;
+      most = std::max(most, cache.memoryUsed() - widgetsOnly);
+    }
+  }
+  // 400 widgets of 100 files hold some 3 MB; at most one budget's worth is
+  // kept, with the table that finds them.
+  EXPECT_LE(most, (size_t{1} << 20) + 64 * 1024);
+  EXPECT_GT(most, size_t{512} * 1024);
 }
