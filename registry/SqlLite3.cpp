@@ -97,10 +97,11 @@ void SqlLite3::open() {
   sqlite3_commit_hook(impl->db, noteCommit<Impl>, impl.get());
   PublishOnExit<Impl> publish(impl.get());
   struct stat status;
+  impl->fileDevice = 0;
+  impl->fileInode = 0;
   if (stat(impl->databasePath.c_str(), &status) == 0) {
     impl->fileDevice = status.st_dev;
     impl->fileInode = status.st_ino;
-    impl->counter.attach(status.st_dev, status.st_ino);
   }
   impl->identityCheckedAt = impl->lastOpenAttempt.tv_sec;
   if (impl->verbose) engineOut() << "Database open. Good news ;)" << std::endl;

@@ -179,10 +179,20 @@ struct SqlLite3::Impl {
   std::vector<std::string> values;
   sqlite3_stmt* statements[sqlite3impl::kStatementCount] = {};
   LookupCache cache;
-  // Every engine's count of commits to this file, and whether this
-  // connection has committed since it last moved it.
+  // Every engine's count of commits to this file, attached when first
+  // needed (a connection opened only to be closed again costs no more for
+  // it), and whether this connection has committed since it last moved it.
   ChangeCounter counter;
+  bool counterTried = false;
   bool committed = false;
+
+  ChangeCounter* sharedCounter() {
+    if (!counterTried && fileInode != 0) {
+      counterTried = true;
+      counter.attach(fileDevice, fileInode);
+    }
+    return &counter;
+  }
   // The rows of "SELECT * FROM Widgets" as last read, and the change counter
   // they were read under: the browser lists every widget at once, and
   // copying records costs a fraction of reading them again.
@@ -239,7 +249,7 @@ struct SqlLite3::Impl {
   // operation ends, in every process before its call returns.
   void publishCommits() {
     if (committed && db && sqlite3_get_autocommit(db)) {
-      counter.bump();
+      sharedCounter()->bump();
       committed = false;
     }
   }
@@ -254,6 +264,7 @@ struct SqlLite3::Impl {
     db = nullptr;
     committed = false;
     counter.detach();
+    counterTried = false;
   }
 };
 

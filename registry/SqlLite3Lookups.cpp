@@ -202,7 +202,7 @@ int SqlLite3::getNameByLaunchURL(const char* launchURL, size_t length,
                                  std::string& name) {
   const time_t second = followReplacedFile();
   if (!impl->db || !quotable(launchURL, length, '"')) return 0;
-  if (impl->cache.fresh(impl->db, &impl->counter, second)) {
+  if (impl->cache.fresh(impl->db, impl->sharedCounter(), second)) {
     return impl->cache.nameByLaunchURL(launchURL, length, name) ? 1 : 0;
   }
   sqlite3_stmt* stmt = impl->statement(kNameByLaunchURLStatement);
@@ -227,7 +227,7 @@ int SqlLite3::findInCache(std::string& url, const std::vector<std::string>& loca
   const char* path = url.data() + start;
   const size_t pathLength = end - start;
   if (!quotable(path, pathLength, '\'')) return 0;
-  if (!impl->cache.fresh(impl->db, &impl->counter, second)) return 0;
+  if (!impl->cache.fresh(impl->db, impl->sharedCounter(), second)) return 0;
   int64_t widgetId = 0;
   const char* dir = nullptr;
   size_t dirLength = 0;
@@ -281,7 +281,7 @@ int SqlLite3::findLocalizedResource(std::string& url,
   size_t dirLength = 0;
   // The cache answers unless it cannot read a widget's files in step with
   // what it holds; then the statements do, for the whole lookup.
-  bool cached = impl->cache.fresh(impl->db, &impl->counter, second);
+  bool cached = impl->cache.fresh(impl->db, impl->sharedCounter(), second);
   LookupCache::Copies copies;
   if (cached) {
     const int owner = impl->cache.fileOwner(url, widgetId, dir, dirLength, &copies);
