@@ -40,8 +40,12 @@ bool trustworthy(int id) {
   struct shmid_ds status;
   if (shmctl(id, IPC_STAT, &status) != 0) return false;
   const uid_t me = geteuid();
+  // The permission bits are looked for in both halves of the mode: qemu's
+  // s390x emulation hands them back in the upper one, where a kernel never
+  // puts anything.
+  const unsigned long mode = status.shm_perm.mode;
   return status.shm_perm.uid == me && status.shm_perm.cuid == me &&
-         (status.shm_perm.mode & 0077) == 0 && status.shm_segsz == kSegmentSize;
+         ((mode | mode >> 16) & 0077) == 0 && status.shm_segsz == kSegmentSize;
 }
 
 }  // namespace
