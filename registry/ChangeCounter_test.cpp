@@ -24,13 +24,23 @@ class ChangeCounterTest : public ::testing::Test {
     device = status.st_dev;
     inode = status.st_ino;
   }
+  ~ChangeCounterTest() override {
+    if (planted >= 0) shmctl(planted, IPC_RMID, nullptr);
+  }
   bool segmentExists() const {
     return shmget(ChangeCounter::keyOf(device, inode), 0, 0) >= 0;
+  }
+  // Makes the file's segment first, as another program or user could; it
+  // is removed when the test ends.
+  int plant(size_t size, int mode) {
+    planted = shmget(ChangeCounter::keyOf(device, inode), size, IPC_CREAT | IPC_EXCL | mode);
+    return planted;
   }
 
   TempDir dir;
   dev_t device = 0;
   ino_t inode = 0;
+  int planted = -1;
 };
 
 TEST_F(ChangeCounterTest, AttachmentsOfOneFileShareTheValue) {
@@ -98,38 +108,51 @@ TEST_F(ChangeCounterTest, ACounterRemovedUnderneathIsFoundAgain) {
 }
 
 TEST_F(ChangeCounterTest, ASegmentOthersMayWriteIsRefused) {
-  const key_t key = ChangeCounter::keyOf(device, inode);
-  const int planted = shmget(key, 64, IPC_CREAT | IPC_EXCL | 0666);
-  ASSERT_GE(planted, 0);
+  ASSERT_GE(plant(64, 0666), 0);
   ChangeCounter a;
   EXPECT_FALSE(a.attach(device, inode));
   EXPECT_FALSE(a.attached());
   EXPECT_EQ(0u, a.read());
   a.bump();  // harmless
-  shmctl(planted, IPC_RMID, nullptr);
 }
 
 TEST_F(ChangeCounterTest, ASegmentOfAnotherSizeIsRefused) {
-  const key_t key = ChangeCounter::keyOf(device, inode);
-  const int planted = shmget(key, 4096, IPC_CREAT | IPC_EXCL | 0600);
-  ASSERT_GE(planted, 0);
+  ASSERT_GE(plant(4096, 0600), 0);
   ChangeCounter a;
   EXPECT_FALSE(a.attach(device, inode));
-  shmctl(planted, IPC_RMID, nullptr);
 }
 
 TEST_F(ChangeCounterTest, ASegmentOfAnotherUserIsRefused) {
   if (geteuid() != 0) GTEST_SKIP() << "making another user's segment needs root";
-  const key_t key = ChangeCounter::keyOf(device, inode);
-  const int planted = shmget(key, 64, IPC_CREAT | IPC_EXCL | 0600);
-  ASSERT_GE(planted, 0);
+  ASSERT_GE(plant(64, 0600), 0);
   struct shmid_ds status;
   ASSERT_EQ(0, shmctl(planted, IPC_STAT, &status));
   status.shm_perm.uid = 65534;
   ASSERT_EQ(0, shmctl(planted, IPC_SET, &status));
   ChangeCounter a;
   EXPECT_FALSE(a.attach(device, inode));
-  shmctl(planted, IPC_RMID, nullptr);
+}
+
+TEST_F(ChangeCounterTest, ASegmentOnlyItsOwnerMayReadIsNoHarm) {
+  // Another user's private segment under the key cannot even be looked at:
+  // the counter is simply not used.
+  if (geteuid() != 0) GTEST_SKIP() << "making another user's segment needs root";
+  ASSERT_GE(plant(64, 0600), 0);
+  struct shmid_ds status;
+  ASSERT_EQ(0, shmctl(planted, IPC_STAT, &status));
+  status.shm_perm.uid = 65534;
+  status.shm_perm.mode = 0600;
+  ASSERT_EQ(0, shmctl(planted, IPC_SET, &status));
+  pid_t child = fork();
+  if (child == 0) {
+    // As an ordinary user, who cannot read it.
+    if (setuid(4242) != 0) _exit(2);
+    ChangeCounter c;
+    _exit(c.attach(device, inode) ? 1 : 0);
+  }
+  int result = 0;
+  waitpid(child, &result, 0);
+  EXPECT_TRUE(WIFEXITED(result) && WEXITSTATUS(result) == 0) << result;
 }
 
 }  // namespace
