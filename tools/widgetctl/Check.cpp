@@ -53,11 +53,13 @@ void removeSandbox() {
 
 // In the waiting process: never returns. The exit status is the worker's,
 // or 128 + the signal that ended it, as a shell reports it.
-[[noreturn]] void superviseWorker(pid_t worker) {
+[[noreturn]] void superviseWorker(pid_t worker, const sigset_t& before) {
   gWorker = worker;
   struct sigaction action = {};
   action.sa_handler = passSignalOn;
   for (int signal : {SIGINT, SIGTERM, SIGHUP}) sigaction(signal, &action, nullptr);
+  // What came while the folder was being made is passed on now.
+  sigprocmask(SIG_SETMASK, &before, nullptr);
   int status = 0;
   while (waitpid(worker, &status, 0) < 0 && errno == EINTR) {
   }
@@ -75,9 +77,16 @@ bool makeSandbox(std::string* error) {
     return false;
   }
   strcpy(gSandbox, pattern.c_str());
+  // From the folder's making until someone is there to remove it, the
+  // signals that end a check wait.
+  sigset_t ending, before;
+  sigemptyset(&ending);
+  for (int signal : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&ending, signal);
+  sigprocmask(SIG_BLOCK, &ending, &before);
   if (!mkdtemp(gSandbox)) {
     *error = std::string("cannot create a temporary directory: ") + strerror(errno);
     gSandbox[0] = '\0';
+    sigprocmask(SIG_SETMASK, &before, nullptr);
     return false;
   }
   // The marker's lock is shared by both processes: the folder counts as in
@@ -91,14 +100,16 @@ bool makeSandbox(std::string* error) {
     *error = std::string("cannot start the check: ") + strerror(errno);
     removeSandbox();
     gSandbox[0] = '\0';
+    sigprocmask(SIG_SETMASK, &before, nullptr);
     return false;
   }
-  if (worker > 0) superviseWorker(worker);
+  if (worker > 0) superviseWorker(worker, before);
   // The worker ends with the process the user started, should that be
   // killed outright; the folder then stays, marked dead, for the next
   // check to remove.
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   if (getppid() != parent) _exit(128 + SIGKILL);
+  sigprocmask(SIG_SETMASK, &before, nullptr);
   return true;
 }
 
