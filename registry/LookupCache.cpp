@@ -209,10 +209,6 @@ bool LookupCache::stamp(sqlite3* db, uint32_t& value, bool insideRead) {
 // header was last read, and that was within this second: what another
 // program may have written meanwhile is seen at the next second at the
 // latest.
-// True when the shared counter says that no engine has committed since the
-// header was last read, and that was within this second: what another
-// program may have written meanwhile is seen at the next second at the
-// latest.
 bool LookupCache::unchangedSinceLastLook(ChangeCounter* shared, time_t second) {
   return shared && shared->attached() && state_ != kEmpty &&
          shared->read() == seen_ && second == lookedAt_;
