@@ -294,6 +294,9 @@ int Downloader::download() {
   curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
   curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, writeBounded);
   curl_easy_setopt(curl, CURLOPT_WRITEDATA, &out);
+  // libcurl receives 16 KiB per call by default: over a fast link, a larger
+  // receive buffer means a tenth of the calls into the kernel and writer.
+  curl_easy_setopt(curl, CURLOPT_BUFFERSIZE, static_cast<long>(kFileBufferSize));
   // A body announced larger than a bound is refused before a byte comes.
   const uint64_t announcedLimit = out.room < out.maximum ? out.room : out.maximum;
   if (announcedLimit < static_cast<uint64_t>(INT64_MAX)) {
