@@ -12,13 +12,17 @@
 #include <widgetengine/WidgetEngineExtensions.h>
 
 #include <atomic>
+#include <functional>
 #include <climits>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <iostream>
 #include <memory>
 #include <string>
+#include <thread>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -565,10 +569,314 @@ void sayWithNumber(const char* message, long number) {
   engineOut() << message << " (error " << number << ")" << std::endl;
 }
 
+// One entry of the package as the write pass needs it.
+struct Task {
+  zip_int64_t index = 0;
+  std::string name;  // as the archive spells it
+  std::string full;  // the target directory and the name
+  bool isFolder = false;
+  uint64_t size = 0;
+  bool hasCrc = false;
+  uint32_t crc = 0;
+  // Where the entry's data lies in the package, when the reader can take
+  // it from there itself (spanned); otherwise it is read through libzip.
+  bool spanned = false;
+  uint64_t at = 0;
+  uint64_t length = 0;
+  uint16_t method = 0;
+};
+
+Task taskOf(zip_int64_t index, const zip_stat_t& stat, const std::string& targetDir,
+            const PackageReader& package) {
+  Task task;
+  task.index = index;
+  task.name = entryName(stat);
+  task.full = targetDir + task.name;
+  task.isFolder = endsWithSlash(task.name);
+  task.size = stat.size;
+  task.hasCrc = (stat.valid & ZIP_STAT_CRC) != 0;
+  task.crc = stat.crc;
+  if (!task.isFolder) {
+    task.spanned = package.span(index, stat, &task.at, &task.length, &task.method);
+  }
+  return task;
+}
+
+// What unpacking one entry came to. The lines that say so are written by
+// the caller, in entry order, whichever thread did the work.
+struct Outcome {
+  enum Kind { kDone, kFolderFailed, kWriteFailed, kDamaged };
+  Kind kind = kDone;
+  int error = 0;  // an errno, for the failures that carry one
+};
+
+// Writes entries below one base folder. Each thread has its own: the open
+// folders and the buffers are not shared.
+class EntryUnpacker {
+ public:
+  EntryUnpacker(int baseFd, int baseError, size_t baseLength,
+                const PackageReader& package)
+      : folders_(baseFd, baseError),
+        baseLength_(baseLength),
+        package_(package),
+        buffer_(new char[kCopyBufferSize]),
+        input_(new unsigned char[kReadBufferSize]) {}
+
+  // entry is libzip's reader of a file entry that is not spanned.
+  Outcome unpack(const Task& task, zip_file_t* entry) {
+    const std::string relative = task.full.substr(baseLength_);
+    int error = 0;
+    int created = 0;
+    if (task.isFolder) {
+      // Made as far as a path the system accepts reaches; a folder beyond
+      // that cannot be named, so it cannot be made.
+      const std::string folder = relative.substr(0, relative.size() - 1);
+      const std::string reached = reachableFolder(folder, baseLength_);
+      folders_.open(reached, &error, &created);
+      if (reached.size() < folder.size()) created = ENAMETOOLONG;
+      return created != 0 ? failed(Outcome::kFolderFailed, created) : Outcome();
+    }
+
+    const size_t slash = relative.rfind('/');
+    const std::string folder =
+        slash == std::string::npos ? "" : relative.substr(0, slash);
+    const std::string leaf =
+        slash == std::string::npos ? relative : relative.substr(slash + 1);
+    // A file whose folders cannot be made fails below, when it is opened.
+    int folderFd =
+        folders_.open(reachableFolder(folder, baseLength_), &error, &created);
+    if (task.full.size() >= PATH_MAX) {
+      folderFd = -1;
+      error = ENAMETOOLONG;
+    }
+    ScopedFd out;
+    if (folderFd < 0) {
+      errno = error;
+    } else if (leaf.empty()) {
+      errno = EISDIR;  // the name is the target folder itself
+    } else {
+      out.reset(openat(folderFd, leaf.c_str(),
+                       O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC,
+                       0666));
+    }
+    if (out.get() < 0) return failed(Outcome::kWriteFailed, errno);
+    // A write error fails the whole extraction. A read error only ends the
+    // copy, and the file counts as unpacked as far as it was read; a host
+    // that asked for checked entries has an entry whose bytes are not the
+    // ones its checksum was made of (a short one among them) fail instead.
+    EntryWriter writer(out.get(), task.size);
+    if (task.spanned) {
+      if (!copySpan(package_, writer, task.at, task.length, task.method,
+                    input_.get(), buffer_.get(), kCopyBufferSize)) {
+        return failed(Outcome::kWriteFailed, errno);
+      }
+    } else if (entry != nullptr) {
+      zip_int64_t n;
+      while ((n = zip_fread(entry, buffer_.get(), kCopyBufferSize)) > 0) {
+        if (!writer.write(buffer_.get(), static_cast<size_t>(n))) {
+          return failed(Outcome::kWriteFailed, errno);
+        }
+      }
+    }
+    if (gVerifyEntries.load(std::memory_order_relaxed) && task.hasCrc &&
+        !writer.matches(task.crc)) {
+      return failed(Outcome::kDamaged, 0);
+    }
+    if (out.reset() != 0) return failed(Outcome::kWriteFailed, errno);
+    return Outcome();
+  }
+
+ private:
+  static Outcome failed(Outcome::Kind kind, int error) {
+    Outcome outcome;
+    outcome.kind = kind;
+    outcome.error = error;
+    return outcome;
+  }
+
+  FolderWalker folders_;
+  const size_t baseLength_;
+  const PackageReader& package_;
+  std::unique_ptr<char[]> buffer_;
+  std::unique_ptr<unsigned char[]> input_;
+};
+
+// Says why an entry failed; false when it did.
+bool sayOutcome(const Task& task, const Outcome& outcome) {
+  switch (outcome.kind) {
+    case Outcome::kDone:
+      return true;
+    case Outcome::kFolderFailed:
+      sayWithNumber("Subdirectory could not be created to extract the zip",
+                    outcome.error);
+      return false;
+    case Outcome::kWriteFailed:
+      sayWithNumber("Error opening file", outcome.error);
+      return false;
+    case Outcome::kDamaged:
+      say("Damaged file in archive: " + task.name);
+      return false;
+  }
+  return false;
+}
+
+// Two threads where there are two processors to run them, unless the host
+// says otherwise: WIDGETENGINE_UNPACK_THREADS=1 keeps every installation on
+// the calling thread.
+int defaultWorkers() {
+  const char* value = getenv("WIDGETENGINE_UNPACK_THREADS");
+  if (value && strcmp(value, "1") == 0) return 1;
+  if (value && strcmp(value, "2") == 0) return 2;
+  return std::thread::hardware_concurrency() > 1 ? 2 : 1;
+}
+
+// Below this many entries a second thread costs more than it saves.
+constexpr zip_int64_t kEntriesForTwoThreads = 16;
+
+// Lower-cased, for comparing names as a file system that ignores case
+// would; names are ASCII (isValidFileName).
+std::string foldCase(std::string name) {
+  for (char& c : name) {
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  }
+  return name;
+}
+
+// Fills tasks when the entries can be written in any order with the same
+// result: every name plain ("a/b/c", no empty or "." part, a path the
+// system accepts), no two entries naming the same file nor a file where
+// another entry needs a folder (names compared regardless of case), and
+// every file's data readable without libzip. Anything else is unpacked
+// entry after entry, so that it ends exactly as its order says.
+bool planTasks(zip_t* archive, zip_int64_t count, const std::string& targetDir,
+               const PackageReader& package, std::vector<Task>* tasks) {
+  if (count < kEntriesForTwoThreads) return false;
+  std::vector<Task> planned;
+  planned.reserve(static_cast<size_t>(count));
+  std::unordered_set<std::string> files;
+  std::unordered_set<std::string> folders;
+  for (zip_int64_t index = 0; index < count; ++index) {
+    zip_stat_t stat;
+    zip_stat_init(&stat);
+    if (zip_stat_index(archive, index, 0, &stat) == -1) return false;
+    Task task = taskOf(index, stat, targetDir, package);
+    if (task.full.size() >= PATH_MAX) return false;
+    if (!task.isFolder && !task.spanned) return false;
+    const std::string path = foldCase(
+        task.isFolder ? task.name.substr(0, task.name.size() - 1) : task.name);
+    size_t start = 0;
+    for (;;) {
+      size_t end = path.find('/', start);
+      if (end == std::string::npos) end = path.size();
+      if (end == start || (end - start == 1 && path[start] == '.')) return false;
+      if (end == path.size()) break;
+      folders.insert(path.substr(0, end));
+      start = end + 1;
+    }
+    if (task.isFolder) {
+      folders.insert(path);
+    } else if (!files.insert(path).second) {
+      return false;
+    }
+    planned.push_back(std::move(task));
+  }
+  for (const std::string& file : files) {
+    if (folders.count(file) != 0) return false;
+  }
+  tasks->swap(planned);
+  return true;
+}
+
+// Unpacks the planned entries on this thread and one more, taking them in
+// turn. This thread says, in entry order, what each came to, exactly as a
+// single thread would have: the same lines up to the first failure (where
+// both stop taking entries), the same progress reports, the same files.
+// Whatever the other thread wrote past a failure goes with the target
+// directory when the failed extraction is cleaned.
+bool unpackOnTwoThreads(const std::vector<Task>& tasks, EntryUnpacker& unpacker,
+                        int baseFd, int baseError, size_t baseLength,
+                        const PackageReader& package, zip_int64_t count,
+                        std::vector<std::string>& files, bool* started) {
+  const size_t n = tasks.size();
+  std::vector<Outcome> outcomes(n);
+  std::unique_ptr<std::atomic<bool>[]> finished(new std::atomic<bool>[n]());
+  std::atomic<size_t> next{0};
+  std::atomic<bool> stop{false};
+
+  auto work = [&](EntryUnpacker& mine, const std::function<void()>& afterEach) {
+    while (!stop.load(std::memory_order_relaxed)) {
+      const size_t i = next.fetch_add(1, std::memory_order_relaxed);
+      if (i >= n) return;
+      Outcome outcome;
+      try {
+        outcome = mine.unpack(tasks[i], nullptr);
+      } catch (...) {
+        outcome.kind = Outcome::kWriteFailed;
+        outcome.error = ENOMEM;
+      }
+      outcomes[i] = outcome;
+      if (outcome.kind != Outcome::kDone) stop.store(true, std::memory_order_relaxed);
+      finished[i].store(true, std::memory_order_release);
+      afterEach();
+    }
+  };
+
+  size_t said = 0;
+  bool failedEntry = false;
+  auto sayFinished = [&]() {
+    while (!failedEntry && said < n && finished[said].load(std::memory_order_acquire)) {
+      const Task& task = tasks[said];
+      progress::report(WIDGETENGINE_PROGRESS_UNPACK,
+                       static_cast<uint64_t>(task.index),
+                       static_cast<uint64_t>(count));
+      enginePrintf("[%s:%s] filename: %s\n", "V", kModule, task.full.c_str());
+      if (!sayOutcome(task, outcomes[said])) {
+        failedEntry = true;
+        return;
+      }
+      if (!task.isFolder) files.push_back(task.name);
+      ++said;
+    }
+  };
+
+  // Joins the other thread however this one leaves, after telling it to
+  // take no more entries.
+  struct Helper {
+    std::atomic<bool>& stop;
+    std::thread thread;
+    ~Helper() {
+      if (!thread.joinable()) return;
+      stop.store(true, std::memory_order_relaxed);
+      thread.join();
+    }
+  } helper{stop, std::thread()};
+  try {
+    helper.thread = std::thread([&] {
+      try {
+        EntryUnpacker other(baseFd, baseError, baseLength, package);
+        work(other, [] {});
+      } catch (...) {
+        // Without memory for its buffers it takes no entry; this thread
+        // takes them all.
+      }
+    });
+  } catch (...) {
+    // No second thread: this one does it all.
+  }
+  *started = helper.thread.joinable();
+  work(unpacker, sayFinished);
+  if (helper.thread.joinable()) helper.thread.join();
+  sayFinished();
+  return !failedEntry && said == n;
+}
+
 }  // namespace
 
 Extractor::Extractor(const std::string& zipPath, const std::string& targetDir)
-    : zipPath(zipPath), targetDir(targetDir), keepFiles(false) {
+    : zipPath(zipPath),
+      targetDir(targetDir),
+      keepFiles(false),
+      workers(defaultWorkers()) {
   // Leftovers of an earlier installation must never mix with this package.
   removeDirectoryTree(targetDir);
 }
@@ -651,10 +959,22 @@ int Extractor::extract(std::vector<std::string>& files) {
   // A file in place of the target passes the folder check above, as mkdir
   // finds something there; its entries then fail one by one.
   ScopedFd baseFd(openBase(targetDir.substr(0, baseLength)));
-  FolderWalker folders(baseFd.get(), baseFd.get() < 0 ? errno : 0);
+  const int baseError = baseFd.get() < 0 ? errno : 0;
   const PackageReader package(zipPath);
-  std::unique_ptr<char[]> buffer(new char[kCopyBufferSize]);
-  std::unique_ptr<unsigned char[]> input(new unsigned char[kReadBufferSize]);
+  EntryUnpacker unpacker(baseFd.get(), baseError, baseLength, package);
+
+  std::vector<Task> tasks;
+  twoThreads = false;
+  if (workers > 1 && planTasks(archive.get(), count, targetDir, package, &tasks)) {
+    if (!unpackOnTwoThreads(tasks, unpacker, baseFd.get(), baseError, baseLength,
+                            package, count, files, &twoThreads)) {
+      return -1;
+    }
+    progress::report(WIDGETENGINE_PROGRESS_UNPACK, static_cast<uint64_t>(count),
+                     static_cast<uint64_t>(count));
+    zip_close(archive.release());
+    return 0;
+  }
 
   for (zip_int64_t index = 0; index < count; ++index) {
     zip_stat_t stat;
@@ -663,96 +983,23 @@ int Extractor::extract(std::vector<std::string>& files) {
       sayWithNumber("Could not get stats from file inside the zip", openError);
       return -1;
     }
+    Task task = taskOf(index, stat, targetDir, package);
     progress::report(WIDGETENGINE_PROGRESS_UNPACK, static_cast<uint64_t>(index),
                      static_cast<uint64_t>(count));
-    const std::string name = entryName(stat);
-    const std::string full = targetDir + name;
-    enginePrintf("[%s:%s] filename: %s\n", "V", kModule, full.c_str());
-    const std::string relative = full.substr(baseLength);
-
-    int error = 0;
-    int created = 0;
-    if (endsWithSlash(name)) {
-      // Made as far as a path the system accepts reaches; a folder beyond
-      // that cannot be named, so it cannot be made.
-      const std::string folder = relative.substr(0, relative.size() - 1);
-      const std::string reached = reachableFolder(folder, baseLength);
-      folders.open(reached, &error, &created);
-      if (reached.size() < folder.size()) created = ENAMETOOLONG;
-      if (created != 0) {
-        sayWithNumber("Subdirectory could not be created to extract the zip",
-                      created);
+    enginePrintf("[%s:%s] filename: %s\n", "V", kModule, task.full.c_str());
+    Outcome outcome;
+    if (task.isFolder) {
+      outcome = unpacker.unpack(task, nullptr);
+    } else {
+      EntryPtr entry(zip_fopen_index(archive.get(), index, ZIP_FL_UNCHANGED));
+      if (!entry) {
+        sayWithNumber("Could not read file in archive", openError);
         return -1;
       }
-      continue;
+      outcome = unpacker.unpack(task, entry.get());
     }
-
-    const size_t slash = relative.rfind('/');
-    const std::string folder =
-        slash == std::string::npos ? "" : relative.substr(0, slash);
-    const std::string leaf =
-        slash == std::string::npos ? relative : relative.substr(slash + 1);
-    // A file whose folders cannot be made fails below, when it is opened.
-    int folderFd =
-        folders.open(reachableFolder(folder, baseLength), &error, &created);
-    if (full.size() >= PATH_MAX) {
-      folderFd = -1;
-      error = ENAMETOOLONG;
-    }
-
-    EntryPtr entry(zip_fopen_index(archive.get(), index, ZIP_FL_UNCHANGED));
-    if (!entry) {
-      sayWithNumber("Could not read file in archive", openError);
-      return -1;
-    }
-    ScopedFd out;
-    if (folderFd < 0) {
-      errno = error;
-    } else if (leaf.empty()) {
-      errno = EISDIR;  // the name is the target folder itself
-    } else {
-      out.reset(openat(folderFd, leaf.c_str(),
-                       O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC,
-                       0666));
-    }
-    if (out.get() < 0) {
-      sayWithNumber("Error opening file", errno);
-      return -1;
-    }
-    // A write error fails the whole extraction. A read error only ends the
-    // copy, and the file counts as unpacked as far as it was read; a host
-    // that asked for checked entries has an entry whose bytes are not the
-    // ones its checksum was made of (a short one among them) fail instead.
-    uint64_t at;
-    uint64_t length;
-    uint16_t method;
-    EntryWriter writer(out.get(), stat.size);
-    if (package.span(index, stat, &at, &length, &method)) {
-      if (!copySpan(package, writer, at, length, method, input.get(),
-                    buffer.get(), kCopyBufferSize)) {
-        sayWithNumber("Error opening file", errno);
-        return -1;
-      }
-    } else {
-      zip_int64_t n;
-      while ((n = zip_fread(entry.get(), buffer.get(), kCopyBufferSize)) > 0) {
-        if (!writer.write(buffer.get(), static_cast<size_t>(n))) {
-          sayWithNumber("Error opening file", errno);
-          return -1;
-        }
-      }
-    }
-    if (gVerifyEntries.load(std::memory_order_relaxed) &&
-        (stat.valid & ZIP_STAT_CRC) != 0 && !writer.matches(stat.crc)) {
-      say("Damaged file in archive: " + name);
-      return -1;
-    }
-    if (out.reset() != 0) {
-      sayWithNumber("Error opening file", errno);
-      return -1;
-    }
-    entry.reset();
-    files.push_back(name);
+    if (!sayOutcome(task, outcome)) return -1;
+    if (!task.isFolder) files.push_back(task.name);
   }
 
   progress::report(WIDGETENGINE_PROGRESS_UNPACK, static_cast<uint64_t>(count),
@@ -762,6 +1009,8 @@ int Extractor::extract(std::vector<std::string>& files) {
 }
 
 void Extractor::setKeepFiles(bool keep) { keepFiles = keep; }
+
+void Extractor::setWorkers(int count) { workers = count; }
 
 void Extractor::clean() {
   removeDirectoryTree(targetDir);

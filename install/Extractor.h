@@ -25,6 +25,14 @@ class Extractor {
   // files; -1 on any failure, with one message on standard output.
   int extract(std::vector<std::string>& files);
   void setKeepFiles(bool keep);
+  // How many threads write a package of 16 entries or more whose entries
+  // could be written in any order (distinct plain names): by default two on
+  // a machine with more than one processor, unless WIDGETENGINE_UNPACK_THREADS
+  // is 1; 1 keeps to the calling thread. The lines, files and status are the
+  // same either way.
+  void setWorkers(int count);
+  // True when the last extract() wrote on two threads.
+  bool wroteOnTwoThreads() const { return twoThreads; }
   void clean();
 
   // True when an entry name is one the extractor accepts: printable ASCII
@@ -41,6 +49,8 @@ class Extractor {
   std::string zipPath;
   std::string targetDir;
   bool keepFiles;
+  int workers;
+  bool twoThreads = false;
 };
 
 #endif  // WIDGETENGINE_EXTRACTOR_H_

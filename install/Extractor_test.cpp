@@ -25,6 +25,7 @@
 
 #include "testing/CaptureStdout.h"
 #include "testing/OutputChecks.h"
+#include "testing/ScopedEnv.h"
 #include "testing/TempDir.h"
 #include "testing/ZipBuilder.h"
 
@@ -1028,6 +1029,192 @@ TEST_F(ExtractorTest, EntriesThatHoldLessThanTheyDeclareWriteWhatTheyHold) {
   std::string output;
   extract(files, &output);
   EXPECT_LE(bytesBelow(target), 100u + 9u) << output;
+}
+
+// ---- Writing on two threads -------------------------------------------------
+
+// A package of count entries in nested folders, stored and deflated, with a
+// folder entry now and then; entry i holds contents(i).
+std::string plainContents(int i) {
+  return std::string(static_cast<size_t>(1000 + 977 * (i % 13)),
+                     static_cast<char>('a' + i % 26)) +
+         std::to_string(i);
+}
+std::string plainName(int i) {
+  return "set" + std::to_string(i % 5) + "/sub" + std::to_string(i % 3) +
+         "/file" + std::to_string(i) + ".txt";
+}
+void addPlainEntries(ZipBuilder& zip, int count, int first = 0) {
+  for (int i = first; i < first + count; ++i) {
+    if (i % 10 == 0 && i < 50) zip.addFolder("set" + std::to_string(i / 10) + "/");
+    zip.addFile(plainName(i), plainContents(i),
+                i % 2 ? ZipBuilder::kStored : ZipBuilder::kDeflateDefault);
+  }
+}
+
+// One extraction into into with workers threads: its result, what it
+// printed (into replaced by "<target>/"), the files it listed and whether
+// it used a second thread. The tree is kept.
+struct Extraction {
+  int result = 0;
+  std::string output;
+  Files files;
+  bool twoThreads = false;
+};
+// workers 0 leaves the extractor's own choice.
+Extraction extractWith(const std::string& zipPath, const std::string& into, int workers) {
+  Extraction run;
+  CaptureStdout capture;
+  {
+    Extractor extractor(zipPath, into);
+    if (workers > 0) extractor.setWorkers(workers);
+    run.result = extractor.extract(run.files);
+    run.twoThreads = extractor.wroteOnTwoThreads();
+    extractor.setKeepFiles(true);
+  }
+  run.output = capture.text();
+  for (size_t at; (at = run.output.find(into)) != std::string::npos;) {
+    run.output.replace(at, into.size(), "<target>/");
+  }
+  return run;
+}
+
+TEST_F(ExtractorTest, PlainPackageIsWrittenOnTwoThreadsAsOneThreadWritesIt) {
+  ZipBuilder zip;
+  addPlainEntries(zip, 60);
+  build(zip);
+  const std::string one = dir.file("one") + "/";
+  const std::string two = dir.file("two") + "/";
+  const Extraction single = extractWith(zipPath, one, 1);
+  const Extraction twice = extractWith(zipPath, two, 2);
+  ASSERT_EQ(0, single.result) << single.output;
+  ASSERT_EQ(0, twice.result) << twice.output;
+  EXPECT_FALSE(single.twoThreads);
+  EXPECT_TRUE(twice.twoThreads);
+  EXPECT_EQ(single.output, twice.output);
+  EXPECT_EQ(single.files, twice.files);
+  ASSERT_EQ(60u, twice.files.size());
+  for (int i = 0; i < 60; ++i) {
+    EXPECT_EQ(plainContents(i), TempDir::readFile(two + plainName(i))) << i;
+  }
+  EXPECT_EQ(0755u, permissions(two + "set4/sub2"));
+  EXPECT_EQ(0644u, permissions(two + plainName(7)));
+}
+
+TEST_F(ExtractorTest, FirstFailureInEntryOrderIsTheOneSaidOnTwoThreads) {
+  VerifiedEntries verified;
+  // Entry 25 fails its checksum and entry 40 cannot be opened (its name is
+  // too long for the file system); whichever thread meets either first, the
+  // lines are those of one thread: every entry up to 25, then why it failed.
+  ZipBuilder zip;
+  for (int i = 0; i < 50; ++i) {
+    const std::string name =
+        i == 40 ? std::string(300, 'n') : "page" + std::to_string(i) + ".html";
+    zip.addFile(name, i == 25 ? "var clockHands = 12;" : plainContents(i),
+                ZipBuilder::kStored);
+  }
+  build(zip);
+  std::string bytes = TempDir::readFile(zipPath);
+  const size_t at = bytes.find("clockHands");
+  ASSERT_NE(std::string::npos, at);
+  bytes[at + 9] = 'z';
+  TempDir::writeFile(zipPath, bytes);
+  std::string expected;
+  for (int i = 0; i <= 25; ++i) {
+    expected += trace("<target>/page" + std::to_string(i) + ".html");
+  }
+  expected += "Damaged file in archive: page25.html\n";
+  for (int round = 0; round < 20; ++round) {
+    const Extraction single =
+        extractWith(zipPath, dir.file("one" + std::to_string(round)) + "/", 1);
+    const Extraction twice =
+        extractWith(zipPath, dir.file("two" + std::to_string(round)) + "/", 2);
+    EXPECT_EQ(-1, single.result);
+    EXPECT_EQ(-1, twice.result);
+    EXPECT_TRUE(twice.twoThreads);
+    EXPECT_EQ(expected, single.output);
+    ASSERT_EQ(expected, twice.output) << "round " << round;
+    EXPECT_EQ(25u, twice.files.size());
+  }
+}
+
+TEST_F(ExtractorTest, WriteFailureOnTwoThreadsIsSaidWithItsErrorNumber) {
+  ZipBuilder zip;
+  addPlainEntries(zip, 30);
+  zip.addFile(std::string(300, 'n'), "too long a name");
+  addPlainEntries(zip, 10, 30);
+  build(zip);
+  const Extraction single = extractWith(zipPath, dir.file("one") + "/", 1);
+  const Extraction twice = extractWith(zipPath, dir.file("two") + "/", 2);
+  EXPECT_EQ(-1, twice.result);
+  EXPECT_TRUE(twice.twoThreads);
+  EXPECT_EQ(single.output, twice.output);
+  EXPECT_EQ(30u, twice.files.size());
+  EXPECT_NE(std::string::npos, twice.output.find(openError(ENAMETOOLONG)))
+      << twice.output;
+}
+
+TEST_F(ExtractorTest, EntriesWhoseOrderDecidesTheResultAreWrittenOnOneThread) {
+  struct Case {
+    const char* what;
+    std::vector<std::pair<std::string, std::string>> entries;  // added last
+    std::string file;      // a file whose contents tell the order was kept
+    std::string contents;  // what it must hold
+  };
+  const std::vector<Case> cases = {
+      // libzip writes no name twice: "agaim.txt" is renamed below.
+      {"a name given twice", {{"again.txt", "first"}, {"agaim.txt", "second"}},
+       "again.txt", "second"},
+      {"names that differ only in case", {{"Case.txt", "upper"}, {"case.txt", "lower"}},
+       "case.txt", "lower"},
+      {"a file where a folder is needed", {{"x", "file"}, {"x/y", "below"}}, "x", "file"},
+      {"a dot folder", {{"./dot.txt", "dot"}}, "dot.txt", "dot"},
+      {"an empty folder name", {{"empty//two.txt", "two"}}, "empty/two.txt", "two"},
+  };
+  for (const Case& c : cases) {
+    ZipBuilder zip;
+    addPlainEntries(zip, 20);
+    for (const auto& entry : c.entries) zip.addFile(entry.first, entry.second);
+    build(zip);
+    std::string bytes = TempDir::readFile(zipPath);
+    for (size_t at; (at = bytes.find("agaim.txt")) != std::string::npos;) {
+      bytes[at + 4] = 'n';
+    }
+    TempDir::writeFile(zipPath, bytes);
+    const std::string into = dir.file("order") + "/";
+    const Extraction run = extractWith(zipPath, into, 2);
+    EXPECT_FALSE(run.twoThreads) << c.what;
+    if (run.result == 0) {
+      EXPECT_EQ(c.contents, TempDir::readFile(into + c.file)) << c.what;
+    }
+  }
+}
+
+TEST_F(ExtractorTest, SmallPackageIsWrittenOnTheCallingThread) {
+  ZipBuilder zip;
+  addPlainEntries(zip, 12);
+  build(zip);
+  const Extraction run = extractWith(zipPath, dir.file("small") + "/", 2);
+  EXPECT_EQ(0, run.result);
+  EXPECT_FALSE(run.twoThreads);
+  ZipBuilder larger;
+  addPlainEntries(larger, 16);
+  build(larger);
+  EXPECT_TRUE(extractWith(zipPath, dir.file("larger") + "/", 2).twoThreads);
+}
+
+TEST_F(ExtractorTest, HostCanKeepUnpackingOnTheCallingThread) {
+  ZipBuilder zip;
+  addPlainEntries(zip, 40);
+  build(zip);
+  {
+    ScopedEnv one("WIDGETENGINE_UNPACK_THREADS", "1");
+    const Extraction run = extractWith(zipPath, dir.file("one") + "/", 0);
+    EXPECT_EQ(0, run.result);
+    EXPECT_FALSE(run.twoThreads);
+  }
+  ScopedEnv two("WIDGETENGINE_UNPACK_THREADS", "2");
+  EXPECT_TRUE(extractWith(zipPath, dir.file("two") + "/", 0).twoThreads);
 }
 
 }  // namespace
