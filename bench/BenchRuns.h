@@ -135,7 +135,7 @@ inline double median(std::vector<double> values) {
 
 // One summary line: both medians, their ratio and whether it meets target.
 inline void printRatio(const std::string& ours, const std::string& theirs,
-                       double target, int width = 22) {
+                       double target, int width = 27) {
   const double a = median(seconds()[ours]);
   const double b = median(seconds()[theirs]);
   if (a <= 0 || b <= 0) return;
