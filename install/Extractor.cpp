@@ -12,12 +12,12 @@
 #include <widgetengine/WidgetEngineExtensions.h>
 
 #include <atomic>
-#include <functional>
 #include <climits>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <iostream>
 #include <memory>
 #include <string>
