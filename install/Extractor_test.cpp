@@ -1217,4 +1217,29 @@ TEST_F(ExtractorTest, HostCanKeepUnpackingOnTheCallingThread) {
   EXPECT_TRUE(extractWith(zipPath, dir.file("two") + "/", 0).twoThreads);
 }
 
+TEST_F(ExtractorTest, FullDiskOnTwoThreadsFailsAtTheSameEntryAsOnOne) {
+  ZipBuilder zip;
+  addPlainEntries(zip, 20);
+  zip.addFile("big.bin", std::string(3 << 20, 'b'), ZipBuilder::kStored);
+  addPlainEntries(zip, 20, 20);
+  build(zip);
+  int twoResult = 0;
+  const std::string two = extractWithFileSizeLimit(zipPath, target, 1 << 20, &twoResult);
+  EXPECT_FALSE(TempDir::exists(target));
+  int oneResult = 0;
+  std::string one;
+  {
+    ScopedEnv single("WIDGETENGINE_UNPACK_THREADS", "1");
+    one = extractWithFileSizeLimit(zipPath, target, 1 << 20, &oneResult);
+  }
+  EXPECT_EQ(-1, twoResult);
+  EXPECT_EQ(-1, oneResult);
+  EXPECT_EQ(one, two);
+  EXPECT_NE(std::string::npos,
+            two.find(trace(target + "big.bin") + openError(EFBIG) +
+                     "Extraction cleaned\n"))
+      << two;
+  EXPECT_FALSE(TempDir::exists(target));
+}
+
 }  // namespace
