@@ -104,6 +104,7 @@ struct LookupCache::Widget {
   uint32_t dirCheck;
   uint32_t sameDir;  // the next widget (+ 1) with the same directory, or 0
   bool hasDir;
+  bool dirQuoted;  // whether the directory holds a "'"
   bool hasLaunchURL;
   FileSet* files;  // once read
 };
@@ -119,6 +120,7 @@ struct LookupCache::FileSet {
     // same widget: copies[copiesBegin, copiesBegin + copiesCount).
     uint32_t copiesBegin;
     uint32_t copiesCount;
+    bool quoted;  // whether the path holds a "'"
     int64_t first;
     int64_t last;
   };
@@ -362,6 +364,7 @@ bool LookupCache::load(sqlite3* db, bool& standard) {
       w.dirLength = static_cast<uint32_t>(length);
       w.dirTextLength = static_cast<uint32_t>(strnlen(
           reinterpret_cast<const char*>(dir), length));
+      w.dirQuoted = memchr(dir, '\'', length) != nullptr;
     }
     const unsigned char* launch = sqlite3_column_text(s, 2);
     w.hasLaunchURL = launch != nullptr;
@@ -471,7 +474,8 @@ LookupCache::FileSet* LookupCache::filesOf(int64_t widgetId) {
       const size_t length = static_cast<size_t>(sqlite3_column_bytes(stmt, 1));
       const int64_t row = sqlite3_column_int64(stmt, 0);
       FileSet::Entry e = {0, static_cast<uint32_t>(set->text.size()),
-                          static_cast<uint32_t>(length), 0, 0, row, row};
+                          static_cast<uint32_t>(length), 0, 0,
+                          memchr(path, '\'', length) != nullptr, row, row};
       set->text.append(reinterpret_cast<const char*>(path), length);
       hashes.push_back(hashBytes(reinterpret_cast<const char*>(path), length, 0));
       e.check = check(hashes.back());
@@ -618,6 +622,7 @@ bool LookupCache::consider(uint32_t index, const char* path, size_t length,
     firstWidget = index + 1;
     found.set = w.files;
     found.entry = static_cast<uint32_t>(e - w.files->entries.data());
+    found.quoted = w.dirQuoted || e->quoted;
   }
   if (lastWidget == 0 || e->last > last) {
     last = e->last;

@@ -73,6 +73,9 @@ class LookupCache {
   struct Copies {
     const FileSet* set = nullptr;
     uint32_t entry = 0;
+    // Whether path holds a "'", told from the directory and file texts it
+    // was found equal to, so that the caller need not read it again.
+    bool quoted = false;
     explicit operator bool() const { return set != nullptr; }
   };
   int fileOwner(const char* path, size_t length, int64_t& widgetId,

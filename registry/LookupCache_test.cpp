@@ -36,7 +36,8 @@ namespace {
 // A registry made by the engine, then filled with rows that exercise every
 // corner of the join: file rows left behind by a removed widget, an id given
 // again to a new widget, one path reachable through two widgets, a widget
-// without directory, case differences.
+// without directory, case differences, quotes in a directory and a path
+// that have localized copies.
 void makeTrickyRegistry(const std::string& path) {
   { SqlLite3 create; }
   Raw raw(path);
@@ -46,7 +47,8 @@ void makeTrickyRegistry(const std::string& path) {
       "(2, '/m/', 'file:///m/index.html', 'm1'),"
       "(3, '/m/ab/', 'file:///m/ab/index.html', 'm2'),"
       "(4, NULL, 'file:///nulldir/index.html', NULL),"
-      "(5, '/w/e/', NULL, 'nolaunch')",
+      "(5, '/w/e/', NULL, 'nolaunch'),"
+      "(6, '/w/it''s/', 'file:///w/it''s/index.html', 'its')",
       "INSERT INTO widgetFiles (widgetID, path) VALUES "
       "(1, 'index.html'), (1, 'locales/fr/index.html'),"
       "(1, 'locales/de/index.html'), (1, 'Index.html'),"
@@ -59,7 +61,9 @@ void makeTrickyRegistry(const std::string& path) {
       "(1, 'localesX.html'), (1, 'locales/fr/localesX.html'),"
       "('abc', 'abc.html'), (1, 'locales/x''/index.html'),"
       "(5, 'e.html'), (5, 'locales/FR/e.html'), (5, 'locales/fr/e.html'),"
-      "(1, 'a/b.html'), (1, 'locales/de/a/b.html')",
+      "(1, 'a/b.html'), (1, 'locales/de/a/b.html'),"
+      "(1, 'locales/fr/q''s.html'), (6, 'index.html'),"
+      "(6, 'locales/fr/index.html')",
       // Widget 7 arrives after its id's old file rows.
       "INSERT INTO Widgets (id, storagePath, launchURL, name) VALUES "
       "(7, '/w/g/', 'file:///w/g/index.html', 'g')",
@@ -80,7 +84,7 @@ std::string plainCopy(const registrytest::RegistryTest*, const std::string& path
 
 std::vector<std::string> trickyAddresses() {
   std::vector<std::string> dirs = {"/w/a/", "/m/", "/m/ab/", "/w/g/",
-                                   "/w/e/", "/nulldir/", ""};
+                                   "/w/e/", "/nulldir/", "/w/it's/", ""};
   std::vector<std::string> files = {
       "index.html",    "Index.html",   "INDEX.html",  "orphan.html",
       "old.html",      "ab/c.html",    "c.html",      "q's.html",

@@ -226,7 +226,6 @@ int SqlLite3::findInCache(std::string& url, const std::vector<std::string>& loca
   const size_t end = question == std::string::npos ? url.size() : question;
   const char* path = url.data() + start;
   const size_t pathLength = end - start;
-  if (!quotable(path, pathLength, '\'')) return 0;
   if (!impl->cache.fresh(impl->db, impl->sharedCounter(), second)) return 0;
   int64_t widgetId = 0;
   const char* dir = nullptr;
@@ -234,7 +233,10 @@ int SqlLite3::findInCache(std::string& url, const std::vector<std::string>& loca
   LookupCache::Copies copies;
   const int owner =
       impl->cache.fileOwner(path, pathLength, widgetId, dir, dirLength, &copies);
-  if (owner < 0 || (owner > 0 && !copies)) return 0;
+  // A path holding a quote fails the statement, which leaves the address as
+  // an unknown one does: only a found path needs the check, and the cache
+  // knows it from the texts the path was found equal to.
+  if (owner < 0 || (owner > 0 && (!copies || copies.quoted))) return 0;
   // What the statements' way leaves in the address when it finds nothing.
   const auto notMapped = [&](size_t cut) {
     url.resize(end);
