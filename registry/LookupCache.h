@@ -26,7 +26,6 @@
 
 #include "registry/ChangeCounter.h"
 
-
 class LookupCache {
  public:
   LookupCache();
