@@ -5,9 +5,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <climits>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <deque>
 
 #include <widgetengine/WidgetEngineExtensions.h>
 
@@ -21,7 +23,132 @@ std::string octal(mode_t mode) {
   return text;
 }
 
+// As many links as the kernel itself follows in one lookup.
+constexpr int kMostLinks = 40;
+
+// The names of path, in order; "" and "." are left out.
+void pushNames(const std::string& path, std::deque<std::string>* names) {
+  std::deque<std::string> parts;
+  size_t start = 0;
+  while (start <= path.size()) {
+    size_t end = path.find('/', start);
+    if (end == std::string::npos) end = path.size();
+    const std::string name = path.substr(start, end - start);
+    if (!name.empty() && name != ".") parts.push_back(name);
+    start = end + 1;
+  }
+  names->insert(names->begin(), parts.begin(), parts.end());
+}
+
+int openStart(const std::string& path) {
+  return open(!path.empty() && path[0] == '/' ? "/" : ".",
+              O_PATH | O_DIRECTORY | O_CLOEXEC);
+}
+
 }  // namespace
+
+int TrustedPath::walk(const std::string& path, std::string* reason) {
+  // As open() has it, an empty path names nothing.
+  int current = path.empty() ? (errno = ENOENT, -1) : openStart(path);
+  if (current < 0) {
+    const int error = errno;
+    *reason = "cannot open the directory " + path + ": " + strerror(error);
+    errno = error;
+    return -1;
+  }
+  std::deque<std::string> names;
+  pushNames(path, &names);
+  // What has been walked, spelled as the caller and the links spelled it,
+  // so that a refused link is named the way the user would find it.
+  std::string walked = path.empty() || path[0] != '/' ? "" : "/";
+  int links = 0;
+  int error = 0;
+  while (!names.empty() && error == 0) {
+    const std::string name = names.front();
+    names.pop_front();
+    const std::string here = walked + name;
+    const int next = openat(current, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC);
+    struct stat status;
+    if (next < 0 || fstat(next, &status) != 0) {
+      error = errno;
+      *reason = "cannot open the directory " + path + ": " + strerror(error);
+      if (next >= 0) close(next);
+      break;
+    }
+    if (S_ISLNK(status.st_mode)) {
+      if (status.st_uid != geteuid() && status.st_uid != 0) {
+        *reason = here + " is a link that belongs to another user (uid " +
+                  std::to_string(status.st_uid) + ")";
+        refusal::note(WIDGETENGINE_REFUSAL_UNTRUSTED, *reason);
+        error = EPERM;
+      } else if (++links > kMostLinks) {
+        error = ELOOP;
+        *reason = "cannot open the directory " + path + ": " + strerror(error);
+      } else {
+        char target[PATH_MAX];
+        const ssize_t n = readlinkat(next, "", target, sizeof target);
+        if (n <= 0 || static_cast<size_t>(n) >= sizeof target) {
+          error = n < 0 ? errno : ENAMETOOLONG;
+          *reason = "cannot open the directory " + path + ": " + strerror(error);
+        } else {
+          const std::string text(target, static_cast<size_t>(n));
+          pushNames(text, &names);
+          if (text[0] == '/') {
+            const int top = openStart(text);
+            if (top < 0) {
+              error = errno;
+              *reason = "cannot open the directory " + path + ": " + strerror(error);
+            } else {
+              close(current);
+              current = top;
+              walked = "/";
+            }
+          }
+        }
+      }
+      close(next);
+      continue;
+    }
+    if (!S_ISDIR(status.st_mode)) {
+      error = ENOTDIR;
+      *reason = "cannot open the directory " + path + ": " + strerror(error);
+      close(next);
+      break;
+    }
+    close(current);
+    current = next;
+    walked = here + "/";
+  }
+  if (error != 0) {
+    close(current);
+    errno = error;
+    return -1;
+  }
+  return current;
+}
+
+std::string TrustedPath::realPathOf(int fd) {
+  char link[64];
+  snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+  char target[PATH_MAX];
+  const ssize_t n = readlink(link, target, sizeof target);
+  if (n <= 0 || static_cast<size_t>(n) >= sizeof target || target[0] != '/')
+    return std::string();
+  std::string result(target, static_cast<size_t>(n));
+  if (result.back() != '/') result.push_back('/');
+  return result;
+}
+
+int TrustedPath::openDirectory(const std::string& path, std::string* reason) {
+  const int fd = walk(path, reason);
+  if (fd < 0) return -1;
+  if (!opened(fd, path, reason)) {
+    close(fd);
+    errno = EPERM;
+    return -1;
+  }
+  return fd;
+}
 
 bool TrustedPath::opened(int fd, const std::string& path, std::string* reason) {
   struct stat status;
@@ -50,15 +177,15 @@ bool TrustedPath::opened(int fd, const std::string& path, std::string* reason) {
 // O_PATH opens without reading: a file its owner made unreadable is still
 // looked at, and a fifo planted at the name cannot hold the caller.
 bool TrustedPath::directory(const std::string& path, std::string* reason) {
-  const int fd = open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+  std::string why;
+  const int fd = openDirectory(path, &why);
   if (fd < 0) {
     if (errno == ENOENT) return true;
-    *reason = "cannot open the directory " + path + ": " + strerror(errno);
+    *reason = why;
     return false;
   }
-  const bool trusted = opened(fd, path, reason);
   close(fd);
-  return trusted;
+  return true;
 }
 
 bool TrustedPath::fileIfPresent(const std::string& path, std::string* reason) {

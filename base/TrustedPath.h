@@ -20,11 +20,31 @@ class TrustedPath {
   // *reason says why in words that name path.
   WIDGETENGINE_TOOLS_EXPORT static bool opened(int fd, const std::string& path, std::string* reason);
 
-  // The directory at path (a link to one is followed: the directory is what
-  // counts) is trusted. A directory that does not exist is trusted too, so
-  // that the caller fails on it as it always has; anything else that cannot
-  // be opened as a directory is not.
+  // The directory at path is trusted. A link on the way to it is followed
+  // only when the calling user or root made it (see walk()); then the
+  // directory it leads to is what counts. A directory that does not exist is
+  // trusted too, so that the caller fails on it as it always has; anything
+  // else that cannot be opened as a directory is not.
   WIDGETENGINE_TOOLS_EXPORT static bool directory(const std::string& path, std::string* reason);
+
+  // Opens the directory at path (O_PATH) the way walk() does and checks it
+  // as opened() does, naming it path. The descriptor is
+  // the caller's to close; -1, with *reason and errno set, when the
+  // directory cannot be opened (ENOENT: something on the way is missing) or
+  // is not trusted (EPERM).
+  static int openDirectory(const std::string& path, std::string* reason);
+
+  // Opens the directory at path (O_PATH) one name at a time, without letting
+  // the kernel follow any link: a link that another user made (in a folder
+  // anyone can add names to, /tmp say) is refused, as it would lead the
+  // caller to a place of their choosing; one made by the caller or root is
+  // followed. The directory itself is not checked. -1 with *reason and errno
+  // set (EPERM for a refused link) when it cannot be had.
+  static int walk(const std::string& path, std::string* reason);
+
+  // The path the directory open at fd has now, with a "/" at the end;
+  // empty when it cannot be told.
+  static std::string realPathOf(int fd);
 
   // What stands at path, when anything does, is trusted. A link there is
   // not followed and not trusted.

@@ -84,28 +84,60 @@ std::string parentOf(const std::string& path) {
   return slash == std::string::npos ? std::string(".") : path.substr(0, slash + 1);
 }
 
-// Whether the lock taken on fd is the lock of path: a holder removes the file
-// before it lets go, and whoever was waiting on that removed file then holds
-// a lock that no one else can meet, so it must open the file again.
-bool isLockOf(int fd, const std::string& path) {
+// Whether the lock taken on fd is the lock of the file name in the folder
+// open at dirFd: a holder removes the file before it lets go, and whoever was
+// waiting on that removed file then holds a lock that no one else can meet,
+// so it must open the file again.
+bool isLockOf(int fd, int dirFd, const std::string& name) {
   struct stat held;
   struct stat named;
-  return fstat(fd, &held) == 0 && lstat(path.c_str(), &named) == 0 &&
+  return fstat(fd, &held) == 0 &&
+         fstatat(dirFd, name.c_str(), &named, AT_SYMLINK_NOFOLLOW) == 0 &&
          held.st_dev == named.st_dev && held.st_ino == named.st_ino;
+}
+
+// Opens the widget root for the lock files: reached without following
+// another user's link, and trusted under its real path, which *real receives
+// ("/" at the end). Whoever else can write the root can swap a widget's
+// directory or plant a journal. -1 with *error set when the root cannot be
+// had; errno is ENOENT when it is missing.
+int openRoot(const std::string& widgetRoot, std::string* real, std::string* error) {
+  std::string reason;
+  const int fd = TrustedPath::walk(widgetRoot, &reason);
+  if (fd < 0) {
+    const int code = errno;
+    *error = code == EPERM ? "the widget root is not safe: " + reason
+                           : std::string("cannot find the widget root ") +
+                                 widgetRoot + ": " + strerror(code);
+    errno = code;
+    return -1;
+  }
+  *real = TrustedPath::realPathOf(fd);
+  if (real->empty()) *real = realDirectory(widgetRoot);
+  if (real->empty() || !TrustedPath::opened(fd, *real, &reason)) {
+    *error = "the widget root is not safe: " + reason;
+    real->clear();
+    close(fd);
+    errno = EPERM;
+    return -1;
+  }
+  return fd;
 }
 
 }  // namespace
 
 InstallLock::InstallLock(const std::string& widgetRoot, const std::string& name)
-    : widgetRoot_(widgetRoot), name_(name), fd_(-1), ended_(false) {}
+    : widgetRoot_(widgetRoot), name_(name), rootFd_(-1), fd_(-1), ended_(false) {}
 
 InstallLock::~InstallLock() {
-  if (fd_ < 0) return;
-  // A lock file only stays while an installation runs, or when one died and
-  // its journal is still to be acted on.
-  if (ended_) unlink(path_.c_str());
-  // Closing the descriptor releases the lock.
-  close(fd_);
+  if (fd_ >= 0) {
+    // A lock file only stays while an installation runs, or when one died
+    // and its journal is still to be acted on.
+    if (ended_) unlinkat(rootFd_, lockFileName(name_).c_str(), 0);
+    // Closing the descriptor releases the lock.
+    close(fd_);
+  }
+  if (rootFd_ >= 0) close(rootFd_);
 }
 
 std::string InstallLock::lockFileName(const std::string& name) {
@@ -117,22 +149,15 @@ std::string InstallLock::lockFileName(const std::string& name) {
 }
 
 bool InstallLock::acquire() {
-  root_ = realDirectory(widgetRoot_);
-  if (root_.empty()) {
-    error_ = std::string("cannot find the widget root ") + widgetRoot_ + ": " +
-             strerror(errno);
-    return false;
-  }
-  // Whoever else can write the root can swap a widget's directory or plant
-  // a journal; whoever else owns the lock file can write what it names.
-  if (!TrustedPath::directory(root_, &error_)) {
-    error_ = "the widget root is not safe: " + error_;
-    root_.clear();
-    return false;
-  }
-  path_ = root_ + lockFileName(name_);
+  // The lock file is found from the root's descriptor, so the root checked
+  // is the root locked in, whatever is renamed or linked meanwhile.
+  rootFd_ = openRoot(widgetRoot_, &root_, &error_);
+  if (rootFd_ < 0) return false;
+  const std::string lockName = lockFileName(name_);
+  path_ = root_ + lockName;
   for (;;) {
-    fd_ = open(path_.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
+    fd_ = openat(rootFd_, lockName.c_str(),
+                 O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (fd_ < 0) {
       const int error = errno;
       // Someone else's lock file is often not even open to this user: the
@@ -142,24 +167,29 @@ bool InstallLock::acquire() {
       } else {
         error_ = "cannot open the lock file " + path_ + ": " + strerror(error);
       }
+      errno = error;
       return false;
     }
+    // Whoever else owns the lock file can write what it names.
     if (!TrustedPath::opened(fd_, path_, &error_)) {
       error_ = "the lock file is not safe: " + error_;
       close(fd_);
       fd_ = -1;
+      errno = EPERM;
       return false;
     }
     int rc;
     while ((rc = flock(fd_, LOCK_EX)) != 0 && errno == EINTR) {
     }
     if (rc != 0) {
-      error_ = "cannot lock " + path_ + ": " + strerror(errno);
+      const int error = errno;
+      error_ = "cannot lock " + path_ + ": " + strerror(error);
       close(fd_);
       fd_ = -1;
+      errno = error;
       return false;
     }
-    if (isLockOf(fd_, path_)) return true;
+    if (isLockOf(fd_, rootFd_, lockName)) return true;
     close(fd_);
   }
 }
@@ -245,11 +275,17 @@ bool InstallLock::cleanJournal(int fd, const std::string& root,
 }
 
 void InstallLock::sweep(const std::string& widgetRoot, SqlLite3& registry) {
-  const std::string root = realDirectory(widgetRoot);
+  std::string root;
   std::string untrusted;
-  if (root.empty() || !TrustedPath::directory(root, &untrusted)) return;
-  DIR* dir = opendir(root.c_str());
-  if (!dir) return;
+  const int rootFd = openRoot(widgetRoot, &root, &untrusted);
+  if (rootFd < 0) return;
+  const int listFd = openat(rootFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  DIR* dir = listFd < 0 ? nullptr : fdopendir(listFd);
+  if (!dir) {
+    if (listFd >= 0) close(listFd);
+    close(rootFd);
+    return;
+  }
   std::vector<std::string> locks;
   while (const dirent* entry = readdir(dir)) {
     const std::string name = entry->d_name;
@@ -261,25 +297,26 @@ void InstallLock::sweep(const std::string& widgetRoot, SqlLite3& registry) {
   closedir(dir);
   for (const std::string& lockName : locks) {
     const std::string path = root + lockName;
-    const int fd = open(path.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC);
+    const int fd = openat(rootFd, lockName.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0) continue;
     struct stat status;
-    std::string untrusted;
     // An empty journal needs no lock; a held lock is a live installation.
     // A lock file someone else could have written is not acted on.
     if (fstat(fd, &status) == 0 && S_ISREG(status.st_mode) &&
         TrustedPath::opened(fd, path, &untrusted) &&
-        flock(fd, LOCK_EX | LOCK_NB) == 0 && isLockOf(fd, path)) {
+        flock(fd, LOCK_EX | LOCK_NB) == 0 && isLockOf(fd, rootFd, lockName)) {
       // The name in a shortened lock file's name is not the widget's whole
       // name: then any "widget_" directory of the journal is accepted.
       std::string name = lockName.substr(
           strlen(kLockPrefix),
           lockName.size() - strlen(kLockPrefix) - strlen(kLockSuffix));
       if (lockFileName(name) != lockName) name.clear();
-      if (cleanJournal(fd, root, name, registry)) unlink(path.c_str());
+      if (cleanJournal(fd, root, name, registry))
+        unlinkat(rootFd, lockName.c_str(), 0);
     }
     close(fd);
   }
+  close(rootFd);
 }
 
 std::unique_ptr<WidgetsData> InstallLock::ownerOf(const std::string& path,

@@ -28,28 +28,31 @@ class WidgetsData;
 
 class InstallLock {
  public:
-  InstallLock(const std::string& widgetRoot, const std::string& name);
+  WIDGETENGINE_TOOLS_EXPORT InstallLock(const std::string& widgetRoot, const std::string& name);
   // Releases the lock. The lock file goes too once clear() has emptied it.
-  ~InstallLock();
+  WIDGETENGINE_TOOLS_EXPORT ~InstallLock();
 
   InstallLock(const InstallLock&) = delete;
   InstallLock& operator=(const InstallLock&) = delete;
 
   // Waits until no other installation holds the name. False, with errno set,
-  // when the root or the lock file cannot be had; error() says why.
-  bool acquire();
+  // when the root or the lock file cannot be had; error() says why. errno is
+  // ENOENT when there is no widget root at all, EPERM when the root or the
+  // lock file is refused (a link another user made on the way to the root,
+  // a root or lock file that another user owns or can write).
+  WIDGETENGINE_TOOLS_EXPORT bool acquire();
   const std::string& error() const { return error_; }
 
   // What a dead installation of this same name left, found when the lock
   // was taken, is removed here (see sweep()). False when some of it is still
   // to be removed.
-  bool removeLeftovers(SqlLite3& registry);
+  WIDGETENGINE_TOOLS_EXPORT bool removeLeftovers(SqlLite3& registry);
 
   // Records what the installation is about to create. False when the
   // journal cannot be written (then nothing should be created).
   bool note(const std::string& packagePath, const std::string& storagePath);
   // The installation has ended: what it created is registered or removed.
-  void clear();
+  WIDGETENGINE_TOOLS_EXPORT void clear();
 
   // The root's real path ("/" at the end); empty before acquire().
   const std::string& root() const { return root_; }
@@ -64,7 +67,7 @@ class InstallLock {
   // The registered widget whose directory is the same directory as path:
   // the same text, or the same file on disk under another spelling. Null
   // when there is none; ok tells whether the registry could be read.
-  static std::unique_ptr<WidgetsData> ownerOf(const std::string& path,
+  WIDGETENGINE_TOOLS_EXPORT static std::unique_ptr<WidgetsData> ownerOf(const std::string& path,
                                               SqlLite3& registry, bool* ok);
 
  private:
@@ -78,6 +81,7 @@ class InstallLock {
   std::string root_;
   std::string path_;
   std::string error_;
+  int rootFd_;  // the root's own descriptor (O_PATH), from acquire() on
   int fd_;
   bool ended_;
 };

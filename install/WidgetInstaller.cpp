@@ -3,6 +3,8 @@
 
 #include <sys/stat.h>
 #include <sys/types.h>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -15,6 +17,7 @@
 
 #include "base/EngineOutput.h"
 #include "base/Refusal.h"
+#include "base/TrustedPath.h"
 #include "config/WidgetConfig.h"
 #include "config/WidgetConfigParser.h"
 #include "install/ContentType.h"
@@ -71,7 +74,23 @@ std::string WidgetInstaller::getWidgetBasePath() {
   // The built-in root sits at a fixed name that any local user could take
   // first (under /tmp, say): it is made private to its user, and the
   // installation refuses one that someone else made (see InstallLock).
-  mkdir(path.c_str(), value ? 0755 : 0700);
+  // It is made from a descriptor of the folder that holds it, reached
+  // without following anyone else's link, and mkdirat() does not follow a
+  // link standing at the name itself: whatever stands there is left for
+  // the checks of whoever uses the root.
+  std::string bare = path;
+  while (bare.size() > 1 && bare.back() == '/') bare.pop_back();
+  const size_t slash = bare.rfind('/');
+  const std::string parent = slash == std::string::npos ? std::string(".")
+                             : slash == 0              ? std::string("/")
+                                                       : bare.substr(0, slash);
+  const std::string last = slash == std::string::npos ? bare : bare.substr(slash + 1);
+  std::string untrusted;
+  const int parentFd = last.empty() ? -1 : TrustedPath::walk(parent, &untrusted);
+  if (parentFd >= 0) {
+    mkdirat(parentFd, last.c_str(), value ? 0755 : 0700);
+    close(parentFd);
+  }
   return path;
 }
 
@@ -284,6 +303,25 @@ int WidgetInstaller::runHoldingName() {
   std::unique_ptr<WidgetsData> record(new WidgetsData());
   record->setSourceURL(sourceURL);
   record->setName(name);
+
+  // Under a root of its own the package waits in the root's tmp/ between
+  // download and unpacking: whoever else could write there, or made it a
+  // link, could read it or swap it. The shared system folder is used as it
+  // is, its files made exclusively and nobody else's to replace. A folder
+  // that is missing fails the download, as it always has.
+  if (getenv("WIDGET_PATH")) {
+    std::string folder = downloadFolder();
+    for (size_t twice; (twice = folder.find("//")) != std::string::npos;)
+      folder.erase(twice, 1);
+    std::string untrusted;
+    const int fd = TrustedPath::openDirectory(folder, &untrusted);
+    if (fd >= 0) {
+      close(fd);
+    } else if (errno == EPERM) {
+      return refuse(3, "Cannot install " + sourceURL +
+                           ": the download folder is not safe: " + untrusted);
+    }
+  }
 
   const std::string downloadPath = buildDownloadPath();
   if (!lock->note(downloadPath, storagePath)) {

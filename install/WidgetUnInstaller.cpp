@@ -147,11 +147,20 @@ int WidgetUnInstaller::run() {
 
   // Not while an installation of the same name runs: it may be about to
   // register the directory this removal would find half-written. Without a
-  // widget root to lock in there can be no such installation either.
-  // The lock file goes when the lock does, unless it still names what a dead
-  // installation left and that could not be removed now.
+  // widget root to lock in there can be no such installation either. A lock
+  // that cannot be had otherwise (one that another user owns or can write,
+  // say) ends the removal: going on without it is what such a lock is there
+  // to prevent. The lock file goes when the lock does, unless it still names
+  // what a dead installation left and that could not be removed now.
   InstallLock lock(root, name);
-  if (lock.acquire() && lock.removeLeftovers(*database)) lock.clear();
+  if (lock.acquire()) {
+    if (lock.removeLeftovers(*database)) lock.clear();
+  } else if (errno != ENOENT) {
+    refusal::note(WIDGETENGINE_REFUSAL_BUSY, lock.error());
+    engineOut() << "Refusing to remove widget " << name << ": " << lock.error()
+                << std::endl;
+    return -1;
+  }
 
   std::vector<WidgetsData*> records = database->selectWidgetsByName(name);
   if (records.empty()) return 0;

@@ -252,7 +252,26 @@ bool Doctor::run(std::vector<DoctorProblem>& problems,
     problem.detail = "no installed widget owns this directory; "
                      "\"widgetctl doctor --repair --remove-orphans\" removes it";
     if (options_.repair && options_.removeOrphans) {
-      problem.repaired = WidgetUnInstaller::removeWidgetDirectory(problem.path);
+      // Removed under the name's installation lock, as a removal of the
+      // widget would be, and only if no installation registered it while
+      // the lock was waited for; a lock that cannot be had (one another
+      // user owns, say) leaves the directory where it is.
+      InstallLock lock(root, name.substr(7));
+      const bool locked = lock.acquire();
+      bool unowned = false;
+      bool settled = false;
+      if (locked) {
+        EngineLines capture(&engineLines);
+        SqlLite3 registry;
+        bool read = false;
+        settled = lock.removeLeftovers(registry);
+        unowned = !InstallLock::ownerOf(problem.path, registry, &read) && read;
+      } else {
+        problem.detail += "; not removed: " + lock.error();
+      }
+      if (unowned)
+        problem.repaired = WidgetUnInstaller::removeWidgetDirectory(problem.path);
+      if (settled) lock.clear();
     }
     problems.push_back(problem);
   }
