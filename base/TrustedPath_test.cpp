@@ -7,6 +7,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
 #include <string>
 
 #include "testing/TempDir.h"
@@ -134,6 +138,60 @@ TEST_F(TrustedPathTest, FileAndFolderLooksAtEveryCompanion) {
   EXPECT_FALSE(TrustedPath::fileAndFolder(db, {"-journal"}, &reason));
   EXPECT_EQ(dir.path() + "/ is writable by other users (mode 0777)", reason);
   ASSERT_EQ(0, chmod(dir.path().c_str(), 0700));
+}
+
+TEST_F(TrustedPathTest, LinksOfTheCallerAreFollowedWhereverTheyLead) {
+  const std::string target = folder("target", 0700);
+  ASSERT_EQ(0, mkdir((target + "/inner").c_str(), 0700));
+  // A relative link, a link on the way, and a link with ".." in it.
+  ASSERT_EQ(0, symlink("target", dir.file("relative").c_str()));
+  ASSERT_EQ(0, symlink("../target/inner", dir.file("target/up").c_str()));
+  EXPECT_TRUE(TrustedPath::directory(dir.file("relative/inner"), &reason))
+      << reason;
+  EXPECT_TRUE(TrustedPath::directory(dir.file("relative/up/"), &reason))
+      << reason;
+  const int fd = TrustedPath::openDirectory(dir.file("relative/up"), &reason);
+  ASSERT_LE(0, fd) << reason;
+  char real[PATH_MAX];
+  ASSERT_NE(nullptr, realpath((target + "/inner").c_str(), real));
+  EXPECT_EQ(std::string(real) + "/", TrustedPath::realPathOf(fd));
+  close(fd);
+}
+
+TEST_F(TrustedPathTest, LinkLoopIsRefusedAndMissingTargetIsMissing) {
+  ASSERT_EQ(0, symlink("b", dir.file("a").c_str()));
+  ASSERT_EQ(0, symlink("a", dir.file("b").c_str()));
+  EXPECT_FALSE(TrustedPath::directory(dir.file("a"), &reason));
+  EXPECT_EQ("cannot open the directory " + dir.file("a") + ": " +
+                strerror(ELOOP),
+            reason);
+  ASSERT_EQ(0, symlink("nowhere", dir.file("dangling").c_str()));
+  EXPECT_EQ(-1, TrustedPath::openDirectory(dir.file("dangling"), &reason));
+  EXPECT_EQ(ENOENT, errno);
+  EXPECT_TRUE(TrustedPath::directory(dir.file("dangling"), &reason));
+}
+
+TEST_F(TrustedPathTest, LinkAnotherUserMadeIsNeverFollowed) {
+  if (geteuid() != 0) GTEST_SKIP() << "giving a link away needs root";
+  const std::string target = folder("target", 0700);
+  ASSERT_EQ(0, mkdir((target + "/inner").c_str(), 0700));
+  const std::string link = dir.file("link");
+  ASSERT_EQ(0, symlink(target.c_str(), link.c_str()));
+  ASSERT_EQ(0, lchown(link.c_str(), kOtherUser, kOtherUser));
+  // The directory it leads to is the caller's own: the link is what is
+  // refused, at the end of the path or on the way.
+  EXPECT_FALSE(TrustedPath::directory(link, &reason));
+  EXPECT_EQ(link + " is a link that belongs to another user (uid 65534)",
+            reason);
+  EXPECT_FALSE(TrustedPath::directory(link + "/inner/", &reason));
+  EXPECT_EQ(link + " is a link that belongs to another user (uid 65534)",
+            reason);
+  EXPECT_EQ(-1, TrustedPath::walk(link + "/inner", &reason));
+  EXPECT_EQ(EPERM, errno);
+  // One of root's is followed, as root could change the caller's files
+  // anyway.
+  ASSERT_EQ(0, lchown(link.c_str(), 0, 0));
+  EXPECT_TRUE(TrustedPath::directory(link + "/inner/", &reason)) << reason;
 }
 
 }  // namespace

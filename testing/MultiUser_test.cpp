@@ -290,4 +290,152 @@ TEST_F(MultiUserTest, RemovalNeverLeavesTheWidgetRoot) {
   EXPECT_EQ("years of work", TempDir::readFile(elsewhere + "widget_clock/thesis.odt"));
 }
 
+TEST_F(MultiUserTest, LinkTheyPlantedAtTheRootsNameLeadsNowhere) {
+  // Your widgets, in the root you use.
+  const std::string yours = you + "widgets/";
+  ASSERT_EQ(0, widgetctl(kYou, {"install", url}, you + "conf/", yours).status);
+  const std::vector<std::string> before = TempDir::listDirectory(yours);
+  // The built-in root lives in a folder everyone can add names to, as /tmp.
+  // They take its name first, with a link to your other root.
+  makeDirectory(shared, 0, 01777);
+  const std::string link = shared + "widgetEngine";
+  ASSERT_TRUE(as(kThem, [&] { return symlink(yours.c_str(), link.c_str()) == 0; }));
+  makeDirectory(you + "other-conf/", kYou, 0755);
+  const std::string reason =
+      "the widget root is not safe: " + link +
+      " is a link that belongs to another user (uid 64011)";
+
+  ASSERT_EQ(0, ::link((dir.path() + "/packages/clock.wgt").c_str(),
+                     (dir.path() + "/packages/calendar.wgt").c_str()));
+  Result result =
+      widgetctl(kYou, {"install", "file://" + dir.path() + "/packages/calendar.wgt"},
+                you + "other-conf/", link + "/");
+  EXPECT_EQ(3, result.status);
+  EXPECT_TRUE(contains(result.out, reason)) << result.out;
+
+  // What is in your other root is no orphan of this registry: nothing is
+  // removed through the link.
+  result = widgetctl(kYou, {"doctor", "--repair", "--remove-orphans"},
+                     you + "other-conf/", link + "/");
+  EXPECT_NE(0, result.status);
+  EXPECT_TRUE(contains(result.out + result.err, reason)) << result.out << result.err;
+
+  result = widgetctl(kYou, {"remove", "clock"}, you + "conf/", link + "/");
+  EXPECT_NE(0, result.status);
+  EXPECT_TRUE(contains(result.out, "Refusing to remove widget clock: " + reason))
+      << result.out;
+
+  EXPECT_EQ(before, TempDir::listDirectory(yours));
+  EXPECT_EQ("<p>yours</p>", TempDir::readFile(yours + "widget_clock/index.html"));
+}
+
+TEST_F(MultiUserTest, TmpTheyLinkedOrMadeInYourRootIsRefused) {
+  const std::string root = you + "widgets/";
+  makeDirectory(them + "stash/", kThem, 0777);
+  ASSERT_EQ(0, rmdir((root + "tmp").c_str()));
+  // Left while your root was open to them.
+  ASSERT_EQ(0, chmod(you.c_str(), 0755));
+  ASSERT_EQ(0, chmod(root.c_str(), 0777));
+  ASSERT_TRUE(as(kThem, [&] {
+    return symlink((them + "stash").c_str(), (root + "tmp").c_str()) == 0;
+  }));
+  ASSERT_EQ(0, chmod(root.c_str(), 0755));
+
+  Result result = widgetctl(kYou, {"install", url}, you + "conf/", root);
+  EXPECT_EQ(3, result.status);
+  EXPECT_TRUE(contains(result.out, "Cannot install " + url +
+                                       ": the download folder is not safe: " +
+                                       root + "tmp is a link that belongs to "
+                                       "another user (uid 64011)"))
+      << result.out;
+  EXPECT_TRUE(TempDir::listDirectory(them + "stash/").empty());
+
+  // A folder of theirs in its place, open to you, is refused just the same.
+  ASSERT_EQ(0, unlink((root + "tmp").c_str()));
+  makeDirectory(root + "tmp/", kThem, 0777);
+  result = widgetctl(kYou, {"install", url}, you + "conf/", root);
+  EXPECT_EQ(3, result.status);
+  EXPECT_TRUE(contains(result.out, "the download folder is not safe: " + root +
+                                       "tmp/ belongs to another user (uid 64011)"))
+      << result.out;
+  EXPECT_TRUE(TempDir::listDirectory(root + "tmp/").empty());
+  EXPECT_EQ(std::vector<std::string>({"tmp"}), TempDir::listDirectory(root));
+}
+
+TEST_F(MultiUserTest, RemovalWithALockYouCannotTrustIsRefused) {
+  const std::string root = you + "widgets/";
+  ASSERT_EQ(0, widgetctl(kYou, {"install", url}, you + "conf/", root).status);
+  const std::string lock = root + ".widget_clock.lock";
+  const std::string precious = you + "precious.txt";
+  ASSERT_TRUE(as(kYou, [&] { return write(precious, "yours", 0600); }));
+  const auto removalRefused = [&](const std::string& why) {
+    const Result result = widgetctl(kYou, {"remove", "clock"}, you + "conf/", root);
+    EXPECT_NE(0, result.status);
+    EXPECT_TRUE(contains(result.out, "Refusing to remove widget clock: the lock "
+                                     "file is not safe: " + lock + why))
+        << result.out;
+    EXPECT_FALSE(contains(result.out, "Delete OK"));
+    EXPECT_EQ("<p>yours</p>", TempDir::readFile(root + "widget_clock/index.html"));
+    EXPECT_TRUE(contains(
+        widgetctl(kYou, {"list"}, you + "conf/", root).out, "clock"));
+  };
+
+  // Theirs, left while your root was open to them; then a link of theirs.
+  ASSERT_EQ(0, chmod(you.c_str(), 0755));
+  ASSERT_EQ(0, chmod(root.c_str(), 0777));
+  ASSERT_TRUE(as(kThem, [&] { return write(lock, "", 0644); }));
+  ASSERT_EQ(0, chmod(root.c_str(), 0755));
+  removalRefused(" belongs to another user (uid 64011)");
+
+  ASSERT_EQ(0, unlink(lock.c_str()));
+  ASSERT_EQ(0, chmod(root.c_str(), 0777));
+  ASSERT_TRUE(as(kThem, [&] { return symlink(precious.c_str(), lock.c_str()) == 0; }));
+  ASSERT_EQ(0, chmod(root.c_str(), 0755));
+  removalRefused(" is a link");
+  EXPECT_EQ("yours", TempDir::readFile(precious));
+
+  // Yours, but open to your group.
+  ASSERT_EQ(0, unlink(lock.c_str()));
+  ASSERT_TRUE(as(kYou, [&] { return write(lock, "", 0660); }));
+  removalRefused(" is writable by other users (mode 0660)");
+
+  // Once the lock is yours alone the widget goes, and the lock with it.
+  ASSERT_EQ(0, chmod(lock.c_str(), 0600));
+  const Result result = widgetctl(kYou, {"remove", "clock"}, you + "conf/", root);
+  EXPECT_EQ(0, result.status) << result.out << result.err;
+  EXPECT_EQ(std::vector<std::string>({"tmp"}), TempDir::listDirectory(root));
+}
+
+TEST_F(MultiUserTest, OrphanWhoseLockTheyOwnIsLeftWhereItIs) {
+  const std::string root = you + "widgets/";
+  makeDirectory(root + "widget_old/", kYou, 0755);
+  ASSERT_TRUE(as(kYou, [&] { return write(root + "widget_old/notes.txt", "old", 0644); }));
+  ASSERT_EQ(0, chmod(you.c_str(), 0755));
+  ASSERT_EQ(0, chmod(root.c_str(), 0777));
+  ASSERT_TRUE(as(kThem, [&] { return write(root + ".widget_old.lock", "", 0644); }));
+  ASSERT_EQ(0, chmod(root.c_str(), 0755));
+
+  Result result = widgetctl(kYou, {"doctor", "--repair", "--remove-orphans"},
+                            you + "conf/", root);
+  EXPECT_NE(0, result.status);
+  EXPECT_TRUE(contains(result.out, "orphan-directory: " + root + "widget_old/\n"))
+      << result.out;
+  EXPECT_TRUE(contains(result.out, "; not removed: the lock file is not safe: " +
+                                       root + ".widget_old.lock belongs to "
+                                       "another user (uid 64011)"))
+      << result.out;
+  EXPECT_EQ("old", TempDir::readFile(root + "widget_old/notes.txt"));
+
+  // Without their lock it is an orphan like any other, removed with no
+  // lock file left behind.
+  ASSERT_EQ(0, unlink((root + ".widget_old.lock").c_str()));
+  result = widgetctl(kYou, {"doctor", "--repair", "--remove-orphans"},
+                     you + "conf/", root);
+  EXPECT_EQ(0, result.status) << result.out << result.err;
+  EXPECT_TRUE(contains(result.out, "orphan-directory: " + root +
+                                       "widget_old/ (repaired)"))
+      << result.out;
+  EXPECT_EQ(std::vector<std::string>({"tmp"}), TempDir::listDirectory(root));
+}
+
 }  // namespace
