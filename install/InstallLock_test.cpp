@@ -17,6 +17,9 @@
 #include <utility>
 #include <vector>
 
+#include <widgetengine/WidgetEngineExtensions.h>
+
+#include "base/Refusal.h"
 #include "engine/WidgetEngineDelegate.h"
 #include "install/WidgetInstaller.h"
 #include "install/WidgetUnInstaller.h"
@@ -472,6 +475,87 @@ TEST_F(InstallLockTest, RootOthersCanWriteRefusesInstallAndRemoval) {
             capture.text());
   EXPECT_TRUE(TempDir::isDirectory(root + "widget_clock"));
   ASSERT_EQ(0, chmod(root.c_str(), 0755));
+}
+
+// Runs one removal of name; its status, and its whole output in *output.
+int uninstall(const std::string& name, std::string* output) {
+  CaptureStdout capture;
+  int status;
+  {
+    WidgetUnInstaller uninstaller(name);
+    status = uninstaller.run();
+  }
+  *output = capture.text();
+  return status;
+}
+
+TEST_F(InstallLockTest, RemovalWithALockFileItCannotTrustRemovesNothing) {
+  ASSERT_EQ(0, install(clockPackage("clock.wgt")));
+  const std::string lock = root + ".widget_clock.lock";
+  TempDir::writeFile(lock, "");
+  ASSERT_EQ(0, chmod(lock.c_str(), 0620));
+  std::string output;
+  refusal::begin();
+  EXPECT_EQ(-1, uninstall("clock", &output));
+  EXPECT_EQ(WIDGETENGINE_REFUSAL_UNTRUSTED, refusal::code());
+  EXPECT_EQ("Refusing to remove widget clock: the lock file is not safe: " +
+                realRoot(root) +
+                ".widget_clock.lock is writable by other users (mode 0620)\n"
+                "Nothing to clean\n",
+            output);
+  EXPECT_EQ("<html></html>", TempDir::readFile(root + "widget_clock/index.html"));
+  EXPECT_EQ(1, count("SELECT COUNT(*) FROM Widgets WHERE name='clock'"));
+
+  // A link in its place is not followed, nor is the widget removed.
+  ASSERT_EQ(0, unlink(lock.c_str()));
+  TempDir::writeFile(dir.file("precious"), "precious");
+  ASSERT_EQ(0, symlink(dir.file("precious").c_str(), lock.c_str()));
+  EXPECT_EQ(-1, uninstall("clock", &output));
+  EXPECT_NE(std::string::npos,
+            output.find("Refusing to remove widget clock: the lock file is not "
+                        "safe: " + realRoot(root) + ".widget_clock.lock is a link"))
+      << output;
+  EXPECT_EQ("precious", TempDir::readFile(dir.file("precious")));
+  EXPECT_TRUE(TempDir::isDirectory(root + "widget_clock"));
+
+  ASSERT_EQ(0, unlink(lock.c_str()));
+  EXPECT_EQ(1, uninstall("clock", &output)) << output;
+  EXPECT_TRUE(nothingLeft());
+}
+
+TEST_F(InstallLockTest, TmpFolderOthersCanWriteRefusesTheInstallation) {
+  ASSERT_EQ(0, chmod((root + "tmp").c_str(), 0777));
+  const std::string url = clockPackage("clock.wgt");
+  std::string output;
+  EXPECT_EQ(3, install(url, &output));
+  EXPECT_EQ("Cannot install " + url + ": the download folder is not safe: " +
+                root + "tmp/ is writable by other users (mode 0777)\n"
+                "Nothing to clean\n",
+            output);
+  EXPECT_TRUE(nothingLeft());
+  ASSERT_EQ(0, chmod((root + "tmp").c_str(), 0755));
+}
+
+TEST_F(InstallLockTest, RootReachedThroughAnotherUsersLinkIsRefused) {
+  if (geteuid() != 0) GTEST_SKIP() << "giving a link away needs root";
+  ASSERT_EQ(0, install(clockPackage("clock.wgt")));
+  const std::string link = dir.file("theirs");
+  ASSERT_EQ(0, symlink(root.c_str(), link.c_str()));
+  ASSERT_EQ(0, lchown(link.c_str(), 65534, 65534));
+  ScopedEnv linked("WIDGET_PATH", link + "/");
+  const std::string url = clockPackage("calendar.wgt");
+  std::string output;
+  EXPECT_EQ(3, install(url, &output));
+  EXPECT_EQ("Cannot install " + url + ": the widget root is not safe: " + link +
+                " is a link that belongs to another user (uid 65534)\n"
+                "Nothing to clean\n",
+            output);
+  EXPECT_EQ(-1, uninstall("clock", &output));
+  EXPECT_EQ("Refusing to remove widget clock: the widget root is not safe: " +
+                link + " is a link that belongs to another user (uid 65534)\n"
+                "Nothing to clean\n",
+            output);
+  EXPECT_TRUE(rootHoldsOnly({"tmp", "widget_clock"}));
 }
 
 TEST_F(InstallLockTest, RegistryOrJournalOthersCanWriteIsNeverOpened) {
