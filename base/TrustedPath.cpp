@@ -127,6 +127,23 @@ int TrustedPath::walk(const std::string& path, std::string* reason) {
   return current;
 }
 
+int TrustedPath::walkToParent(const std::string& path, std::string* last,
+                              std::string* reason) {
+  std::string bare = path;
+  while (bare.size() > 1 && bare.back() == '/') bare.pop_back();
+  const size_t slash = bare.rfind('/');
+  *last = slash == std::string::npos ? bare : bare.substr(slash + 1);
+  if (last->empty() || *last == "/") {
+    *reason = "cannot open the directory " + path + ": " + strerror(EINVAL);
+    errno = EINVAL;
+    return -1;
+  }
+  return walk(slash == std::string::npos ? std::string(".")
+              : slash == 0               ? std::string("/")
+                                         : bare.substr(0, slash),
+              reason);
+}
+
 std::string TrustedPath::realPathOf(int fd) {
   char link[64];
   snprintf(link, sizeof link, "/proc/self/fd/%d", fd);

@@ -42,6 +42,14 @@ class TrustedPath {
   // set (EPERM for a refused link) when it cannot be had.
   static int walk(const std::string& path, std::string* reason);
 
+  // walk() to the folder that holds the last name of path (trailing "/"
+  // aside), which *last receives, so that the caller acts on that name
+  // with mkdirat(), openat() and the like, links there being theirs to
+  // follow or not. -1 with *reason and errno set as walk() has them (EINVAL
+  // when path has no last name).
+  static int walkToParent(const std::string& path, std::string* last,
+                          std::string* reason);
+
   // The path the directory open at fd has now, with a "/" at the end;
   // empty when it cannot be told.
   static std::string realPathOf(int fd);

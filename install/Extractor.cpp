@@ -29,6 +29,7 @@
 #include "base/EngineOutput.h"
 #include "base/Progress.h"
 #include "base/Refusal.h"
+#include "base/TrustedPath.h"
 
 namespace {
 
@@ -249,12 +250,20 @@ class FolderWalker {
 };
 
 // Opens dir (a path that may end with "/") as the root of an extraction. A
-// link in its place is not followed.
+// link in its place is not followed, nor one on the way that another user
+// made.
 int openBase(const std::string& dir) {
-  std::string path = dir;
-  while (path.size() > 1 && endsWithSlash(path)) path.pop_back();
-  if (path.empty()) path = ".";
-  return ::open(path.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  std::string last;
+  std::string untrusted;
+  const int parent = TrustedPath::walkToParent(dir.empty() ? "." : dir, &last,
+                                               &untrusted);
+  if (parent < 0) return -1;
+  const int fd = openat(parent, last.c_str(),
+                        O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  const int error = errno;
+  close(parent);
+  errno = error;
+  return fd;
 }
 
 // The package file read in bounded pieces, with the data span of each entry
@@ -1025,11 +1034,18 @@ int Extractor::makeDirectories(const std::string& path, mode_t mode) {
     const size_t slash = path.find('/', search);
     if (slash == std::string::npos) break;
     // Only the last attempt decides: a component that exists or is made
-    // afterwards clears an earlier failure.
-    if (mkdir(path.substr(0, slash).c_str(), mode) == 0 || errno == EEXIST) {
-      result = 0;
-    } else {
+    // afterwards clears an earlier failure. Each is made from its folder's
+    // descriptor, reached without following another user's link, and a
+    // link standing at the name itself is not followed either.
+    std::string last;
+    std::string untrusted;
+    const int parent =
+        TrustedPath::walkToParent(path.substr(0, slash), &last, &untrusted);
+    if (parent < 0) {
       result = errno;
+    } else {
+      result = mkdirat(parent, last.c_str(), mode) == 0 || errno == EEXIST ? 0 : errno;
+      close(parent);
     }
     search = slash + 1;
   }

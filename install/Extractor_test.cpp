@@ -460,6 +460,22 @@ TEST_F(ExtractorTest, MakeDirectoriesReportsOnlyTheLastAttempt) {
   EXPECT_EQ(0, extractor.makeDirectories(dir.file("file/"), 0755));
 }
 
+TEST_F(ExtractorTest, MakeDirectoriesNeverGoesThroughAnotherUsersLink) {
+  if (geteuid() != 0) GTEST_SKIP() << "giving a link away needs root";
+  TempDir outside;
+  const std::string link = dir.file("theirs");
+  ASSERT_EQ(0, symlink(outside.path().c_str(), link.c_str()));
+  ASSERT_EQ(0, lchown(link.c_str(), 65534, 65534));
+  Extractor extractor(zipPath, target);
+  extractor.setKeepFiles(true);
+  EXPECT_EQ(EPERM, extractor.makeDirectories(link + "/sub/deeper/", 0755));
+  EXPECT_TRUE(TempDir::listDirectory(outside.path()).empty());
+  // One of the caller's own is followed, as any other path is.
+  ASSERT_EQ(0, lchown(link.c_str(), 0, 0));
+  EXPECT_EQ(0, extractor.makeDirectories(link + "/sub/deeper/", 0755));
+  EXPECT_TRUE(isDirectory(outside.file("sub/deeper")));
+}
+
 TEST_F(ExtractorTest, RemovalLeavesTheWorkingDirectoryAtTheParent) {
   const std::string tree = dir.file("tree");
   ASSERT_EQ(0, mkdir(tree.c_str(), 0755));

@@ -78,15 +78,9 @@ std::string WidgetInstaller::getWidgetBasePath() {
   // without following anyone else's link, and mkdirat() does not follow a
   // link standing at the name itself: whatever stands there is left for
   // the checks of whoever uses the root.
-  std::string bare = path;
-  while (bare.size() > 1 && bare.back() == '/') bare.pop_back();
-  const size_t slash = bare.rfind('/');
-  const std::string parent = slash == std::string::npos ? std::string(".")
-                             : slash == 0              ? std::string("/")
-                                                       : bare.substr(0, slash);
-  const std::string last = slash == std::string::npos ? bare : bare.substr(slash + 1);
+  std::string last;
   std::string untrusted;
-  const int parentFd = last.empty() ? -1 : TrustedPath::walk(parent, &untrusted);
+  const int parentFd = TrustedPath::walkToParent(path, &last, &untrusted);
   if (parentFd >= 0) {
     mkdirat(parentFd, last.c_str(), value ? 0755 : 0700);
     close(parentFd);
