@@ -28,10 +28,9 @@ class TrustedPath {
   WIDGETENGINE_TOOLS_EXPORT static bool directory(const std::string& path, std::string* reason);
 
   // Opens the directory at path (O_PATH) the way walk() does and checks it
-  // as opened() does, naming it path. The descriptor is
-  // the caller's to close; -1, with *reason and errno set, when the
-  // directory cannot be opened (ENOENT: something on the way is missing) or
-  // is not trusted (EPERM).
+  // as opened() does. The descriptor is the caller's to close; -1, with
+  // *reason and errno set, when the directory cannot be opened (ENOENT:
+  // something on the way is missing) or is not trusted (EPERM).
   static int openDirectory(const std::string& path, std::string* reason);
 
   // Opens the directory at path (O_PATH) one name at a time, without letting

@@ -2,9 +2,10 @@
 // InstallLock gives a widget name, and with it the widget's directory, to one
 // installation at a time, whatever runs the others: another thread, another
 // engine, another process. It is an flock() on the file
-// "<widget root>/.widget_<name>.lock", the root taken by its real path, so that
-// every spelling of the root (a link, doubled slashes, a relative path) meets
-// the same lock. While held, the file is the installation's journal: it names
+// "<widget root>/.widget_<name>.lock", opened from a descriptor of the root
+// and named by the root's real path, so that every spelling of the root (a
+// link of the user's own, doubled slashes, a relative path) meets the same
+// lock. A link that another user made on the way to the root is refused. While held, the file is the installation's journal: it names
 // the package file and the directory the installation is about to create, so
 // that when the process dies half-way, the next installation finds what it
 // left (the lock is free, the journal is not empty) and removes it.

@@ -631,6 +631,21 @@ TEST_F(WidgetInstallerTest, WidgetRootIsCreatedOneLevelDeep) {
   EXPECT_FALSE(TempDir::exists(dir.path() + "/a"));
 }
 
+TEST_F(WidgetInstallerTest, WidgetRootIsNeverMadeThroughAnotherUsersLink) {
+  if (geteuid() != 0) GTEST_SKIP() << "giving a link away needs root";
+  TempDir elsewhere;
+  const std::string link = dir.path() + "/theirs";
+  ASSERT_EQ(0, symlink(elsewhere.path().c_str(), link.c_str()));
+  ASSERT_EQ(0, lchown(link.c_str(), 65534, 65534));
+  ScopedEnv linked("WIDGET_PATH", link + "/widgets/");
+  EXPECT_EQ(link + "/widgets/", WidgetInstaller::getWidgetBasePath());
+  EXPECT_TRUE(TempDir::listDirectory(elsewhere.path()).empty());
+  // A link at the root's own name is left as it is, not made through.
+  ScopedEnv atTheName("WIDGET_PATH", link + "/");
+  EXPECT_EQ(link + "/", WidgetInstaller::getWidgetBasePath());
+  EXPECT_TRUE(TempDir::listDirectory(elsewhere.path()).empty());
+}
+
 TEST_F(WidgetInstallerTest, WithoutContentElementIndexHtmWinsOverIndexHtml) {
   ZipBuilder zip;
   addClock(zip).addFile("index.htm", "<html></html>");
