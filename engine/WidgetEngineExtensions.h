@@ -79,7 +79,8 @@ WIDGETENGINE_EXPORT void widgetengine_set_log_sink(widgetengine_log_sink sink,
                                                   launch URL cannot carry */
 #define WIDGETENGINE_REFUSAL_UNTRUSTED 21      /* a directory or file that
                                                   another user owns or can
-                                                  write */
+                                                  write, or a link of theirs
+                                                  on the way to one */
 
 /* The outcome of the calling thread's last receiveWidget or deleteWidget:
  * WIDGETENGINE_REFUSAL_NONE after a success (or before any call), else the
