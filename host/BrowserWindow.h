@@ -10,11 +10,13 @@
 #include <webkit2/webkit2.h>
 
 #include <chrono>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include <widgetengine/WebWidgetEngineDelegate.h>
 
+#include "host/PageRequests.h"
 #include "host/ResourceMapper.h"
 #include "host/WidgetScheme.h"
 
@@ -76,6 +78,7 @@ class BrowserWindow {
   void refuseNavigation(WebKitPolicyDecision* decision, const std::string& url,
                         const char* why, bool loadStarted);
   void loadFinished();
+  void keepWidgetShown(const std::string& committed);
   void waitFor(const std::string& selector);
   void afterFacts();
   void finish(int status);
@@ -90,7 +93,9 @@ class BrowserWindow {
 
   std::string url_;              // what open() was asked for
   std::string redirectedTo_;     // the localized document being loaded
+  std::string widgetShown_;      // the widget's document shown last
   WidgetScheme scheme_;
+  std::unique_ptr<PageRequests> requests_;  // dialogs and permissions
   std::string widgetTitle_;      // the localized name of the widget shown
   bool redirectPending_ = false;  // an ignored navigation is replaced
   bool navigationRefused_ = false;  // a started load was refused

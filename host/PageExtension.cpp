@@ -12,10 +12,10 @@
 // (WidgetScheme.cpp), so nothing is rewritten here.
 #include <webkit2/webkit-web-extension.h>
 
-#include <iostream>
 #include <string>
 
 #include "host/AccessPolicy.h"
+#include "host/RefusalLines.h"
 
 namespace {
 
@@ -30,7 +30,7 @@ gboolean onSendRequest(WebKitWebPage*, WebKitURIRequest* request,
   if (uri == nullptr || shownWidget == nullptr) return FALSE;
   const std::string why = policy->refusal(*shownWidget, uri, false);
   if (why.empty()) return FALSE;
-  std::cerr << "widget-browser: refused " << uri << ": " << why << std::endl;
+  RefusalLines::say("refused", uri, why);
   return TRUE;  // cancels the request
 }
 
@@ -45,8 +45,7 @@ void onConsoleMessage(WebKitWebPage*, WebKitConsoleMessage* message, gpointer) {
           WEBKIT_CONSOLE_MESSAGE_SOURCE_SECURITY)
     return;
   const char* text = webkit_console_message_get_text(message);
-  std::cerr << "widget-browser: refused by WebKit: " << (text ? text : "")
-            << std::endl;
+  RefusalLines::say("refused by WebKit:", text ? text : "");
 }
 
 void onPageCreated(WebKitWebExtension*, WebKitWebPage* page, gpointer) {
