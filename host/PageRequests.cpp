@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/PageRequests.h"
 
+#include <cstring>
 #include <string>
 
 #include "host/RefusalLines.h"
@@ -47,6 +48,7 @@ PageRequests::PageRequests(WebKitWebView* view, const WidgetScheme& scheme,
                    G_CALLBACK(onPermissionState), this);
   g_signal_connect(view, "enter-fullscreen", G_CALLBACK(onFullscreen), this);
   g_signal_connect(view, "authenticate", G_CALLBACK(onAuthenticate), this);
+  g_signal_connect(view, "user-message-received", G_CALLBACK(onMessage), this);
 }
 
 // alert is dismissed, confirm answers false, prompt null (no text is set),
@@ -136,5 +138,16 @@ gboolean PageRequests::onAuthenticate(WebKitWebView* view,
                     requests->widget() ? "a widget gets none of the user's"
                                        : "nobody is there to answer");
   webkit_authentication_request_cancel(request);
+  return TRUE;
+}
+
+gboolean PageRequests::onMessage(WebKitWebView*, WebKitUserMessage* message,
+                                 gpointer) {
+  const char* name = webkit_user_message_get_name(message);
+  if (name == nullptr || strcmp(name, RefusalLines::kMessage) != 0)
+    return FALSE;
+  GVariant* line = webkit_user_message_get_parameters(message);
+  if (line != nullptr && g_variant_is_of_type(line, G_VARIANT_TYPE_STRING))
+    RefusalLines::write(g_variant_get_string(line, nullptr));
   return TRUE;
 }

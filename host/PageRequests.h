@@ -4,7 +4,8 @@
 // credentials. A widget gets an answer at once and never a dialog: nothing
 // it asks for may stop the program or wait for someone who is not there.
 // Plain pages keep WebKit's own dialogs, unless nobody will answer them
-// (a run that exits by itself).
+// (a run that exits by itself). The web processes' refusal lines arrive
+// here too, and are written with the browser's own.
 #ifndef WIDGETENGINE_HOST_PAGEREQUESTS_H_
 #define WIDGETENGINE_HOST_PAGEREQUESTS_H_
 
@@ -35,6 +36,7 @@ class PageRequests {
   static gboolean onFullscreen(WebKitWebView*, gpointer self);
   static gboolean onAuthenticate(WebKitWebView*, WebKitAuthenticationRequest*,
                                  gpointer self);
+  static gboolean onMessage(WebKitWebView*, WebKitUserMessage*, gpointer self);
 
   bool widget() const { return scheme_.bound(); }
 

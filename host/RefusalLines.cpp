@@ -79,11 +79,24 @@ std::string RefusalLines::cut(const std::string& text) {
   return out;
 }
 
+std::string RefusalLines::line(const std::string& what,
+                               const std::string& address,
+                               const std::string& why) {
+  std::string text = "widget-browser: " + what + " " + cut(address);
+  if (!why.empty()) text += ": " + cut(why);
+  return text;
+}
+
 void RefusalLines::say(const std::string& what, const std::string& address,
                        const std::string& why) {
-  std::string line = "widget-browser: " + what + " " + cut(address);
-  if (!why.empty()) line += ": " + cut(why);
-  line += "\n";
+  write(line(what, address, why));
+}
+
+void RefusalLines::write(const std::string& text) {
+  std::string out = text.substr(0, kLineBytes);
+  for (char& c : out)
+    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = '?';
+  out += "\n";
   Lines& shared = lines();
   std::lock_guard<std::mutex> hold(shared.lock);
   const Clock::time_point now = Clock::now();
@@ -94,7 +107,7 @@ void RefusalLines::say(const std::string& what, const std::string& address,
   }
   if (shared.inWindow < kPerSecond) {
     ++shared.inWindow;
-    writeLine(line);
+    writeLine(out);
     return;
   }
   ++shared.leftOut;

@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // RefusalLines writes the lines that say what the browser refused, on
-// standard error, in both of its processes. A widget decides how often it is
-// refused and what the addresses say, so each line is cut to a fixed length
-// and at most kPerSecond of them are written a second; those left out are
-// counted in one line once the flood has stopped, or at exit.
+// standard error. A widget decides how often it is refused and what the
+// addresses say, so each line is cut to a fixed length and at most
+// kPerSecond of them are written a second; those left out are counted in
+// one line once the flood has stopped, or at exit. The web processes make
+// their lines here too, and hand them to the browser's process to write
+// (kMessage), so that one limit and one count cover them all.
 #ifndef WIDGETENGINE_HOST_REFUSALLINES_H_
 #define WIDGETENGINE_HOST_REFUSALLINES_H_
 
@@ -15,10 +17,21 @@ class RefusalLines {
   // An address (or any text a page chose) keeps this many bytes at most.
   static constexpr size_t kAddressBytes = 300;
   static constexpr int kPerSecond = 20;
+  // A line made by line() and written by write() never exceeds this.
+  static constexpr size_t kLineBytes = 1024;
+  // The name of the message that carries a web process's line.
+  static constexpr char kMessage[] = "refusal-line";
 
-  // Writes "widget-browser: <what> <address>[: <why>]", the address cut.
+  // "widget-browser: <what> <address>[: <why>]", the address and the
+  // reason cut, without a line end.
+  static std::string line(const std::string& what, const std::string& address,
+                          const std::string& why = std::string());
+  // Writes line(what, address, why).
   static void say(const std::string& what, const std::string& address,
                   const std::string& why = std::string());
+  // Writes a line made by line(), in another process perhaps: cut to
+  // kLineBytes and kept to one line whatever it holds.
+  static void write(const std::string& line);
 
   // Writes the count of the lines left out, if any. The browser calls it
   // at exit; the count is also written by itself a second after the last

@@ -224,6 +224,7 @@ TEST_F(WidgetBoundsTest, FloodOfRefusalsStaysSmall) {
   ASSERT_EQ(0, run.status) << run.out << run.err.substr(0, 4000);
   EXPECT_EQ("100", results(run).value("blocked", "")) << text(run);
   EXPECT_EQ(0, remote.requestCount());
+  RecordProperty("stderr_bytes", std::to_string(run.err.size()));
   EXPECT_LT(run.err.size(), 200u * 1024);
   EXPECT_NE(std::string::npos, run.err.find(" more refusals not shown"))
       << run.err.substr(0, 4000);
