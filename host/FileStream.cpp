@@ -16,7 +16,7 @@ namespace {
 // looked at again after every kCheckEvery bytes read, and, while spent,
 // every kWaitMs: what WebKit queued drains to the web process meanwhile.
 const size_t kCheckEvery = 1u << 20;
-const guint kWaitMs = 2;
+const guint kWaitMs = 5;
 
 struct Budget {
   int running = 0;        // large responses being read

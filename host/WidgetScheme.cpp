@@ -131,6 +131,25 @@ std::string requestPath(const std::string& url, std::string* why) {
   return path;
 }
 
+// Answers request with the bytes of stream, whose reference it takes.
+void respond(WebKitURISchemeRequest* request, GInputStream* stream,
+             goffset size, const std::string& type, const std::string& csp) {
+  WebKitURISchemeResponse* response =
+      webkit_uri_scheme_response_new(stream, size);
+  SoupMessageHeaders* headers =
+      soup_message_headers_new(SOUP_MESSAGE_HEADERS_RESPONSE);
+  soup_message_headers_append(headers, "Content-Security-Policy", csp.c_str());
+  soup_message_headers_append(headers, "X-Content-Type-Options", "nosniff");
+  // The headers replace everything set before them, the media type among
+  // it; without one, nosniff would refuse every script and stylesheet.
+  soup_message_headers_append(headers, "Content-Type", type.c_str());
+  webkit_uri_scheme_response_set_http_headers(response, headers);
+  webkit_uri_scheme_response_set_content_type(response, type.c_str());
+  webkit_uri_scheme_request_finish_with_response(request, response);
+  g_object_unref(response);
+  g_object_unref(stream);
+}
+
 // A name is its own authority when a Content-Security-Policy can name it
 // as a host source and a URL parser keeps it as it is: dot-separated labels
 // of lower-case letters, digits and "-", each beginning and ending with a
@@ -313,44 +332,26 @@ void WidgetScheme::serve(WebKitURISchemeRequest* request) const {
   }
   const std::string type = mediaType(path);
   if (info.st_size < FileStream::kLargeFile) {
-    respond(request, g_unix_input_stream_new(fd, TRUE), info.st_size, type);
+    respond(request, g_unix_input_stream_new(fd, TRUE), info.st_size, type,
+            csp_);
     return;
   }
-  // A large file waits for its turn; the request is kept until then.
+  // A large file waits for its turn; the request, and all it is answered
+  // with, is kept until then.
   struct Waiting {
-    const WidgetScheme* scheme;
     WebKitURISchemeRequest* request;
     int fd;
     goffset size;
     std::string type;
+    std::string csp;
   };
   FileStream::whenFree(
       [](void* data) {
         std::unique_ptr<Waiting> waiting(static_cast<Waiting*>(data));
-        waiting->scheme->respond(waiting->request,
-                                 FileStream::create(waiting->fd),
-                                 waiting->size, waiting->type);
+        respond(waiting->request, FileStream::create(waiting->fd),
+                waiting->size, waiting->type, waiting->csp);
         g_object_unref(waiting->request);
       },
-      new Waiting{this, WEBKIT_URI_SCHEME_REQUEST(g_object_ref(request)), fd,
-                  info.st_size, type});
-}
-
-void WidgetScheme::respond(WebKitURISchemeRequest* request,
-                           GInputStream* stream, goffset size,
-                           const std::string& type) const {
-  WebKitURISchemeResponse* response =
-      webkit_uri_scheme_response_new(stream, size);
-  SoupMessageHeaders* headers =
-      soup_message_headers_new(SOUP_MESSAGE_HEADERS_RESPONSE);
-  soup_message_headers_append(headers, "Content-Security-Policy", csp_.c_str());
-  soup_message_headers_append(headers, "X-Content-Type-Options", "nosniff");
-  // The headers replace everything set before them, the media type among
-  // it; without one, nosniff would refuse every script and stylesheet.
-  soup_message_headers_append(headers, "Content-Type", type.c_str());
-  webkit_uri_scheme_response_set_http_headers(response, headers);
-  webkit_uri_scheme_response_set_content_type(response, type.c_str());
-  webkit_uri_scheme_request_finish_with_response(request, response);
-  g_object_unref(response);
-  g_object_unref(stream);
+      new Waiting{WEBKIT_URI_SCHEME_REQUEST(g_object_ref(request)), fd,
+                  info.st_size, type, csp_});
 }

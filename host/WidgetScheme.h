@@ -56,9 +56,6 @@ class WidgetScheme {
  private:
   static void onRequest(WebKitURISchemeRequest* request, gpointer self);
   void serve(WebKitURISchemeRequest* request) const;
-  // Answers request with the bytes of stream (whose reference it takes).
-  void respond(WebKitURISchemeRequest* request, GInputStream* stream,
-               goffset size, const std::string& type) const;
   // The real path of a file inside the widget's directory, or "".
   std::string confined(const std::string& path, std::string* why) const;
 
