@@ -49,6 +49,7 @@ PageRequests::PageRequests(WebKitWebView* view, const WidgetScheme& scheme,
   g_signal_connect(view, "enter-fullscreen", G_CALLBACK(onFullscreen), this);
   g_signal_connect(view, "authenticate", G_CALLBACK(onAuthenticate), this);
   g_signal_connect(view, "user-message-received", G_CALLBACK(onMessage), this);
+  g_signal_connect(view, "load-changed", G_CALLBACK(onLoadChanged), this);
 }
 
 // alert is dismissed, confirm answers false, prompt null (no text is set),
@@ -116,6 +117,21 @@ gboolean PageRequests::onPermissionState(WebKitWebView*,
   if (!requests->widget()) return FALSE;
   webkit_permission_state_query_finish(query, WEBKIT_PERMISSION_STATE_DENIED);
   return TRUE;
+}
+
+// The window is bound to its widget before its first load starts. Refusing
+// enter-fullscreen keeps the window as it is, but WebKit still shows the
+// element full size inside it and tells the page it was granted: a widget's
+// view has no full screen at all.
+void PageRequests::onLoadChanged(WebKitWebView* view, WebKitLoadEvent event,
+                                 gpointer self) {
+  auto* requests = static_cast<PageRequests*>(self);
+  if (event != WEBKIT_LOAD_STARTED || requests->widgetSettings_ ||
+      !requests->widget())
+    return;
+  requests->widgetSettings_ = true;
+  webkit_settings_set_enable_fullscreen(webkit_web_view_get_settings(view),
+                                        FALSE);
 }
 
 // A widget stays in its window.

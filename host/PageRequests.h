@@ -37,11 +37,13 @@ class PageRequests {
   static gboolean onAuthenticate(WebKitWebView*, WebKitAuthenticationRequest*,
                                  gpointer self);
   static gboolean onMessage(WebKitWebView*, WebKitUserMessage*, gpointer self);
+  static void onLoadChanged(WebKitWebView*, WebKitLoadEvent, gpointer self);
 
   bool widget() const { return scheme_.bound(); }
 
   const WidgetScheme& scheme_;
   const bool unattended_;
+  bool widgetSettings_ = false;  // the view's settings are a widget's
 };
 
 #endif  // WIDGETENGINE_HOST_PAGEREQUESTS_H_
