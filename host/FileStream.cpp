@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "host/FileStream.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>

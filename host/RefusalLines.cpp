@@ -13,8 +13,8 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 // The lines of the current second, and those left out so far. Refusals may
-// be said on more than one thread (WebKit's and the browser's), hence the
-// lock; the count is written from the main loop.
+// be said on threads besides the main one, hence the lock; the count of a
+// flood that has stopped is written from the main loop.
 struct Lines {
   std::mutex lock;
   Clock::time_point windowStart;
@@ -28,7 +28,8 @@ Lines& lines() {
   return *shared;
 }
 
-// One write, so that the lines of the two processes never interleave.
+// A line in one write where it fits, so that no other writer's output
+// lands in the middle of it.
 void writeLine(const std::string& line) {
   const char* at = line.data();
   size_t left = line.size();
