@@ -93,9 +93,7 @@ class BrowserWindow {
 
   std::string url_;              // what open() was asked for
   std::string redirectedTo_;     // the localized document being loaded
-  std::string widgetShown_;      // the widget's document shown last
   WidgetScheme scheme_;
-  std::unique_ptr<PageRequests> requests_;  // dialogs and permissions
   std::string widgetTitle_;      // the localized name of the widget shown
   bool redirectPending_ = false;  // an ignored navigation is replaced
   bool navigationRefused_ = false;  // a started load was refused
@@ -119,6 +117,8 @@ class BrowserWindow {
   bool finished_ = false;
   int status_ = 0;
   guint timeout_ = 0;
+  std::string widgetShown_;      // the widget's document shown last
+  std::unique_ptr<PageRequests> requests_;  // dialogs and permissions
 };
 
 #endif  // WIDGETENGINE_HOST_BROWSERWINDOW_H_
