@@ -14,6 +14,8 @@
 
 #include <widgetengine/WidgetsData.h>
 
+#include "host/RefusalLines.h"
+
 namespace {
 
 // What a script run by evaluate_javascript answered, as a boolean: false
@@ -101,8 +103,7 @@ BrowserWindow::BrowserWindow(WebWidgetEngineDelegate* engine,
                          webkit_download_get_request(download);
                      const char* uri =
                          request ? webkit_uri_request_get_uri(request) : "";
-                     std::cerr << "widget-browser: refused to download "
-                               << (uri ? uri : "") << std::endl;
+                     RefusalLines::say("refused to download", uri ? uri : "");
                      webkit_download_cancel(download);
                    }),
                    nullptr);
@@ -127,6 +128,11 @@ BrowserWindow::BrowserWindow(WebWidgetEngineDelegate* engine,
   g_signal_connect(view_, "load-changed", G_CALLBACK(onLoadChanged), this);
   g_signal_connect(view_, "load-failed", G_CALLBACK(onLoadFailed), this);
   g_signal_connect(view_, "notify::title", G_CALLBACK(onTitleChanged), this);
+  // Nobody answers a dialog in a run that ends by itself.
+  requests_ = std::make_unique<PageRequests>(
+      view_, scheme_,
+      options_.exitAfterLoad || !options_.screenshot.empty() ||
+          options_.repeat > 0);
 
   window_ = gtk_window_new(GTK_WINDOW_TOPLEVEL);
   gtk_window_set_default_size(GTK_WINDOW(window_), options_.width,
@@ -334,8 +340,7 @@ gboolean BrowserWindow::onDecidePolicy(WebKitWebView* view,
 void BrowserWindow::refuseNavigation(WebKitPolicyDecision* decision,
                                      const std::string& url, const char* why,
                                      bool loadStarted) {
-  std::cerr << "widget-browser: refused to open " << url << ": " << why
-            << std::endl;
+  RefusalLines::say("refused to open", url, why);
   webkit_policy_decision_ignore(decision);
   if (loadStarted) {
     // The load that was started fails and finishes (onLoadFailed,
@@ -354,6 +359,24 @@ void BrowserWindow::refuseNavigation(WebKitPolicyDecision* decision,
         },
         this);
   }
+}
+
+// An empty document is let into frames, but a navigation decision does not
+// say which frame it is for, and the window's own empty document has
+// committed before the window hears of it: the window goes back to the
+// widget's page it showed last.
+void BrowserWindow::keepWidgetShown(const std::string& committed) {
+  if (AccessPolicy::widgetAuthority(committed) == scheme_.authority()) {
+    widgetShown_ = committed;
+    return;
+  }
+  if (committed != "about:blank" && committed != "about:srcdoc") return;
+  RefusalLines::say("refused to open", committed,
+                    "a widget's window stays on the widget");
+  if (widgetShown_.empty()) return;
+  redirectedTo_ = widgetShown_;
+  redirectPending_ = true;
+  g_idle_add(loadLater, new LoadLater{view_, widgetShown_});
 }
 
 void BrowserWindow::updateTitle() {
@@ -378,6 +401,8 @@ void BrowserWindow::onLoadChanged(WebKitWebView* view, WebKitLoadEvent event,
   if (event == WEBKIT_LOAD_STARTED && window->redirectPending_ &&
       viewUri(view) == window->redirectedTo_)
     window->redirectPending_ = false;
+  if (event == WEBKIT_LOAD_COMMITTED && window->scheme_.bound())
+    window->keepWidgetShown(viewUri(view));
   if (event != WEBKIT_LOAD_FINISHED) return;
   // The finish of a navigation that was ignored for its localized copy.
   if (window->redirectPending_) return;
@@ -394,7 +419,8 @@ gboolean BrowserWindow::onLoadFailed(WebKitWebView*, WebKitLoadEvent,
   window->loadFailed_ = true;
   window->failure_ = std::string(uri ? uri : "") + ": " +
                      (error && error->message ? error->message : "load failed");
-  std::cerr << "widget-browser: " << window->failure_ << std::endl;
+  std::cerr << "widget-browser: " << RefusalLines::cut(window->failure_)
+            << std::endl;
   return FALSE;  // WebKit's own error page says the same in the view
 }
 

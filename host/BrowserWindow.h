@@ -10,11 +10,13 @@
 #include <webkit2/webkit2.h>
 
 #include <chrono>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include <widgetengine/WebWidgetEngineDelegate.h>
 
+#include "host/PageRequests.h"
 #include "host/ResourceMapper.h"
 #include "host/WidgetScheme.h"
 
@@ -76,6 +78,7 @@ class BrowserWindow {
   void refuseNavigation(WebKitPolicyDecision* decision, const std::string& url,
                         const char* why, bool loadStarted);
   void loadFinished();
+  void keepWidgetShown(const std::string& committed);
   void waitFor(const std::string& selector);
   void afterFacts();
   void finish(int status);
@@ -114,6 +117,8 @@ class BrowserWindow {
   bool finished_ = false;
   int status_ = 0;
   guint timeout_ = 0;
+  std::string widgetShown_;      // the widget's document shown last
+  std::unique_ptr<PageRequests> requests_;  // dialogs and permissions
 };
 
 #endif  // WIDGETENGINE_HOST_BROWSERWINDOW_H_

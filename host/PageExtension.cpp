@@ -12,10 +12,10 @@
 // (WidgetScheme.cpp), so nothing is rewritten here.
 #include <webkit2/webkit-web-extension.h>
 
-#include <iostream>
 #include <string>
 
 #include "host/AccessPolicy.h"
+#include "host/RefusalLines.h"
 
 namespace {
 
@@ -24,13 +24,26 @@ namespace {
 std::string* shownWidget = nullptr;
 AccessPolicy* policy = nullptr;
 
-gboolean onSendRequest(WebKitWebPage*, WebKitURIRequest* request,
+// The browser writes the line, with its own, under one limit; it is cut
+// here, so that a flood does not cross over either.
+void refuse(WebKitWebPage* page, const std::string& what,
+            const std::string& address, const std::string& why = "") {
+  char* valid = g_utf8_make_valid(
+      RefusalLines::line(what, address, why).c_str(), -1);
+  webkit_web_page_send_message_to_view(
+      page,
+      webkit_user_message_new(RefusalLines::kMessage,
+                              g_variant_new_take_string(valid)),
+      nullptr, nullptr, nullptr);
+}
+
+gboolean onSendRequest(WebKitWebPage* page, WebKitURIRequest* request,
                        WebKitURIResponse*, gpointer) {
   const char* uri = webkit_uri_request_get_uri(request);
   if (uri == nullptr || shownWidget == nullptr) return FALSE;
   const std::string why = policy->refusal(*shownWidget, uri, false);
   if (why.empty()) return FALSE;
-  std::cerr << "widget-browser: refused " << uri << ": " << why << std::endl;
+  refuse(page, "refused", uri, why);
   return TRUE;  // cancels the request
 }
 
@@ -39,14 +52,14 @@ gboolean onSendRequest(WebKitWebPage*, WebKitURIRequest* request,
 // Content-Security-Policy leaves out), it says only on the page's console:
 // a widget's security messages are passed on, so that every refusal leaves
 // a line.
-void onConsoleMessage(WebKitWebPage*, WebKitConsoleMessage* message, gpointer) {
+void onConsoleMessage(WebKitWebPage* page, WebKitConsoleMessage* message,
+                      gpointer) {
   if (shownWidget == nullptr || shownWidget->empty() ||
       webkit_console_message_get_source(message) !=
           WEBKIT_CONSOLE_MESSAGE_SOURCE_SECURITY)
     return;
   const char* text = webkit_console_message_get_text(message);
-  std::cerr << "widget-browser: refused by WebKit: " << (text ? text : "")
-            << std::endl;
+  refuse(page, "refused by WebKit:", text ? text : "");
 }
 
 void onPageCreated(WebKitWebExtension*, WebKitWebPage* page, gpointer) {

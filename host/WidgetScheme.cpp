@@ -9,7 +9,10 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <iostream>
+#include <memory>
+
+#include "host/FileStream.h"
+#include "host/RefusalLines.h"
 
 namespace {
 
@@ -128,6 +131,47 @@ std::string requestPath(const std::string& url, std::string* why) {
   return path;
 }
 
+// Answers request with the bytes of stream, whose reference it takes.
+void respond(WebKitURISchemeRequest* request, GInputStream* stream,
+             goffset size, const std::string& type, const std::string& csp) {
+  WebKitURISchemeResponse* response =
+      webkit_uri_scheme_response_new(stream, size);
+  SoupMessageHeaders* headers =
+      soup_message_headers_new(SOUP_MESSAGE_HEADERS_RESPONSE);
+  soup_message_headers_append(headers, "Content-Security-Policy", csp.c_str());
+  soup_message_headers_append(headers, "X-Content-Type-Options", "nosniff");
+  // The headers replace everything set before them, the media type among
+  // it; without one, nosniff would refuse every script and stylesheet.
+  soup_message_headers_append(headers, "Content-Type", type.c_str());
+  webkit_uri_scheme_response_set_http_headers(response, headers);
+  webkit_uri_scheme_response_set_content_type(response, type.c_str());
+  webkit_uri_scheme_request_finish_with_response(request, response);
+  g_object_unref(response);
+  g_object_unref(stream);
+}
+
+// A name is its own authority when a Content-Security-Policy can name it
+// as a host source and a URL parser keeps it as it is: dot-separated labels
+// of lower-case letters, digits and "-", each beginning and ending with a
+// letter or digit. The hexadecimal form begins with "x-", which no plain
+// name may, so the two never meet.
+bool plainAuthority(const std::string& name) {
+  if (name.empty() || startsWith(name, "x-")) return false;
+  size_t labelStart = 0;
+  for (size_t i = 0; i <= name.size(); ++i) {
+    if (i == name.size() || name[i] == '.') {
+      if (i == labelStart || name[labelStart] == '-' || name[i - 1] == '-')
+        return false;
+      labelStart = i + 1;
+      continue;
+    }
+    const char c = name[i];
+    if (!((c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-'))
+      return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 const char WidgetScheme::kScheme[] = "widget";
@@ -140,12 +184,7 @@ void WidgetScheme::registerWith(WebKitWebContext* context) {
 }
 
 std::string WidgetScheme::authorityFor(const std::string& name) {
-  bool plain =
-      !name.empty() && g_ascii_isalnum(name[0]) && !startsWith(name, "x-");
-  for (char c : name)
-    plain = plain && ((c >= 'a' && c <= 'z') || g_ascii_isdigit(c) ||
-                      c == '-' || c == '.' || c == '_');
-  if (plain) return name;
+  if (plainAuthority(name)) return name;
   static const char kHex[] = "0123456789abcdef";
   std::string out = "x-";
   for (unsigned char c : name) {
@@ -284,27 +323,35 @@ void WidgetScheme::serve(WebKitURISchemeRequest* request) const {
     }
   }
   if (fd < 0) {
-    std::cerr << "widget-browser: refused " << url << ": " << why << std::endl;
+    RefusalLines::say("refused", url, why);
     GError* error = g_error_new(G_IO_ERROR, G_IO_ERROR_PERMISSION_DENIED,
                                 "%s: %s", url.c_str(), why.c_str());
     webkit_uri_scheme_request_finish_error(request, error);
     g_error_free(error);
     return;
   }
-  GInputStream* stream = g_unix_input_stream_new(fd, TRUE);
-  WebKitURISchemeResponse* response =
-      webkit_uri_scheme_response_new(stream, info.st_size);
   const std::string type = mediaType(path);
-  SoupMessageHeaders* headers =
-      soup_message_headers_new(SOUP_MESSAGE_HEADERS_RESPONSE);
-  soup_message_headers_append(headers, "Content-Security-Policy", csp_.c_str());
-  soup_message_headers_append(headers, "X-Content-Type-Options", "nosniff");
-  // The headers replace everything set before them, the media type among
-  // it; without one, nosniff would refuse every script and stylesheet.
-  soup_message_headers_append(headers, "Content-Type", type.c_str());
-  webkit_uri_scheme_response_set_http_headers(response, headers);
-  webkit_uri_scheme_response_set_content_type(response, type.c_str());
-  webkit_uri_scheme_request_finish_with_response(request, response);
-  g_object_unref(response);
-  g_object_unref(stream);
+  if (info.st_size < FileStream::kLargeFile) {
+    respond(request, g_unix_input_stream_new(fd, TRUE), info.st_size, type,
+            csp_);
+    return;
+  }
+  // A large file waits for its turn; the request, and all it is answered
+  // with, is kept until then.
+  struct Waiting {
+    WebKitURISchemeRequest* request;
+    int fd;
+    goffset size;
+    std::string type;
+    std::string csp;
+  };
+  FileStream::whenFree(
+      [](void* data) {
+        std::unique_ptr<Waiting> waiting(static_cast<Waiting*>(data));
+        respond(waiting->request, FileStream::create(waiting->fd),
+                waiting->size, waiting->type, waiting->csp);
+        g_object_unref(waiting->request);
+      },
+      new Waiting{WEBKIT_URI_SCHEME_REQUEST(g_object_ref(request)), fd,
+                  info.st_size, type, csp_});
 }

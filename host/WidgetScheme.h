@@ -37,8 +37,10 @@ class WidgetScheme {
   const AccessPolicy& policy() const { return policy_; }
   std::string contentSecurityPolicy() const;
 
-  // The authority of a widget's name: the name itself when it is a plain
-  // lower-case host name, else "x-" and its bytes in hexadecimal.
+  // The authority of a widget's name, a valid host source of a
+  // Content-Security-Policy and never another name's: the name itself when
+  // it is a plain lower-case host name ("clock", "my-clock.v2"), else "x-"
+  // and its bytes in hexadecimal ("My_Clock", "x-y", "a..b").
   static std::string authorityFor(const std::string& name);
 
   // The widget:// address of a file:// address (in the engine's form) inside

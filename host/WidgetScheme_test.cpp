@@ -8,7 +8,9 @@
 #include <unistd.h>
 #include <widgetengine/WidgetEngineDelegate.h>
 
+#include <map>
 #include <string>
+#include <vector>
 
 #include "testing/TempDir.h"
 #include "testing/WidgetSandbox.h"
@@ -111,15 +113,69 @@ TEST_F(WidgetSchemeTest, AddressesBetweenFileAndWidgetForms) {
 
 TEST_F(WidgetSchemeTest, AuthoritiesOfNames) {
   EXPECT_EQ("clock", WidgetScheme::authorityFor("clock"));
-  EXPECT_EQ("sample-clock.v2_1",
+  EXPECT_EQ("sample-clock.v2", WidgetScheme::authorityFor("sample-clock.v2"));
+  EXPECT_EQ("2024", WidgetScheme::authorityFor("2024"));
+  EXPECT_EQ("a-b.c-d", WidgetScheme::authorityFor("a-b.c-d"));
+  // Anything a Content-Security-Policy cannot name as a host as it is, and
+  // the hexadecimal form's own prefix, is written in hexadecimal.
+  EXPECT_EQ("x-615f62", WidgetScheme::authorityFor("a_b"));
+  EXPECT_EQ("x-73616d706c652d636c6f636b2e76325f31",
             WidgetScheme::authorityFor("sample-clock.v2_1"));
-  // Anything a host name cannot hold as it is, and the encoded form's own
-  // prefix, is written in hexadecimal: two names never share an authority.
   EXPECT_EQ("x-436c6f636b", WidgetScheme::authorityFor("Clock"));
   EXPECT_EQ("x-612062", WidgetScheme::authorityFor("a b"));
   EXPECT_EQ("x-782d31", WidgetScheme::authorityFor("x-1"));
   EXPECT_EQ("x-2e2e", WidgetScheme::authorityFor(".."));
+  EXPECT_EQ("x-2e61", WidgetScheme::authorityFor(".a"));
+  EXPECT_EQ("x-612e", WidgetScheme::authorityFor("a."));
+  EXPECT_EQ("x-612e2e62", WidgetScheme::authorityFor("a..b"));
+  EXPECT_EQ("x-2d61", WidgetScheme::authorityFor("-a"));
+  EXPECT_EQ("x-612d", WidgetScheme::authorityFor("a-"));
+  EXPECT_EQ("x-612d2e62", WidgetScheme::authorityFor("a-.b"));
+  EXPECT_EQ("x-c3a9", WidgetScheme::authorityFor("\xc3\xa9"));
   EXPECT_EQ("x-", WidgetScheme::authorityFor(""));
+}
+
+// Every authority is a host source of a Content-Security-Policy: labels of
+// [a-z0-9-] that begin and end with a letter or digit.
+TEST_F(WidgetSchemeTest, EveryAuthorityIsAHostSource) {
+  const std::vector<std::string> names = {
+      "clock", "a_b", "A", "x-", "x-6162", "ab", "a.b", "-", ".", "a..b",
+      "\x01", "%41", "a/b", "a:1", "*", "\xff\xfe", std::string(300, 'z')};
+  for (const std::string& name : names) {
+    const std::string authority = WidgetScheme::authorityFor(name);
+    ASSERT_FALSE(authority.empty()) << name;
+    size_t labelStart = 0;
+    for (size_t i = 0; i <= authority.size(); ++i) {
+      if (i == authority.size() || authority[i] == '.') {
+        ASSERT_LT(labelStart, i) << authority;
+        EXPECT_NE('-', authority[labelStart]) << authority;
+        EXPECT_NE('-', authority[i - 1]) << authority;
+        labelStart = i + 1;
+      } else {
+        const char c = authority[i];
+        EXPECT_TRUE((c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
+                    c == '-')
+            << authority;
+      }
+    }
+  }
+}
+
+// No name takes another's authority, the hexadecimal forms included: a
+// widget named "x-6162" is not "ab", nor a widget named by ab's hexadecimal
+// form another that looks like it.
+TEST_F(WidgetSchemeTest, NoTwoNamesShareAnAuthority) {
+  const std::vector<std::string> names = {
+      "ab", "x-6162", "a_b", "x-615f62", "A_B", "x-415f42", "Ab", "x-4162",
+      "x-", "", "x", "x-x", "x-782d", "clock", "Clock", "x-436c6f636b",
+      "a.b", "a-b", "a b", "x-612062"};
+  std::map<std::string, std::string> seen;
+  for (const std::string& name : names) {
+    const auto added = seen.emplace(WidgetScheme::authorityFor(name), name);
+    EXPECT_TRUE(added.second)
+        << name << " and " << added.first->second << " share "
+        << added.first->first;
+  }
 }
 
 TEST_F(WidgetSchemeTest, PolicyComesFromTheWidgetsConfigDocument) {

@@ -31,6 +31,7 @@
 
 #include "host/BrowserWindow.h"
 #include "host/OutputCapture.h"
+#include "host/RefusalLines.h"
 #include "host/ResourceMapper.h"
 
 #ifndef WIDGET_BROWSER_EXTENSION_DIR
@@ -123,6 +124,22 @@ std::string extensionDirectory(const char* argv0) {
 bool envFlag(const char* name) {
   const char* value = getenv(name);
   return value != nullptr && *value != '\0' && strcmp(value, "0") != 0;
+}
+
+// A measuring switch: the most memory the browser held resident, as the
+// kernel counted it ("peak-memory-kib: N").
+void printPeakMemory() {
+  FILE* status = fopen("/proc/self/status", "re");
+  if (status == nullptr) return;
+  char line[256];
+  while (fgets(line, sizeof line, status) != nullptr) {
+    unsigned long kib = 0;
+    if (sscanf(line, "VmHWM: %lu kB", &kib) == 1) {
+      printf("peak-memory-kib: %lu\n", kib);
+      fflush(stdout);
+    }
+  }
+  fclose(status);
 }
 
 }  // namespace
@@ -255,5 +272,8 @@ int main(int argc, char** argv) {
       free(launch);
     }
   }
-  return window.run();
+  const int status = window.run();
+  RefusalLines::flush();
+  if (envFlag("WIDGET_BROWSER_PEAK_MEMORY")) printPeakMemory();
+  return status;
 }
