@@ -68,11 +68,9 @@ bool ours(const struct shmid_ds& status) {
          status.shm_segsz == ChangeCounter::kSegmentSize;
 }
 
-}  // namespace
-
 // Takes a hold on the segment (see Segment); false when it is being
 // removed.
-static bool hold(uint32_t* state) {
+bool hold(uint32_t* state) {
   uint32_t seen = __atomic_load_n(state, __ATOMIC_ACQUIRE);
   for (;;) {
     if (seen & kDead) return false;
@@ -85,7 +83,7 @@ static bool hold(uint32_t* state) {
 
 // Removes the segment id, which the caller has attached at state, when no
 // other process is attached to it. True when it was removed.
-static bool removeIfAlone(int id, uint32_t* state) {
+bool removeIfAlone(int id, uint32_t* state) {
   // Read before shm_nattch: see Segment for why this order matters.
   uint32_t seen = __atomic_load_n(state, __ATOMIC_ACQUIRE);
   if (!(seen & kDead)) {
@@ -98,6 +96,22 @@ static bool removeIfAlone(int id, uint32_t* state) {
   }
   return shmctl(id, IPC_RMID, nullptr) == 0 || errno == EINVAL || errno == EIDRM;
 }
+
+// Whether the segment still counts for a file that exists under the name
+// it keeps, with the device and inode it was made for.
+bool fileStillThere(const Segment& segment) {
+  if (__atomic_load_n(&segment.format, __ATOMIC_ACQUIRE) != kReady) return false;
+  const dev_t device = static_cast<dev_t>(segment.device);
+  const ino_t inode = static_cast<ino_t>(segment.inode);
+  const size_t length = strnlen(segment.path, sizeof segment.path);
+  if (length == 0 || length == sizeof segment.path) return false;
+  const std::string path(segment.path, length);
+  struct stat status;
+  return stat(path.c_str(), &status) == 0 && status.st_dev == device &&
+         status.st_ino == inode;
+}
+
+}  // namespace
 
 // A hash of the file's identity, written out byte by byte so that processes
 // of any word size and byte order compute the same one.
@@ -226,25 +240,6 @@ bool ChangeCounter::revalidate() {
   return false;
 }
 
-namespace {
-
-// Whether the segment still counts for a file that exists under the name
-// it keeps, with the device and inode it was made for.
-bool fileStillThere(const Segment& segment, key_t key) {
-  if (__atomic_load_n(&segment.format, __ATOMIC_ACQUIRE) != kReady) return false;
-  const dev_t device = static_cast<dev_t>(segment.device);
-  const ino_t inode = static_cast<ino_t>(segment.inode);
-  if (ChangeCounter::keyOf(device, inode) != key) return false;
-  const size_t length = strnlen(segment.path, sizeof segment.path);
-  if (length == 0 || length == sizeof segment.path) return false;
-  const std::string path(segment.path, length);
-  struct stat status;
-  return stat(path.c_str(), &status) == 0 && status.st_dev == device &&
-         status.st_ino == inode;
-}
-
-}  // namespace
-
 int ChangeCounter::reclaim() {
   struct shm_info info;
   const int highest = shmctl(0, SHM_INFO, reinterpret_cast<struct shmid_ds*>(&info));
@@ -265,7 +260,7 @@ int ChangeCounter::reclaim() {
     // Whatever it says, the segment is removed only if no process attached
     // it meanwhile (removeIfAlone), so a wrong answer here costs a counter
     // nobody uses, never one in use.
-    if (!fileStillThere(*segment, status.shm_perm.__key) &&
+    if (!fileStillThere(*segment) &&
         removeIfAlone(id, &segment->state)) {
       ++removed;
     }
