@@ -2,8 +2,8 @@
 #include "install/Downloader.h"
 
 #include <curl/curl.h>
-#include <strings.h>
 #include <fcntl.h>
+#include <strings.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
@@ -211,8 +211,8 @@ bool localFileHost(const std::string& host) {
 }
 
 void sayOtherHost(const std::string& url, const std::string& host) {
-  engineOut() << "Refusing to download " << url << ": a file address names no host but localhost"
-              << std::endl;
+  engineOut() << "Refusing to download " << url
+              << ": a file address names no host but localhost" << std::endl;
   engineOut() << "Could not download file" << std::endl;
   refusal::note(WIDGETENGINE_REFUSAL_ADDRESS,
                 "the file address " + url + " names the host " + host +

@@ -327,12 +327,14 @@ TEST_F(RegistryTest, EveryCommitIsSeenAtOnceWhileAnotherProcessAttachesAndLetsGo
   for (int round = 0; round < kRounds; ++round) {
     SqlLite3 reader;
     std::string name;
-    const std::string before = "file:///widgets/widget_w" + std::to_string(round - 1) + "/index.html";
+    const std::string before =
+        "file:///widgets/widget_w" + std::to_string(round - 1) + "/index.html";
     ASSERT_EQ(round > 0 ? 1 : 0, reader.getNameByLaunchURL(before, name)) << round;
     char c = 'x';
     ASSERT_EQ(1, write(go[1], &c, 1));
     ASSERT_EQ(1, read(done[0], &c, 1));
-    const std::string after = "file:///widgets/widget_w" + std::to_string(round) + "/index.html";
+    const std::string after =
+        "file:///widgets/widget_w" + std::to_string(round) + "/index.html";
     if (reader.getNameByLaunchURL(after, name) == 1) continue;
     ++stale;
     int lookups = 1;
