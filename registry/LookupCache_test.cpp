@@ -304,7 +304,7 @@ TEST_F(RegistryTest, EveryCommitIsSeenAtOnceWhileAnotherProcessAttachesAndLetsGo
   int go[2], done[2];
   ASSERT_EQ(0, pipe(go));
   ASSERT_EQ(0, pipe(done));
-  const int kRounds = registrytest::raceRounds(1500);
+  const int kRounds = registrytest::raceRounds(1000);
   pid_t pid = fork();
   if (pid == 0) {
     close(go[1]);
