@@ -260,10 +260,7 @@ int ChangeCounter::reclaim() {
     // Whatever it says, the segment is removed only if no process attached
     // it meanwhile (removeIfAlone), so a wrong answer here costs a counter
     // nobody uses, never one in use.
-    if (!fileStillThere(*segment) &&
-        removeIfAlone(id, &segment->state)) {
-      ++removed;
-    }
+    if (!fileStillThere(*segment) && removeIfAlone(id, &segment->state)) ++removed;
     shmdt(memory);
   }
   return removed;

@@ -20,8 +20,8 @@
 
 class ChangeCounter {
  public:
-  // A segment's size: one page, what the kernel gives any segment anyway,
-  // so that the registry's path fits beside the counter.
+  // A segment's size: no more memory than the kernel gives any segment (a
+  // page at least), and room for the registry's path beside the counter.
   static constexpr size_t kSegmentSize = 4096;
 
   ChangeCounter();
