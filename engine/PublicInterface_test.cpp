@@ -272,6 +272,7 @@ TEST_F(PublicInterfaceTest, LibraryExportsOnlyTheEngineInterface) {
       "SqlLite3::databasePath[abi:cxx11]",
       "SqlLite3::isOpen",
       "SqlLite3::lastError[abi:cxx11]",
+      "SqlLite3::reclaimCounters",
       "SqlLite3::selectAllWidgets",
       "SqlLite3::~SqlLite3",
       "TrustedPath::directory",

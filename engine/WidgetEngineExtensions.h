@@ -75,8 +75,10 @@ WIDGETENGINE_EXPORT void widgetengine_set_log_sink(widgetengine_log_sink sink,
 #define WIDGETENGINE_REFUSAL_REMOVE_FAILED 18  /* the widget could not go */
 #define WIDGETENGINE_REFUSAL_INTERNAL 19       /* anything else */
 #define WIDGETENGINE_REFUSAL_ADDRESS 20        /* a protocol other than http,
-                                                  https, file; or a name the
-                                                  launch URL cannot carry */
+                                                  https, file; a file address
+                                                  of a host but localhost; or
+                                                  a name the launch URL
+                                                  cannot carry */
 #define WIDGETENGINE_REFUSAL_UNTRUSTED 21      /* a directory or file that
                                                   another user owns or can
                                                   write, or a link of theirs

@@ -3,6 +3,7 @@
 
 #include <curl/curl.h>
 #include <fcntl.h>
+#include <strings.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
@@ -192,6 +193,32 @@ void sayRefused(const std::string& url, const std::string& scheme) {
                 "https or file");
 }
 
+// The host a file address names, when url is one ("file://HOST/..."):
+// true, with host set ("" for "file:///..."). A file address reaches this
+// machine's files only; another host would be a share on some other
+// machine, and "127.0.0.1" one more way to spell this one.
+bool fileHostOf(const std::string& url, std::string* host) {
+  static const char kFile[] = "file://";
+  const size_t prefix = sizeof kFile - 1;
+  if (url.size() < prefix || strncasecmp(url.c_str(), kFile, prefix) != 0) return false;
+  const size_t end = url.find_first_of("/?#", prefix);
+  host->assign(url, prefix, (end == std::string::npos ? url.size() : end) - prefix);
+  return true;
+}
+
+bool localFileHost(const std::string& host) {
+  return host.empty() || strcasecmp(host.c_str(), "localhost") == 0;
+}
+
+void sayOtherHost(const std::string& url, const std::string& host) {
+  engineOut() << "Refusing to download " << url
+              << ": a file address names no host but localhost" << std::endl;
+  engineOut() << "Could not download file" << std::endl;
+  refusal::note(WIDGETENGINE_REFUSAL_ADDRESS,
+                "the file address " + url + " names the host " + host +
+                    "; a file address names no host but localhost");
+}
+
 int reportProgress(void*, curl_off_t total, curl_off_t done, curl_off_t,
                    curl_off_t) {
   progress::report(WIDGETENGINE_PROGRESS_DOWNLOAD, static_cast<uint64_t>(done),
@@ -249,6 +276,11 @@ int Downloader::download() {
   const std::string scheme = schemeOf(url);
   if (!scheme.empty() && !allowedScheme(scheme)) {
     sayRefused(url, scheme);
+    return -1;
+  }
+  std::string host;
+  if (fileHostOf(url, &host) && !localFileHost(host)) {
+    sayOtherHost(url, host);
     return -1;
   }
   // The stdio buffer must outlive the FILE, which is closed before return.

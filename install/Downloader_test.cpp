@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
+#include <widgetengine/WidgetEngineExtensions.h>
 
 #include <atomic>
 #include <cstdint>
@@ -13,6 +14,7 @@
 #include <thread>
 #include <string>
 
+#include "base/Refusal.h"
 #include "testing/CaptureStdout.h"
 #include "testing/HttpServer.h"
 #include "testing/Listener.h"
@@ -399,6 +401,30 @@ TEST_F(DownloaderTest, RedirectToAnotherProtocolReachesNothing) {
                         "moved");
   EXPECT_TRUE(stores(server->url("/moved.wgt"), "moved"));
   EXPECT_EQ(0, listener.connections());
+}
+
+TEST_F(DownloaderTest, FileAddressOfAnotherHostIsRefusedWithItsReason) {
+  // The file exists here, so that only the host can be why it is refused.
+  const std::string package = dir.file("local.wgt");
+  TempDir::writeFile(package, "local package");
+  for (const char* host : {"otherhost", "127.0.0.1", "localhost.example", "user@localhost",
+                           "localhost:80", "%6cocalhost"}) {
+    const std::string url = std::string("file://") + host + package;
+    refusal::begin();
+    EXPECT_TRUE(failsToDownload(
+        url, "Refusing to download " + url + ": a file address names no host but localhost\n"));
+    EXPECT_EQ(WIDGETENGINE_REFUSAL_ADDRESS, refusal::code()) << url;
+    EXPECT_EQ("the file address " + url + " names the host " + host +
+                  "; a file address names no host but localhost",
+              refusal::reason());
+  }
+}
+
+TEST_F(DownloaderTest, FileAddressOfNoHostOrLocalhostIsFetched) {
+  TempDir::writeFile(dir.file("local.wgt"), "local package");
+  for (const char* prefix : {"file://", "file://localhost", "FILE://LocalHost", "File://"}) {
+    EXPECT_TRUE(stores(prefix + dir.file("local.wgt"), "local package")) << prefix;
+  }
 }
 
 TEST_F(DownloaderTest, LocalFileIsStillFetched) {

@@ -7,15 +7,23 @@
 // nothing another process does to the registry file can make reading it
 // fault, as reading a mapping of the file itself would after a truncation.
 // A segment that another user owns, or that others may write, is not used.
+// The segment also says which file it counts for, so that one left behind
+// by a killed process is removed once that file is gone (see reclaim()).
 #ifndef WIDGETENGINE_CHANGECOUNTER_H_
 #define WIDGETENGINE_CHANGECOUNTER_H_
 
 #include <sys/types.h>
 
+#include <cstddef>
 #include <cstdint>
+#include <string>
 
 class ChangeCounter {
  public:
+  // A segment's size: no more memory than the kernel gives any segment (a
+  // page at least), and room for the registry's path beside the counter.
+  static constexpr size_t kSegmentSize = 4096;
+
   ChangeCounter();
   ~ChangeCounter();
 
@@ -23,9 +31,11 @@ class ChangeCounter {
   ChangeCounter& operator=(const ChangeCounter&) = delete;
 
   // Attaches the counter of the file with this device and inode, making it
-  // when no process has it yet. False when there is none that can be
-  // trusted; the lookups then read the file's header every time.
-  bool attach(dev_t device, ino_t inode);
+  // when no process has it yet; path is the file's name, kept in the
+  // segment for reclaim(). False when there is none that can be trusted;
+  // the lookups then read the file's header every time. The first call of
+  // a process reclaims what killed processes left first.
+  bool attach(dev_t device, ino_t inode, const std::string& path);
 
   // Detaches; the last process to let go of a counter removes it.
   void detach();
@@ -43,19 +53,30 @@ class ChangeCounter {
   }
 
   // Whether the attached segment is still the one that the file's name
-  // gives; re-attaches when not (a process that left last removed it while
-  // this one was attaching). False when the counter cannot be used now.
+  // gives; re-attaches when not (someone removed it from outside the
+  // engine). False when the counter cannot be used now.
   bool revalidate();
+
+  // Removes the counters of this user that no process has attached and
+  // whose registry file is gone (or is another file now): what a process
+  // killed while attached leaves behind. Never looks at another user's
+  // segments. The number removed.
+  static int reclaim();
 
   // The System V key of a file's counter.
   static key_t keyOf(dev_t device, ino_t inode);
 
  private:
+  // Attaches and holds the segment under key_, once.
+  enum Outcome { kHeld, kRetry, kRefused };
+  Outcome tryAttach(const std::string& path);
+
   key_t key_;
   int id_;
   uint32_t* value_;
   dev_t device_;
   ino_t inode_;
+  std::string path_;
 };
 
 #endif  // WIDGETENGINE_CHANGECOUNTER_H_

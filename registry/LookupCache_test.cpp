@@ -292,6 +292,72 @@ TEST_F(RegistryTest, ChangesOfAnotherProcessAreSeenAtTheNextLookup) {
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
 }
 
+TEST_F(RegistryTest, EveryCommitIsSeenAtOnceWhileAnotherProcessAttachesAndLetsGo) {
+  // Reader and writer each attach the counter anew in every round, while a
+  // third process takes it and lets it go without end, so that it is
+  // removed and made again under them all the time. A lookup after each
+  // commit must see it: the count of those that did not is the result, and
+  // for each of them, how many more lookups it took.
+  { SqlLite3 create; }
+  registrytest::CounterChurn racer(dbPath());
+  ASSERT_TRUE(racer.running());
+  int go[2], done[2];
+  ASSERT_EQ(0, pipe(go));
+  ASSERT_EQ(0, pipe(done));
+  const int kRounds = registrytest::raceRounds(1000);
+  pid_t pid = fork();
+  if (pid == 0) {
+    close(go[1]);
+    close(done[0]);
+    char c;
+    for (int round = 0; round < kRounds; ++round) {
+      if (read(go[0], &c, 1) != 1) _exit(1);
+      {
+        SqlLite3 writer;
+        changeRound(writer, round);
+      }
+      if (write(done[1], &c, 1) != 1) _exit(1);
+    }
+    _exit(0);
+  }
+  close(go[0]);
+  close(done[1]);
+  int stale = 0;
+  std::vector<int> lags;
+  for (int round = 0; round < kRounds; ++round) {
+    SqlLite3 reader;
+    std::string name;
+    const std::string before =
+        "file:///widgets/widget_w" + std::to_string(round - 1) + "/index.html";
+    ASSERT_EQ(round > 0 ? 1 : 0, reader.getNameByLaunchURL(before, name)) << round;
+    char c = 'x';
+    ASSERT_EQ(1, write(go[1], &c, 1));
+    ASSERT_EQ(1, read(done[0], &c, 1));
+    const std::string after =
+        "file:///widgets/widget_w" + std::to_string(round) + "/index.html";
+    if (reader.getNameByLaunchURL(after, name) == 1) continue;
+    ++stale;
+    int lookups = 1;
+    while (reader.getNameByLaunchURL(after, name) != 1 && lookups < 300) {
+      ++lookups;
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    lags.push_back(lookups);
+  }
+  close(go[1]);
+  close(done[0]);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  EXPECT_TRUE(racer.stop());
+  std::string seen;
+  for (int lookups : lags) seen += " " + std::to_string(lookups);
+  EXPECT_EQ(0, stale) << "commits of " << kRounds
+                      << " seen late; lookups until seen:" << seen;
+  ASSERT_EQ(0, unlink(dbPath().c_str()));
+  ChangeCounter::reclaim();
+}
+
 TEST_F(RegistryTest, LookupWhileAnotherProcessHoldsTheLockAfterAChangeFindsNothing) {
   SqlLite3 reader;
   std::string name;
@@ -451,7 +517,8 @@ TEST_F(RegistryTest, ACounterOthersMayWriteLeavesEveryLookupReadingTheFile) {
   struct stat status;
   ASSERT_EQ(0, stat(dbPath().c_str(), &status));
   const int planted = shmget(ChangeCounter::keyOf(status.st_dev, status.st_ino),
-                             64, IPC_CREAT | IPC_EXCL | 0666);
+                             ChangeCounter::kSegmentSize,
+                             IPC_CREAT | IPC_EXCL | 0666);
   ASSERT_GE(planted, 0);
   installSome(2);
   SqlLite3 db;

@@ -49,6 +49,8 @@ time_t SqlLite3::followReplacedFile() {
   return now;
 }
 
+int SqlLite3::reclaimCounters() { return ChangeCounter::reclaim(); }
+
 bool SqlLite3::reopen() {
   if (impl->opened) return true;
   // At most once a second: a lookup on every resource load would otherwise

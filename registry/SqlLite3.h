@@ -36,6 +36,10 @@ class SqlLite3 {
   // The working directory of the process when the library was loaded.
   static const std::string& startDirectory();
 
+  // Removes the shared change counters that killed processes of this user
+  // left for registries that are gone; the number removed.
+  WIDGETENGINE_TOOLS_EXPORT static int reclaimCounters();
+
   WIDGETENGINE_TOOLS_EXPORT bool isOpen();
   // Tries again to open a registry that could not be opened (missing,
   // locked, unreadable at the time); true when it is open now.

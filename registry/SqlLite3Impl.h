@@ -189,7 +189,7 @@ struct SqlLite3::Impl {
   ChangeCounter* sharedCounter() {
     if (!counterTried && fileInode != 0) {
       counterTried = true;
-      counter.attach(fileDevice, fileInode);
+      counter.attach(fileDevice, fileInode, databasePath);
     }
     return &counter;
   }

@@ -76,12 +76,28 @@ const char kRefusalLines[] =
     "Nothing to clean\n";
 
 TEST_F(LogControlTest, UnsetOrStdoutIsStandardOutput) {
-  for (const char* log : {static_cast<const char*>(nullptr), "stdout", "nonsense"}) {
+  for (const char* log : {static_cast<const char*>(nullptr), "stdout", ""}) {
     SCOPED_TRACE(log ? log : "(unset)");
     runDriver(log, missing(), out(), err());
     EXPECT_EQ(std::string(kRefusalLines) + "null\n", readFile(out()));
     EXPECT_EQ("", readFile(err()));
   }
+}
+
+TEST_F(LogControlTest, AnUnknownValueIsNamedOnceAndTheLinesStayOnStandardOutput) {
+  runDriver("sterr", missing(), out(), err());
+  EXPECT_EQ(std::string(kRefusalLines) + "null\n", readFile(out()));
+  EXPECT_EQ("widgetengine: WIDGETENGINE_LOG=sterr is not one of stdout, stderr, "
+            "syslog, quiet; using stdout\n",
+            readFile(err()));
+
+  // Shown cut, and without the bytes that would move a terminal's cursor.
+  const std::string hostile = "\x1b[2J" + std::string(100, 'x');
+  runDriver(hostile.c_str(), missing(), out(), err());
+  EXPECT_EQ(std::string(kRefusalLines) + "null\n", readFile(out()));
+  EXPECT_EQ("widgetengine: WIDGETENGINE_LOG=?[2J" + std::string(60, 'x') +
+                "... is not one of stdout, stderr, syslog, quiet; using stdout\n",
+            readFile(err()));
 }
 
 TEST_F(LogControlTest, StderrTakesTheLinesAway) {

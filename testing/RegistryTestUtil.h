@@ -7,6 +7,8 @@
 
 #include <gtest/gtest.h>
 #include <sqlite3.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -16,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "registry/ChangeCounter.h"
 #include "registry/SqlLite3.h"
 #include "registry/WidgetsData.h"
 #include "testing/ScopedEnv.h"
@@ -178,6 +181,66 @@ class ExclusiveLock {
   pid_t pid_ = -1;
   int release_[2] = {-1, -1};
   bool held_ = false;
+};
+
+// Rounds of a race test: fewer where every system call is emulated or
+// checked, so that the test takes about as long everywhere.
+inline int raceRounds(int native) {
+#if defined(WIDGETENGINE_TEST_EMULATED)
+  return native / 10;
+#elif defined(__SANITIZE_ADDRESS__)
+  return native / 3;
+#else
+  return native;
+#endif
+}
+
+// A child process that attaches the change counter of the file at path and
+// lets it go again, over and over, from construction until destruction: the
+// counter is removed and made anew all the time.
+class CounterChurn {
+ public:
+  explicit CounterChurn(const std::string& path) {
+    struct stat status;
+    if (stat(path.c_str(), &status) != 0) return;
+    // A flag in memory shared with the child: unlike a pipe, nothing that
+    // the test forks later holds it open.
+    void* memory = mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE,
+                        MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (memory == MAP_FAILED) return;
+    stop_ = static_cast<int*>(memory);
+    pid_ = fork();
+    if (pid_ == 0) {
+      while (!__atomic_load_n(stop_, __ATOMIC_ACQUIRE)) {
+        ChangeCounter counter;
+        counter.attach(status.st_dev, status.st_ino, path);
+      }
+      _exit(0);
+    }
+  }
+  ~CounterChurn() { stop(); }
+  CounterChurn(const CounterChurn&) = delete;
+  CounterChurn& operator=(const CounterChurn&) = delete;
+
+  bool running() const { return pid_ > 0; }
+  // Stops the child; true when it ended by itself.
+  bool stop() {
+    bool ok = false;
+    if (pid_ > 0) {
+      __atomic_store_n(stop_, 1, __ATOMIC_RELEASE);
+      int status = 0;
+      waitpid(pid_, &status, 0);
+      ok = WIFEXITED(status) && WEXITSTATUS(status) == 0;
+      pid_ = -1;
+    }
+    if (stop_) munmap(stop_, sizeof(int));
+    stop_ = nullptr;
+    return ok;
+  }
+
+ private:
+  pid_t pid_ = -1;
+  int* stop_ = nullptr;
 };
 
 }  // namespace registrytest

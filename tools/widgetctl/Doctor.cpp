@@ -105,6 +105,8 @@ bool installationRunning(const std::string& root, const std::string& dirName) {
 
 bool Doctor::run(std::vector<DoctorProblem>& problems,
                  std::vector<std::string>& engineLines) {
+  // What processes killed while using a registry left in shared memory.
+  SqlLite3::reclaimCounters();
   const std::string root = WidgetInstaller::getWidgetBasePath();
   std::string untrusted;
   if (!TrustedPath::directory(root, &untrusted)) {

@@ -109,7 +109,8 @@ const Command kCommands[] = {
      "Usage: widgetctl is-widget URL\n"
      "\n"
      "Prints \"yes\" when URL is exactly the launch URL of an installed widget,\n"
-     "otherwise \"no\" (exit status 1).\n"},
+     "otherwise \"no\" (exit status 1); exit status 3, and no answer, when\n"
+     "the registry cannot be used.\n"},
     {"remove", 1,
      "Usage: widgetctl remove NAME\n"
      "\n"
@@ -360,7 +361,9 @@ int main(int argc, char** argv) {
     return runDoctor(doctorOptions);
   }
 
-  if (name == "list" || name == "info" || name == "remove") {
+  // is-widget's "no" would say that the address is no widget's, which an
+  // unusable registry cannot tell.
+  if (name == "list" || name == "info" || name == "remove" || name == "is-widget") {
     std::string reason;
     if (!registryUsable(&reason)) return finish(kEnvironment, reason);
   }

@@ -6,6 +6,8 @@
 #include <sys/file.h>
 #include <pty.h>
 #include <gtest/gtest.h>
+#include <sys/ipc.h>
+#include <sys/shm.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -22,6 +24,7 @@
 #include <sqlite3.h>
 
 #include "base/Strings.h"
+#include "registry/ChangeCounter.h"
 #include "testing/HttpServer.h"
 #include "testing/Listener.h"
 #include "testing/ManualPage.h"
@@ -460,9 +463,13 @@ TEST_F(WidgetctlTest, PlainPathsBecomeEscapedFileAddresses) {
 }
 
 TEST_F(WidgetctlTest, UnusableRegistryIsTheEnvironmentsFailure) {
-  for (const char* command : {"list", "info", "remove"}) {
+  for (const char* command : {"list", "info", "remove", "is-widget"}) {
     std::vector<std::string> args = {command};
-    if (std::string(command) != "list") args.push_back("clock");
+    if (std::string(command) == "is-widget") {
+      args.push_back("file://" + root + "widget_clock/index.html");
+    } else if (std::string(command) != "list") {
+      args.push_back("clock");
+    }
     Result result = runWith(args, {{"YRA_DATA_PATH", dir.path() + "/no/such/dir/"}});
     EXPECT_EQ(3, result.status) << command << result.err;
     EXPECT_NE(std::string::npos, result.err.find("widgetctl: the registry ")) << result.err;
@@ -593,6 +600,41 @@ TEST_F(WidgetctlTest, DoctorFindsAndRepairsEachKindOfDamage) {
   EXPECT_EQ(0, wiped.status) << wiped.out << wiped.err;
   EXPECT_TRUE(TempDir::exists(root + "widget_keeper/index.html"));
   EXPECT_EQ(0, run({"doctor"}).status);
+}
+
+TEST_F(WidgetctlTest, DoctorRemovesCountersLeftForRegistriesThatAreGone) {
+  // A process killed while it had a registry's change counter attached
+  // leaves the counter behind.
+  TempDir other;
+  const std::string registry = other.file("widget.db");
+  TempDir::writeFile(registry, "");
+  struct stat status;
+  ASSERT_EQ(0, stat(registry.c_str(), &status));
+  pid_t child = fork();
+  if (child == 0) {
+    ChangeCounter counter;
+    counter.attach(status.st_dev, status.st_ino, registry);
+    kill(getpid(), SIGKILL);
+    _exit(1);
+  }
+  int result = 0;
+  waitpid(child, &result, 0);
+  ASSERT_TRUE(WIFSIGNALED(result));
+  const int id = shmget(ChangeCounter::keyOf(status.st_dev, status.st_ino), 0, 0);
+  ASSERT_GE(id, 0);
+  struct shmid_ds segment;
+  ASSERT_EQ(0, shmctl(id, IPC_STAT, &segment));
+  ASSERT_EQ(child, segment.shm_cpid);
+
+  // While the registry is there, the counter stays; once it is gone, doctor
+  // removes it.
+  EXPECT_EQ(0, run({"doctor"}).status);
+  EXPECT_EQ(0, shmctl(id, IPC_STAT, &segment));
+  ASSERT_EQ(0, unlink(registry.c_str()));
+  Result doctor = run({"doctor"});
+  EXPECT_EQ(0, doctor.status) << doctor.out << doctor.err;
+  EXPECT_EQ("registry and disk agree\n", doctor.out);
+  EXPECT_NE(0, shmctl(id, IPC_STAT, &segment));
 }
 
 TEST_F(WidgetctlTest, DoctorRepairsAKilledInstallationOnceWithCleanPaths) {
