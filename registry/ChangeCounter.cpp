@@ -114,9 +114,11 @@ bool fileStillThere(const Segment& segment) {
 }  // namespace
 
 // A hash of the file's identity, written out byte by byte so that processes
-// of any word size and byte order compute the same one.
+// of any word size and byte order compute the same one. The "2" keeps the
+// page-sized counters away from the 64-byte ones of earlier releases, which
+// a process of such a release may still hold for the same file.
 key_t ChangeCounter::keyOf(dev_t device, ino_t inode) {
-  std::string identity = "widgetengine registry counter ";
+  std::string identity = "widgetengine registry counter 2 ";
   for (uint64_t value : {static_cast<uint64_t>(device), static_cast<uint64_t>(inode)}) {
     for (int shift = 0; shift < 64; shift += 8)
       identity.push_back(static_cast<char>((value >> shift) & 0xff));
