@@ -1,0 +1,83 @@
+// SPDX-License-Identifier: Apache-2.0
+// NetworkGate is the one way out to the network for a widget's window: a
+// small HTTP proxy on 127.0.0.1 that WebKit is told to use for everything,
+// which forwards only what the widget's AccessPolicy grants, by exact
+// scheme, host and port, and resolves a host name only once it is granted.
+// It serves its connections on threads of its own and stops with its owner.
+#ifndef WIDGETENGINE_HOST_NETWORKGATE_H_
+#define WIDGETENGINE_HOST_NETWORKGATE_H_
+
+#include <condition_variable>
+#include <functional>
+#include <list>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "host/AccessPolicy.h"
+
+class NetworkGate {
+ public:
+  // Receives each refusal as one line, without its newline. Called from the
+  // gate's threads, one line at a time.
+  using Report = std::function<void(const std::string& line)>;
+
+  // At most this many connections are served at once; more wait in the
+  // listening queue until one ends.
+  static const int kMaxConnections = 64;
+
+  NetworkGate(AccessPolicy policy, Report report);
+  // Closes every connection and waits for their threads.
+  ~NetworkGate();
+
+  NetworkGate(const NetworkGate&) = delete;
+  NetworkGate& operator=(const NetworkGate&) = delete;
+
+  // Listens on 127.0.0.1, on a port the kernel chooses; false (errno set)
+  // when it cannot.
+  bool start();
+  int port() const { return port_; }
+  // "http://127.0.0.1:<port>", the proxy address to give WebKit.
+  std::string address() const;
+
+  // Writes a line to standard error in one write, so that lines of several
+  // threads do not mix.
+  static void reportToStandardError(const std::string& line);
+
+ private:
+  struct Connection {
+    std::thread thread;
+    bool finished = false;
+  };
+
+  void acceptLoop();
+  void serve(int client, Connection* self);
+  // The upstream socket for the request whose head (request line and
+  // header lines, each with its CRLF) the client sent, with early holding
+  // what came after it; -1 once the client has been answered otherwise.
+  int openUpstream(int client, const std::string& head, std::string* early);
+  int openTunnel(int client, const std::string& authority, std::string* early);
+  void answer(int client, const char* status) const;
+  void refuse(const std::string& what, const std::string& why);
+  // Waits until fd is ready for events, for at most ms milliseconds; false
+  // on a timeout, an error, or once the gate stops.
+  bool waitFor(int fd, short events, int ms) const;
+  bool sendAll(int fd, const char* data, size_t size) const;
+  int connectTo(const std::string& host, int port) const;
+  void relay(int client, int upstream) const;
+
+  AccessPolicy policy_;
+  Report report_;
+  int listener_ = -1;
+  // Written once when the gate stops; every wait of every thread watches it.
+  int wake_[2] = {-1, -1};
+  int port_ = 0;
+  std::thread acceptor_;
+
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  bool stopping_ = false;
+  std::list<Connection> connections_;
+};
+
+#endif  // WIDGETENGINE_HOST_NETWORKGATE_H_
