@@ -299,15 +299,20 @@ int NetworkGate::openUpstream(int client, const std::string& head,
   const std::string version = line.substr(last + 1);
   if (method == "CONNECT") return openTunnel(client, target, early);
 
-  // WebKit asks for http:// addresses in absolute form; anything else is
-  // not a request it makes through a proxy.
-  if (!startsWithNoCase(target, "http://")) {
-    refuse(method + " " + target, "not an http:// address or a tunnel");
+  // WebKit asks for http:// addresses, and opens ws:// WebSockets, in
+  // absolute form; anything else is not a request it makes through a
+  // proxy. Both are plain HTTP on the wire, to the origin of their scheme.
+  const char* scheme = startsWithNoCase(target, "http://") ? "http"
+                       : startsWithNoCase(target, "ws://") ? "ws"
+                                                           : nullptr;
+  if (scheme == nullptr) {
+    refuse(method + " " + target, "not an http:// or ws:// address or a tunnel");
     answer(client, "403 Forbidden");
     return -1;
   }
-  const size_t authorityEnd = target.find_first_of("/?#", 7);
-  const std::string authority = target.substr(7, authorityEnd - 7);
+  const size_t start = strlen(scheme) + 3;
+  const size_t authorityEnd = target.find_first_of("/?#", start);
+  const std::string authority = target.substr(start, authorityEnd - start);
   std::string path = authorityEnd == std::string::npos
                          ? "/"
                          : target.substr(authorityEnd);
@@ -320,7 +325,7 @@ int NetworkGate::openUpstream(int client, const std::string& head,
     answer(client, "403 Forbidden");
     return -1;
   }
-  if (!policy_.allows(origin("http", host, port))) {
+  if (!policy_.allows(origin(scheme, host, port))) {
     refuse(target, kNotGranted);
     answer(client, "403 Forbidden");
     return -1;

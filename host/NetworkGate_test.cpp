@@ -148,6 +148,32 @@ TEST(NetworkGateTest, ForwardsAGrantedRequestInOriginForm) {
   EXPECT_EQ("", g.refusals());
 }
 
+// WebKit opens a ws:// WebSocket through a proxy as an absolute-form GET:
+// it goes on with its upgrade, to the http grant of the same host and port.
+TEST(NetworkGateTest, ForwardsAWebSocketHandshakeOfAGrantedOrigin) {
+  HttpServer granted;
+  HttpServer other;
+  granted.serve("/socket", 400, "no socket here");
+  Gate g({granted.url("")});
+  const std::string handshake =
+      " HTTP/1.1\r\nHost: h\r\nUpgrade: websocket\r\n"
+      "Connection: Upgrade\r\nSec-WebSocket-Version: 13\r\n"
+      "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n\r\n";
+  const std::string ws = "ws://127.0.0.1:" + std::to_string(granted.port());
+  EXPECT_NE(std::string::npos,
+            ask(g.gate, "GET " + ws + "/socket" + handshake)
+                .find("no socket here"));
+  EXPECT_EQ(1, granted.requestCount("/socket"));
+  const std::string otherWs =
+      "ws://127.0.0.1:" + std::to_string(other.port()) + "/socket";
+  EXPECT_EQ(0u, ask(g.gate, "GET " + otherWs + handshake).find("HTTP/1.1 403"));
+  EXPECT_EQ(0, other.requestCount());
+  EXPECT_NE(std::string::npos,
+            g.refusals().find("widget-browser: refused " + otherWs +
+                              ": an origin the widget was not granted\n"))
+      << g.refusals();
+}
+
 TEST(NetworkGateTest, RefusesEveryOtherOriginAndSaysWhy) {
   HttpServer granted;
   HttpServer other;  // the same host on another port: never granted
@@ -173,7 +199,7 @@ TEST(NetworkGateTest, RefusesEveryOtherOriginAndSaysWhy) {
       << g.refusals();
   EXPECT_NE(std::string::npos,
             g.refusals().find("widget-browser: refused GET /data.txt: not an "
-                              "http:// address or a tunnel\n"))
+                              "http:// or ws:// address or a tunnel\n"))
       << g.refusals();
 }
 

@@ -805,7 +805,7 @@ TEST_F(WidgetBrowserTest, GrantedWidgetReachesExactlyItsOrigin) {
   EXPECT_EQ(1, granted.requestCount("/data.txt"));
   EXPECT_EQ(1, granted.requestCount("/data.txt?fetch"));
   EXPECT_EQ(1, granted.requestCount("/page.html"));
-  EXPECT_EQ(1, granted.requestCount("/socket"));
+  EXPECT_EQ(1, granted.requestCount("/socket")) << run.err;
   EXPECT_EQ(1, granted.requestCount("/redirect"));
   EXPECT_EQ(0, other.requestCount()) << run.err;
   // A granted origin is reached from the page, but the window stays on the
