@@ -34,6 +34,7 @@ class AccessPolicy {
   // Whether a request to url (http, https, ws or wss) is granted. A grant of
   // an http origin also lets the page open a WebSocket (ws) to the same host
   // and port, and https likewise wss: the handshake is a request to it.
+  // Never across TLS: http does not grant https or wss, nor https http or ws.
   bool allows(const std::string& url) const;
 
   // Why a page of the widget whose widget:// authority is shown ("" for a
@@ -47,7 +48,9 @@ class AccessPolicy {
   static std::string widgetAuthority(const std::string& url);
 
   // The granted origins as Content-Security-Policy sources, with their
-  // WebSocket twins; "" when nothing is granted.
+  // WebSocket twins; "" when nothing is granted. A policy cannot be as
+  // exact as allows(): WebKit lets http://h:p and ws://h:p match https and
+  // wss of the same host and port too. The network gate holds that line.
   std::string cspSources() const;
 
  private:

@@ -320,15 +320,18 @@ TEST(NetworkGateTest, ResolvesOnlyGrantedNames) {
   ASSERT_LE(0, child);
   if (child == 0) {
     if (!resolver.enter()) _exit(77);
-    NetworkGate gate(granting({"http://granted-name.test:8081"}), nullptr);
-    if (!gate.start()) _exit(2);
-    // Not granted: refused without a lookup. Granted: looked up, and then
-    // not found (nothing answers).
-    const bool refused =
-        ask(gate, get("http://exfil-c2VjcmV0.test/")).find("HTTP/1.1 403") == 0;
-    const bool looked =
-        ask(gate, get("http://granted-name.test:8081/")).find("HTTP/1.1 502") ==
-        0;
+    bool refused = false;
+    bool looked = false;
+    {
+      NetworkGate gate(granting({"http://granted-name.test:8081"}), nullptr);
+      if (!gate.start()) _exit(2);
+      // Not granted: refused without a lookup. Granted: looked up, and then
+      // not found (nothing answers).
+      refused = ask(gate, get("http://exfil-c2VjcmV0.test/"))
+                    .find("HTTP/1.1 403") == 0;
+      looked = ask(gate, get("http://granted-name.test:8081/"))
+                   .find("HTTP/1.1 502") == 0;
+    }
     _exit(refused && looked ? 0 : 1);
   }
   int status = 0;
