@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -34,6 +35,13 @@ const int kIdleTimeoutMs = 120 * 1000;
 const size_t kQuotedAddress = 300;
 
 const char kNotGranted[] = "an origin the widget was not granted";
+
+// What the gate passes on, it passes on at once: small writes of a relay
+// must not wait for the other side's acknowledgement.
+void sendPromptly(int fd) {
+  const int on = 1;
+  setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+}
 
 bool startsWithNoCase(const std::string& text, const char* prefix) {
   const size_t length = strlen(prefix);
@@ -102,17 +110,22 @@ NetworkGate::~NetworkGate() {
     std::lock_guard<std::mutex> lock(mutex_);
     stopping_ = true;
   }
-  changed_.notify_all();
   if (wake_[1] >= 0) {
     const char byte = 0;
     // The pipe is never read: once written, it wakes every wait for good.
     while (write(wake_[1], &byte, 1) < 0 && errno == EINTR) {
     }
   }
-  if (acceptor_.joinable()) acceptor_.join();
-  // No connection starts any more; each one sees the wake-up and ends.
-  for (Connection& connection : connections_)
-    if (connection.thread.joinable()) connection.thread.join();
+  // No worker starts any more; each one sees the wake-up and ends.
+  for (;;) {
+    std::list<Worker> ending;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      ending.swap(workers_);
+    }
+    if (ending.empty()) break;
+    for (Worker& worker : ending) worker.thread.join();
+  }
   if (listener_ >= 0) close(listener_);
   for (int fd : wake_)
     if (fd >= 0) close(fd);
@@ -133,7 +146,8 @@ bool NetworkGate::start() {
           0)
     return false;
   port_ = ntohs(address.sin_port);
-  acceptor_ = std::thread(&NetworkGate::acceptLoop, this);
+  std::lock_guard<std::mutex> lock(mutex_);
+  addWorkerLocked();
   return true;
 }
 
@@ -205,6 +219,7 @@ int NetworkGate::connectTo(const std::string& host, int port) const {
     if (fd < 0) continue;
     int error = 0;
     socklen_t length = sizeof error;
+    sendPromptly(fd);
     if (connect(fd, a->ai_addr, a->ai_addrlen) == 0 ||
         (errno == EINPROGRESS && waitFor(fd, POLLOUT, kConnectTimeoutMs) &&
          getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length) == 0 &&
@@ -406,48 +421,51 @@ int NetworkGate::openTunnel(int client, const std::string& authority,
   return connectTo(host, port);
 }
 
-void NetworkGate::acceptLoop() {
-  for (;;) {
-    {
-      std::unique_lock<std::mutex> lock(mutex_);
-      // Ended connections are joined here, so that they hold nothing.
-      auto reap = [this] {
-        for (auto c = connections_.begin(); c != connections_.end();) {
-          if (!c->finished) {
-            ++c;
-            continue;
-          }
-          c->thread.join();
-          c = connections_.erase(c);
-        }
-      };
-      reap();
-      changed_.wait(lock, [&] {
-        reap();
-        return stopping_ ||
-               connections_.size() < static_cast<size_t>(kMaxConnections);
-      });
-      if (stopping_) return;
+void NetworkGate::addWorkerLocked() {
+  for (auto w = workers_.begin(); w != workers_.end();) {
+    if (w->finished) {
+      w->thread.join();  // it has nothing left to do but return
+      w = workers_.erase(w);
+    } else {
+      ++w;
     }
-    if (!waitFor(listener_, POLLIN, -1)) return;
+  }
+  if (stopping_ || workers_.size() >= static_cast<size_t>(kMaxConnections))
+    return;
+  workers_.emplace_back();
+  ++idle_;
+  workers_.back().thread = std::thread(&NetworkGate::work, this, &workers_.back());
+}
+
+void NetworkGate::work(Worker* self) {
+  for (;;) {
+    // Every idle worker wakes for a connection and one takes it; there
+    // are never more than a few idle.
+    if (!waitFor(listener_, POLLIN, -1)) break;
     const int client =
         accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
     if (client < 0) continue;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (--idle_ == 0) addWorkerLocked();
+    }
+    sendPromptly(client);
+    serve(client);
     std::lock_guard<std::mutex> lock(mutex_);
-    if (stopping_) {
-      close(client);
+    if (idle_ >= kSpareWorkers) {
+      self->finished = true;
       return;
     }
-    connections_.emplace_back();
-    Connection* connection = &connections_.back();
-    connection->thread =
-        std::thread(&NetworkGate::serve, this, client, connection);
+    ++idle_;
   }
+  std::lock_guard<std::mutex> lock(mutex_);
+  --idle_;
+  self->finished = true;
 }
 
 // One client connection: one request head, then either a forwarded request
 // or a tunnel, each to a granted origin only.
-void NetworkGate::serve(int client, Connection* self) {
+void NetworkGate::serve(int client) {
   std::string head;
   std::string early;  // what came after the head
   std::vector<char> chunk(4096);
@@ -487,7 +505,4 @@ void NetworkGate::serve(int client, Connection* self) {
     close(upstream);
   }
   close(client);
-  std::lock_guard<std::mutex> lock(mutex_);
-  self->finished = true;
-  changed_.notify_all();
 }

@@ -7,7 +7,6 @@
 #ifndef WIDGETENGINE_HOST_NETWORKGATE_H_
 #define WIDGETENGINE_HOST_NETWORKGATE_H_
 
-#include <condition_variable>
 #include <functional>
 #include <list>
 #include <mutex>
@@ -22,9 +21,11 @@ class NetworkGate {
   // gate's threads, one line at a time.
   using Report = std::function<void(const std::string& line)>;
 
-  // At most this many connections are served at once; more wait in the
-  // listening queue until one ends.
+  // At most this many connections are served at once, each by a thread of
+  // its own; more wait in the listening queue until one ends.
   static const int kMaxConnections = 64;
+  // Threads kept waiting for the next connection beyond those serving one.
+  static const int kSpareWorkers = 4;
 
   NetworkGate(AccessPolicy policy, Report report);
   // Closes every connection and waits for their threads.
@@ -45,13 +46,18 @@ class NetworkGate {
   static void reportToStandardError(const std::string& line);
 
  private:
-  struct Connection {
+  struct Worker {
     std::thread thread;
     bool finished = false;
   };
 
-  void acceptLoop();
-  void serve(int client, Connection* self);
+  // Each worker takes connections from the listening socket itself and
+  // serves them one at a time, so that a request waits for no other thread.
+  void work(Worker* self);
+  // With mutex_ held: joins the workers that have ended and starts one
+  // more, unless the gate stops or is at its bound.
+  void addWorkerLocked();
+  void serve(int client);
   // The upstream socket for the request whose head (request line and
   // header lines, each with its CRLF) the client sent, with early holding
   // what came after it; -1 once the client has been answered otherwise.
@@ -72,12 +78,11 @@ class NetworkGate {
   // Written once when the gate stops; every wait of every thread watches it.
   int wake_[2] = {-1, -1};
   int port_ = 0;
-  std::thread acceptor_;
 
   std::mutex mutex_;
-  std::condition_variable changed_;
   bool stopping_ = false;
-  std::list<Connection> connections_;
+  int idle_ = 0;  // workers waiting for a connection
+  std::list<Worker> workers_;
 };
 
 #endif  // WIDGETENGINE_HOST_NETWORKGATE_H_
