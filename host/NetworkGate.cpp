@@ -12,6 +12,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -148,7 +149,7 @@ bool NetworkGate::start() {
   port_ = ntohs(address.sin_port);
   std::lock_guard<std::mutex> lock(mutex_);
   addWorkerLocked();
-  return true;
+  return !workers_.empty();
 }
 
 std::string NetworkGate::address() const {
@@ -433,8 +434,14 @@ void NetworkGate::addWorkerLocked() {
   if (stopping_ || workers_.size() >= static_cast<size_t>(kMaxConnections))
     return;
   workers_.emplace_back();
-  ++idle_;
-  workers_.back().thread = std::thread(&NetworkGate::work, this, &workers_.back());
+  try {
+    workers_.back().thread =
+        std::thread(&NetworkGate::work, this, &workers_.back());
+    ++idle_;
+  } catch (const std::system_error&) {
+    // No thread to be had: the workers there are go on serving.
+    workers_.pop_back();
+  }
 }
 
 void NetworkGate::work(Worker* self) {
