@@ -3,6 +3,7 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <glib.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -15,8 +16,6 @@
 #include <system_error>
 #include <utility>
 #include <vector>
-
-#include <glib.h>
 
 namespace {
 
@@ -160,7 +159,8 @@ void NetworkGate::reportToStandardError(const std::string& line) {
   const std::string text = line + "\n";
   size_t done = 0;
   while (done < text.size()) {
-    const ssize_t n = write(STDERR_FILENO, text.data() + done, text.size() - done);
+    const ssize_t n =
+        write(STDERR_FILENO, text.data() + done, text.size() - done);
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) return;
     done += static_cast<size_t>(n);
@@ -209,14 +209,14 @@ int NetworkGate::connectTo(const std::string& host, int port) const {
   hints.ai_family = AF_UNSPEC;
   hints.ai_socktype = SOCK_STREAM;
   addrinfo* found = nullptr;
-  if (getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints,
-                  &found) != 0)
+  if (getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &found) !=
+      0)
     return -1;
   int connected = -1;
   for (addrinfo* a = found; a != nullptr && connected < 0; a = a->ai_next) {
-    const int fd = socket(a->ai_family,
-                          a->ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK,
-                          a->ai_protocol);
+    const int fd =
+        socket(a->ai_family, a->ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK,
+               a->ai_protocol);
     if (fd < 0) continue;
     int error = 0;
     socklen_t length = sizeof error;
@@ -245,8 +245,9 @@ void NetworkGate::relay(int client, int upstream) const {
     size_t offset = 0;
     bool ended = false;
   };
-  Direction directions[2] = {{client, upstream, std::vector<char>(kRelayBuffer)},
-                             {upstream, client, std::vector<char>(kRelayBuffer)}};
+  Direction directions[2] = {
+      {client, upstream, std::vector<char>(kRelayBuffer)},
+      {upstream, client, std::vector<char>(kRelayBuffer)}};
   for (;;) {
     pollfd fds[3] = {{client, 0, 0}, {upstream, 0, 0}, {wake_[0], POLLIN, 0}};
     bool waiting = false;
@@ -295,8 +296,9 @@ void NetworkGate::relay(int client, int upstream) const {
 }
 
 void NetworkGate::answer(int client, const char* status) const {
-  const std::string reply = std::string("HTTP/1.1 ") + status +
-                            "\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";
+  const std::string reply =
+      std::string("HTTP/1.1 ") + status +
+      "\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";
   sendAll(client, reply.data(), reply.size());
 }
 
@@ -322,16 +324,16 @@ int NetworkGate::openUpstream(int client, const std::string& head,
                        : startsWithNoCase(target, "ws://") ? "ws"
                                                            : nullptr;
   if (scheme == nullptr) {
-    refuse(method + " " + target, "not an http:// or ws:// address or a tunnel");
+    refuse(method + " " + target,
+           "not an http:// or ws:// address or a tunnel");
     answer(client, "403 Forbidden");
     return -1;
   }
   const size_t start = strlen(scheme) + 3;
   const size_t authorityEnd = target.find_first_of("/?#", start);
   const std::string authority = target.substr(start, authorityEnd - start);
-  std::string path = authorityEnd == std::string::npos
-                         ? "/"
-                         : target.substr(authorityEnd);
+  std::string path =
+      authorityEnd == std::string::npos ? "/" : target.substr(authorityEnd);
   path = path.substr(0, path.find('#'));
   if (path.empty() || path[0] != '/') path = "/" + path;
   std::string host;

@@ -4,6 +4,7 @@
 #include "host/NetworkGate.h"
 
 #include <arpa/inet.h>
+#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -15,8 +16,6 @@
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "testing/HttpServer.h"
 #include "testing/Listener.h"
@@ -62,8 +61,8 @@ int connectTo(int port) {
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   timeval wait = {20, 0};
   setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
-  EXPECT_EQ(0, connect(fd, reinterpret_cast<sockaddr*>(&address),
-                       sizeof address));
+  EXPECT_EQ(0,
+            connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address));
   return fd;
 }
 
@@ -101,7 +100,8 @@ std::string ask(NetworkGate& gate, const std::string& request) {
 }
 
 std::string get(const std::string& url) {
-  return "GET " + url + " HTTP/1.1\r\nHost: h\r\nProxy-Connection: keep-alive\r\n"
+  return "GET " + url +
+         " HTTP/1.1\r\nHost: h\r\nProxy-Connection: keep-alive\r\n"
          "Connection: keep-alive\r\n\r\n";
 }
 
@@ -160,9 +160,9 @@ TEST(NetworkGateTest, ForwardsAWebSocketHandshakeOfAGrantedOrigin) {
       "Connection: Upgrade\r\nSec-WebSocket-Version: 13\r\n"
       "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n\r\n";
   const std::string ws = "ws://127.0.0.1:" + std::to_string(granted.port());
-  EXPECT_NE(std::string::npos,
-            ask(g.gate, "GET " + ws + "/socket" + handshake)
-                .find("no socket here"));
+  EXPECT_NE(
+      std::string::npos,
+      ask(g.gate, "GET " + ws + "/socket" + handshake).find("no socket here"));
   EXPECT_EQ(1, granted.requestCount("/socket"));
   const std::string otherWs =
       "ws://127.0.0.1:" + std::to_string(other.port()) + "/socket";
@@ -182,15 +182,16 @@ TEST(NetworkGateTest, RefusesEveryOtherOriginAndSaysWhy) {
   EXPECT_EQ(0u, ask(g.gate, get(url)).find("HTTP/1.1 403")) << url;
   // Not a proxy request, not an http:// address, no address at all.
   EXPECT_EQ(0u, ask(g.gate, get("/data.txt")).find("HTTP/1.1 403"));
-  EXPECT_EQ(0u, ask(g.gate, get("https://127.0.0.1:" +
-                                std::to_string(other.port()) + "/"))
-                    .find("HTTP/1.1 403"));
+  EXPECT_EQ(0u,
+            ask(g.gate,
+                get("https://127.0.0.1:" + std::to_string(other.port()) + "/"))
+                .find("HTTP/1.1 403"));
   EXPECT_EQ(0u, ask(g.gate, "nonsense\r\n\r\n").find("HTTP/1.1 400"));
   // User information would let a granted host name hide another one.
-  EXPECT_EQ(0u, ask(g.gate, get("http://127.0.0.1:" +
-                                std::to_string(granted.port()) + "@127.0.0.1:" +
-                                std::to_string(other.port()) + "/"))
-                    .find("HTTP/1.1 403"));
+  EXPECT_EQ(
+      0u, ask(g.gate, get("http://127.0.0.1:" + std::to_string(granted.port()) +
+                          "@127.0.0.1:" + std::to_string(other.port()) + "/"))
+              .find("HTTP/1.1 403"));
   EXPECT_EQ(0, other.requestCount());
   EXPECT_EQ(0, granted.requestCount());
   EXPECT_NE(std::string::npos,
@@ -223,7 +224,8 @@ TEST(NetworkGateTest, TunnelAdmitsOnlyTheSchemeGranted) {
   plainServer.serve("/data.txt", 200, "plain data");
   Listener plainListener;
   Listener secureListener;
-  const std::string plainHost = "127.0.0.1:" + std::to_string(plainServer.port());
+  const std::string plainHost =
+      "127.0.0.1:" + std::to_string(plainServer.port());
   Gate g({"http://" + plainHost, "http://" + plainListener.hostPort(),
           "https://" + secureListener.hostPort()});
 
@@ -232,22 +234,22 @@ TEST(NetworkGateTest, TunnelAdmitsOnlyTheSchemeGranted) {
   EXPECT_EQ(std::string::npos,
             tunnel(g.gate, plainListener.hostPort(), kTlsHello).find("hello"));
   EXPECT_EQ(0, plainListener.connections());
-  EXPECT_EQ(std::string::npos,
-            tunnel(g.gate, secureListener.hostPort(), kPlainRequest)
-                .find("data"));
+  EXPECT_EQ(
+      std::string::npos,
+      tunnel(g.gate, secureListener.hostPort(), kPlainRequest).find("data"));
   EXPECT_EQ(0, secureListener.connections());
   const std::string lines = g.refusals();
-  EXPECT_NE(std::string::npos,
-            lines.find("widget-browser: refused https://" +
-                       plainListener.hostPort() +
-                       " (https or wss, through a tunnel): an origin the "
-                       "widget was not granted\n"))
+  EXPECT_NE(
+      std::string::npos,
+      lines.find("widget-browser: refused https://" + plainListener.hostPort() +
+                 " (https or wss, through a tunnel): an origin the "
+                 "widget was not granted\n"))
       << lines;
-  EXPECT_NE(std::string::npos,
-            lines.find("widget-browser: refused http://" +
-                       secureListener.hostPort() +
-                       " (http or ws, through a tunnel): an origin the "
-                       "widget was not granted\n"))
+  EXPECT_NE(
+      std::string::npos,
+      lines.find("widget-browser: refused http://" + secureListener.hostPort() +
+                 " (http or ws, through a tunnel): an origin the "
+                 "widget was not granted\n"))
       << lines;
 
   // Each scheme where it is granted.
@@ -262,12 +264,47 @@ TEST(NetworkGateTest, TunnelAdmitsOnlyTheSchemeGranted) {
   close(fd);
 }
 
+// Whatever a client sends, it gets a refusal and the gate goes on; a
+// second request pipelined behind a granted one goes to the granted
+// server, whatever origin it names.
+TEST(NetworkGateTest, MalformedRequestsAreRefusedAndTheGateGoesOn) {
+  HttpServer granted;
+  granted.serve("/data.txt", 200, "granted data");
+  HttpServer other;
+  Gate g({granted.url("")});
+  const std::string port = std::to_string(granted.port());
+  for (const std::string& request : std::vector<std::string>{
+           "CONNECT [::1 HTTP/1.1\r\n\r\n", "CONNECT [zz]:80 HTTP/1.1\r\n\r\n",
+           "CONNECT 127.0.0.1:99999 HTTP/1.1\r\n\r\n",
+           "CONNECT 127.0.0.1: HTTP/1.1\r\n\r\n",
+           "CONNECT :80 HTTP/1.1\r\n\r\n",
+           "CONNECT 127.0.0.1:" + port + "x HTTP/1.1\r\n\r\n",
+           "GET http:// HTTP/1.1\r\n\r\n",
+           "GET http://127.0.0.1:0/ HTTP/1.1\r\n\r\n",
+           "GET http://127.0.0.1%3a" + port + "/ HTTP/1.1\r\n\r\n",
+           "GET http://a\tb:" + port + "/ HTTP/1.1\r\n\r\n",
+           "GET ftp://127.0.0.1:" + port + "/ HTTP/1.1\r\n\r\n",
+           std::string("\x16\x03\x01\0\0\r\n\r\n", 9), "\r\n\r\n"}) {
+    const std::string answer = ask(g.gate, request);
+    EXPECT_TRUE(answer.find("HTTP/1.1 403") == 0 ||
+                answer.find("HTTP/1.1 400") == 0)
+        << request << "\n"
+        << answer;
+  }
+  EXPECT_EQ(0, granted.requestCount());
+  const std::string pipelined =
+      "GET " + granted.url("/data.txt") + " HTTP/1.1\r\nHost: h\r\n\r\n" +
+      "GET " + other.url("/data.txt") + " HTTP/1.1\r\nHost: h\r\n\r\n";
+  EXPECT_NE(std::string::npos, ask(g.gate, pipelined).find("granted data"));
+  EXPECT_EQ(0, other.requestCount());
+}
+
 TEST(NetworkGateTest, OversizedHeadIsRefused) {
   HttpServer granted;
   Gate g({granted.url("")});
-  const std::string request = "GET " + granted.url("/") +
-                              " HTTP/1.1\r\nX-Filler: " +
-                              std::string(20000, 'a') + "\r\n\r\n";
+  const std::string request =
+      "GET " + granted.url("/") +
+      " HTTP/1.1\r\nX-Filler: " + std::string(20000, 'a') + "\r\n\r\n";
   EXPECT_EQ(0u, ask(g.gate, request).find("HTTP/1.1 431"));
   EXPECT_EQ(0, granted.requestCount());
 }
@@ -327,8 +364,9 @@ TEST(NetworkGateTest, ResolvesOnlyGrantedNames) {
       if (!gate.start()) _exit(2);
       // Not granted: refused without a lookup. Granted: looked up, and then
       // not found (nothing answers).
-      refused = ask(gate, get("http://exfil-c2VjcmV0.test/"))
-                    .find("HTTP/1.1 403") == 0;
+      refused =
+          ask(gate, get("http://exfil-c2VjcmV0.test/")).find("HTTP/1.1 403") ==
+          0;
       looked = ask(gate, get("http://granted-name.test:8081/"))
                    .find("HTTP/1.1 502") == 0;
     }

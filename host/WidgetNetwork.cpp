@@ -12,8 +12,9 @@ namespace {
 // a service worker would keep a granted origin's code running between
 // pages and outside the page's policy.
 const char* const kSwitchedOff[] = {
-    "LinkPreconnect", "LinkPreconnectEarlyHints", "LinkDNSPrefetch",
-    "LinkPrefetch", "ServiceWorkers", "ServiceWorkerNavigationPreload",
+    "LinkPreconnect",  "LinkPreconnectEarlyHints",
+    "LinkDNSPrefetch", "LinkPrefetch",
+    "ServiceWorkers",  "ServiceWorkerNavigationPreload",
 };
 
 void switchOff(WebKitSettings* settings) {
@@ -30,13 +31,12 @@ void switchOff(WebKitSettings* settings) {
 
 }  // namespace
 
-bool WidgetNetwork::confine(WebKitWebContext* context,
-                            WebKitSettings* settings,
+bool WidgetNetwork::confine(WebKitWebContext* context, WebKitSettings* settings,
                             const AccessPolicy& policy, bool gate) {
   switchOff(settings);
   if (!gate) return true;
-  gate_ = std::make_unique<NetworkGate>(policy,
-                                        NetworkGate::reportToStandardError);
+  gate_ =
+      std::make_unique<NetworkGate>(policy, NetworkGate::reportToStandardError);
   if (!gate_->start()) {
     NetworkGate::reportToStandardError(
         std::string("widget-browser: cannot start the network gate: ") +
@@ -46,8 +46,8 @@ bool WidgetNetwork::confine(WebKitWebContext* context,
   }
   // Every scheme, and no host left out: loopback too goes through the gate.
   const char* const noExceptions[] = {nullptr};
-  WebKitNetworkProxySettings* proxy = webkit_network_proxy_settings_new(
-      gate_->address().c_str(), noExceptions);
+  WebKitNetworkProxySettings* proxy =
+      webkit_network_proxy_settings_new(gate_->address().c_str(), noExceptions);
   webkit_website_data_manager_set_network_proxy_settings(
       webkit_web_context_get_website_data_manager(context),
       WEBKIT_NETWORK_PROXY_MODE_CUSTOM, proxy);

@@ -64,8 +64,12 @@ std::vector<std::string> LoopbackResolver::names() {
 }
 
 std::vector<std::string> LoopbackResolver::wrapper() const {
-  return {"/usr/bin/unshare", "--mount", "/bin/sh", "-c",
-          "mount --bind \"$0\" /etc/resolv.conf && exec \"$@\"", conf_};
+  return {"/usr/bin/unshare",
+          "--mount",
+          "/bin/sh",
+          "-c",
+          "mount --bind \"$0\" /etc/resolv.conf && exec \"$@\"",
+          conf_};
 }
 
 bool LoopbackResolver::enter() const {
