@@ -116,6 +116,7 @@ NetworkGate::~NetworkGate() {
     while (write(wake_[1], &byte, 1) < 0 && errno == EINTR) {
     }
   }
+  if (listener_ >= 0) shutdown(listener_, SHUT_RDWR);
   // No worker starts any more; each one sees the wake-up and ends.
   for (;;) {
     std::list<Worker> ending;
@@ -133,7 +134,8 @@ NetworkGate::~NetworkGate() {
 
 bool NetworkGate::start() {
   if (pipe2(wake_, O_CLOEXEC | O_NONBLOCK) != 0) return false;
-  listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  // Blocking: each connection wakes one waiting worker, not all of them.
+  listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (listener_ < 0) return false;
   sockaddr_in address = {};
   address.sin_family = AF_INET;
@@ -424,6 +426,11 @@ int NetworkGate::openTunnel(int client, const std::string& authority,
   return connectTo(host, port);
 }
 
+bool NetworkGate::stopped() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return stopping_;
+}
+
 void NetworkGate::addWorkerLocked() {
   for (auto w = workers_.begin(); w != workers_.end();) {
     if (w->finished) {
@@ -448,12 +455,15 @@ void NetworkGate::addWorkerLocked() {
 
 void NetworkGate::work(Worker* self) {
   for (;;) {
-    // Every idle worker wakes for a connection and one takes it; there
-    // are never more than a few idle.
-    if (!waitFor(listener_, POLLIN, -1)) break;
     const int client =
         accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-    if (client < 0) continue;
+    if (client < 0) {
+      // Stopping shuts the listening socket down, which ends every accept.
+      if (errno == EINVAL || stopped()) break;
+      // Out of descriptors or memory for a moment: wait, do not spin.
+      if (errno != EINTR && errno != ECONNABORTED) waitFor(-1, 0, 100);
+      continue;
+    }
     {
       std::lock_guard<std::mutex> lock(mutex_);
       if (--idle_ == 0) addWorkerLocked();

@@ -57,6 +57,7 @@ class NetworkGate {
   // With mutex_ held: joins the workers that have ended and starts one
   // more, unless the gate stops or is at its bound.
   void addWorkerLocked();
+  bool stopped();
   void serve(int client);
   // The upstream socket for the request whose head (request line and
   // header lines, each with its CRLF) the client sent, with early holding
