@@ -28,6 +28,10 @@ class AccessPolicy {
   std::string serialize() const;
   static AccessPolicy deserialize(const std::string& text);
 
+  // Why a request to a web origin outside the grants is refused.
+  static constexpr const char* kNotGranted =
+      "an origin the widget was not granted";
+
   bool grantsAll() const { return all_; }
   const std::vector<Grant>& grants() const { return grants_; }
 

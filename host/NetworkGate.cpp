@@ -34,8 +34,6 @@ const int kIdleTimeoutMs = 120 * 1000;
 // How much of a refused address its line quotes.
 const size_t kQuotedAddress = 300;
 
-const char kNotGranted[] = "an origin the widget was not granted";
-
 // What the gate passes on, it passes on at once: small writes of a relay
 // must not wait for the other side's acknowledgement.
 void sendPromptly(int fd) {
@@ -346,7 +344,7 @@ int NetworkGate::openUpstream(int client, const std::string& head,
     return -1;
   }
   if (!policy_.allows(origin(scheme, host, port))) {
-    refuse(target, kNotGranted);
+    refuse(target, AccessPolicy::kNotGranted);
     answer(client, "403 Forbidden");
     return -1;
   }
@@ -401,7 +399,7 @@ int NetworkGate::openTunnel(int client, const std::string& authority,
   const std::string plain = origin("http", host, port);
   const std::string secure = origin("https", host, port);
   if (!policy_.allows(plain) && !policy_.allows(secure)) {
-    refuse("a tunnel to " + authority, kNotGranted);
+    refuse("a tunnel to " + authority, AccessPolicy::kNotGranted);
     answer(client, "403 Forbidden");
     return -1;
   }
@@ -420,7 +418,7 @@ int NetworkGate::openTunnel(int client, const std::string& authority,
   if (!policy_.allows(tls ? secure : plain)) {
     refuse(tls ? secure + " (https or wss, through a tunnel)"
                : plain + " (http or ws, through a tunnel)",
-           kNotGranted);
+           AccessPolicy::kNotGranted);
     return -1;
   }
   return connectTo(host, port);
