@@ -234,8 +234,9 @@ int NetworkGate::connectTo(const std::string& host, int port) const {
 }
 
 // Passes bytes both ways until both sides have finished, either fails, the
-// connection idles for too long or the gate stops. Each side's end of data
-// is passed on as a half close.
+// connection idles for too long or the gate stops. A side's end of data is
+// passed on as a half close (it is read only once what came before it has
+// gone on).
 void NetworkGate::relay(int client, int upstream) const {
   struct Direction {
     int from;
@@ -276,10 +277,7 @@ void NetworkGate::relay(int client, int upstream) const {
         if (n < 0 && (errno == EAGAIN || errno == EINTR)) continue;
         if (n <= 0) return;
         d.offset += static_cast<size_t>(n);
-        if (d.offset == d.length) {
-          d.offset = d.length = 0;
-          if (d.ended) shutdown(d.to, SHUT_WR);
-        }
+        if (d.offset == d.length) d.offset = d.length = 0;
       } else if (!d.ended && (fromReady & (POLLIN | POLLERR | POLLHUP)) != 0) {
         const ssize_t n = recv(d.from, d.buffer.data(), d.buffer.size(), 0);
         if (n < 0 && (errno == EAGAIN || errno == EINTR)) continue;
