@@ -7,6 +7,9 @@
 //    with the mapping switched off (WIDGET_BROWSER_NO_MAPPING) and the same
 //    files as a plain file:// page that WebKit reads by itself, the three
 //    taking turns over the rounds;
+//  - a widget page with 100 resources from a server on 127.0.0.1 that its
+//    config.xml grants, loaded through the browser's network gate and, as
+//    its twin, directly (WIDGET_BROWSER_NO_GATE), taking turns;
 //  - the time from receiveWidget of the typical 15 MB package to the first
 //    rendered frame of its start page.
 // Each run is a browser process of its own. For page loads it loads the page
@@ -32,6 +35,7 @@
 
 #include "bench/BenchPackages.h"
 #include "bench/BenchRuns.h"
+#include "testing/HttpServer.h"
 #include "testing/TempDir.h"
 #include "testing/ZipBuilder.h"
 
@@ -46,6 +50,7 @@ const std::string kBrowser = kBinaryDir + "/widget-browser";
 const std::string kDataDir = kBinaryDir + "/bench-data";
 const std::string kRunsDir = kDataDir + "/browser-runs";
 const int kResources = 200;
+const int kRemoteResources = 100;
 
 // The smallest valid PNG (1x1), so that images cost their fetch and little
 // decoding, like the stylesheets and scripts beside them.
@@ -105,6 +110,46 @@ bool buildPagePackage(const std::string& path) {
   return zip.write(path);
 }
 
+// A widget granted server's origin whose page loads 40 stylesheets, 30
+// scripts and 30 images from it; the first stylesheet colours the heading.
+bool buildRemotePackage(const std::string& path, HttpServer& server) {
+  const std::string origin = server.url("");
+  ZipBuilder zip;
+  zip.addFile("config.xml",
+              "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+              "<widget xmlns=\"http://www.w3.org/ns/widgets\" "
+              "id=\"http://example.org/remote\" version=\"1.0\">\n"
+              "  <name>Remote resources</name>\n"
+              "  <content src=\"index.html\"/>\n"
+              "  <access origin=\"" + origin + "\"/>\n</widget>\n");
+  const std::string pixel(reinterpret_cast<const char*>(kPixel), sizeof kPixel);
+  std::string head, body;
+  for (int i = 0; i < kRemoteResources; ++i) {
+    const std::string n = std::to_string(i);
+    if (i < 40) {
+      server.serve("/s" + n + ".css", 200,
+                   i == 0 ? "h1 { color: rgb(0, 0, 3); }\n"
+                          : ".c" + n + " { margin: 1px; }\n",
+                   {{"Content-Type", "text/css"}});
+      head += "<link rel=\"stylesheet\" href=\"" + origin + "/s" + n +
+              ".css\">\n";
+    } else if (i < 70) {
+      server.serve("/s" + n + ".js", 200, "window.v" + n + " = 1;\n",
+                   {{"Content-Type", "text/javascript"}});
+      body += "<script src=\"" + origin + "/s" + n + ".js\"></script>\n";
+    } else {
+      server.serve("/p" + n + ".png", 200, pixel,
+                   {{"Content-Type", "image/png"}});
+      body += "<img src=\"" + origin + "/p" + n + ".png\" alt=\"\">\n";
+    }
+  }
+  zip.addFile("index.html", "<!DOCTYPE html>\n<html><head><meta "
+                            "charset=\"UTF-8\"><title>Remote</title>\n" +
+                                head + "</head><body><h1>Remote</h1>\n" + body +
+                                "</body></html>\n");
+  return zip.write(path);
+}
+
 struct BrowserRun {
   bool ok = false;
   std::string out;
@@ -154,23 +199,30 @@ std::vector<double> figures(const std::string& out, const std::string& key) {
 
 std::string pageLaunchURL;
 std::string plainPageURL;
+std::string remoteLaunchURL;
 
 // How a run shows the page.
-enum class Side { kConfined, kNoMapping, kPlainFile };
+enum class Side { kConfined, kNoMapping, kPlainFile, kThroughGate, kDirect };
 
 const char* sideName(Side side) {
   switch (side) {
     case Side::kConfined: return "BM_PageLoad/confined";
     case Side::kNoMapping: return "BM_PageLoad/no_mapping";
     case Side::kPlainFile: return "BM_PageLoad/plain_file";
+    case Side::kThroughGate: return "BM_RemotePage/through_gate";
+    case Side::kDirect: return "BM_RemotePage/direct";
   }
   return "";
 }
 
 BrowserRun runPage(Side side, std::vector<std::string> env) {
   if (side == Side::kNoMapping) env.push_back("WIDGET_BROWSER_NO_MAPPING=1");
+  if (side == Side::kDirect) env.push_back("WIDGET_BROWSER_NO_GATE=1");
+  const bool remote = side == Side::kThroughGate || side == Side::kDirect;
   return runBrowser({"--lang", "fr", "--exit-after-load",
-                     side == Side::kPlainFile ? plainPageURL : pageLaunchURL},
+                     side == Side::kPlainFile ? plainPageURL
+                     : remote                 ? remoteLaunchURL
+                                              : pageLaunchURL},
                     env);
 }
 
@@ -240,17 +292,26 @@ int main(int argc, char** argv) {
   setenv("WIDGET_PATH", root.c_str(), 1);
   setenv("YRA_DATA_PATH", root.c_str(), 1);
   const std::string package = kRunsDir + "/many.wgt";
-  if (!buildPagePackage(package)) return 1;
+  const std::string remotePackage = kRunsDir + "/remote.wgt";
+  HttpServer server;
+  if (!buildPagePackage(package) || !buildRemotePackage(remotePackage, server))
+    return 1;
   {
     benchruns::StdoutToLog log(kDataDir + "/engine-output.log");
     RefPtr<WebWidgetEngineDelegate> engine =
         WidgetEngineDelegate::createInstance();
-    char* launch = engine->receiveWidget(("file://" + package).c_str(), nullptr);
-    if (launch != nullptr) pageLaunchURL = launch;
-    free(launch);
+    auto install = [&engine](const std::string& from) {
+      char* launch = engine->receiveWidget(("file://" + from).c_str(), nullptr);
+      const std::string address = launch ? launch : "";
+      free(launch);
+      return address;
+    };
+    pageLaunchURL = install(package);
+    remoteLaunchURL = install(remotePackage);
   }
-  if (pageLaunchURL.empty()) {
-    fprintf(stderr, "cannot install %s\n", package.c_str());
+  if (pageLaunchURL.empty() || remoteLaunchURL.empty()) {
+    fprintf(stderr, "cannot install %s and %s\n", package.c_str(),
+            remotePackage.c_str());
     return 1;
   }
   // The same files, outside the widget root: a plain page to WebKit.
@@ -260,10 +321,14 @@ int main(int argc, char** argv) {
   plainPageURL = "file://" + plain + "/index.html";
   // Every side must load what it claims to: French copies from the widget
   // scheme with the mapping, the default files without and from file://.
-  for (Side side : {Side::kConfined, Side::kNoMapping, Side::kPlainFile}) {
+  // The remote page gets its stylesheet from the server both ways.
+  for (Side side : {Side::kConfined, Side::kNoMapping, Side::kPlainFile,
+                    Side::kThroughGate, Side::kDirect}) {
     BrowserRun run = runPage(side, {"WIDGET_BROWSER_FACTS=1"});
     const char* expected =
-        side == Side::kConfined ? "rgb(0, 0, 2)" : "rgb(0, 0, 1)";
+        side == Side::kConfined                                ? "rgb(0, 0, 2)"
+        : side == Side::kThroughGate || side == Side::kDirect ? "rgb(0, 0, 3)"
+                                                               : "rgb(0, 0, 1)";
     const char* address =
         side == Side::kPlainFile ? "\"url\":\"file://" : "\"url\":\"widget://";
     if (!run.ok || run.out.find(expected) == std::string::npos ||
@@ -276,7 +341,8 @@ int main(int argc, char** argv) {
 
   const int rounds = envInt("BROWSER_BENCH_ROUNDS", 9);
   for (int round = 0; round < rounds; ++round) {
-    for (Side side : {Side::kConfined, Side::kNoMapping, Side::kPlainFile})
+    for (Side side : {Side::kConfined, Side::kNoMapping, Side::kPlainFile,
+                      Side::kThroughGate, Side::kDirect})
       benchmark::RegisterBenchmark(sideName(side), BM_PageLoad, side)
           ->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
   }
@@ -295,6 +361,9 @@ int main(int argc, char** argv) {
          rounds, kResources);
   printRatio(sideName(Side::kConfined), sideName(Side::kNoMapping), 1.05);
   printRatio(sideName(Side::kConfined), sideName(Side::kPlainFile), 1.05);
+  printf("Medians of %d paired rounds (%d resources from a granted server):\n",
+         rounds, kRemoteResources);
+  printRatio(sideName(Side::kThroughGate), sideName(Side::kDirect), 1.10);
   const double frame = median(seconds()["BM_ReceiveToFirstFrame"]);
   const double receive = median(seconds()["receiveWidget alone"]);
   if (frame > 0)

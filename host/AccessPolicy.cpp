@@ -258,6 +258,6 @@ std::string AccessPolicy::refusal(const std::string& shown,
     return "";
   if (hasScheme(url, "http") || hasScheme(url, "https") ||
       hasScheme(url, "ws") || hasScheme(url, "wss"))
-    return allows(url) ? "" : "an origin the widget was not granted";
+    return allows(url) ? "" : kNotGranted;
   return "an address a widget may not reach";
 }

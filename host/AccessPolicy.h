@@ -28,12 +28,17 @@ class AccessPolicy {
   std::string serialize() const;
   static AccessPolicy deserialize(const std::string& text);
 
+  // Why a request to a web origin outside the grants is refused.
+  static constexpr const char* kNotGranted =
+      "an origin the widget was not granted";
+
   bool grantsAll() const { return all_; }
   const std::vector<Grant>& grants() const { return grants_; }
 
   // Whether a request to url (http, https, ws or wss) is granted. A grant of
   // an http origin also lets the page open a WebSocket (ws) to the same host
   // and port, and https likewise wss: the handshake is a request to it.
+  // Never across TLS: http does not grant https or wss, nor https http or ws.
   bool allows(const std::string& url) const;
 
   // Why a page of the widget whose widget:// authority is shown ("" for a
@@ -47,7 +52,9 @@ class AccessPolicy {
   static std::string widgetAuthority(const std::string& url);
 
   // The granted origins as Content-Security-Policy sources, with their
-  // WebSocket twins; "" when nothing is granted.
+  // WebSocket twins; "" when nothing is granted. A policy cannot be as
+  // exact as allows(): WebKit lets http://h:p and ws://h:p match https and
+  // wss of the same host and port too. The network gate holds that line.
   std::string cspSources() const;
 
  private:

@@ -87,6 +87,26 @@ TEST(AccessPolicyTest, WebSocketsFollowTheOriginTheyUpgrade) {
   EXPECT_EQ("http://127.0.0.1:8123 ws://127.0.0.1:8123", one.cspSources());
 }
 
+// Scheme for scheme: what goes without TLS is granted by http only, what
+// goes with it by https only, whichever of the two is granted.
+TEST(AccessPolicyTest, PlainAndSecureSchemesAreNeverMixed) {
+  AccessPolicy plain = policy("<access origin=\"http://127.0.0.1:8123\"/>");
+  AccessPolicy secure = policy("<access origin=\"https://127.0.0.1:8123\"/>");
+  for (const char* url : {"http://127.0.0.1:8123/", "ws://127.0.0.1:8123/"}) {
+    EXPECT_TRUE(plain.allows(url)) << url;
+    EXPECT_FALSE(secure.allows(url)) << url;
+  }
+  for (const char* url : {"https://127.0.0.1:8123/", "wss://127.0.0.1:8123/"}) {
+    EXPECT_FALSE(plain.allows(url)) << url;
+    EXPECT_TRUE(secure.allows(url)) << url;
+  }
+  EXPECT_EQ("an origin the widget was not granted",
+            plain.refusal("w", "wss://127.0.0.1:8123/s", false));
+  EXPECT_EQ("an origin the widget was not granted",
+            secure.refusal("w", "ws://127.0.0.1:8123/s", false));
+  EXPECT_EQ("https://127.0.0.1:8123 wss://127.0.0.1:8123", secure.cspSources());
+}
+
 TEST(AccessPolicyTest, SubdomainsOnlyWhenAsked) {
   AccessPolicy sub =
       policy("<access origin=\"http://w3.org\" subdomains=\"  true \"/>");

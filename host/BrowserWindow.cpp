@@ -173,7 +173,14 @@ void BrowserWindow::onInitializeExtensions(WebKitWebContext* context,
 
 void BrowserWindow::open(const std::string& url) {
   std::string address = url;
-  if (!scheme_.bound() && bindToWidget(url, &address)) updateTitle();
+  if (!scheme_.bound() && bindToWidget(url, &address)) {
+    updateTitle();
+    if (!network_.confine(context_, webkit_web_view_get_settings(view_),
+                          scheme_.policy(), options_.gate)) {
+      finish(1);
+      return;
+    }
+  }
   url_ = address;
   loadStart_ = std::chrono::steady_clock::now();
   webkit_web_view_load_uri(view_, address.c_str());

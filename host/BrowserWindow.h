@@ -18,6 +18,7 @@
 
 #include "host/PageRequests.h"
 #include "host/ResourceMapper.h"
+#include "host/WidgetNetwork.h"
 #include "host/WidgetScheme.h"
 
 struct BrowserOptions {
@@ -27,6 +28,7 @@ struct BrowserOptions {
   int width = 800;
   int height = 600;
   bool mapping = true;         // off only to measure what mapping costs
+  bool gate = true;            // off only to measure what the gate costs
   std::string extensionDir;    // where the web-process part lives
   // Test and benchmark hooks, set from the environment by main().
   bool printFacts = false;     // print what the loaded page shows as JSON
@@ -94,6 +96,7 @@ class BrowserWindow {
   std::string url_;              // what open() was asked for
   std::string redirectedTo_;     // the localized document being loaded
   WidgetScheme scheme_;
+  WidgetNetwork network_;        // the widget's only way out
   std::string widgetTitle_;      // the localized name of the widget shown
   bool redirectPending_ = false;  // an ignored navigation is replaced
   bool navigationRefused_ = false;  // a started load was refused

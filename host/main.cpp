@@ -202,6 +202,7 @@ int main(int argc, char** argv) {
   options.height = std::clamp(options.height, 1, 10000);
   options.extensionDir = extensionDirectory(argv[0]);
   options.mapping = !envFlag("WIDGET_BROWSER_NO_MAPPING");
+  options.gate = !envFlag("WIDGET_BROWSER_NO_GATE");
   options.printFacts = envFlag("WIDGET_BROWSER_FACTS");
   if (const char* steps = getenv("WIDGET_BROWSER_STEPS")) {
     std::istringstream words(steps);
