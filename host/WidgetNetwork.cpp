@@ -6,6 +6,8 @@
 #include <iostream>
 #include <string>
 
+#include "host/RefusalLines.h"
+
 namespace {
 
 // What a widget needs no network for. Preconnect and DNS prefetch open
