@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "install/Extractor.h"
 
-#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -29,6 +28,7 @@
 #include "base/EngineOutput.h"
 #include "base/Progress.h"
 #include "base/Refusal.h"
+#include "base/TreeRemover.h"
 #include "base/TrustedPath.h"
 
 namespace {
@@ -1064,38 +1064,21 @@ void Extractor::removeDirectoryTree(const std::string& path) {
     return;
   }
   if (!S_ISDIR(info.st_mode)) return;
-  int fd = open(bare.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-  if (fd < 0) return;
-  DIR* dir = fdopendir(fd);
-  if (dir == nullptr) {
-    close(fd);
+  ScopedFd tree(open(bare.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (tree.get() < 0) return;
+  if (!TreeRemover().removeContents(tree.get())) return;
+
+  // Deliberately, the process is left in the folder that held the tree, as
+  // it always has been after this removal, and the tree is then removed by
+  // the path it was given, from there; hosts may rely on both. This is the
+  // one place where the engine changes the working directory. When that
+  // folder cannot be entered, the process is left in the emptied tree and
+  // the tree stays.
+  ScopedFd parent(openat(tree.get(), "..", O_PATH | O_DIRECTORY | O_CLOEXEC));
+  if (parent.get() < 0 || fchdir(parent.get()) != 0) {
+    static_cast<void>(fchdir(tree.get()) == 0);
     return;
   }
-  // The walk runs inside the tree, with bare names, and leaves the process
-  // in the parent of what it removed. The listing is read whole first, so
-  // that no descriptor stays open per level of a deep tree.
-  if (fchdir(fd) != 0) {
-    closedir(dir);
-    return;
-  }
-  std::vector<std::pair<std::string, bool>> items;
-  while (struct dirent* item = readdir(dir)) {
-    const char* name = item->d_name;
-    if (name[0] == '.' &&
-        (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'))) {
-      continue;
-    }
-    items.emplace_back(name, item->d_type == DT_DIR);
-  }
-  closedir(dir);
-  for (const auto& item : items) {
-    if (item.second) {
-      removeDirectoryTree(item.first);
-    } else {
-      remove(item.first.c_str());
-    }
-  }
-  if (chdir("..") != 0) return;
   rmdir(path.c_str());
 }
 
