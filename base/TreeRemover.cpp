@@ -216,6 +216,12 @@ TreeRemover::TreeRemover(OpenFailure onOpenFailure)
     : onOpenFailure_(std::move(onOpenFailure)) {}
 
 bool TreeRemover::removeContents(int dirFd) const {
-  Walk walk(dirFd, onOpenFailure_);
-  return walk.run();
+  try {
+    Walk walk(dirFd, onOpenFailure_);
+    return walk.run();
+  } catch (...) {
+    // Out of memory for a listing: what is left stays, and the removal of
+    // the directory itself tells the caller so.
+    return true;
+  }
 }

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// EntryWriter writes the next bytes of an entry, never letting the entry grow beyond
-// the size its directory record declares: that size is what the free-space
-// check counted, and an archive whose data holds more (a stored entry whose
-// sizes disagree, a deflate stream that inflates further than announced)
-// would otherwise fill the disk. Such an entry fails as a write that found
-// the file full would, with EFBIG. The CRC-32 of what was written is kept,
-// so that a damaged entry is known once its last byte is out.
+// EntryWriter writes the next bytes of an entry, never letting the entry grow
+// beyond the size its directory record declares: that size is what the
+// free-space check counted, and an archive whose data holds more (a stored
+// entry whose sizes disagree, a deflate stream that inflates further than
+// announced) would otherwise fill the disk. Such an entry fails as a write that
+// found the file full would, with EFBIG. The CRC-32 of what was written is
+// kept, so that a damaged entry is known once its last byte is out.
 #ifndef WIDGETENGINE_ENTRYWRITER_H_
 #define WIDGETENGINE_ENTRYWRITER_H_
 

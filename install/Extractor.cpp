@@ -65,7 +65,8 @@ int Extractor::extract(std::vector<std::string>& files) {
     zip_stat_t stat;
     zip_stat_init(&stat);
     if (zip_stat_index(archive.get(), index, 0, &stat) == -1) {
-      UnpackReport::sayWithNumber("Could not get stats from file inside the zip", openError);
+      UnpackReport::sayWithNumber("Could not get stats from file inside the zip",
+                                  openError);
       return -1;
     }
     if ((stat.valid & ZIP_STAT_ENCRYPTION_METHOD) != 0 &&
@@ -75,7 +76,7 @@ int Extractor::extract(std::vector<std::string>& files) {
     }
     const std::string name = EntryName::of(stat);
     if (!isAcceptedName(name)) {
-      UnpackReport::UnpackReport::say("Incorrect file name: " + name);
+      UnpackReport::say("Incorrect file name: " + name);
       return -1;
     }
     if (EntryName::isFolder(name)) continue;
@@ -99,11 +100,13 @@ int Extractor::extract(std::vector<std::string>& files) {
   uint64_t freeBytes = 0;
   if (FreeSpace::available(targetDir, &freeBytes) && declaredBytes > freeBytes) {
     errno = ENOSPC;
-    UnpackReport::sayWithNumber("Directory could not be created to extract the zip", errno);
+    UnpackReport::sayWithNumber(
+        "Directory could not be created to extract the zip", errno);
     return -1;
   }
   if (makeDirectories(targetDir, 0755) != 0) {
-    UnpackReport::sayWithNumber("Directory could not be created to extract the zip", errno);
+    UnpackReport::sayWithNumber(
+        "Directory could not be created to extract the zip", errno);
     return -1;
   }
 
@@ -119,7 +122,8 @@ int Extractor::extract(std::vector<std::string>& files) {
 
   std::vector<UnpackTask> tasks;
   twoThreads = false;
-  if (workers > 1 && UnpackPlan::inAnyOrder(archive.get(), count, targetDir, package, &tasks)) {
+  if (workers > 1 &&
+      UnpackPlan::inAnyOrder(archive.get(), count, targetDir, package, &tasks)) {
     if (!UnpackWorkers::run(tasks, unpacker, baseFd.get(), baseError, baseLength,
                             package, count, files, &twoThreads)) {
       return -1;
@@ -134,7 +138,8 @@ int Extractor::extract(std::vector<std::string>& files) {
     zip_stat_t stat;
     zip_stat_init(&stat);
     if (zip_stat_index(archive.get(), index, 0, &stat) == -1) {
-      UnpackReport::sayWithNumber("Could not get stats from file inside the zip", openError);
+      UnpackReport::sayWithNumber("Could not get stats from file inside the zip",
+                                  openError);
       return -1;
     }
     const UnpackTask task = UnpackTask::of(index, stat, targetDir, package);
@@ -207,7 +212,8 @@ void Extractor::removeDirectoryTree(const std::string& path) {
     return;
   }
   if (!S_ISDIR(info.st_mode)) return;
-  ScopedFd tree(open(bare.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  ScopedFd tree(
+      open(bare.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (tree.get() < 0) return;
   if (!TreeRemover().removeContents(tree.get())) return;
 

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// FolderWalker opens, creating when missing, the folders below one base directory without
-// ever following a symbolic link, so that a link planted inside the tree
-// cannot lead a write elsewhere. The chain of the last folder stays open:
-// archives list the files of one folder together, so most entries need no
-// lookup at all.
+// FolderWalker opens, creating when missing, the folders below one base
+// directory without ever following a symbolic link, so that a link planted
+// inside the tree cannot lead a write elsewhere. The chain of the last folder
+// stays open: archives list the files of one folder together, so most entries
+// need no lookup at all.
 #ifndef WIDGETENGINE_FOLDERWALKER_H_
 #define WIDGETENGINE_FOLDERWALKER_H_
 

@@ -41,7 +41,9 @@ bool UnpackWorkers::run(const std::vector<UnpackTask>& tasks,
         outcome.error = ENOMEM;
       }
       outcomes[i] = outcome;
-      if (outcome.kind != UnpackOutcome::kDone) stop.store(true, std::memory_order_relaxed);
+      if (outcome.kind != UnpackOutcome::kDone) {
+        stop.store(true, std::memory_order_relaxed);
+      }
       finished[i].store(true, std::memory_order_release);
       afterEach();
     }

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-// ZipReader: the package file read in bounded pieces, with the data span of each entry
-// found through its own central directory. libzip stays the judge of the
-// archive (opening, consistency, names, the checks); this reader only lets
+// ZipReader: the package file read in bounded pieces, with the data span of
+// each entry found through its own central directory. libzip stays the judge of
+// the archive (opening, consistency, names, the checks); this reader only lets
 // the data of stored and deflated entries go to the disk without the buffer
 // layers of a read through libzip. Nothing of the package is mapped or held
-// whole: memory stays the same whatever the package's size. Any entry that
-// this simple reader does not fully understand, or on which it disagrees
-// with libzip, is read through libzip instead.
+// whole: memory stays the same whatever the package's size. Any entry that this
+// simple reader does not fully understand, or on which it disagrees with
+// libzip, is read through libzip instead.
 #ifndef WIDGETENGINE_ZIP_ZIPREADER_H_
 #define WIDGETENGINE_ZIP_ZIPREADER_H_
 
