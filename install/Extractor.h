@@ -42,7 +42,9 @@ class Extractor {
 
   // Creates every missing folder of path that is followed by a "/".
   int makeDirectories(const std::string& path, mode_t mode);
-  // Deletes a directory and all below it; never follows a symbolic link.
+  // Deletes a directory and all below it; never follows a symbolic link (a
+  // link in its place is removed itself). Leaves the process in the folder
+  // that held the directory, which is removed last by path from there.
   void removeDirectoryTree(const std::string& path);
 
  private:

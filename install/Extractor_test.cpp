@@ -490,6 +490,34 @@ TEST_F(ExtractorTest, RemovalLeavesTheWorkingDirectoryAtTheParent) {
   EXPECT_EQ(std::string(real), currentDirectory());
 }
 
+TEST_F(ExtractorTest, RemovalOfARelativePathLeavesTheProcessInItsFolder) {
+  char real[PATH_MAX];
+  ASSERT_NE(nullptr, realpath(dir.path().c_str(), real));
+  const std::string base(real);
+  ASSERT_EQ(0, mkdir((base + "/sub").c_str(), 0755));
+  ASSERT_EQ(0, mkdir((base + "/sub/tree").c_str(), 0755));
+  ASSERT_EQ(0, mkdir((base + "/sub/tree/x").c_str(), 0755));
+  TempDir::writeFile(base + "/sub/tree/x/f", "f");
+  ASSERT_EQ(0, mkdir((base + "/single").c_str(), 0755));
+  TempDir::writeFile(base + "/single/f", "f");
+  Extractor extractor(zipPath, target);
+  extractor.setKeepFiles(true);
+
+  // A bare name: gone, and the process is where it was.
+  ASSERT_EQ(0, chdir(base.c_str()));
+  extractor.removeDirectoryTree("single");
+  EXPECT_FALSE(TempDir::exists(base + "/single"));
+  EXPECT_EQ(base, currentDirectory());
+
+  // A longer relative path is emptied, and the process goes to the folder
+  // that held it, from where the path no longer names it: it stays, empty.
+  extractor.removeDirectoryTree("sub/tree/");
+  EXPECT_EQ(base + "/sub", currentDirectory());
+  EXPECT_TRUE(isDirectory(base + "/sub/tree"));
+  EXPECT_TRUE(TempDir::listDirectory(base + "/sub/tree").empty());
+  ASSERT_EQ(0, chdir("/"));
+}
+
 TEST_F(ExtractorTest, RemovalDeletesLinksButNotWhatTheyPointAt) {
   TempDir outside;
   TempDir::writeFile(outside.file("precious.txt"), "keep");

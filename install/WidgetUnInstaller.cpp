@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "install/WidgetUnInstaller.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -16,6 +15,7 @@
 #include <widgetengine/WidgetEngineExtensions.h>
 
 #include "base/EngineOutput.h"
+#include "base/TreeRemover.h"
 #include "base/TrustedPath.h"
 #include "base/Refusal.h"
 #include "install/InstallLock.h"
@@ -27,48 +27,6 @@ namespace {
 void deleteAll(std::vector<WidgetsData*>& records) {
   for (WidgetsData* record : records) delete record;
   records.clear();
-}
-
-// Removes everything inside the directory open at fd, and closes fd. Entries
-// are opened relative to their parent's descriptor with O_NOFOLLOW, so a link
-// met anywhere is unlinked, never followed, and a directory swapped for a link
-// while the walk runs cannot lead it elsewhere.
-void removeContents(int fd) {
-  DIR* dir = fdopendir(fd);
-  if (!dir) {
-    close(fd);
-    return;
-  }
-  const int parent = dirfd(dir);
-  while (const dirent* entry = readdir(dir)) {
-    const char* name = entry->d_name;
-    if (name[0] == '.' &&
-        (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'))) {
-      continue;
-    }
-    bool isDirectory = entry->d_type == DT_DIR;
-    if (entry->d_type == DT_UNKNOWN) {
-      struct stat status;
-      isDirectory = fstatat(parent, name, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
-                    S_ISDIR(status.st_mode);
-    }
-    if (!isDirectory) {
-      unlinkat(parent, name, 0);
-      continue;
-    }
-    const int child =
-        openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    if (child >= 0) {
-      removeContents(child);
-    } else if (errno != ELOOP && errno != ENOTDIR) {
-      enginePerror("Error opendir()");
-    }
-    // Failures are not reported: only the top directory decides the answer.
-    if (unlinkat(parent, name, AT_REMOVEDIR) != 0 && errno == ENOTDIR) {
-      unlinkat(parent, name, 0);
-    }
-  }
-  closedir(dir);
 }
 
 // path without its trailing slashes, so that a link in its place is seen as
@@ -252,7 +210,14 @@ bool WidgetUnInstaller::removeWidgetDirectory(const std::string& path) {
     enginePerror("Error opendir()");
     return false;
   }
-  removeContents(fd);
+  // A folder inside that cannot be opened is said, as the top one is; what
+  // cannot be removed shows in the removal of the top below.
+  const TreeRemover remover([](int error) {
+    errno = error;
+    enginePerror("Error opendir()");
+  });
+  remover.removeContents(fd);
+  close(fd);
   // Only a directory that is really gone counts as removed.
   if (rmdir(top.c_str()) != 0) {
     engineOut() << "Could not remove the directory " << top << ": "

@@ -1,0 +1,34 @@
+// SPDX-License-Identifier: Apache-2.0
+// EntryWriter writes the next bytes of an entry, never letting the entry grow
+// beyond the size its directory record declares: that size is what the
+// free-space check counted, and an archive whose data holds more (a stored
+// entry whose sizes disagree, a deflate stream that inflates further than
+// announced) would otherwise fill the disk. Such an entry fails as a write that
+// found the file full would, with EFBIG. The CRC-32 of what was written is
+// kept, so that a damaged entry is known once its last byte is out.
+#ifndef WIDGETENGINE_ENTRYWRITER_H_
+#define WIDGETENGINE_ENTRYWRITER_H_
+
+#include <zlib.h>
+
+#include <cstddef>
+#include <cstdint>
+
+class EntryWriter {
+ public:
+  // fd is the caller's, open for writing; declared is the entry's size.
+  EntryWriter(int fd, uint64_t declared) : fd_(fd), left_(declared) {}
+
+  // Writes size bytes whole; false with errno set when they cannot be
+  // written or would pass the declared size (EFBIG).
+  bool write(const char* data, size_t size);
+  // True when every declared byte was written and they sum to crc.
+  bool matches(uint32_t crc) const { return left_ == 0 && crc_ == crc; }
+
+ private:
+  int fd_;
+  uint64_t left_;
+  uLong crc_ = 0;
+};
+
+#endif  // WIDGETENGINE_ENTRYWRITER_H_

@@ -1,0 +1,96 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "install/UnpackWorkers.h"
+
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <thread>
+
+#include "install/UnpackReport.h"
+
+int UnpackWorkers::defaultCount() {
+  const char* value = getenv("WIDGETENGINE_UNPACK_THREADS");
+  if (value && strcmp(value, "1") == 0) return 1;
+  if (value && strcmp(value, "2") == 0) return 2;
+  return std::thread::hardware_concurrency() > 1 ? 2 : 1;
+}
+
+bool UnpackWorkers::run(const std::vector<UnpackTask>& tasks,
+                        EntryUnpacker& unpacker, int baseFd, int baseError,
+                        size_t baseLength, const ZipReader& package,
+                        zip_int64_t count, std::vector<std::string>& files,
+                        bool* started) {
+  const size_t n = tasks.size();
+  std::vector<UnpackOutcome> outcomes(n);
+  std::unique_ptr<std::atomic<bool>[]> finished(new std::atomic<bool>[n]());
+  std::atomic<size_t> next{0};
+  std::atomic<bool> stop{false};
+
+  auto work = [&](EntryUnpacker& mine, const std::function<void()>& afterEach) {
+    while (!stop.load(std::memory_order_relaxed)) {
+      const size_t i = next.fetch_add(1, std::memory_order_relaxed);
+      if (i >= n) return;
+      UnpackOutcome outcome;
+      try {
+        outcome = mine.unpack(tasks[i], nullptr);
+      } catch (...) {
+        outcome.kind = UnpackOutcome::kWriteFailed;
+        outcome.error = ENOMEM;
+      }
+      outcomes[i] = outcome;
+      if (outcome.kind != UnpackOutcome::kDone) {
+        stop.store(true, std::memory_order_relaxed);
+      }
+      finished[i].store(true, std::memory_order_release);
+      afterEach();
+    }
+  };
+
+  size_t said = 0;
+  bool failedEntry = false;
+  auto sayFinished = [&]() {
+    while (!failedEntry && said < n && finished[said].load(std::memory_order_acquire)) {
+      const UnpackTask& task = tasks[said];
+      UnpackReport::sayEntry(task, count);
+      if (!UnpackReport::sayOutcome(task, outcomes[said])) {
+        failedEntry = true;
+        return;
+      }
+      if (!task.isFolder) files.push_back(task.name);
+      ++said;
+    }
+  };
+
+  // Joins the other thread however this one leaves, after telling it to
+  // take no more entries.
+  struct Helper {
+    std::atomic<bool>& stop;
+    std::thread thread;
+    ~Helper() {
+      if (!thread.joinable()) return;
+      stop.store(true, std::memory_order_relaxed);
+      thread.join();
+    }
+  } helper{stop, std::thread()};
+  try {
+    helper.thread = std::thread([&] {
+      try {
+        EntryUnpacker other(baseFd, baseError, baseLength, package);
+        work(other, [] {});
+      } catch (...) {
+        // Without memory for its buffers it takes no entry; this thread
+        // takes them all.
+      }
+    });
+  } catch (...) {
+    // No second thread: this one does it all.
+  }
+  *started = helper.thread.joinable();
+  work(unpacker, sayFinished);
+  if (helper.thread.joinable()) helper.thread.join();
+  sayFinished();
+  return !failedEntry && said == n;
+}
