@@ -28,10 +28,6 @@ bool scriptAnswer(GObject* source, GAsyncResult* result) {
   return answer;
 }
 
-// Long enough for a cold web process on a loaded machine; a page that has
-// not loaded by then is reported instead of waited for forever.
-const guint kLoadTimeoutSeconds = 90;
-
 // How long a click on a link may take to start its load before the test
 // steps take it as refused.
 const guint kClickSettleMs = 1500;
@@ -144,7 +140,7 @@ BrowserWindow::BrowserWindow(WebWidgetEngineDelegate* engine,
 
   if (options_.exitAfterLoad || !options_.screenshot.empty() ||
       options_.repeat > 0)
-    timeout_ = g_timeout_add_seconds(kLoadTimeoutSeconds, onTimeout, this);
+    timeout_ = g_timeout_add_seconds(options_.loadTimeoutSeconds, onTimeout, this);
 }
 
 BrowserWindow::~BrowserWindow() {
@@ -634,7 +630,7 @@ gboolean BrowserWindow::onTimeout(gpointer self) {
   auto* window = static_cast<BrowserWindow*>(self);
   window->timeout_ = 0;
   std::cerr << "widget-browser: the page did not finish loading in "
-            << kLoadTimeoutSeconds << " s" << std::endl;
+            << window->options_.loadTimeoutSeconds << " s" << std::endl;
   window->finish(3);
   return G_SOURCE_REMOVE;
 }

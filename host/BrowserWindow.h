@@ -37,6 +37,9 @@ struct BrowserOptions {
   // history.
   std::vector<std::string> steps;
   int repeat = 0;              // load the page this many more times, timed
+  // Long enough for a cold web process on a loaded machine; a page that has
+  // not loaded by then is reported instead of waited for forever.
+  int loadTimeoutSeconds = 90;
 };
 
 class BrowserWindow {

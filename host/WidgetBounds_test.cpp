@@ -261,9 +261,13 @@ TEST_F(WidgetBoundsTest, LargeFileReadEightTimesStaysWithinTheMemoryBound) {
   const std::string big = root + "widget_big/big.bin";
   const off_t size = 300L << 20;
   ASSERT_EQ(0, truncate(big.c_str(), size));
+  // 2.4 GB pass from the browser to the page: half a minute on a quiet
+  // machine, and more than the usual load time-out on a busy one.
+  deadline = std::chrono::seconds(900);
   Browse run = browse({"--exit-after-load", "widget://big/index.html"},
                       {{"WIDGET_BROWSER_STEPS", "wait:#done"},
-                       {"WIDGET_BROWSER_PEAK_MEMORY", "1"}});
+                       {"WIDGET_BROWSER_PEAK_MEMORY", "1"},
+                       {"WIDGET_BROWSER_LOAD_TIMEOUT", "600"}});
   unlink(big.c_str());
   ASSERT_TRUE(run.exited) << run.err;
   ASSERT_EQ(0, run.status) << run.out << run.err;

@@ -66,9 +66,11 @@ class WidgetBrowserTest : public WidgetSandbox {
  protected:
   // A command that browse() runs the browser through, when not empty.
   std::vector<std::string> wrapper;
+  // How long browse() waits for the browser before it takes it as hung.
+  std::chrono::seconds deadline = kBrowserDeadline;
 
   // Runs widget-browser with args and these variables added to the
-  // environment, and waits for it (at most kBrowserDeadline).
+  // environment, and waits for it (at most deadline).
   Browse browse(const std::vector<std::string>& args,
                 const std::map<std::string, std::string>& env = {}) {
     Browse result;
@@ -108,10 +110,10 @@ class WidgetBrowserTest : public WidgetSandbox {
       ADD_FAILURE() << "cannot start " << kBrowser;
       return result;
     }
-    const auto deadline = std::chrono::steady_clock::now() + kBrowserDeadline;
+    const auto end = std::chrono::steady_clock::now() + deadline;
     int wstatus = 0;
     while (waitpid(pid, &wstatus, WNOHANG) == 0) {
-      if (std::chrono::steady_clock::now() > deadline) {
+      if (std::chrono::steady_clock::now() > end) {
         kill(pid, SIGKILL);
         waitpid(pid, &wstatus, 0);
         result.hung = true;

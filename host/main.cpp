@@ -211,6 +211,8 @@ int main(int argc, char** argv) {
   }
   if (const char* repeat = getenv("WIDGET_BROWSER_REPEAT"))
     options.repeat = std::clamp(atoi(repeat), 0, 1000);
+  if (const char* seconds = getenv("WIDGET_BROWSER_LOAD_TIMEOUT"))
+    options.loadTimeoutSeconds = std::clamp(atoi(seconds), 1, 3600);
   const bool timing = envFlag("WIDGET_BROWSER_TIMING");
   g_free(lang);
   g_free(screenshot);
