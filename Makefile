@@ -37,7 +37,13 @@ test: setup test-normal test-asan
 # the other tests has been seen to starve of a frame.
 RERUN_FAILED = || ctest --rerun-failed --output-on-failure
 
+# The built-in registry folder and the widget root's parent, which the
+# device's image provides: tests that leave WIDGET_PATH or YRA_DATA_PATH
+# unset use them, in whatever order ctest runs them.
+sandbox_dirs = mkdir -p $(1)/sandbox/conf
+
 test-normal: build
+	$(call sandbox_dirs,$(BUILD))
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS) $(RERUN_FAILED)
 
 test-asan: setup
@@ -46,6 +52,7 @@ test-asan: setup
 	  -DCMAKE_EXE_LINKER_FLAGS="$(SANITIZE)" -DCMAKE_SHARED_LINKER_FLAGS="$(SANITIZE)" \
 	  $(call SANDBOX_FLAGS,$(ASAN_BUILD))
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
+	$(call sandbox_dirs,$(ASAN_BUILD))
 	cd $(ASAN_BUILD) && export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
 	  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 && \
 	  ctest --output-on-failure -j $(JOBS) $(RERUN_FAILED)
@@ -118,6 +125,7 @@ cross: cross-setup
 	cmake -S . -B $(CROSS_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CROSS_FLAGS) \
 	  $(call SANDBOX_FLAGS,$(CROSS_BUILD))
 	cmake --build $(CROSS_BUILD) -j $(JOBS)
+	$(call sandbox_dirs,$(CROSS_BUILD))
 	cd $(CROSS_BUILD) && ctest --output-on-failure -j $(JOBS) $(RERUN_FAILED)
 
 # Removes what `cmake --install build` wrote (from its install manifest),
