@@ -13,30 +13,18 @@
 namespace {
 
 // Shared by the pages below: record(name, value) notes what the page saw,
-// done() shows the notes as JSON in <pre id="results"> and adds #done.
+// done() shows the notes.
 const char kRecorder[] = R"JS(
-const results = {};
 function record(name, value) { results[name] = String(value); }
 function settle(promise, ms) {
   return Promise.race([promise,
                        new Promise(r => setTimeout(() => r('no answer'), ms))]);
 }
-function done() {
-  const pre = document.createElement('pre');
-  pre.id = 'results';
-  pre.textContent = JSON.stringify(results);
-  document.body.appendChild(pre);
-  const mark = document.createElement('div');
-  mark.id = 'done';
-  document.body.appendChild(mark);
-}
+function done() { showResults(); }
 )JS";
 
 std::string recorderPage(const std::string& body, const std::string& script) {
-  return std::string("<!DOCTYPE html><html><head><meta charset=\"UTF-8\">"
-                     "<title>Bounds</title><script>") +
-         kRecorder + "</script></head><body><h1>Bounds</h1>" + body +
-         "<script>" + script + "</script></body></html>";
+  return testPage("Bounds", kRecorder, body, script);
 }
 
 class WidgetBoundsTest : public WidgetBrowserTest {};

@@ -41,6 +41,28 @@ constexpr char kFrenchColour[] = "rgb(255, 204, 77)";
 constexpr char kGermanColour[] = "rgb(126, 224, 129)";
 constexpr char kDefaultColour[] = "rgb(232, 240, 248)";
 
+// A test page of its own title, with helpers (script text) run first, then
+// body, then script. The helpers may note what the page saw in results and
+// call showResults() once it is done: it shows results as JSON in
+// <pre id="results"> (read back by WidgetBrowserTest::results) and adds
+// #done, which the step "wait:#done" waits for.
+inline std::string testPage(const std::string& title, const std::string& helpers,
+                            const std::string& body, const std::string& script) {
+  return "<!DOCTYPE html><html><head><meta charset=\"UTF-8\"><title>" + title +
+         "</title><script>const results = {};\n"
+         "function showResults() {\n"
+         "  const pre = document.createElement('pre');\n"
+         "  pre.id = 'results';\n"
+         "  pre.textContent = JSON.stringify(results);\n"
+         "  document.body.appendChild(pre);\n"
+         "  const mark = document.createElement('div');\n"
+         "  mark.id = 'done';\n"
+         "  document.body.appendChild(mark);\n"
+         "}\n" +
+         helpers + "</script></head><body><h1>" + title + "</h1>" + body +
+         "<script>" + script + "</script></body></html>";
+}
+
 struct Browse {
   bool exited = false;  // false: killed by a signal or by the deadline
   bool hung = false;

@@ -271,7 +271,6 @@ TEST_F(WidgetBrowserTest, PageOutsideTheWidgetRootIsLoadedUntouched) {
 // page's tries have settled, finish() shows their results as JSON in
 // <pre id="results"> and adds #done, which the browser waits for.
 const char kProbes[] = R"JS(
-const results = {};
 const secrets = ['root:', 'VICTIM-SECRET', 'SQLite format', 'passwd'];
 function verdict(text) {
   return secrets.some(s => text.includes(s)) ? 'LEAKED: ' + text.slice(0, 60)
@@ -387,21 +386,12 @@ async function finish(tries) {
   // A beacon or an image may still be on its way: the servers' counts are
   // read after the browser has gone, so give them a moment to leave.
   await new Promise(r => setTimeout(r, 300));
-  const pre = document.createElement('pre');
-  pre.id = 'results';
-  pre.textContent = JSON.stringify(results);
-  document.body.appendChild(pre);
-  const done = document.createElement('div');
-  done.id = 'done';
-  document.body.appendChild(done);
+  showResults();
 }
 )JS";
 
 std::string page(const std::string& script, const std::string& body = "") {
-  return std::string("<!DOCTYPE html><html><head><meta charset=\"UTF-8\">"
-                     "<title>Probe</title><script>") +
-         kProbes + "</script></head><body><h1>Probe</h1>" + body +
-         "<script>" + script + "</script></body></html>";
+  return testPage("Probe", kProbes, body, script);
 }
 
 TEST_F(WidgetBrowserTest, HostileWidgetReadsAndSendsNothing) {
