@@ -40,9 +40,37 @@ void pushNames(const std::string& path, std::deque<std::string>* names) {
   names->insert(names->begin(), parts.begin(), parts.end());
 }
 
+// The root directory, reached from the working directory by "..": an
+// emulator that runs programs of another architecture against a system
+// image of it (qemu-user with -L) answers open("/") with the image's root,
+// while names below it are the machine's own. Climbing is only ever done
+// relative to a descriptor, which no emulator rewrites; the root is the
+// directory that is its own parent.
+int openRoot() {
+  int here = open(".", O_PATH | O_DIRECTORY | O_CLOEXEC);
+  // Bounded as a path is: a deeper working directory is not one to climb.
+  for (int step = 0; here >= 0 && step < PATH_MAX / 2; ++step) {
+    const int up = openat(here, "..", O_PATH | O_DIRECTORY | O_CLOEXEC);
+    struct stat mine, parent;
+    if (up < 0 || fstat(here, &mine) != 0 || fstat(up, &parent) != 0) {
+      if (up >= 0) close(up);
+      break;
+    }
+    if (mine.st_dev == parent.st_dev && mine.st_ino == parent.st_ino) {
+      close(up);
+      return here;
+    }
+    close(here);
+    here = up;
+  }
+  // The working directory is gone (removed, or no longer reachable).
+  if (here >= 0) close(here);
+  return open("/", O_PATH | O_DIRECTORY | O_CLOEXEC);
+}
+
 int openStart(const std::string& path) {
-  return open(!path.empty() && path[0] == '/' ? "/" : ".",
-              O_PATH | O_DIRECTORY | O_CLOEXEC);
+  if (!path.empty() && path[0] == '/') return openRoot();
+  return open(".", O_PATH | O_DIRECTORY | O_CLOEXEC);
 }
 
 }  // namespace
