@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "testing/TempDir.h"
 
@@ -156,6 +157,34 @@ TEST_F(TrustedPathTest, LinksOfTheCallerAreFollowedWhereverTheyLead) {
   ASSERT_NE(nullptr, realpath((target + "/inner").c_str(), real));
   EXPECT_EQ(std::string(real) + "/", TrustedPath::realPathOf(fd));
   close(fd);
+}
+
+// An absolute path is walked from the root wherever the process stands,
+// even in a folder that has since been removed (whose ".." leads nowhere).
+TEST_F(TrustedPathTest, AbsolutePathsAreWalkedFromTheRootWhereverTheCallerStands) {
+  const std::string inner = folder("inner", 0700);
+  char start[PATH_MAX];
+  ASSERT_NE(nullptr, getcwd(start, sizeof start));
+  char real[PATH_MAX];
+  ASSERT_NE(nullptr, realpath(inner.c_str(), real));
+  const std::string gone = folder("gone", 0700);
+  std::vector<std::string> places = {inner};
+#if !defined(WIDGETENGINE_TEST_EMULATED)
+  // Under an emulator with a system image, a process whose folder is gone
+  // has no other way to the root than the name "/", which is the image's.
+  places.push_back(gone);
+#endif
+  for (const std::string& where : places) {
+    ASSERT_EQ(0, chdir(where.c_str()));
+    if (where == gone) {
+      ASSERT_EQ(0, rmdir(gone.c_str()));
+    }
+    const int fd = TrustedPath::openDirectory(inner, &reason);
+    const std::string found = fd >= 0 ? TrustedPath::realPathOf(fd) : reason;
+    if (fd >= 0) close(fd);
+    ASSERT_EQ(0, chdir(start));
+    EXPECT_EQ(std::string(real) + "/", found) << where;
+  }
 }
 
 TEST_F(TrustedPathTest, LinkLoopIsRefusedAndMissingTargetIsMissing) {
