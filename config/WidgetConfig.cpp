@@ -4,7 +4,7 @@
 #include <iostream>
 
 #include "base/EngineOutput.h"
-#include "install/WidgetInstaller.h"
+#include "config/PackageFiles.h"
 
 namespace {
 
@@ -42,7 +42,7 @@ void printLocalized(const char* label, const WidgetConfig::LocalizedMap& map) {
 
 }  // namespace
 
-WidgetConfig::WidgetConfig(WidgetInstaller* installer)
+WidgetConfig::WidgetConfig(PackageFiles* installer)
     : installer(installer),
       contentEncoding(new std::string("UTF-8")),
       contentType(new std::string("text/html")) {}

@@ -2,6 +2,7 @@
 // WidgetConfig is a widget's config.xml in memory: identity, size, localized
 // texts, author, icons, preferences, features and the start file. The parser
 // fills it; the installer reads it. Absent optional values are null pointers.
+// What it needs to know about the widget's files it asks a PackageFiles.
 #ifndef WIDGETENGINE_WIDGETCONFIG_H_
 #define WIDGETENGINE_WIDGETCONFIG_H_
 
@@ -15,20 +16,25 @@
 #include "config/WidgetIconInfo.h"
 #include "config/WidgetPreferenceInfo.h"
 
+class PackageFiles;
 class WidgetInstaller;
 
 class WidgetConfig {
  public:
   typedef std::map<std::string, std::string> LocalizedMap;
 
-  // The installer opens and types the widget's files for the record.
+  // installer opens and types the widget's files for the record.
+  explicit WidgetConfig(PackageFiles* installer);
+  // The installer of the widget, which is the record's PackageFiles. Defined
+  // beside the installer, the one place that knows it is one, so that this
+  // room needs nothing from the rooms that use it.
   explicit WidgetConfig(WidgetInstaller* installer);
   ~WidgetConfig();
 
   WidgetConfig(const WidgetConfig&) = delete;
   WidgetConfig& operator=(const WidgetConfig&) = delete;
 
-  WidgetInstaller* getInstaller() const { return installer; }
+  PackageFiles* getInstaller() const { return installer; }
   const std::string* getAuthorEmail() const { return authorEmail.get(); }
   const std::string* getAuthorHref() const { return authorHref.get(); }
   const std::string* getAuthor() const { return author.get(); }
@@ -88,7 +94,7 @@ class WidgetConfig {
   void print() const;
 
  private:
-  WidgetInstaller* installer;
+  PackageFiles* installer;
   std::unique_ptr<std::string> authorEmail;
   std::unique_ptr<std::string> authorHref;
   std::unique_ptr<std::string> author;

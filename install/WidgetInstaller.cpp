@@ -53,6 +53,11 @@ bool leavesDirectory(const std::string& name) {
 
 }  // namespace
 
+// The record's constructor for an installer: config/ knows only the files
+// interface, and this is where an installer is known to be one.
+WidgetConfig::WidgetConfig(WidgetInstaller* installer)
+    : WidgetConfig(static_cast<PackageFiles*>(installer)) {}
+
 WidgetInstaller::WidgetInstaller(const std::string& sourceURL)
     : sourceURL(sourceURL), basePath(getWidgetBasePath()), installed(false) {
   buildStoragePath(sourceURL);

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "base/ToolsExport.h"
+#include "config/PackageFiles.h"
 
 class Downloader;
 class Extractor;
@@ -21,7 +22,7 @@ class WidgetConfig;
 class WidgetConfigParser;
 class WidgetsData;
 
-class WidgetInstaller {
+class WidgetInstaller : public PackageFiles {
  public:
   // Derives the widget's name and storage directory from the URL and opens a
   // registry connection of its own.
@@ -58,12 +59,12 @@ class WidgetInstaller {
   // The archive names of the files the last run unpacked, in archive order.
   const std::vector<std::string>& getFiles() const { return files; }
 
-  // Content types of the widget's files.
-  std::string getMimeTypeFromExtension(const std::string& fileName);
-  std::string getMimeTypeFromContent(FILE* file);
-  // Opens storagePath + fileName for reading; null when it cannot.
-  FILE* openWidgetFile(const std::string& fileName);
-  bool widgetFileExists(const std::string& fileName);
+  // The widget's files, as its WidgetConfig asks about them. Names are
+  // taken inside storagePath; one that would lead out of it opens nothing.
+  std::string getMimeTypeFromExtension(const std::string& fileName) override;
+  std::string getMimeTypeFromContent(FILE* file) override;
+  FILE* openWidgetFile(const std::string& fileName) override;
+  bool widgetFileExists(const std::string& fileName) override;
 
  private:
   // Where the package is downloaded: $WIDGET_PATH (or nothing) followed by a
