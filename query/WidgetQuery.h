@@ -3,6 +3,11 @@
 // of one installed widget, by name, with its texts localized for a locale
 // list (getInfo), and the records of every installed widget (getAll). It opens
 // a registry connection of its own for its life.
+//
+// It only reads, yet it is not part of registry/: to the browser it is the
+// uninstaller's sibling and writes the uninstaller's lines (install/
+// UnInstallerLines.h), so it sits in a room of its own between engine/ and
+// install/, where that use points down.
 #ifndef WIDGETENGINE_WIDGETQUERY_H_
 #define WIDGETENGINE_WIDGETQUERY_H_
 

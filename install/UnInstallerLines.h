@@ -1,0 +1,22 @@
+// SPDX-License-Identifier: Apache-2.0
+// The lines of the uninstaller that the query job writes as well, word for
+// word: the two jobs are siblings to the browser and speak alike, the guard
+// against a second run included, whose text names the uninstaller for both.
+// The uninstaller owns them; the query borrows them from here.
+#ifndef WIDGETENGINE_UNINSTALLERLINES_H_
+#define WIDGETENGINE_UNINSTALLERLINES_H_
+
+namespace unInstallerLines {
+
+inline constexpr char kRunTwice[] = "WidgetUnInstaller cannot be run twice";
+inline constexpr char kCleaning[] = "[Cleaning...]";
+inline constexpr char kNothingToClean[] = "Nothing to clean";
+// A name found on more than one row.
+inline constexpr char kIntegrityProblem[] =
+    "It's not possible to see this log. Database integrity problem";
+inline constexpr char kNameMustBeUnique[] =
+    "'name' Field in 'Widgets' Table must be unique";
+
+}  // namespace unInstallerLines
+
+#endif  // WIDGETENGINE_UNINSTALLERLINES_H_
