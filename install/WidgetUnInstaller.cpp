@@ -116,15 +116,7 @@ WidgetUnInstaller::~WidgetUnInstaller() {
   database.reset();
 }
 
-void WidgetUnInstaller::clean() {
-  if (alreadyRun) {
-    engineOut() << std::endl << unInstallerLines::kCleaning << std::endl
-                << std::endl;
-    alreadyRun = false;
-  } else {
-    engineOut() << unInstallerLines::kNothingToClean << std::endl;
-  }
-}
+void WidgetUnInstaller::clean() { unInstallerLines::clean(&alreadyRun); }
 
 int WidgetUnInstaller::run() {
   if (alreadyRun) {

@@ -72,15 +72,7 @@ WidgetQuery::~WidgetQuery() {
   keepRegistry(std::move(database));
 }
 
-void WidgetQuery::clean() {
-  if (alreadyRun) {
-    engineOut() << std::endl << unInstallerLines::kCleaning << std::endl
-                << std::endl;
-    alreadyRun = false;
-  } else {
-    engineOut() << unInstallerLines::kNothingToClean << std::endl;
-  }
-}
+void WidgetQuery::clean() { unInstallerLines::clean(&alreadyRun); }
 
 WidgetsData* WidgetQuery::getInfo(const std::vector<std::string>& locales) {
   if (alreadyRun) {
