@@ -19,8 +19,10 @@
 
 class SchemaValidator {
  public:
-  // Loads the schema at path. libxml2's complaints about the schema itself
-  // are dropped: whether it can be used is all that loaded() tells.
+  // Loads the schema at path. What the schema parser finds wrong with it is
+  // dropped: whether it can be used is all that loaded() tells. Reading the
+  // file itself reports through the thread's libxml2 handlers, which the
+  // caller routes (xmltext::ErrorRoute).
   explicit SchemaValidator(const std::string& path);
   ~SchemaValidator();
 
