@@ -5,9 +5,10 @@
 // a registry connection of its own for its life.
 //
 // It only reads, yet it is not part of registry/: to the browser it is the
-// uninstaller's sibling and writes the uninstaller's lines (install/
-// UnInstallerLines.h), so it sits in a room of its own between engine/ and
-// install/, where that use points down.
+// uninstaller's sibling, with the same run-once guard and clean step, and it
+// writes the uninstaller's lines, which install/UnInstallerLines.h holds.
+// registry/ may not reach up to install/ for them, so the query has a room
+// of its own between engine/ and install/, from where that use points down.
 #ifndef WIDGETENGINE_WIDGETQUERY_H_
 #define WIDGETENGINE_WIDGETQUERY_H_
 
