@@ -23,18 +23,20 @@ class WidgetConfig {
  public:
   typedef std::map<std::string, std::string> LocalizedMap;
 
-  // installer opens and types the widget's files for the record.
-  explicit WidgetConfig(PackageFiles* installer);
-  // The installer of the widget, which is the record's PackageFiles. Defined
-  // beside the installer, the one place that knows it is one, so that this
-  // room needs nothing from the rooms that use it.
+  // files opens and types the widget's files for the record; the record
+  // has no installer.
+  explicit WidgetConfig(PackageFiles* files);
+  // The installer of the widget, which hands over its PackageFiles. Defined
+  // beside the installer, so that this room needs nothing from the rooms
+  // that use it.
   explicit WidgetConfig(WidgetInstaller* installer);
   ~WidgetConfig();
 
   WidgetConfig(const WidgetConfig&) = delete;
   WidgetConfig& operator=(const WidgetConfig&) = delete;
 
-  PackageFiles* getInstaller() const { return installer; }
+  WidgetInstaller* getInstaller() const { return installer; }
+  PackageFiles* getFiles() const { return files; }
   const std::string* getAuthorEmail() const { return authorEmail.get(); }
   const std::string* getAuthorHref() const { return authorHref.get(); }
   const std::string* getAuthor() const { return author.get(); }
@@ -94,7 +96,8 @@ class WidgetConfig {
   void print() const;
 
  private:
-  PackageFiles* installer;
+  WidgetInstaller* installer;
+  PackageFiles* files;
   std::unique_ptr<std::string> authorEmail;
   std::unique_ptr<std::string> authorHref;
   std::unique_ptr<std::string> author;

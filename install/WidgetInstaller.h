@@ -12,17 +12,17 @@
 #include <vector>
 
 #include "base/ToolsExport.h"
-#include "config/PackageFiles.h"
 
 class Downloader;
 class Extractor;
 class InstallLock;
+class PackageFiles;
 class SqlLite3;
 class WidgetConfig;
 class WidgetConfigParser;
 class WidgetsData;
 
-class WidgetInstaller : public PackageFiles {
+class WidgetInstaller {
  public:
   // Derives the widget's name and storage directory from the URL and opens a
   // registry connection of its own.
@@ -59,12 +59,15 @@ class WidgetInstaller : public PackageFiles {
   // The archive names of the files the last run unpacked, in archive order.
   const std::vector<std::string>& getFiles() const { return files; }
 
-  // The widget's files, as its WidgetConfig asks about them. Names are
-  // taken inside storagePath; one that would lead out of it opens nothing.
-  std::string getMimeTypeFromExtension(const std::string& fileName) override;
-  std::string getMimeTypeFromContent(FILE* file) override;
-  FILE* openWidgetFile(const std::string& fileName) override;
-  bool widgetFileExists(const std::string& fileName) override;
+  // Content types of the widget's files.
+  std::string getMimeTypeFromExtension(const std::string& fileName);
+  std::string getMimeTypeFromContent(FILE* file);
+  // Opens storagePath + fileName for reading; null when it cannot, or when
+  // the name would lead out of storagePath.
+  FILE* openWidgetFile(const std::string& fileName);
+  bool widgetFileExists(const std::string& fileName);
+  // The four calls above, as the widget's WidgetConfig asks them.
+  PackageFiles* getPackageFiles() const;
 
  private:
   // Where the package is downloaded: $WIDGET_PATH (or nothing) followed by a
@@ -87,6 +90,11 @@ class WidgetInstaller : public PackageFiles {
   bool installed;
   std::unique_ptr<Downloader> downloader;
   std::unique_ptr<Extractor> extractor;
+  // Made before config and gone after it. The installer itself stays a
+  // class without virtual calls, so that programs linking the library need
+  // none of its type information.
+  class Files;
+  std::unique_ptr<Files> packageFiles;
   std::unique_ptr<WidgetConfig> config;
   std::unique_ptr<WidgetConfigParser> parser;
   std::unique_ptr<SqlLite3> database;
