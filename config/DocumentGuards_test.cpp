@@ -12,14 +12,6 @@
 
 namespace {
 
-xmltext::DocPtr read(const std::string& text) {
-  return xmltext::DocPtr(xmlReadMemory(text.data(),
-                                       static_cast<int>(text.size()),
-                                       "config.xml", nullptr,
-                                       XML_PARSE_NONET | XML_PARSE_NOERROR |
-                                           XML_PARSE_NOWARNING));
-}
-
 std::string manyAttributes(int count) {
   std::string attributes;
   for (int i = 0; i < count; ++i)
@@ -59,7 +51,7 @@ TEST(DocumentGuardsTest, FilesAreRefusedForSizeAndForOverlongTags) {
 }
 
 TEST(DocumentGuardsTest, EntitiesMustExpandWithinBounds) {
-  xmltext::DocPtr plain = read(configXml("<name>Clock</name>"));
+  xmltext::DocPtr plain = readXml(configXml("<name>Clock</name>"));
   ASSERT_TRUE(plain);
   EXPECT_TRUE(documentGuards::expandsWithinBounds(
       plain.get(), xmlDocGetRootElement(plain.get())));
@@ -70,14 +62,14 @@ TEST(DocumentGuardsTest, EntitiesMustExpandWithinBounds) {
   std::string references;
   for (int i = 0; i < 200; ++i) references += "&big;";
   xmltext::DocPtr blowup =
-      read("<?xml version=\"1.0\"?><!DOCTYPE widget [<!ENTITY big \"" +
+      readXml("<?xml version=\"1.0\"?><!DOCTYPE widget [<!ENTITY big \"" +
            std::string(100000, 'x') + "\">]><widget>" + references +
            "</widget>");
   ASSERT_TRUE(blowup);
   EXPECT_FALSE(documentGuards::expandsWithinBounds(
       blowup.get(), xmlDocGetRootElement(blowup.get())));
 
-  xmltext::DocPtr small = read(
+  xmltext::DocPtr small = readXml(
       "<?xml version=\"1.0\"?><!DOCTYPE widget [<!ENTITY e \"clock\">]>"
       "<widget a=\"&e;\">&e;</widget>");
   ASSERT_TRUE(small);
@@ -87,16 +79,16 @@ TEST(DocumentGuardsTest, EntitiesMustExpandWithinBounds) {
 
 TEST(DocumentGuardsTest, TreesBeyondAnyRealDocumentAreTooLargeToValidate) {
   // The root counts as one element.
-  xmltext::DocPtr most = read("<widget>" + manyChildren(9999) + "</widget>");
+  xmltext::DocPtr most = readXml("<widget>" + manyChildren(9999) + "</widget>");
   ASSERT_TRUE(most);
   EXPECT_FALSE(
       documentGuards::isTooLargeToValidate(xmlDocGetRootElement(most.get())));
-  xmltext::DocPtr over = read("<widget>" + manyChildren(10000) + "</widget>");
+  xmltext::DocPtr over = readXml("<widget>" + manyChildren(10000) + "</widget>");
   ASSERT_TRUE(over);
   EXPECT_TRUE(
       documentGuards::isTooLargeToValidate(xmlDocGetRootElement(over.get())));
 
-  xmltext::DocPtr wide = read("<widget" + manyAttributes(257) + "/>");
+  xmltext::DocPtr wide = readXml("<widget" + manyAttributes(257) + "/>");
   ASSERT_TRUE(wide);
   EXPECT_TRUE(
       documentGuards::isTooLargeToValidate(xmlDocGetRootElement(wide.get())));

@@ -20,21 +20,13 @@ void collect(void* context, xmlErrorPtr error) {
                    (error->message ? error->message : ""));
 }
 
-xmltext::DocPtr read(const std::string& text) {
-  return xmltext::DocPtr(xmlReadMemory(text.data(),
-                                       static_cast<int>(text.size()),
-                                       "config.xml", nullptr,
-                                       XML_PARSE_NONET | XML_PARSE_NOERROR |
-                                           XML_PARSE_NOWARNING));
-}
-
 }  // namespace
 
 TEST(SchemaValidatorTest, ValidDocumentPassesWithoutComplaint) {
   SchemaValidator validator(WIDGETENGINE_TEST_SCHEMA_PATH);
   ASSERT_TRUE(validator.loaded());
   ASSERT_TRUE(validator.prepare());
-  xmltext::DocPtr doc = read(configXml("<name>Clock</name>", "id=\"urn:x\""));
+  xmltext::DocPtr doc = readXml(configXml("<name>Clock</name>", "id=\"urn:x\""));
   ASSERT_TRUE(doc);
   std::vector<std::string> lines;
   EXPECT_EQ(0, validator.validate(doc.get(), collect, &lines));
@@ -45,7 +37,7 @@ TEST(SchemaValidatorTest, InvalidDocumentFailsAndEveryComplaintHasItsLine) {
   SchemaValidator validator(WIDGETENGINE_TEST_SCHEMA_PATH);
   ASSERT_TRUE(validator.loaded() && validator.prepare());
   // Not in the widgets namespace: the schema has no such root.
-  xmltext::DocPtr doc = read("<?xml version=\"1.0\"?>\n\n<widget/>\n");
+  xmltext::DocPtr doc = readXml("<?xml version=\"1.0\"?>\n\n<widget/>\n");
   ASSERT_TRUE(doc);
   std::vector<std::string> lines;
   EXPECT_NE(0, validator.validate(doc.get(), collect, &lines));
@@ -58,8 +50,8 @@ TEST(SchemaValidatorTest, OneValidatorHoldsSeveralDocuments) {
   ASSERT_TRUE(validator.loaded() && validator.prepare());
   // prepare() again keeps the context it made.
   ASSERT_TRUE(validator.prepare());
-  xmltext::DocPtr good = read(configXml("<name>Clock</name>"));
-  xmltext::DocPtr bad = read("<widgets/>");
+  xmltext::DocPtr good = readXml(configXml("<name>Clock</name>"));
+  xmltext::DocPtr bad = readXml("<widgets/>");
   std::vector<std::string> lines;
   EXPECT_EQ(0, validator.validate(good.get(), collect, &lines));
   EXPECT_NE(0, validator.validate(bad.get(), collect, &lines));

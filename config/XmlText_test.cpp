@@ -8,15 +8,9 @@
 #include <string>
 #include <vector>
 
-namespace {
+#include "testing/ConfigXml.h"
 
-xmltext::DocPtr read(const std::string& text) {
-  return xmltext::DocPtr(xmlReadMemory(text.data(),
-                                       static_cast<int>(text.size()),
-                                       "test.xml", nullptr,
-                                       XML_PARSE_NONET | XML_PARSE_NOERROR |
-                                           XML_PARSE_NOWARNING));
-}
+namespace {
 
 void countError(void* context, xmlErrorPtr) { ++*static_cast<int*>(context); }
 
@@ -30,7 +24,7 @@ void readBrokenDocument() {
 }  // namespace
 
 TEST(XmlTextTest, ElementsAreMatchedByLocalNameAndKind) {
-  xmltext::DocPtr doc = read(
+  xmltext::DocPtr doc = readXml(
       "<w:widget xmlns:w=\"urn:w\"><name>x</name><!--name-->text</w:widget>");
   ASSERT_TRUE(doc);
   xmlNode* root = xmlDocGetRootElement(doc.get());
@@ -48,7 +42,7 @@ TEST(XmlTextTest, ElementsAreMatchedByLocalNameAndKind) {
 
 TEST(XmlTextTest, AttributesAreReadAsWrittenAndLangFindsXmlLang) {
   xmltext::DocPtr doc =
-      read("<widget xml:lang=\"fr\" value=\"  a \t b  \" empty=\"\"/>");
+      readXml("<widget xml:lang=\"fr\" value=\"  a \t b  \" empty=\"\"/>");
   ASSERT_TRUE(doc);
   xmlNode* root = xmlDocGetRootElement(doc.get());
   EXPECT_TRUE(xmltext::hasAttribute(root, "lang"));
