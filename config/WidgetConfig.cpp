@@ -4,7 +4,7 @@
 #include <iostream>
 
 #include "base/EngineOutput.h"
-#include "install/WidgetInstaller.h"
+#include "config/PackageFiles.h"
 
 namespace {
 
@@ -42,8 +42,9 @@ void printLocalized(const char* label, const WidgetConfig::LocalizedMap& map) {
 
 }  // namespace
 
-WidgetConfig::WidgetConfig(WidgetInstaller* installer)
-    : installer(installer),
+WidgetConfig::WidgetConfig(PackageFiles* files)
+    : installer(nullptr),
+      files(files),
       contentEncoding(new std::string("UTF-8")),
       contentType(new std::string("text/html")) {}
 
@@ -135,14 +136,14 @@ int WidgetConfig::addIcon(const WidgetIconInfo& icon) {
     if (present.getSrc() == icon.getSrc()) return 0;
   }
   const std::string declared =
-      installer->getMimeTypeFromExtension(icon.getSrc());
+      files->getMimeTypeFromExtension(icon.getSrc());
   // A file whose name says nothing about its type is taken on trust, without
   // even checking that it exists.
   if (declared == "unknown") {
     icons.push_back(icon);
     return 1;
   }
-  FILE* file = installer->openWidgetFile(icon.getSrc());
+  FILE* file = files->openWidgetFile(icon.getSrc());
   if (!file) return 0;
   // SVG has no signature to check; an SVG file that opens is enough.
   if (declared == "image/svg+xml") {
@@ -150,7 +151,7 @@ int WidgetConfig::addIcon(const WidgetIconInfo& icon) {
     icons.push_back(icon);
     return 1;
   }
-  const std::string sniffed = installer->getMimeTypeFromContent(file);
+  const std::string sniffed = files->getMimeTypeFromContent(file);
   fclose(file);
   if (sniffed != declared) return 0;
   icons.push_back(icon);
@@ -158,13 +159,13 @@ int WidgetConfig::addIcon(const WidgetIconInfo& icon) {
 }
 
 int WidgetConfig::setStartFile(const std::string& name) {
-  if (!installer->widgetFileExists(name)) return 0;
+  if (!files->widgetFileExists(name)) return 0;
   assign(startFile, name);
   return 1;
 }
 
 int WidgetConfig::trySniffedStartFile(const std::string& name) {
-  if (installer->getMimeTypeFromExtension(name) == "unknown") return 0;
+  if (files->getMimeTypeFromExtension(name) == "unknown") return 0;
   return setStartFile(name);
 }
 

@@ -2,6 +2,7 @@
 // WidgetConfig is a widget's config.xml in memory: identity, size, localized
 // texts, author, icons, preferences, features and the start file. The parser
 // fills it; the installer reads it. Absent optional values are null pointers.
+// What it needs to know about the widget's files it asks a PackageFiles.
 #ifndef WIDGETENGINE_WIDGETCONFIG_H_
 #define WIDGETENGINE_WIDGETCONFIG_H_
 
@@ -15,13 +16,19 @@
 #include "config/WidgetIconInfo.h"
 #include "config/WidgetPreferenceInfo.h"
 
+class PackageFiles;
 class WidgetInstaller;
 
 class WidgetConfig {
  public:
   typedef std::map<std::string, std::string> LocalizedMap;
 
-  // The installer opens and types the widget's files for the record.
+  // files opens and types the widget's files for the record; the record
+  // has no installer.
+  explicit WidgetConfig(PackageFiles* files);
+  // The installer of the widget, which hands over its PackageFiles. Defined
+  // beside the installer, so that this room needs nothing from the rooms
+  // that use it.
   explicit WidgetConfig(WidgetInstaller* installer);
   ~WidgetConfig();
 
@@ -29,6 +36,7 @@ class WidgetConfig {
   WidgetConfig& operator=(const WidgetConfig&) = delete;
 
   WidgetInstaller* getInstaller() const { return installer; }
+  PackageFiles* getFiles() const { return files; }
   const std::string* getAuthorEmail() const { return authorEmail.get(); }
   const std::string* getAuthorHref() const { return authorHref.get(); }
   const std::string* getAuthor() const { return author.get(); }
@@ -89,6 +97,7 @@ class WidgetConfig {
 
  private:
   WidgetInstaller* installer;
+  PackageFiles* files;
   std::unique_ptr<std::string> authorEmail;
   std::unique_ptr<std::string> authorHref;
   std::unique_ptr<std::string> author;

@@ -1,7 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 // WidgetConfigParser reads a widget's config.xml with libxml2, validates it
-// against the engine's RELAX NG schema and walks it into a WidgetConfig. It
-// never loads external entities or DTDs and never touches the network.
+// against the engine's RELAX NG schema (SchemaValidator) and walks it into a
+// WidgetConfig. It never loads external entities or DTDs and never touches
+// the network; documents shaped to make libxml2 work without end are refused
+// first (DocumentGuards).
+//
+//   WidgetConfigParser parser(path, &config);
+//   if (parser.parse() == -1) ...  // one line on standard output says why
 #ifndef WIDGETENGINE_WIDGETCONFIGPARSER_H_
 #define WIDGETENGINE_WIDGETCONFIGPARSER_H_
 
@@ -32,9 +37,9 @@ class WidgetConfigParser {
   // (with one message on standard output, and the record untouched).
   int parse();
 
+  // The number a width or height gives: digits read left to right, white
+  // space skipped, anything else ending the number; 32-bit wrap.
   WIDGETENGINE_TOOLS_EXPORT static int32_t toNumber(const std::string& text);
-  // True for a document far larger than any real one, which parse() refuses
-  // as invalid without handing it to the validator.
   // Configuration documents larger than this are refused as documents that
   // do not parse, without being read further. Real ones are a few kilobytes
   // (the largest seen, with forty languages of texts, under 100 KB); libxml2
@@ -42,6 +47,8 @@ class WidgetConfigParser {
   // check more, so a megabyte keeps a hostile package's cost to a few
   // megabytes and some milliseconds.
   static constexpr size_t kLargestDocument = 1u << 20;
+  // True for a document far larger than any real one, which parse() refuses
+  // as invalid without handing it to the validator.
   WIDGETENGINE_TOOLS_EXPORT static bool isTooLargeToValidate(xmlNode* root);
 
  private:

@@ -11,8 +11,8 @@
 #include "base/Refusal.h"
 #include "engine/UserAgentLocales.h"
 #include "install/WidgetInstaller.h"
-#include "install/WidgetQuery.h"
 #include "install/WidgetUnInstaller.h"
+#include "query/WidgetQuery.h"
 #include "registry/SqlLite3.h"
 
 // Every operation below is a boundary with the host: whatever goes wrong

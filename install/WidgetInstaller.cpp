@@ -17,6 +17,7 @@
 #include "base/EngineOutput.h"
 #include "base/Refusal.h"
 #include "base/TrustedPath.h"
+#include "config/PackageFiles.h"
 #include "config/WidgetConfig.h"
 #include "config/WidgetConfigParser.h"
 #include "install/ContentType.h"
@@ -53,9 +54,39 @@ bool leavesDirectory(const std::string& name) {
 
 }  // namespace
 
+class WidgetInstaller::Files final : public PackageFiles {
+ public:
+  explicit Files(WidgetInstaller* installer) : installer(installer) {}
+
+  std::string getMimeTypeFromExtension(const std::string& fileName) override {
+    return installer->getMimeTypeFromExtension(fileName);
+  }
+  std::string getMimeTypeFromContent(FILE* file) override {
+    return installer->getMimeTypeFromContent(file);
+  }
+  FILE* openWidgetFile(const std::string& fileName) override {
+    return installer->openWidgetFile(fileName);
+  }
+  bool widgetFileExists(const std::string& fileName) override {
+    return installer->widgetFileExists(fileName);
+  }
+
+ private:
+  WidgetInstaller* installer;
+};
+
+// The record's constructor that takes the installer lives here: config/
+// knows only the PackageFiles interface, and this is where the installer
+// hands it over.
+WidgetConfig::WidgetConfig(WidgetInstaller* installer)
+    : WidgetConfig(installer->getPackageFiles()) {
+  this->installer = installer;
+}
+
 WidgetInstaller::WidgetInstaller(const std::string& sourceURL)
     : sourceURL(sourceURL), basePath(getWidgetBasePath()), installed(false) {
   buildStoragePath(sourceURL);
+  packageFiles.reset(new Files(this));
   config.reset(new WidgetConfig(this));
   database.reset(new SqlLite3());
 }
@@ -143,6 +174,10 @@ std::string WidgetInstaller::getMimeTypeFromContent(FILE* file) {
 FILE* WidgetInstaller::openWidgetFile(const std::string& fileName) {
   if (leavesDirectory(fileName)) return nullptr;
   return fopen((storagePath + fileName).c_str(), "r");
+}
+
+PackageFiles* WidgetInstaller::getPackageFiles() const {
+  return packageFiles.get();
 }
 
 bool WidgetInstaller::widgetFileExists(const std::string& fileName) {

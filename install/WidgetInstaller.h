@@ -16,6 +16,7 @@
 class Downloader;
 class Extractor;
 class InstallLock;
+class PackageFiles;
 class SqlLite3;
 class WidgetConfig;
 class WidgetConfigParser;
@@ -61,9 +62,12 @@ class WidgetInstaller {
   // Content types of the widget's files.
   std::string getMimeTypeFromExtension(const std::string& fileName);
   std::string getMimeTypeFromContent(FILE* file);
-  // Opens storagePath + fileName for reading; null when it cannot.
+  // Opens storagePath + fileName for reading; null when it cannot, or when
+  // the name would lead out of storagePath.
   FILE* openWidgetFile(const std::string& fileName);
   bool widgetFileExists(const std::string& fileName);
+  // The four calls above, as the widget's WidgetConfig asks them.
+  PackageFiles* getPackageFiles() const;
 
  private:
   // Where the package is downloaded: $WIDGET_PATH (or nothing) followed by a
@@ -86,6 +90,11 @@ class WidgetInstaller {
   bool installed;
   std::unique_ptr<Downloader> downloader;
   std::unique_ptr<Extractor> extractor;
+  // Made before config and gone after it. The installer itself stays a
+  // class without virtual calls, so that programs linking the library need
+  // none of its type information.
+  class Files;
+  std::unique_ptr<Files> packageFiles;
   std::unique_ptr<WidgetConfig> config;
   std::unique_ptr<WidgetConfigParser> parser;
   std::unique_ptr<SqlLite3> database;

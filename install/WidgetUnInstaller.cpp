@@ -19,6 +19,7 @@
 #include "base/TrustedPath.h"
 #include "base/Refusal.h"
 #include "install/InstallLock.h"
+#include "install/UnInstallerLines.h"
 #include "install/WidgetInstaller.h"
 #include "registry/SqlLite3.h"
 
@@ -73,18 +74,11 @@ WidgetUnInstaller::~WidgetUnInstaller() {
   database.reset();
 }
 
-void WidgetUnInstaller::clean() {
-  if (alreadyRun) {
-    engineOut() << std::endl << "[Cleaning...]" << std::endl << std::endl;
-    alreadyRun = false;
-  } else {
-    engineOut() << "Nothing to clean" << std::endl;
-  }
-}
+void WidgetUnInstaller::clean() { unInstallerLines::clean(&alreadyRun); }
 
 int WidgetUnInstaller::run() {
   if (alreadyRun) {
-    engineOut() << "WidgetUnInstaller cannot be run twice" << std::endl;
+    engineOut() << unInstallerLines::kRunTwice << std::endl;
     return -1;
   }
   if (database->isOpen() != 1) {
@@ -125,9 +119,8 @@ int WidgetUnInstaller::run() {
   if (records.size() > 1) {
     refusal::note(WIDGETENGINE_REFUSAL_REGISTRY,
                   "the widget registry holds " + name + " more than once");
-    engineOut() << "It's not possible to see this log. Database integrity problem"
-              << std::endl;
-    engineOut() << "'name' Field in 'Widgets' Table must be unique" << std::endl;
+    engineOut() << unInstallerLines::kIntegrityProblem << std::endl;
+    engineOut() << unInstallerLines::kNameMustBeUnique << std::endl;
     deleteAll(records);
     return -1;
   }

@@ -7,6 +7,8 @@
 
 #include <string>
 
+#include "config/XmlText.h"
+
 // The root element alone, for documents that need a prolog of their own.
 std::string widgetElement(const std::string& body,
                           const std::string& attributes = "");
@@ -14,5 +16,9 @@ std::string widgetElement(const std::string& body,
 // A whole config.xml: the XML declaration and the root element.
 std::string configXml(const std::string& body,
                       const std::string& attributes = "");
+
+// text parsed as a document named config.xml: nothing fetched, nothing
+// printed; null when it is not well-formed.
+xmltext::DocPtr readXml(const std::string& text);
 
 #endif  // WIDGETENGINE_TESTING_CONFIGXML_H_

@@ -3,31 +3,25 @@
 
 #include <curl/curl.h>
 #include <libxml/parser.h>
-#include <libxml/relaxng.h>
-#include <libxml/globals.h>
 #include <libxml/tree.h>
 #include <libxml/xmlstring.h>
 #include <libxml/xmlerror.h>
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
-#include <unistd.h>
 #include <zip.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cctype>
 #include <cstdio>
 #include <cstring>
 #include <memory>
 #include <set>
-#include <system_error>
-#include <thread>
 
+#include "config/SchemaValidator.h"
 #include "config/WidgetConfigParser.h"
+#include "config/XmlText.h"
 #include "install/ContentType.h"
 #include "install/Extractor.h"
 #include "install/WidgetInstaller.h"
+#include "tools/widgetctl/EntryReader.h"
 
 namespace {
 
@@ -158,25 +152,6 @@ std::string describeNonZip(const std::string& head, uint64_t size) {
   return bytes;
 }
 
-struct ZipClose {
-  void operator()(zip_t* archive) const { zip_discard(archive); }
-};
-struct ZipFileClose {
-  void operator()(zip_file_t* file) const { zip_fclose(file); }
-};
-struct DocFree {
-  void operator()(xmlDoc* doc) const { xmlFreeDoc(doc); }
-};
-struct SchemaParserFree {
-  void operator()(xmlRelaxNGParserCtxt* p) const { xmlRelaxNGFreeParserCtxt(p); }
-};
-struct SchemaFree {
-  void operator()(xmlRelaxNG* s) const { xmlRelaxNGFree(s); }
-};
-struct ValidatorFree {
-  void operator()(xmlRelaxNGValidCtxt* v) const { xmlRelaxNGFreeValidCtxt(v); }
-};
-
 // libxml2's messages, collected with their line instead of printed.
 struct XmlMessages {
   std::vector<std::string> lines;
@@ -197,41 +172,9 @@ void collectXmlError(void* user, xmlErrorPtr error) {
   XmlMessages::collect(user, error);
 }
 
-// Routes libxml2's reports in this thread to one collector while it lives,
-// and gives the caller's handler back after.
-class RouteXmlErrors {
- public:
-  explicit RouteXmlErrors(XmlMessages* messages)
-      : savedHandler_(xmlStructuredError),
-        savedContext_(xmlStructuredErrorContext) {
-    xmlSetStructuredErrorFunc(messages, collectXmlError);
-  }
-  ~RouteXmlErrors() { xmlSetStructuredErrorFunc(savedContext_, savedHandler_); }
-
-  RouteXmlErrors(const RouteXmlErrors&) = delete;
-  RouteXmlErrors& operator=(const RouteXmlErrors&) = delete;
-
- private:
-  xmlStructuredErrorFunc savedHandler_;
-  void* savedContext_;
-};
-
-std::string attribute(xmlNode* element, const char* name) {
-  xmlChar* value = xmlGetProp(element, BAD_CAST name);
-  if (!value) return std::string();
-  std::string text = reinterpret_cast<const char*>(value);
-  xmlFree(value);
-  return text;
-}
-
-bool hasAttribute(xmlNode* element, const char* name) {
-  return xmlHasProp(element, BAD_CAST name) != nullptr;
-}
-
-bool isNamed(xmlNode* element, const char* name) {
-  return element->type == XML_ELEMENT_NODE &&
-         xmlStrcmp(element->name, BAD_CAST name) == 0;
-}
+using xmltext::getRawAttribute;
+using xmltext::hasAttribute;
+using xmltext::isElement;
 
 // A dimension the installer reads as a number: digits, white space allowed.
 bool looksNumeric(const std::string& text) {
@@ -290,129 +233,6 @@ std::vector<LintFinding> PackageLinter::run() {
   return findings_;
 }
 
-namespace {
-
-// A read-only view of the whole package file. Reading entries from memory
-// spares libzip a read() and a copy per block.
-class MappedFile {
- public:
-  explicit MappedFile(const std::string& path) {
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return;
-    struct stat info;
-    if (fstat(fd, &info) == 0 && S_ISREG(info.st_mode)) {
-      opened_ = true;
-      size_ = static_cast<size_t>(info.st_size);
-      if (size_ > 0) {
-        void* at = mmap(nullptr, size_, PROT_READ, MAP_PRIVATE, fd, 0);
-        if (at != MAP_FAILED) data_ = at;
-      }
-    }
-    close(fd);
-  }
-  ~MappedFile() {
-    if (data_) munmap(data_, size_);
-  }
-  MappedFile(const MappedFile&) = delete;
-  MappedFile& operator=(const MappedFile&) = delete;
-
-  bool opened() const { return opened_; }
-  const char* data() const { return static_cast<const char*>(data_); }
-  size_t size() const { return size_; }
-
-  // A libzip handle of its own on the mapped bytes; null with *error set.
-  zip_t* openArchive(int* error, int flags = ZIP_RDONLY) const {
-    *error = ZIP_ER_NOZIP;
-    if (!data_) return nullptr;
-    zip_error_t reason;
-    zip_error_init(&reason);
-    zip_source_t* source = zip_source_buffer_create(data_, size_, 0, &reason);
-    zip_t* archive = nullptr;
-    if (source) {
-      archive = zip_open_from_source(source, flags, &reason);
-      if (!archive) zip_source_free(source);
-    }
-    *error = zip_error_code_zip(&reason);
-    zip_error_fini(&reason);
-    return archive;
-  }
-
- private:
-  bool opened_ = false;
-  void* data_ = nullptr;
-  size_t size_ = 0;
-};
-
-// One entry to read: all of it, so that libzip checks its checksum at the
-// end, or (when too large) only its first bytes, for its content type.
-struct ReadJob {
-  zip_int64_t index;
-  uint64_t size;
-  bool whole;
-  bool keep;  // config.xml: its text is wanted
-  std::string head;
-  std::string text;
-  int error = ZIP_ER_OK;
-  std::string message;
-};
-
-void readEntry(zip_t* archive, ReadJob& job, std::vector<char>& buffer) {
-  std::unique_ptr<zip_file_t, ZipFileClose> data(
-      zip_fopen_index(archive, job.index, 0));
-  if (!data) {
-    job.error = zip_error_code_zip(zip_get_error(archive));
-    job.message = zip_strerror(archive);
-    return;
-  }
-  const size_t kHead = 16;
-  uint64_t got = 0;
-  zip_int64_t n = 0;
-  while ((n = zip_fread(data.get(), buffer.data(), buffer.size())) > 0) {
-    if (job.head.size() < kHead)
-      job.head.append(buffer.data(),
-                      std::min<size_t>(kHead - job.head.size(), n));
-    if (job.keep) job.text.append(buffer.data(), n);
-    got += static_cast<uint64_t>(n);
-    if (!job.whole && got >= kHead) return;
-    // libzip refuses data longer than declared; this only keeps a lying
-    // entry from being read forever should it not.
-    if (got > job.size + buffer.size()) break;
-  }
-  if (n < 0) {
-    zip_error_t* reason = zip_file_get_error(data.get());
-    job.error = zip_error_code_zip(reason);
-    job.message = zip_error_strerror(reason);
-  }
-}
-
-// Reads every job, on two threads when the machine has two cores: checking
-// checksums means inflating the whole package, the linter's one large cost.
-// Each thread has its own libzip handle, as libzip wants.
-void readAll(const MappedFile& file, zip_t* archive, std::vector<ReadJob>& jobs) {
-  std::atomic<size_t> next(0);
-  const auto work = [&](zip_t* handle) {
-    std::vector<char> buffer(1 << 16);
-    for (size_t i = next++; i < jobs.size(); i = next++)
-      readEntry(handle, jobs[i], buffer);
-  };
-  uint64_t total = 0;
-  for (const ReadJob& job : jobs) total += job.whole ? job.size : 0;
-  std::thread helper;
-  std::unique_ptr<zip_t, ZipClose> second;
-  if (total > (1u << 20) && std::thread::hardware_concurrency() > 1) {
-    int error;
-    second.reset(file.openArchive(&error));
-    // Without a second thread the one below reads everything.
-    try {
-      if (second) helper = std::thread(work, second.get());
-    } catch (const std::system_error&) {
-    }
-  }
-  work(archive);
-  if (helper.joinable()) helper.join();
-}
-
-}  // namespace
 
 bool PackageLinter::readArchive() {
   MappedFile file(packagePath_);
@@ -552,9 +372,9 @@ bool PackageLinter::readArchive() {
 
 void PackageLinter::lintConfig(const std::string& text) {
   XmlMessages messages;
-  std::unique_ptr<xmlDoc, DocFree> doc;
+  xmltext::DocPtr doc;
   {
-    RouteXmlErrors route(&messages);
+    xmltext::ErrorRoute route(collectXmlError, &messages);
     // As the engine reads it: no network, no DTD loading; entity references
     // stay references, so nothing expands without bound.
     doc.reset(xmlReadMemory(text.data(), static_cast<int>(text.size()),
@@ -577,38 +397,26 @@ void PackageLinter::lintConfig(const std::string& text) {
   // Validation with libxml2's own line and message for every complaint.
   {
     XmlMessages schemaMessages;
-    RouteXmlErrors route(&schemaMessages);
-    std::unique_ptr<xmlRelaxNGParserCtxt, SchemaParserFree> parser(
-        xmlRelaxNGNewParserCtxt(schemaPath_.c_str()));
-    std::unique_ptr<xmlRelaxNG, SchemaFree> schema;
-    if (parser) {
-      xmlRelaxNGSetParserStructuredErrors(parser.get(), collectXmlError,
-                                          &schemaMessages);
-      schema.reset(xmlRelaxNGParse(parser.get()));
-    }
-    if (!schema) {
+    xmltext::ErrorRoute route(collectXmlError, &schemaMessages);
+    SchemaValidator validator(schemaPath_);
+    if (!validator.loaded()) {
       add("schema-unavailable", schemaPath_);
     } else if (!small) {
       add("schema-invalid",
           "config.xml:" + std::to_string(xmlGetLineNo(root)) +
               ": more elements or attributes than any real document; "
               "refused without validation");
-    } else {
-      std::unique_ptr<xmlRelaxNGValidCtxt, ValidatorFree> validator(
-          xmlRelaxNGNewValidCtxt(schema.get()));
-      if (validator) {
-        XmlMessages validity;
-        xmlRelaxNGSetValidStructuredErrors(validator.get(),
-                                           collectXmlError, &validity);
-        const int valid = xmlRelaxNGValidateDoc(validator.get(), doc.get());
-        for (const std::string& line : validity.lines)
-          add("schema-invalid", line);
-        if (valid != 0 && validity.lines.empty())
-          add("schema-invalid", "config.xml:1: invalid");
-      }
+    } else if (validator.prepare()) {
+      XmlMessages validity;
+      const int valid =
+          validator.validate(doc.get(), collectXmlError, &validity);
+      for (const std::string& line : validity.lines)
+        add("schema-invalid", line);
+      if (valid != 0 && validity.lines.empty())
+        add("schema-invalid", "config.xml:1: invalid");
     }
   }
-  if (!small || !isNamed(root, "widget")) return;
+  if (!small || !isElement(root, "widget")) return;
 
   configWalked_ = true;
   const auto where = [](xmlNode* element) {
@@ -617,7 +425,7 @@ void PackageLinter::lintConfig(const std::string& text) {
   const auto checkDimensions = [&](xmlNode* element) {
     for (const char* name : {"width", "height"}) {
       if (!hasAttribute(element, name)) continue;
-      const std::string value = attribute(element, name);
+      const std::string value = getRawAttribute(element, name);
       // The installer reads leading digits and ignores the rest; a value that
       // is not a number at all ends up as 0.
       if (!looksNumeric(value) && WidgetConfigParser::toNumber(value) <= 0)
@@ -628,24 +436,24 @@ void PackageLinter::lintConfig(const std::string& text) {
   };
   checkDimensions(root);
   for (xmlNode* child = root->children; child; child = child->next) {
-    if (isNamed(child, "icon")) {
+    if (isElement(child, "icon")) {
       checkDimensions(child);
       if (hasAttribute(child, "src"))
-        declared_.push_back({"icon", attribute(child, "src"), false,
+        declared_.push_back({"icon", getRawAttribute(child, "src"), false,
                              static_cast<int>(xmlGetLineNo(child))});
-    } else if (isNamed(child, "content")) {
+    } else if (isElement(child, "content")) {
       if (hasAttribute(child, "src"))
-        declared_.push_back({"content", attribute(child, "src"),
+        declared_.push_back({"content", getRawAttribute(child, "src"),
                              hasAttribute(child, "type"),
                              static_cast<int>(xmlGetLineNo(child))});
-    } else if (isNamed(child, "feature")) {
+    } else if (isElement(child, "feature")) {
       // Only the exact text "false" makes a feature optional, and the engine
       // provides none.
       const bool required = !hasAttribute(child, "required") ||
-                            attribute(child, "required") != "false";
+                            getRawAttribute(child, "required") != "false";
       if (required)
         add("required-feature-unknown",
-            printable(attribute(child, "name")) + where(child));
+            printable(getRawAttribute(child, "name")) + where(child));
     }
   }
 }

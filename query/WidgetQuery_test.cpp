@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "install/WidgetQuery.h"
+#include "query/WidgetQuery.h"
 
 #include <gtest/gtest.h>
 #include <sqlite3.h>

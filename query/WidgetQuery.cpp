@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "install/WidgetQuery.h"
+#include "query/WidgetQuery.h"
 
 #include <sys/stat.h>
 
 #include <iostream>
 
 #include "base/EngineOutput.h"
+#include "install/UnInstallerLines.h"
 #include "registry/SqlLite3.h"
 
 namespace {
@@ -71,19 +72,11 @@ WidgetQuery::~WidgetQuery() {
   keepRegistry(std::move(database));
 }
 
-void WidgetQuery::clean() {
-  if (alreadyRun) {
-    engineOut() << std::endl << "[Cleaning...]" << std::endl << std::endl;
-    alreadyRun = false;
-  } else {
-    engineOut() << "Nothing to clean" << std::endl;
-  }
-}
+void WidgetQuery::clean() { unInstallerLines::clean(&alreadyRun); }
 
 WidgetsData* WidgetQuery::getInfo(const std::vector<std::string>& locales) {
-  // The query job shares the uninstaller's texts, this one included.
   if (alreadyRun) {
-    engineOut() << "WidgetUnInstaller cannot be run twice" << std::endl;
+    engineOut() << unInstallerLines::kRunTwice << std::endl;
     return nullptr;
   }
   if (database->isOpen() != 1) return nullptr;
@@ -97,9 +90,8 @@ WidgetsData* WidgetQuery::getInfo(const std::vector<std::string>& locales) {
     engineOut() << "No widget with this name" << std::endl;
     return nullptr;
   }
-  engineOut() << "It's not possible to see this log. Database integrity problem"
-            << std::endl;
-  engineOut() << "'name' Field in 'Widgets' Table must be unique" << std::endl;
+  engineOut() << unInstallerLines::kIntegrityProblem << std::endl;
+  engineOut() << unInstallerLines::kNameMustBeUnique << std::endl;
   deleteAll(records);
   return nullptr;
 }
@@ -107,7 +99,7 @@ WidgetsData* WidgetQuery::getInfo(const std::vector<std::string>& locales) {
 std::vector<WidgetsData*> WidgetQuery::getAll() {
   std::vector<WidgetsData*> result;
   if (alreadyRun) {
-    engineOut() << "WidgetUnInstaller cannot be run twice" << std::endl;
+    engineOut() << unInstallerLines::kRunTwice << std::endl;
     return result;
   }
   if (database->isOpen() != 1) return result;

@@ -3,6 +3,12 @@
 // of one installed widget, by name, with its texts localized for a locale
 // list (getInfo), and the records of every installed widget (getAll). It opens
 // a registry connection of its own for its life.
+//
+// It only reads, yet it is not part of registry/: to the browser it is the
+// uninstaller's sibling, with the same run-once guard and clean step, and it
+// writes the uninstaller's lines, which install/UnInstallerLines.h holds.
+// registry/ may not reach up to install/ for them, so the query has a room
+// of its own between engine/ and install/, from where that use points down.
 #ifndef WIDGETENGINE_WIDGETQUERY_H_
 #define WIDGETENGINE_WIDGETQUERY_H_
 
