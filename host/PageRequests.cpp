@@ -109,12 +109,17 @@ gboolean PageRequests::onPermission(WebKitWebView* view,
 }
 
 // A widget that asks whether it may is told it may not, rather than that
-// it could ask.
-gboolean PageRequests::onPermissionState(WebKitWebView*,
+// it could ask; WebKit then makes no request of it (Notification's
+// requestPermission() among them), so the refusal is said here.
+gboolean PageRequests::onPermissionState(WebKitWebView* view,
                                          WebKitPermissionStateQuery* query,
                                          gpointer self) {
   auto* requests = static_cast<PageRequests*>(self);
   if (!requests->widget()) return FALSE;
+  const char* name = webkit_permission_state_query_get_name(query);
+  RefusalLines::say(std::string("refused ") + (name ? name : "a permission") +
+                        " to",
+                    pageOf(view), "a widget is granted no permission");
   webkit_permission_state_query_finish(query, WEBKIT_PERMISSION_STATE_DENIED);
   return TRUE;
 }

@@ -111,6 +111,12 @@ TEST_F(WidgetBoundsTest, DialogsAndRequestsAreAnsweredWithoutWaiting) {
         "refused location to " + page + ": a widget is granted no permission",
         "refused pointer lock to " + page})
     EXPECT_NE(std::string::npos, run.err.find(line)) << line << "\n" << run.err;
+  if (notifications == "denied") {
+    EXPECT_NE(std::string::npos,
+              run.err.find("refused notifications to " + page +
+                           ": a widget is granted no permission"))
+        << run.err;
+  }
   if (media == "NotAllowedError") {
     EXPECT_NE(std::string::npos,
               run.err.find("refused camera and microphone to"))
