@@ -2,8 +2,8 @@
 // PageDriver drives widget-browser's window for the tests and benchmarks:
 // after each load it takes the next step (a click, a wait, a move through
 // the history), times repeated loads and the first rendered frame, and
-// prints what the page shows as JSON. A window nobody drives never calls it
-// beyond loadFinished(), which then hands straight back to the window.
+// prints what the page shows as JSON. With none of these asked for, it hands
+// each finished load straight back to the window.
 #ifndef WIDGETENGINE_HOST_AUTOMATION_PAGEDRIVER_H_
 #define WIDGETENGINE_HOST_AUTOMATION_PAGEDRIVER_H_
 
