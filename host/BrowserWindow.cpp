@@ -4,13 +4,10 @@
 #include <cairo.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <iostream>
 #include <memory>
 #include <utility>
-
-#include <nlohmann/json.hpp>
 
 #include <widgetengine/WidgetsData.h>
 
@@ -18,48 +15,9 @@
 
 namespace {
 
-// What a script run by evaluate_javascript answered, as a boolean: false
-// when it failed or answered nothing.
-bool scriptAnswer(GObject* source, GAsyncResult* result) {
-  JSCValue* value = webkit_web_view_evaluate_javascript_finish(
-      WEBKIT_WEB_VIEW(source), result, nullptr);
-  const bool answer = value && jsc_value_to_boolean(value);
-  if (value) g_object_unref(value);
-  return answer;
-}
-
-// How long a click on a link may take to start its load before the test
-// steps take it as refused.
-const guint kClickSettleMs = 1500;
-
-// What the tests read back from a loaded page. Image sizes are the decoded
-// files' own, so they tell which copy of a picture was fetched even though
-// the element keeps the address written in the page.
-const char kFactsScript[] = R"JS(
-(() => {
-  const h1 = document.querySelector('h1');
-  return JSON.stringify({
-    url: location.href,
-    documentTitle: document.title,
-    lang: document.documentElement ? document.documentElement.lang : '',
-    text: document.body ? document.body.innerText : '',
-    h1Color: h1 ? getComputedStyle(h1).color : '',
-    images: Array.from(document.images).map(i => ({
-      src: i.src, width: i.naturalWidth, height: i.naturalHeight})),
-    links: Array.from(document.links).map(a => a.href),
-  });
-})()
-)JS";
-
 std::string viewUri(WebKitWebView* view) {
   const char* uri = webkit_web_view_get_uri(view);
   return uri ? uri : "";
-}
-
-double millisecondsSince(std::chrono::steady_clock::time_point start) {
-  return std::chrono::duration<double, std::milli>(
-             std::chrono::steady_clock::now() - start)
-      .count();
 }
 
 struct LoadLater {
@@ -105,7 +63,7 @@ BrowserWindow::BrowserWindow(WebWidgetEngineDelegate* engine,
                    nullptr);
   // Timed repeats must fetch every resource again, as a first visit does,
   // or the memory cache would hide what the mapping costs.
-  if (options_.repeat > 0)
+  if (options_.automation.repeat > 0)
     webkit_web_context_set_cache_model(context_,
                                        WEBKIT_CACHE_MODEL_DOCUMENT_VIEWER);
 
@@ -128,7 +86,9 @@ BrowserWindow::BrowserWindow(WebWidgetEngineDelegate* engine,
   requests_ = std::make_unique<PageRequests>(
       view_, scheme_,
       options_.exitAfterLoad || !options_.screenshot.empty() ||
-          options_.repeat > 0);
+          options_.automation.repeat > 0);
+  PageDriver::Window* driven = this;
+  driver_ = std::make_unique<PageDriver>(driven, view_, options_.automation);
 
   window_ = gtk_window_new(GTK_WINDOW_TOPLEVEL);
   gtk_window_set_default_size(GTK_WINDOW(window_), options_.width,
@@ -139,7 +99,7 @@ BrowserWindow::BrowserWindow(WebWidgetEngineDelegate* engine,
   gtk_widget_show_all(window_);
 
   if (options_.exitAfterLoad || !options_.screenshot.empty() ||
-      options_.repeat > 0)
+      options_.automation.repeat > 0)
     timeout_ = g_timeout_add_seconds(options_.loadTimeoutSeconds, onTimeout, this);
 }
 
@@ -178,7 +138,7 @@ void BrowserWindow::open(const std::string& url) {
     }
   }
   url_ = address;
-  loadStart_ = std::chrono::steady_clock::now();
+  driver_->loadRequested();
   webkit_web_view_load_uri(view_, address.c_str());
 }
 
@@ -239,7 +199,7 @@ bool BrowserWindow::bindToWidget(const std::string& url, std::string* address) {
 void BrowserWindow::showRefusal(const std::string& url,
                                 const std::string& engineLines) {
   refusal_ = true;
-  loadStart_ = std::chrono::steady_clock::now();
+  driver_->loadRequested();
   char* where = g_markup_escape_text(url.c_str(), -1);
   char* why = g_markup_escape_text(engineLines.c_str(), -1);
   std::string html =
@@ -258,12 +218,6 @@ void BrowserWindow::showRefusal(const std::string& url,
 int BrowserWindow::run() {
   if (!finished_) gtk_main();
   return status_;
-}
-
-void BrowserWindow::measureFirstFrameFrom(
-    std::chrono::steady_clock::time_point start) {
-  measureFirstFrame_ = true;
-  firstFrameStart_ = start;
 }
 
 // Every navigation of the view, of the main frame and of frames, is decided
@@ -338,8 +292,7 @@ gboolean BrowserWindow::onDecidePolicy(WebKitWebView* view,
   return TRUE;
 }
 
-// A refused navigation leaves one line on standard error. When a test step
-// clicked what asked for it, the steps go on: no load will come back.
+// A refused navigation leaves one line on standard error.
 void BrowserWindow::refuseNavigation(WebKitPolicyDecision* decision,
                                      const std::string& url, const char* why,
                                      bool loadStarted) {
@@ -351,17 +304,7 @@ void BrowserWindow::refuseNavigation(WebKitPolicyDecision* decision,
     navigationRefused_ = true;
     return;
   }
-  if (clickPending_) {
-    clickRefused_ = true;
-  } else if (clickLoads_) {
-    clickLoads_ = false;
-    g_idle_add(
-        [](gpointer self) {
-          static_cast<BrowserWindow*>(self)->loadFinished();
-          return G_SOURCE_REMOVE;
-        },
-        this);
-  }
+  driver_->navigationRefused();
 }
 
 // An empty document is let into frames, but a navigation decision does not
@@ -400,7 +343,7 @@ void BrowserWindow::onTitleChanged(GObject*, GParamSpec*, gpointer self) {
 void BrowserWindow::onLoadChanged(WebKitWebView* view, WebKitLoadEvent event,
                                   gpointer self) {
   auto* window = static_cast<BrowserWindow*>(self);
-  if (event == WEBKIT_LOAD_STARTED) window->clickStarted_ = true;
+  if (event == WEBKIT_LOAD_STARTED) window->driver_->loadStarted();
   if (event == WEBKIT_LOAD_STARTED && window->redirectPending_ &&
       viewUri(view) == window->redirectedTo_)
     window->redirectPending_ = false;
@@ -410,8 +353,7 @@ void BrowserWindow::onLoadChanged(WebKitWebView* view, WebKitLoadEvent event,
   // The finish of a navigation that was ignored for its localized copy.
   if (window->redirectPending_) return;
   window->navigationRefused_ = false;
-  window->clickLoads_ = false;
-  window->loadFinished();
+  window->driver_->loadFinished();
 }
 
 gboolean BrowserWindow::onLoadFailed(WebKitWebView*, WebKitLoadEvent,
@@ -427,159 +369,20 @@ gboolean BrowserWindow::onLoadFailed(WebKitWebView*, WebKitLoadEvent,
   return FALSE;  // WebKit's own error page says the same in the view
 }
 
-// After a load: the test and benchmark hooks, then the screenshot, then the
-// exit when one was asked for. Each asynchronous step comes back here.
-void BrowserWindow::loadFinished() {
-  if (finished_) return;
-  if (loadsLeft_ == 0 && options_.repeat > 0 && loadTimes_.empty() &&
-      !repeating_) {
-    repeating_ = true;
-    loadsLeft_ = options_.repeat;
-  }
-  if (repeating_) {
-    loadTimes_.push_back(millisecondsSince(loadStart_));
-    if (loadsLeft_-- > 0) {
-      redirectedTo_.clear();
-      open(url_);
-      return;
-    }
-    repeating_ = false;
-    // The first load warms the web process up; the others are the figures.
-    for (size_t i = 1; i < loadTimes_.size(); ++i)
-      printf("load-ms: %.3f\n", loadTimes_[i]);
-    fflush(stdout);
-  }
-  if (measureFirstFrame_ && !firstFrameMeasured_) {
-    // The snapshot is painted from the page as it is now, so when it
-    // arrives a frame of the page has been rendered.
-    webkit_web_view_get_snapshot(view_, WEBKIT_SNAPSHOT_REGION_VISIBLE,
-                                 WEBKIT_SNAPSHOT_OPTIONS_NONE, nullptr,
-                                 onSnapshot, this);
-    return;
-  }
-  if (stepsDone_ < options_.steps.size()) {
-    const std::string& step = options_.steps[stepsDone_++];
-    if (step == "back" || step == "forward") {
-      const bool can = step == "back" ? webkit_web_view_can_go_back(view_)
-                                      : webkit_web_view_can_go_forward(view_);
-      if (!can) {
-        loadFinished();
-        return;
-      }
-      if (step == "back")
-        webkit_web_view_go_back(view_);
-      else
-        webkit_web_view_go_forward(view_);
-      return;
-    }
-    if (step.compare(0, 5, "wait:") == 0) {
-      waitFor(step.substr(5));
-      return;
-    }
-    gchar* selector = g_strescape(step.c_str(), nullptr);
-    const std::string script =
-        std::string("(() => { const e = document.querySelector(\"") +
-        selector + "\"); if (!e) return false; e.click(); return true; })()";
-    g_free(selector);
-    clickPending_ = true;
-    clickRefused_ = false;
-    webkit_web_view_evaluate_javascript(
-        view_, script.c_str(), -1, nullptr, nullptr, nullptr,
-        [](GObject* source, GAsyncResult* result, gpointer self) {
-          auto* window = static_cast<BrowserWindow*>(self);
-          const bool clicked = scriptAnswer(source, result);
-          window->clickPending_ = false;
-          // A click on a link starts a navigation whose finish comes back
-          // to loadFinished(), unless it was refused; anything else goes on
-          // now.
-          if (!clicked || window->clickRefused_) {
-            window->clickRefused_ = false;
-            window->loadFinished();
-          } else {
-            window->clickLoads_ = true;
-            window->clickStarted_ = false;
-            // WebKit refuses some navigations itself (a file:// address
-            // from a page of another scheme) without asking: when no load
-            // has started after a while, none will.
-            g_timeout_add(
-                kClickSettleMs,
-                [](gpointer self) {
-                  auto* window = static_cast<BrowserWindow*>(self);
-                  if (window->clickLoads_ && !window->clickStarted_) {
-                    window->clickLoads_ = false;
-                    window->loadFinished();
-                  }
-                  return G_SOURCE_REMOVE;
-                },
-                window);
-          }
-        },
-        this);
-    return;
-  }
-  if (options_.printFacts && !factsPrinted_) {
-    webkit_web_view_evaluate_javascript(view_, kFactsScript, -1, nullptr,
-                                        nullptr, nullptr, onFacts, this);
-    return;
-  }
-  afterFacts();
+void BrowserWindow::reload() {
+  redirectedTo_.clear();
+  open(url_);
 }
 
-// Polls the page until an element matches selector (a page that does its
-// work after the load says so by adding one), then goes on with the steps.
-void BrowserWindow::waitFor(const std::string& selector) {
-  gchar* escaped = g_strescape(selector.c_str(), nullptr);
-  const std::string script =
-      std::string("document.querySelector(\"") + escaped + "\") !== null";
-  g_free(escaped);
-  waitingFor_ = selector;
-  webkit_web_view_evaluate_javascript(
-      view_, script.c_str(), -1, nullptr, nullptr, nullptr,
-      [](GObject* source, GAsyncResult* result, gpointer self) {
-        auto* window = static_cast<BrowserWindow*>(self);
-        const bool found = scriptAnswer(source, result);
-        if (found) {
-          window->loadFinished();
-          return;
-        }
-        g_timeout_add(
-            50,
-            [](gpointer self) {
-              auto* window = static_cast<BrowserWindow*>(self);
-              if (!window->finished_) window->waitFor(window->waitingFor_);
-              return G_SOURCE_REMOVE;
-            },
-            window);
-      },
-      this);
+std::string BrowserWindow::title() const {
+  const char* title =
+      window_ != nullptr ? gtk_window_get_title(GTK_WINDOW(window_)) : nullptr;
+  return title ? title : "";
 }
 
-void BrowserWindow::onFacts(GObject* source, GAsyncResult* result,
-                            gpointer self) {
-  auto* window = static_cast<BrowserWindow*>(self);
-  GError* error = nullptr;
-  JSCValue* value = webkit_web_view_evaluate_javascript_finish(
-      WEBKIT_WEB_VIEW(source), result, &error);
-  nlohmann::json facts = nlohmann::json::object();
-  if (value != nullptr && jsc_value_is_string(value)) {
-    char* text = jsc_value_to_string(value);
-    facts = nlohmann::json::parse(text, nullptr, false);
-    g_free(text);
-    if (facts.is_discarded()) facts = nlohmann::json::object();
-  } else if (error != nullptr) {
-    facts["scriptError"] = error->message;
-  }
-  if (value != nullptr) g_object_unref(value);
-  if (error != nullptr) g_error_free(error);
-  facts["windowTitle"] = gtk_window_get_title(GTK_WINDOW(window->window_));
-  facts["refused"] = window->refusal_;
-  facts["loadFailed"] = window->loadFailed_;
-  std::cout << "widget-browser-facts: " << facts.dump() << std::endl;
-  window->factsPrinted_ = true;
-  window->afterFacts();
-}
-
-void BrowserWindow::afterFacts() {
+// What the driver hands back once it is done with a load: the screenshot,
+// then the exit when one was asked for.
+void BrowserWindow::pageDone() {
   const int status = refusal_ || loadFailed_ ? 1 : 0;
   if (!options_.screenshot.empty()) {
     webkit_web_view_get_snapshot(view_, WEBKIT_SNAPSHOT_REGION_VISIBLE,
@@ -596,16 +399,6 @@ void BrowserWindow::onSnapshot(GObject* source, GAsyncResult* result,
   GError* error = nullptr;
   cairo_surface_t* surface = webkit_web_view_get_snapshot_finish(
       WEBKIT_WEB_VIEW(source), result, &error);
-  if (window->measureFirstFrame_ && !window->firstFrameMeasured_) {
-    window->firstFrameMeasured_ = true;
-    printf("first-frame-ms: %.3f\n",
-           millisecondsSince(window->firstFrameStart_));
-    fflush(stdout);
-    if (surface != nullptr) cairo_surface_destroy(surface);
-    if (error != nullptr) g_error_free(error);
-    window->loadFinished();
-    return;
-  }
   int status = window->refusal_ || window->loadFailed_ ? 1 : 0;
   if (surface == nullptr) {
     std::cerr << "widget-browser: no snapshot: "

@@ -9,10 +9,8 @@
 #include <gtk/gtk.h>
 #include <webkit2/webkit2.h>
 
-#include <chrono>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include <widgetengine/WebWidgetEngineDelegate.h>
 
@@ -20,6 +18,7 @@
 #include "host/ResourceMapper.h"
 #include "host/WidgetNetwork.h"
 #include "host/WidgetScheme.h"
+#include "host/automation/PageDriver.h"
 
 struct BrowserOptions {
   std::string language;        // the reader's accept-language string
@@ -31,18 +30,13 @@ struct BrowserOptions {
   bool gate = true;            // off only to measure what the gate costs
   std::string extensionDir;    // where the web-process part lives
   // Test and benchmark hooks, set from the environment by main().
-  bool printFacts = false;     // print what the loaded page shows as JSON
-  // After each load, the next of these steps: a CSS selector to click,
-  // "wait:" and a selector to wait for, or "back" / "forward" through the
-  // history.
-  std::vector<std::string> steps;
-  int repeat = 0;              // load the page this many more times, timed
+  PageDriverOptions automation;
   // Long enough for a cold web process on a loaded machine; a page that has
   // not loaded by then is reported instead of waited for forever.
   int loadTimeoutSeconds = 90;
 };
 
-class BrowserWindow {
+class BrowserWindow : private PageDriver::Window {
  public:
   // engine stays the caller's; it must outlive the window.
   BrowserWindow(WebWidgetEngineDelegate* engine, BrowserOptions options);
@@ -62,9 +56,8 @@ class BrowserWindow {
   // exitAfterLoad); the process's exit status.
   int run();
 
-  // Once the first page has loaded and a frame of it has been rendered,
-  // prints the milliseconds since start ("first-frame-ms: ...").
-  void measureFirstFrameFrom(std::chrono::steady_clock::time_point start);
+  // What the tests and benchmarks drive the window with.
+  PageDriver& driver() { return *driver_; }
 
  private:
   static gboolean onDecidePolicy(WebKitWebView*, WebKitPolicyDecision*,
@@ -75,19 +68,23 @@ class BrowserWindow {
   static void onTitleChanged(GObject*, GParamSpec*, gpointer self);
   static void onInitializeExtensions(WebKitWebContext*, gpointer self);
   static void onDestroy(GtkWidget*, gpointer self);
-  static void onFacts(GObject*, GAsyncResult*, gpointer self);
   static void onSnapshot(GObject*, GAsyncResult*, gpointer self);
   static gboolean onTimeout(gpointer self);
 
   bool bindToWidget(const std::string& url, std::string* address);
   void refuseNavigation(WebKitPolicyDecision* decision, const std::string& url,
                         const char* why, bool loadStarted);
-  void loadFinished();
   void keepWidgetShown(const std::string& committed);
-  void waitFor(const std::string& selector);
-  void afterFacts();
   void finish(int status);
   void updateTitle();
+
+  // PageDriver::Window
+  void reload() override;
+  bool finished() const override { return finished_; }
+  std::string title() const override;
+  bool refused() const override { return refusal_; }
+  bool loadFailed() const override { return loadFailed_; }
+  void pageDone() override;
 
   WebWidgetEngineDelegate* engine_;
   BrowserOptions options_;
@@ -106,25 +103,12 @@ class BrowserWindow {
   bool refusal_ = false;
   bool loadFailed_ = false;
   std::string failure_;
-  size_t stepsDone_ = 0;
-  std::string waitingFor_;
-  bool clickPending_ = false;    // a click's outcome is not known yet
-  bool clickLoads_ = false;      // it asked for a navigation
-  bool clickStarted_ = false;    // whose load has started
-  bool clickRefused_ = false;    // a navigation was refused meanwhile
-  bool factsPrinted_ = false;
-  bool repeating_ = false;
-  bool firstFrameMeasured_ = false;
-  int loadsLeft_ = 0;
-  std::vector<double> loadTimes_;
-  std::chrono::steady_clock::time_point loadStart_;
-  bool measureFirstFrame_ = false;
-  std::chrono::steady_clock::time_point firstFrameStart_;
   bool finished_ = false;
   int status_ = 0;
   guint timeout_ = 0;
   std::string widgetShown_;      // the widget's document shown last
   std::unique_ptr<PageRequests> requests_;  // dialogs and permissions
+  std::unique_ptr<PageDriver> driver_;
 };
 
 #endif  // WIDGETENGINE_HOST_BROWSERWINDOW_H_

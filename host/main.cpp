@@ -203,14 +203,14 @@ int main(int argc, char** argv) {
   options.extensionDir = extensionDirectory(argv[0]);
   options.mapping = !envFlag("WIDGET_BROWSER_NO_MAPPING");
   options.gate = !envFlag("WIDGET_BROWSER_NO_GATE");
-  options.printFacts = envFlag("WIDGET_BROWSER_FACTS");
+  options.automation.printFacts = envFlag("WIDGET_BROWSER_FACTS");
   if (const char* steps = getenv("WIDGET_BROWSER_STEPS")) {
     std::istringstream words(steps);
     std::string step;
-    while (words >> step) options.steps.push_back(step);
+    while (words >> step) options.automation.steps.push_back(step);
   }
   if (const char* repeat = getenv("WIDGET_BROWSER_REPEAT"))
-    options.repeat = std::clamp(atoi(repeat), 0, 1000);
+    options.automation.repeat = std::clamp(atoi(repeat), 0, 1000);
   if (const char* seconds = getenv("WIDGET_BROWSER_LOAD_TIMEOUT"))
     options.loadTimeoutSeconds = std::clamp(atoi(seconds), 1, 3600);
   const bool timing = envFlag("WIDGET_BROWSER_TIMING");
@@ -266,7 +266,7 @@ int main(int argc, char** argv) {
                  std::chrono::steady_clock::now() - start)
                  .count());
       fflush(stdout);
-      window.measureFirstFrameFrom(start);
+      window.driver().measureFirstFrameFrom(start);
     }
     if (launch == nullptr) {
       window.showRefusal(url, lines);
