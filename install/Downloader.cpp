@@ -212,11 +212,11 @@ bool localFileHost(const std::string& host) {
 
 void sayOtherHost(const std::string& url, const std::string& host) {
   engineOut() << "Refusing to download " << url
-              << ": a file address names no host but localhost" << std::endl;
+              << ": a file:// address may name no host other than localhost" << std::endl;
   engineOut() << "Could not download file" << std::endl;
   refusal::note(WIDGETENGINE_REFUSAL_ADDRESS,
-                "the file address " + url + " names the host " + host +
-                    "; a file address names no host but localhost");
+                "the address " + url + " names the host " + host +
+                    "; a file:// address may name no host other than localhost");
 }
 
 int reportProgress(void*, curl_off_t total, curl_off_t done, curl_off_t,
