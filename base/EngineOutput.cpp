@@ -14,6 +14,8 @@
 #include <streambuf>
 #include <string>
 
+#include "base/Settings.h"
+
 // Standard output and standard error are written as they always were: the
 // streams themselves, so that printf and std::cout keep their order and a
 // line without a line end stays as it was. Every other destination needs
@@ -37,39 +39,15 @@ std::mutex sinkMutex;
 widgetengine_log_sink sinkFunction = nullptr;
 void* sinkData = nullptr;
 
-// Bytes of an unknown value that its warning shows.
-constexpr size_t kShownValue = 64;
-
-// Said on standard error, whatever the destination: a mistyped "sterr"
-// would otherwise leave the lines on standard output without a word.
-// Control bytes are shown as '?', so that the value cannot rewrite the
-// terminal, and a long one is cut.
-void warnUnknownValue(const char* value) {
-  std::string shown;
-  size_t i = 0;
-  for (; value[i] != '\0' && i < kShownValue; ++i) {
-    const unsigned char c = static_cast<unsigned char>(value[i]);
-    shown.push_back(c >= 0x20 && c < 0x7f ? static_cast<char>(c) : '?');
-  }
-  if (value[i] != '\0') shown += "...";
-  const std::string line = "widgetengine: WIDGETENGINE_LOG=" + shown +
-                           " is not one of stdout, stderr, syslog, quiet; "
-                           "using stdout\n";
-  fputs(line.c_str(), stderr);
-  fflush(stderr);
-}
-
 // Read once a process (see currentRoute()), so an unknown value is named
 // once.
 int routeFromEnvironment() {
-  const char* value = getenv("WIDGETENGINE_LOG");
-  if (value == nullptr || *value == '\0') return kStdout;
-  if (strcmp(value, "stdout") == 0) return kStdout;
-  if (strcmp(value, "stderr") == 0) return kStderr;
-  if (strcmp(value, "syslog") == 0) return kSyslog;
-  if (strcmp(value, "quiet") == 0) return kQuiet;
-  warnUnknownValue(value);
-  return kStdout;
+  switch (settings::logDestination()) {
+    case settings::kLogToStderr: return kStderr;
+    case settings::kLogToSyslog: return kSyslog;
+    case settings::kLogQuiet: return kQuiet;
+    default: return kStdout;
+  }
 }
 
 int currentRoute() {

@@ -29,6 +29,7 @@
 #include <widgetengine/WidgetEngineDelegate.h>
 #include <widgetengine/WidgetEngineExtensions.h>
 
+#include "base/Environment.h"
 #include "host/BrowserWindow.h"
 #include "host/OutputCapture.h"
 #include "host/RefusalLines.h"
@@ -46,11 +47,8 @@ namespace {
 std::string languageFromEnvironment() {
   std::string list;
   for (const char* name : {"LANGUAGE", "LC_ALL", "LC_MESSAGES", "LANG"}) {
-    const char* value = getenv(name);
-    if (value != nullptr && *value != '\0') {
-      list = value;
-      break;
-    }
+    list = environment::text(name, "");
+    if (!list.empty()) break;
   }
   std::string out;
   size_t start = 0;
@@ -105,8 +103,8 @@ bool looksLikePackage(const std::string& url) {
 }
 
 std::string extensionDirectory(const char* argv0) {
-  const char* fromEnv = getenv("WIDGET_BROWSER_EXTENSION_DIR");
-  if (fromEnv != nullptr && *fromEnv != '\0') return fromEnv;
+  const std::string fromEnv = environment::text("WIDGET_BROWSER_EXTENSION_DIR", "");
+  if (!fromEnv.empty()) return fromEnv;
   // Run from the build tree, the extension is built beside the program.
   char self[PATH_MAX];
   const ssize_t size = readlink("/proc/self/exe", self, sizeof self - 1);
@@ -119,11 +117,6 @@ std::string extensionDirectory(const char* argv0) {
   }
   (void)argv0;
   return WIDGET_BROWSER_EXTENSION_DIR;
-}
-
-bool envFlag(const char* name) {
-  const char* value = getenv(name);
-  return value != nullptr && *value != '\0' && strcmp(value, "0") != 0;
 }
 
 // A measuring switch: the most memory the browser held resident, as the
@@ -201,19 +194,16 @@ int main(int argc, char** argv) {
   options.width = std::clamp(options.width, 1, 10000);
   options.height = std::clamp(options.height, 1, 10000);
   options.extensionDir = extensionDirectory(argv[0]);
-  options.mapping = !envFlag("WIDGET_BROWSER_NO_MAPPING");
-  options.gate = !envFlag("WIDGET_BROWSER_NO_GATE");
-  options.automation.printFacts = envFlag("WIDGET_BROWSER_FACTS");
-  if (const char* steps = getenv("WIDGET_BROWSER_STEPS")) {
-    std::istringstream words(steps);
-    std::string step;
-    while (words >> step) options.automation.steps.push_back(step);
-  }
-  if (const char* repeat = getenv("WIDGET_BROWSER_REPEAT"))
-    options.automation.repeat = std::clamp(atoi(repeat), 0, 1000);
-  if (const char* seconds = getenv("WIDGET_BROWSER_LOAD_TIMEOUT"))
-    options.loadTimeoutSeconds = std::clamp(atoi(seconds), 1, 3600);
-  const bool timing = envFlag("WIDGET_BROWSER_TIMING");
+  options.mapping = !environment::flag("WIDGET_BROWSER_NO_MAPPING");
+  options.gate = !environment::flag("WIDGET_BROWSER_NO_GATE");
+  options.automation.printFacts = environment::flag("WIDGET_BROWSER_FACTS");
+  std::istringstream steps(environment::text("WIDGET_BROWSER_STEPS", ""));
+  for (std::string step; steps >> step;) options.automation.steps.push_back(step);
+  options.automation.repeat = static_cast<int>(environment::clamped(
+      "WIDGET_BROWSER_REPEAT", 0, 1000, options.automation.repeat));
+  options.loadTimeoutSeconds = static_cast<int>(environment::clamped(
+      "WIDGET_BROWSER_LOAD_TIMEOUT", 1, 3600, options.loadTimeoutSeconds));
+  const bool timing = environment::flag("WIDGET_BROWSER_TIMING");
   g_free(lang);
   g_free(screenshot);
   g_free(size);
@@ -277,6 +267,6 @@ int main(int argc, char** argv) {
   }
   const int status = window.run();
   RefusalLines::flush();
-  if (envFlag("WIDGET_BROWSER_PEAK_MEMORY")) printPeakMemory();
+  if (environment::flag("WIDGET_BROWSER_PEAK_MEMORY")) printPeakMemory();
   return status;
 }

@@ -22,6 +22,7 @@
 #include "base/EngineOutput.h"
 #include "base/Progress.h"
 #include "base/Refusal.h"
+#include "base/Settings.h"
 
 namespace {
 
@@ -45,38 +46,7 @@ FILE* createExclusively(const std::string& path, char* buffer) {
   return file;
 }
 
-// How long a download may go without receiving a byte before it fails, in
-// seconds: a server that stops sending would otherwise hold the browser's
-// thread for ever. A minute outlasts any pause of a slow but live link.
-// WIDGETENGINE_STALL_SECONDS sets another limit (the tests use a second).
-constexpr long kStallSeconds = 60;
-
-long stallSeconds() {
-  const char* value = getenv("WIDGETENGINE_STALL_SECONDS");
-  if (!value || !*value) return kStallSeconds;
-  char* end = nullptr;
-  const long seconds = strtol(value, &end, 10);
-  return *end == '\0' && seconds > 0 ? seconds : kStallSeconds;
-}
-
-// What a download may take of the widget root's file system. The reserve is
-// what it must leave free for everyone else (the browser's own files, the
-// unpacked widget, the registry's journal); the maximum bounds a package
-// whatever the room. WIDGETENGINE_DOWNLOAD_RESERVE_MB and
-// WIDGETENGINE_MAX_PACKAGE_MB set others (0 for no reserve).
 constexpr uint64_t kMiB = 1024 * 1024;
-constexpr uint64_t kReserveMiB = 16;
-constexpr uint64_t kMaxPackageMiB = 512;
-
-uint64_t megabytesFrom(const char* variable, uint64_t fallback) {
-  const char* value = getenv(variable);
-  if (!value || !*value) return fallback;
-  char* end = nullptr;
-  const unsigned long long number = strtoull(value, &end, 10);
-  if (*end != '\0' || value[0] == '-' || number > UINT64_MAX / kMiB)
-    return fallback;
-  return number * kMiB;
-}
 
 // How much of a folder's free space the check between two measurements
 // may see consumed before measuring again: other writers share the file
@@ -310,8 +280,8 @@ int Downloader::download() {
   BoundedFile out;
   out.file = file;
   out.folderOf = filePath;
-  out.reserve = megabytesFrom("WIDGETENGINE_DOWNLOAD_RESERVE_MB", kReserveMiB * kMiB);
-  out.maximum = megabytesFrom("WIDGETENGINE_MAX_PACKAGE_MB", kMaxPackageMiB * kMiB);
+  out.reserve = settings::downloadReserveBytes();
+  out.maximum = settings::maxPackageBytes();
   out.measure();
   if (!restrictProtocols(curl)) {
     engineOut() << "Refusing to download " << url
@@ -335,7 +305,7 @@ int Downloader::download() {
     curl_easy_setopt(curl, CURLOPT_MAXFILESIZE_LARGE,
                      static_cast<curl_off_t>(announcedLimit));
   }
-  const long stall = stallSeconds();
+  const long stall = settings::stallSeconds();
   curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, 1L);
   curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, stall);
   curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, stall);

@@ -9,14 +9,10 @@
 #include <memory>
 #include <thread>
 
+#include "base/Settings.h"
 #include "install/UnpackReport.h"
 
-int UnpackWorkers::defaultCount() {
-  const char* value = getenv("WIDGETENGINE_UNPACK_THREADS");
-  if (value && strcmp(value, "1") == 0) return 1;
-  if (value && strcmp(value, "2") == 0) return 2;
-  return std::thread::hardware_concurrency() > 1 ? 2 : 1;
-}
+int UnpackWorkers::defaultCount() { return settings::unpackThreads(); }
 
 bool UnpackWorkers::run(const std::vector<UnpackTask>& tasks,
                         EntryUnpacker& unpacker, int baseFd, int baseError,

@@ -16,6 +16,7 @@
 
 #include "base/EngineOutput.h"
 #include "base/Refusal.h"
+#include "base/Settings.h"
 #include "base/TrustedPath.h"
 #include "config/PackageFiles.h"
 #include "config/WidgetConfig.h"
@@ -98,8 +99,8 @@ WidgetInstaller::~WidgetInstaller() {
 }
 
 std::string WidgetInstaller::getWidgetBasePath() {
-  const char* value = getenv("WIDGET_PATH");
-  std::string path = value ? value : WIDGETENGINE_WIDGET_ROOT;
+  const std::optional<std::string> chosen = settings::widgetPath();
+  const std::string path = chosen.value_or(settings::kBuiltInWidgetRoot);
   // An existing directory is the normal case; the result is not needed.
   // The built-in root sits at a fixed name that any local user could take
   // first (under /tmp, say): it is made private to its user, and the
@@ -112,7 +113,7 @@ std::string WidgetInstaller::getWidgetBasePath() {
   std::string untrusted;
   const int parentFd = TrustedPath::walkToParent(path, &last, &untrusted);
   if (parentFd >= 0) {
-    mkdirat(parentFd, last.c_str(), value ? 0755 : 0700);
+    mkdirat(parentFd, last.c_str(), chosen ? 0755 : 0700);
     close(parentFd);
   }
   return path;
@@ -156,8 +157,7 @@ bool WidgetInstaller::usableName(const std::string& name, std::string* why) {
 }
 
 std::string WidgetInstaller::downloadFolder() {
-  const char* root = getenv("WIDGET_PATH");
-  return std::string(root ? root : "") + P_tmpdir "/";
+  return settings::widgetPath().value_or("") + P_tmpdir "/";
 }
 
 std::string WidgetInstaller::getLaunchURL() { return launchURL; }
@@ -337,7 +337,7 @@ int WidgetInstaller::runHoldingName() {
   // link, could read it or swap it. The shared system folder is used as it
   // is, its files made exclusively and nobody else's to replace. A folder
   // that is missing fails the download, as it always has.
-  if (getenv("WIDGET_PATH")) {
+  if (settings::widgetPath()) {
     std::string folder = downloadFolder();
     for (size_t twice; (twice = folder.find("//")) != std::string::npos;)
       folder.erase(twice, 1);

@@ -17,6 +17,7 @@
 #include <iostream>
 
 #include "base/EngineOutput.h"
+#include "base/Settings.h"
 #include "base/TrustedPath.h"
 #include "registry/SqlLite3Impl.h"
 
@@ -95,7 +96,7 @@ void SqlLite3::open() {
     impl->opened = false;
     return;
   }
-  sqlite3_busy_timeout(impl->db, busyTimeoutMs());
+  sqlite3_busy_timeout(impl->db, settings::busyTimeoutMs());
   sqlite3_commit_hook(impl->db, noteCommit<Impl>, impl.get());
   PublishOnExit<Impl> publish(impl.get());
   struct stat status;
@@ -131,8 +132,7 @@ SqlLite3::~SqlLite3() {
 }
 
 std::string SqlLite3::databasePath() {
-  const char* dir = getenv("YRA_DATA_PATH");
-  std::string path = std::string(dir ? dir : WIDGETENGINE_DATABASE_DIR) + "widget.db";
+  std::string path = settings::registryDirectory() + "widget.db";
   const std::string& start = startDirectory();
   if (path[0] != '/') path.insert(0, start);
   return path;

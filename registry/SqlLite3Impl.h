@@ -33,26 +33,6 @@ constexpr int kWidgetColumns = 15;
 // How long a commit waits for readers of other connections to finish.
 constexpr int kCommitRetries = 2000;  // of 1 ms each
 
-// How long any statement waits for a lock that another connection holds.
-// Writers hold the registry's write lock for the few milliseconds of a
-// commit; a lookup that met such a lock and answered at once would answer
-// "no widget" for a widget that is installed, and an installer would take
-// that answer as "not installed yet". Five seconds covers any commit of a
-// healthy device many times over and still ends a wait on a lock that a
-// hung process never gives back.
-// WIDGETENGINE_BUSY_TIMEOUT_MS sets another wait (tests that hold a lock on
-// purpose use a short one).
-constexpr int kBusyTimeoutMs = 5000;
-
-inline int busyTimeoutMs() {
-  const char* value = getenv("WIDGETENGINE_BUSY_TIMEOUT_MS");
-  if (!value || !*value) return kBusyTimeoutMs;
-  char* end = nullptr;
-  const long ms = strtol(value, &end, 10);
-  if (*end != '\0' || ms < 0 || ms > INT_MAX) return kBusyTimeoutMs;
-  return static_cast<int>(ms);
-}
-
 // The statements that are prepared once per connection and kept.
 enum Statement {
   kInsertWidgetStatement,

@@ -15,6 +15,7 @@
 #include <vector>
 #include <nlohmann/json.hpp>
 
+#include "base/Environment.h"
 #include "base/Refusal.h"
 #include "install/Downloader.h"
 #include "install/WidgetInstaller.h"
@@ -68,8 +69,7 @@ void removeSandbox() {
 }
 
 bool makeSandbox(std::string* error) {
-  const char* tmp = getenv("TMPDIR");
-  const std::string folder = tmp && *tmp ? tmp : P_tmpdir;
+  const std::string folder = environment::text("TMPDIR", P_tmpdir);
   CheckFolders::removeDead(folder);
   const std::string pattern = folder + "/" + CheckFolders::kPrefix + "XXXXXX";
   if (pattern.size() >= sizeof gSandbox) {

@@ -17,9 +17,11 @@
 
 #include <iostream>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "base/Environment.h"
 #include "registry/SqlLite3.h"
 #include "tools/widgetctl/Check.h"
 #include "tools/widgetctl/Commands.h"
@@ -165,8 +167,8 @@ struct Options {
 int printVersion() {
   const std::string schema = PackageLinter::defaultSchemaPath();
   const std::string registry = std::string(WIDGETCTL_DATABASE_DIR) + "widget.db";
-  const char* widgetPath = getenv("WIDGET_PATH");
-  const char* dataPath = getenv("YRA_DATA_PATH");
+  const std::optional<std::string> widgetPath = environment::path("WIDGET_PATH");
+  const std::optional<std::string> dataPath = environment::path("YRA_DATA_PATH");
   if (gJson) {
     gDocument = json{{"command", "version"},
                      {"engine", json::array()},
@@ -175,7 +177,7 @@ int printVersion() {
                      {"registry", registry},
                      {"widgetRoot", WIDGETCTL_WIDGET_ROOT},
                      {"registryNow", SqlLite3::databasePath()},
-                     {"widgetRootNow", widgetPath ? widgetPath : WIDGETCTL_WIDGET_ROOT}};
+                     {"widgetRootNow", widgetPath.value_or(WIDGETCTL_WIDGET_ROOT)}};
     return finish(kOk);
   }
   std::cout << "widgetctl " << WIDGETCTL_VERSION << " (libwidgetengine "
@@ -185,7 +187,7 @@ int printVersion() {
             << (dataPath ? "  (now " + SqlLite3::databasePath() + ", from YRA_DATA_PATH)" : "")
             << '\n'
             << field("widget root", WIDGETCTL_WIDGET_ROOT)
-            << (widgetPath ? std::string("  (now ") + widgetPath + ", from WIDGET_PATH)" : "")
+            << (widgetPath ? "  (now " + *widgetPath + ", from WIDGET_PATH)" : "")
             << '\n';
   return kOk;
 }
@@ -194,8 +196,8 @@ int printVersion() {
 // names to it (conf + "widget.db" would give confwidget.db).
 void warnAboutSlashes() {
   for (const char* name : {"WIDGET_PATH", "YRA_DATA_PATH"}) {
-    const char* value = getenv(name);
-    if (value && *value && value[strlen(value) - 1] != '/') {
+    const std::string value = environment::text(name, "");
+    if (!value.empty() && value.back() != '/') {
       std::cerr << kProgram << ": warning: " << name << "=" << value
                 << " does not end with \"/\"; the engine will use "
                 << value << (std::string(name) == "WIDGET_PATH" ? "widget_NAME"
@@ -207,11 +209,10 @@ void warnAboutSlashes() {
 
 std::string defaultLanguage() {
   for (const char* name : {"LANGUAGE", "LC_ALL", "LC_MESSAGES", "LANG"}) {
-    const char* value = getenv(name);
-    if (!value || !*value || !strcmp(value, "C") || !strcmp(value, "POSIX")) continue;
+    const std::string text = environment::text(name, "");
+    if (text.empty() || text == "C" || text == "POSIX") continue;
     // fr_FR.UTF-8:de -> fr-FR,de
     std::string list;
-    std::string text = value;
     size_t start = 0;
     while (start <= text.size()) {
       size_t end = text.find(':', start);

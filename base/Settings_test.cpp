@@ -1,0 +1,133 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "base/Settings.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <thread>
+
+#include "testing/CaptureStdout.h"
+#include "testing/ScopedEnv.h"
+
+namespace {
+
+constexpr uint64_t kMiB = 1024 * 1024;
+
+TEST(SettingsTest, WidgetPathIsTakenAsItIsSet) {
+  {
+    ScopedEnv unset("WIDGET_PATH");
+    EXPECT_FALSE(settings::widgetPath().has_value());
+  }
+  {
+    // Empty is the working directory, not the built-in root.
+    ScopedEnv empty("WIDGET_PATH", "");
+    EXPECT_EQ("", settings::widgetPath().value_or("unset"));
+  }
+  // No "/" is added.
+  ScopedEnv set("WIDGET_PATH", "/data/widgets");
+  EXPECT_EQ("/data/widgets", settings::widgetPath().value_or("unset"));
+}
+
+TEST(SettingsTest, RegistryDirectoryIsTakenAsItIsSet) {
+  std::string builtIn;
+  {
+    ScopedEnv unset("YRA_DATA_PATH");
+    builtIn = settings::registryDirectory();
+  }
+  EXPECT_FALSE(builtIn.empty());
+  {
+    ScopedEnv empty("YRA_DATA_PATH", "");
+    EXPECT_EQ("", settings::registryDirectory());
+  }
+  ScopedEnv set("YRA_DATA_PATH", "conf");
+  EXPECT_EQ("conf", settings::registryDirectory());
+}
+
+TEST(SettingsTest, DownloadLimitsHaveDefaultsAndTakeOthers) {
+  {
+    ScopedEnv stall("WIDGETENGINE_STALL_SECONDS");
+    ScopedEnv reserve("WIDGETENGINE_DOWNLOAD_RESERVE_MB");
+    ScopedEnv maximum("WIDGETENGINE_MAX_PACKAGE_MB");
+    EXPECT_EQ(60, settings::stallSeconds());
+    EXPECT_EQ(16 * kMiB, settings::downloadReserveBytes());
+    EXPECT_EQ(512 * kMiB, settings::maxPackageBytes());
+  }
+  {
+    ScopedEnv stall("WIDGETENGINE_STALL_SECONDS", "1");
+    ScopedEnv reserve("WIDGETENGINE_DOWNLOAD_RESERVE_MB", "0");
+    ScopedEnv maximum("WIDGETENGINE_MAX_PACKAGE_MB", "3");
+    EXPECT_EQ(1, settings::stallSeconds());
+    EXPECT_EQ(0u, settings::downloadReserveBytes());
+    EXPECT_EQ(3 * kMiB, settings::maxPackageBytes());
+  }
+  ScopedEnv stall("WIDGETENGINE_STALL_SECONDS", "0");
+  ScopedEnv reserve("WIDGETENGINE_DOWNLOAD_RESERVE_MB", "-0");
+  ScopedEnv maximum("WIDGETENGINE_MAX_PACKAGE_MB", "lots");
+  EXPECT_EQ(60, settings::stallSeconds());
+  EXPECT_EQ(16 * kMiB, settings::downloadReserveBytes());
+  EXPECT_EQ(512 * kMiB, settings::maxPackageBytes());
+}
+
+TEST(SettingsTest, BusyTimeoutFitsAnInt) {
+  const struct {
+    const char* value;
+    int expected;
+  } cases[] = {{"50", 50},         {"0", 0},       {"2147483647", 2147483647},
+               {"2147483648", 5000}, {"-1", 5000}, {"", 5000},
+               {"50ms", 5000}};
+  for (const auto& c : cases) {
+    ScopedEnv set("WIDGETENGINE_BUSY_TIMEOUT_MS", c.value);
+    EXPECT_EQ(c.expected, settings::busyTimeoutMs()) << "\"" << c.value << "\"";
+  }
+}
+
+TEST(SettingsTest, UnpackThreadsAreOneOrTwo) {
+  const int byProcessors = std::thread::hardware_concurrency() > 1 ? 2 : 1;
+  {
+    ScopedEnv unset("WIDGETENGINE_UNPACK_THREADS");
+    EXPECT_EQ(byProcessors, settings::unpackThreads());
+  }
+  const struct {
+    const char* value;
+    int expected;
+  } cases[] = {{"1", 1},
+               {"2", 2},
+               {"3", byProcessors},
+               {"0", byProcessors},
+               {" 1", byProcessors},
+               {"01", byProcessors},
+               {"", byProcessors}};
+  for (const auto& c : cases) {
+    ScopedEnv set("WIDGETENGINE_UNPACK_THREADS", c.value);
+    CaptureStdout error(2);
+    EXPECT_EQ(c.expected, settings::unpackThreads()) << "\"" << c.value << "\"";
+    // A value it cannot use is ignored without a word.
+    EXPECT_EQ("", error.text()) << "\"" << c.value << "\"";
+  }
+}
+
+TEST(SettingsTest, LogDestinationNamesAnUnknownValue) {
+  const struct {
+    const char* value;
+    settings::LogDestination expected;
+  } known[] = {{"stdout", settings::kLogToStdout},
+               {"stderr", settings::kLogToStderr},
+               {"syslog", settings::kLogToSyslog},
+               {"quiet", settings::kLogQuiet},
+               {"", settings::kLogToStdout}};
+  for (const auto& c : known) {
+    ScopedEnv set("WIDGETENGINE_LOG", c.value);
+    CaptureStdout error(2);
+    EXPECT_EQ(c.expected, settings::logDestination()) << c.value;
+    EXPECT_EQ("", error.text()) << c.value;
+  }
+  ScopedEnv set("WIDGETENGINE_LOG", "sterr");
+  CaptureStdout error(2);
+  EXPECT_EQ(settings::kLogToStdout, settings::logDestination());
+  EXPECT_EQ(
+      "widgetengine: WIDGETENGINE_LOG=sterr is not one of stdout, stderr, "
+      "syslog, quiet; using stdout\n",
+      error.text());
+}
+
+}  // namespace
