@@ -174,6 +174,18 @@ xmlSecKey* keyOf(EVP_PKEY* pkey) {
   return key.release();
 }
 
+// Runs operation (libxmlsec's sign or verify) on the signature, references
+// reading files below folderFd. False with *error saying why it failed.
+bool run(int (*operation)(xmlSecDSigCtx*, xmlNode*), xmlSecDSigCtx* ctx,
+         xmlNode* signature, int folderFd, const std::set<std::string>& files,
+         std::string* error) {
+  CoreSignature::Quiet quiet(error);
+  FolderScope scope(folderFd, files);
+  if (operation(ctx, signature) >= 0) return true;
+  if (error->empty()) *error = "failed";
+  return false;
+}
+
 std::string pathOfUri(const xmlChar* uri) {
   if (!uri) return std::string();
   const std::string text = reinterpret_cast<const char*>(uri);
@@ -210,15 +222,8 @@ bool CoreSignature::verify(xmlNode* signature, EVP_PKEY* key, int folderFd,
     return false;
   }
   std::string error;
-  int result;
-  {
-    Quiet quiet(&error);
-    FolderScope scope(folderFd, files);
-    result = xmlSecDSigCtxVerify(ctx.get(), signature);
-  }
-  if (result < 0) {
-    failures->push_back("signature-not-processed: " +
-                        (error.empty() ? std::string("failed") : error));
+  if (!run(xmlSecDSigCtxVerify, ctx.get(), signature, folderFd, files, &error)) {
+    failures->push_back("signature-not-processed: " + error);
     return false;
   }
   if (ctx->status == xmlSecDSigStatusSucceeded) return true;
@@ -262,14 +267,8 @@ bool CoreSignature::sign(xmlNode* signature, EVP_PKEY* pkey,
   }
   ctx->signKey = key.release();
   std::string error;
-  int result;
-  {
-    Quiet quiet(&error);
-    FolderScope scope(folderFd, files);
-    result = xmlSecDSigCtxSign(ctx.get(), signature);
-  }
-  if (result < 0) {
-    *reason = "the signature cannot be made: " + (error.empty() ? "failed" : error);
+  if (!run(xmlSecDSigCtxSign, ctx.get(), signature, folderFd, files, &error)) {
+    *reason = "the signature cannot be made: " + error;
     return false;
   }
   return true;

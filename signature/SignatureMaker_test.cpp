@@ -14,9 +14,8 @@
 #include <cstdlib>
 #include <string>
 
-#include "base/ScopedFd.h"
-#include "signature/PackageTree.h"
 #include "signature/SignatureVerifier.h"
+#include "testing/SignedPackage.h"
 #include "testing/TempDir.h"
 #include "testing/TestPki.h"
 
@@ -46,21 +45,14 @@ class SignatureMakerTest : public ::testing::Test {
  protected:
   const TestPki& pki = TestPki::get();
   TempDir dir;
-  TrustAnchors anchors;
+  SignedPackage signed_{dir.file("package")};
 
   void SetUp() override {
-    std::string reason;
-    ASSERT_TRUE(anchors.addPem(pki.root, &reason)) << reason;
-    ASSERT_EQ(0, mkdir(package().c_str(), 0700));
-    ASSERT_EQ(0, mkdir((package() + "/js").c_str(), 0700));
-    TempDir::writeFile(package() + "/config.xml",
-                       "<widget xmlns=\"http://www.w3.org/ns/widgets\"/>\n");
-    TempDir::writeFile(package() + "/index.html", "<p>clock</p>\n");
     TempDir::writeFile(package() + "/js/my app.js", "tick();\n");
     TempDir::writeFile(dir.file("root.pem"), pki.root);
   }
 
-  std::string package() const { return dir.file("package"); }
+  std::string package() const { return signed_.path(); }
 
   // Runs xmlsec1 with arguments in the package folder, where the files its
   // references name are; its exit status, and its output in *output.
@@ -74,11 +66,7 @@ class SignatureMakerTest : public ::testing::Test {
   }
 
   void sign(const TestSigner& signer, SignatureMaker::Role role, bool exclusive) {
-    SignatureMaker maker;
-    std::string reason, written;
-    ASSERT_TRUE(maker.setSigner(signer.key, signer.chain, &reason)) << reason;
-    maker.setExclusiveCanonicalization(exclusive);
-    ASSERT_TRUE(maker.sign(package(), role, &written, &reason)) << reason;
+    signed_.sign(signer, role, exclusive);
   }
 
   void expectXmlsec1Verifies(const std::string& name) {
@@ -89,15 +77,8 @@ class SignatureMakerTest : public ::testing::Test {
         << output;
   }
 
-  // The template the maker fills in, for the package as it is now.
   std::string templateFor(SignatureMaker::Role role, const TestSigner& signer) {
-    SignatureMaker maker;
-    std::string reason;
-    EXPECT_TRUE(maker.setSigner(signer.key, signer.chain, &reason)) << reason;
-    ScopedFd fd(open(package().c_str(), O_RDONLY | O_DIRECTORY));
-    PackageTree tree;
-    EXPECT_TRUE(tree.read(fd.get(), &reason)) << reason;
-    return maker.makeTemplate(tree.files(), role);
+    return signed_.templateFor(signer, role);
   }
 
   // Signs text with xmlsec1 and signer into the package as name.
@@ -119,7 +100,7 @@ class SignatureMakerTest : public ::testing::Test {
         << output;
   }
 
-  Verdict verify() const { return SignatureVerifier(anchors).verify(package()); }
+  Verdict verify() const { return signed_.verify(); }
 };
 
 TEST_F(SignatureMakerTest, AnAuthorSignatureVerifiesWithXmlsec1) {

@@ -10,9 +10,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "base/ScopedFd.h"
-#include "signature/PackageTree.h"
-#include "signature/SignatureMaker.h"
+#include "testing/SignedPackage.h"
 #include "testing/TempDir.h"
 #include "testing/TestPki.h"
 
@@ -38,57 +36,29 @@ class SignatureVerifierTest : public ::testing::Test {
  protected:
   const TestPki& pki = TestPki::get();
   TempDir dir;
-  TrustAnchors anchors;
+  SignedPackage signed_{dir.file("package")};
+  TrustAnchors& anchors = signed_.anchors();
 
   void SetUp() override {
-    std::string reason;
-    ASSERT_TRUE(anchors.addPem(pki.root, &reason)) << reason;
-    ASSERT_EQ(0, mkdir(package().c_str(), 0700));
-    ASSERT_EQ(0, mkdir(file("js").c_str(), 0700));
     ASSERT_EQ(0, mkdir(file("images").c_str(), 0700));
-    TempDir::writeFile(file("config.xml"),
-                       "<widget xmlns=\"http://www.w3.org/ns/widgets\"/>\n");
-    TempDir::writeFile(file("index.html"), "<!DOCTYPE html><p>clock</p>\n");
-    TempDir::writeFile(file("js/app.js"), "tick();\n");
     TempDir::writeFile(file("images/icon.png"), std::string("\x89PNG\r\n\x1a\n\0\0", 10));
   }
 
-  std::string package() const { return dir.file("package"); }
-  std::string file(const std::string& name) const { return package() + "/" + name; }
+  std::string package() const { return signed_.path(); }
+  std::string file(const std::string& name) const { return signed_.file(name); }
 
-  Verdict verify() const { return SignatureVerifier(anchors).verify(package()); }
+  Verdict verify() const { return signed_.verify(); }
 
-  // Signs the package with signer; the name written.
   std::string sign(const TestSigner& signer, SignatureMaker::Role role,
                    bool exclusive = false) {
-    SignatureMaker maker;
-    std::string reason, written;
-    EXPECT_TRUE(maker.setSigner(signer.key, signer.chain, &reason)) << reason;
-    maker.setExclusiveCanonicalization(exclusive);
-    EXPECT_TRUE(maker.sign(package(), role, &written, &reason)) << reason;
-    return written;
+    return signed_.sign(signer, role, exclusive);
   }
-
-  // The template the maker would fill in for the package as it is now.
   std::string templateFor(const TestSigner& signer, SignatureMaker::Role role) {
-    SignatureMaker maker;
-    std::string reason;
-    EXPECT_TRUE(maker.setSigner(signer.key, signer.chain, &reason)) << reason;
-    ScopedFd fd(open(package().c_str(), O_RDONLY | O_DIRECTORY));
-    PackageTree tree;
-    EXPECT_TRUE(tree.read(fd.get(), &reason)) << reason;
-    return maker.makeTemplate(tree.files(), role);
+    return signed_.templateFor(signer, role);
   }
-
-  // Fills in text with signer and writes it to the package as name.
   void signTemplate(const std::string& text, const TestSigner& signer,
                     const std::string& name = "author-signature.xml") {
-    SignatureMaker maker;
-    std::string reason, document;
-    ASSERT_TRUE(maker.setSigner(signer.key, signer.chain, &reason)) << reason;
-    ScopedFd fd(open(package().c_str(), O_RDONLY | O_DIRECTORY));
-    ASSERT_TRUE(maker.signTemplate(fd.get(), text, &document, &reason)) << reason;
-    TempDir::writeFile(file(name), document);
+    signed_.signTemplate(text, signer, name);
   }
 
   // The failures of the only signature, which must be invalid.
