@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <string>
+#include <thread>
 
 #include "testing/SignedPackage.h"
 #include "testing/TempDir.h"
@@ -342,6 +343,30 @@ TEST_F(SignatureVerifierTest, ASignatureDocumentUnderAnotherRoleIdIsInvalid) {
   EXPECT_TRUE(contains(failures, "wrong-signature-id: DistributorSignature")) << joined(failures);
   EXPECT_TRUE(contains(failures, "wrong-role: role-distributor in an author signature"))
       << joined(failures);
+}
+
+TEST_F(SignatureVerifierTest, ThreadsCheckPackagesAtTheSameTime) {
+  sign(pki.author, SignatureMaker::kAuthor);
+  TempDir other;
+  SignedPackage changed(other.file("package"));
+  changed.sign(pki.author, SignatureMaker::kAuthor);
+  TempDir::writeFile(changed.file("js/app.js"), "changed();\n");
+  std::vector<std::string> seen(8);
+  std::vector<std::thread> threads;
+  for (size_t i = 0; i < seen.size(); ++i) {
+    threads.emplace_back([&, i] {
+      for (int round = 0; round < 5; ++round) {
+        const Verdict verdict = i % 2 ? changed.verify() : verify();
+        seen[i] = joined(verdict.allFailures());
+        if (seen[i] != (i % 2 ? "author-signature.xml: digest-mismatch: js/app.js\n" : ""))
+          return;
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  for (size_t i = 0; i < seen.size(); ++i) {
+    EXPECT_EQ(i % 2 ? "author-signature.xml: digest-mismatch: js/app.js\n" : "", seen[i]);
+  }
 }
 
 }  // namespace
