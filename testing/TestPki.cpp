@@ -112,15 +112,17 @@ const TestPki& TestPki::get() {
   return *made;
 }
 
+// The authorities' keys, and the signers' but two, are EC: making an RSA key
+// takes a good part of a second, and every test program makes its own.
 TestPki::TestPki() {
-  KeyPtr rootKey = rsaKey(2048);
+  KeyPtr rootKey = ecKey();
   CertPtr rootCert = certify(rootKey.get(), "Test Root", nullptr, nullptr, true,
                              -kDay, 3650 * kDay);
-  KeyPtr intermediateKey = rsaKey(2048);
+  KeyPtr intermediateKey = ecKey();
   CertPtr intermediateCert =
       certify(intermediateKey.get(), "Test Intermediate", rootCert.get(),
               rootKey.get(), true, -kDay, 3650 * kDay);
-  KeyPtr otherKey = rsaKey(2048);
+  KeyPtr otherKey = ecKey();
   CertPtr otherCert = certify(otherKey.get(), "Other Root", nullptr, nullptr, true,
                               -kDay, 3650 * kDay);
   root = pem(rootCert.get());
@@ -133,8 +135,8 @@ TestPki::TestPki() {
   EVP_PKEY* issuerKey = intermediateKey.get();
   author = signer(rsaKey(2048), "Test Author", issuer, issuerKey, -kDay, 365 * kDay);
   distributor = signer(ecKey(), "Test Distributor", issuer, issuerKey, -kDay, 365 * kDay);
-  expired = signer(rsaKey(2048), "Expired Author", issuer, issuerKey, -30 * kDay, -kDay);
+  expired = signer(ecKey(), "Expired Author", issuer, issuerKey, -30 * kDay, -kDay);
   weak = signer(rsaKey(1024), "Weak Author", issuer, issuerKey, -kDay, 365 * kDay);
-  stranger = signer(rsaKey(2048), "Stranger", otherCert.get(), otherKey.get(), -kDay,
+  stranger = signer(ecKey(), "Stranger", otherCert.get(), otherKey.get(), -kDay,
                     365 * kDay);
 }

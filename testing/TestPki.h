@@ -28,9 +28,9 @@ class TestPki {
 
   TestSigner author;       // RSA 2048
   TestSigner distributor;  // EC P-256
-  TestSigner expired;      // RSA, valid until yesterday
+  TestSigner expired;      // EC, valid until yesterday
   TestSigner weak;         // RSA 1024
-  TestSigner stranger;     // RSA under otherRoot, which its chain carries
+  TestSigner stranger;     // EC under otherRoot, which its chain carries
 
  private:
   TestPki();
