@@ -5,6 +5,7 @@
 #include <libxml/valid.h>
 #include <xmlsec/base64.h>
 
+#include <algorithm>
 #include <cstring>
 #include <map>
 
@@ -131,12 +132,14 @@ bool SignatureDocument::parse(const std::string& bytes,
     doc_.reset();
     return false;
   }
-  // Every Id names one element, as same-document references find them.
+  // Every Id names one element, as same-document references find them;
+  // of two alike, the first in the document keeps it.
   std::set<std::string> ids;
   std::vector<xmlNode*> pending(1, root);
   while (!pending.empty()) {
     xmlNode* element = pending.back();
     pending.pop_back();
+    const size_t childrenAt = pending.size();
     for (xmlAttr* attr = element->properties; attr; attr = attr->next) {
       if (attr->ns || strcmp(reinterpret_cast<const char*>(attr->name), "Id") != 0)
         continue;
@@ -151,6 +154,7 @@ bool SignatureDocument::parse(const std::string& bytes,
     for (xmlNode* child = element->children; child; child = child->next) {
       if (child->type == XML_ELEMENT_NODE) pending.push_back(child);
     }
+    std::reverse(pending.begin() + static_cast<std::ptrdiff_t>(childrenAt), pending.end());
   }
   return true;
 }

@@ -369,4 +369,78 @@ TEST_F(SignatureVerifierTest, ThreadsCheckPackagesAtTheSameTime) {
   }
 }
 
+TEST_F(SignatureVerifierTest, AnAuthorMayNotSignADistributorsSignature) {
+  TempDir::writeFile(file("signature1.xml"), "<x/>");
+  std::string text = templateFor(pki.author, SignatureMaker::kAuthor);
+  replaceOnce(&text, "<Reference URI=\"#prop\">",
+              "<Reference URI=\"signature1.xml\"><DigestMethod "
+              "Algorithm=\"http://www.w3.org/2001/04/xmlenc#sha256\"/>"
+              "<DigestValue></DigestValue></Reference><Reference URI=\"#prop\">");
+  signTemplate(text, pki.author);
+  const Verdict verdict = verify();
+  ASSERT_EQ(2u, verdict.signatures.size());
+  EXPECT_EQ(std::vector<std::string>{"reference-to-signature-file: signature1.xml"},
+            verdict.signatures[0].failures);
+}
+
+TEST_F(SignatureVerifierTest, OnlyThePropertiesAreReferencedInTheDocument) {
+  std::string text = templateFor(pki.author, SignatureMaker::kAuthor);
+  replaceOnce(&text, "<Reference URI=\"#prop\">",
+              "<Reference URI=\"#role\"><Transforms><Transform "
+              "Algorithm=\"http://www.w3.org/2006/12/xml-c14n11\"/></Transforms>"
+              "<DigestMethod Algorithm=\"http://www.w3.org/2001/04/xmlenc#sha256\"/>"
+              "<DigestValue></DigestValue></Reference><Reference URI=\"#prop\">");
+  signTemplate(text, pki.author);
+  EXPECT_EQ(std::vector<std::string>{"unexpected-reference: #role"}, onlyFailures());
+}
+
+TEST_F(SignatureVerifierTest, AFileIsSignedAsItIs) {
+  std::string text = templateFor(pki.author, SignatureMaker::kAuthor);
+  replaceOnce(&text, "<Reference URI=\"config.xml\">",
+              "<Reference URI=\"config.xml\"><Transforms><Transform "
+              "Algorithm=\"http://www.w3.org/2006/12/xml-c14n11\"/></Transforms>");
+  signTemplate(text, pki.author);
+  EXPECT_EQ(std::vector<std::string>{"transform-not-allowed: config.xml"}, onlyFailures());
+}
+
+TEST_F(SignatureVerifierTest, PropertiesOfAnotherSignatureDoNotCount) {
+  std::string text = templateFor(pki.author, SignatureMaker::kAuthor);
+  replaceOnce(&text, "Id=\"role\" Target=\"#AuthorSignature\"",
+              "Id=\"role\" Target=\"#DistributorSignature\"");
+  signTemplate(text, pki.author);
+  EXPECT_EQ(std::vector<std::string>{"wrong-property-target: #DistributorSignature"},
+            onlyFailures());
+}
+
+TEST_F(SignatureVerifierTest, TwoElementsWithOneIdAreRefused) {
+  sign(pki.author, SignatureMaker::kAuthor);
+  std::string document = TempDir::readFile(file("author-signature.xml"));
+  replaceOnce(&document, "</Signature>", "<Object Id=\"prop\"/></Signature>");
+  TempDir::writeFile(file("author-signature.xml"), document);
+  EXPECT_EQ(std::vector<std::string>{"duplicate-id: prop"}, onlyFailures());
+}
+
+TEST_F(SignatureVerifierTest, ASignatureWithoutCertificatesNamesNoSigner) {
+  std::string text = templateFor(pki.author, SignatureMaker::kAuthor);
+  signTemplate(text, pki.author);
+  std::string document = TempDir::readFile(file("author-signature.xml"));
+  const size_t start = document.find("<KeyInfo>");
+  const size_t end = document.find("</KeyInfo>") + strlen("</KeyInfo>");
+  ASSERT_NE(std::string::npos, start);
+  const std::string keyInfo = document.substr(start, end - start);
+  document.erase(start, end - start);
+  TempDir::writeFile(file("author-signature.xml"), document);
+  EXPECT_EQ(std::vector<std::string>{
+                "missing-certificate: the signature carries no signer certificate"},
+            onlyFailures());
+
+  const size_t data = keyInfo.find("<X509Certificate>") + strlen("<X509Certificate>");
+  std::string broken = keyInfo;
+  broken.insert(data, "AAAA");
+  document.insert(start, broken);
+  TempDir::writeFile(file("author-signature.xml"), document);
+  EXPECT_EQ(std::vector<std::string>{"bad-certificate: a certificate cannot be read"},
+            onlyFailures());
+}
+
 }  // namespace
