@@ -86,7 +86,7 @@ void keepError(const char* file, int line, const char* func,
     return;
   }
   if (currentError->empty()) {
-    const char* said = xmlSecErrorsGetMsg(static_cast<xmlSecSize>(0));
+    const char* said = nullptr;
     for (xmlSecSize i = 0; xmlSecErrorsGetMsg(i); ++i) {
       if (xmlSecErrorsGetCode(i) == reason) said = xmlSecErrorsGetMsg(i);
     }

@@ -14,6 +14,10 @@
 #include <cstdlib>
 #include <string>
 
+#include "base/ScopedFd.h"
+#include "signature/CertificateChain.h"
+#include "signature/CoreSignature.h"
+#include "signature/SignatureDocument.h"
 #include "signature/SignatureVerifier.h"
 #include "testing/SignedPackage.h"
 #include "testing/TempDir.h"
@@ -154,6 +158,23 @@ TEST_F(SignatureMakerTest, Sha1IsRefused) {
       << joined(failures);
   EXPECT_NE(failures.end(), std::find(failures.begin(), failures.end(), "weak-algorithm: sha1"))
       << joined(failures);
+
+  // libxmlsec itself runs none of them either.
+  SignatureDocument document("author-signature.xml", true);
+  std::vector<std::string> found;
+  ASSERT_TRUE(document.parse(TempDir::readFile(package() + "/author-signature.xml"), &found));
+  const std::set<std::string> files = {"config.xml", "index.html", "js/app.js",
+                                       "js/my app.js"};
+  document.check(files, &found);
+  EXPECT_FALSE(document.readyForValues());
+  found.clear();
+  CertificateChain chain;
+  ASSERT_TRUE(chain.read(document.certificates(), &found));
+  ScopedFd folder(open(package().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  EXPECT_FALSE(CoreSignature::verify(document.signatureElement(), chain.signerKey(),
+                                     folder.get(), files, &found));
+  ASSERT_EQ(1u, found.size());
+  EXPECT_EQ(0u, found[0].find("signature-not-processed: ")) << found[0];
 }
 
 TEST_F(SignatureMakerTest, ADistributorTakesTheNextNumber) {
