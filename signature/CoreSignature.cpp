@@ -13,6 +13,8 @@
 #include <xmlsec/xmldsig.h>
 #include <xmlsec/xmlsec.h>
 
+#include <algorithm>
+#include <cstring>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -49,6 +51,16 @@ class FolderScope {
 // take none and leave libxmlsec as it was for any other user in the process.
 int matchReference(const char*) { return currentFolder >= 0 ? 1 : 0; }
 
+// A file a reference reads. libxmlsec asks for a kilobyte at a time; the
+// file is read in larger blocks, one held at a time.
+struct OpenReference {
+  explicit OpenReference(int fd) : fd(fd) {}
+  int fd;
+  size_t at = 0;
+  size_t end = 0;
+  char block[64 * 1024];
+};
+
 // libxmlsec asks first for the URI with its escapes decoded, which is the
 // package path when the URI names a file; only a path of the package is
 // opened, so that no second decoding can make one file's name another's.
@@ -56,22 +68,31 @@ void* openReference(const char* path) {
   if (currentFolder < 0 || !path || !currentFiles->count(path)) return nullptr;
   const int fd = PackageTree::openFile(currentFolder, path);
   if (fd < 0) return nullptr;
-  return new int(fd);
+  return new OpenReference(fd);
 }
 
 int readReference(void* context, char* buffer, int length) {
-  const int fd = *static_cast<int*>(context);
-  ssize_t got;
-  do {
-    got = read(fd, buffer, static_cast<size_t>(length));
-  } while (got < 0 && errno == EINTR);
-  return static_cast<int>(got);
+  OpenReference* file = static_cast<OpenReference*>(context);
+  if (length <= 0) return 0;
+  if (file->at == file->end) {
+    ssize_t got;
+    do {
+      got = read(file->fd, file->block, sizeof(file->block));
+    } while (got < 0 && errno == EINTR);
+    if (got <= 0) return static_cast<int>(got);
+    file->at = 0;
+    file->end = static_cast<size_t>(got);
+  }
+  const size_t given = std::min(static_cast<size_t>(length), file->end - file->at);
+  memcpy(buffer, file->block + file->at, given);
+  file->at += given;
+  return static_cast<int>(given);
 }
 
 int closeReference(void* context) {
-  int* fd = static_cast<int*>(context);
-  const int result = close(*fd);
-  delete fd;
+  OpenReference* file = static_cast<OpenReference*>(context);
+  const int result = close(file->fd);
+  delete file;
   return result;
 }
 

@@ -443,4 +443,15 @@ TEST_F(SignatureVerifierTest, ASignatureWithoutCertificatesNamesNoSigner) {
             onlyFailures());
 }
 
+TEST_F(SignatureVerifierTest, AFileOfManyBlocksIsDigestedWhole) {
+  std::string data;
+  for (int i = 0; i < 300000; ++i) data += static_cast<char>('a' + i % 23);
+  TempDir::writeFile(file("images/large.bin"), data);
+  sign(pki.author, SignatureMaker::kAuthor);
+  EXPECT_TRUE(verify().allValid()) << joined(verify().allFailures());
+  data[data.size() - 1] = '!';
+  TempDir::writeFile(file("images/large.bin"), data);
+  EXPECT_EQ(std::vector<std::string>{"digest-mismatch: images/large.bin"}, onlyFailures());
+}
+
 }  // namespace
