@@ -316,6 +316,10 @@ bool refusesFile(const std::string& path, size_t largest) {
     if (bytes.size() > largest) break;
   }
   fclose(file);
+  return refusesText(bytes, largest);
+}
+
+bool refusesText(const std::string& bytes, size_t largest) {
   if (bytes.size() > largest) return true;
   return hasOverlongTag(markupOf(bytes));
 }

@@ -21,6 +21,9 @@ namespace documentGuards {
 // attributes.
 bool refusesFile(const std::string& path, size_t largest);
 
+// The same for a document already read into memory.
+bool refusesText(const std::string& bytes, size_t largest);
+
 // After parsing: true when every text and attribute value of the tree under
 // root expands, entity references and all, within fixed bounds.
 bool expandsWithinBounds(xmlDoc* doc, xmlNode* root);

@@ -47,6 +47,7 @@ dir=$2
 packages=(
   libc6-dev libstdc++-12-dev
   libcurl4-openssl-dev libzip-dev zlib1g-dev libxml2-dev libsqlite3-dev
+  libxmlsec1-dev libssl-dev
   libgtest-dev libgmock-dev nlohmann-json3-dev
 )
 stamp="$dir/.complete"

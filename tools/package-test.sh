@@ -34,9 +34,10 @@ if [ "$target" != "$native" ]; then
     test "$(dpkg-deb -f "$deb" Architecture)" = "$target"
   done
   # The library's dependencies come from dpkg-shlibdeps, read in the target's
-  # libraries: libc6, and the packages of libcurl, libzip, libxml2, SQLite.
+  # libraries: libc6, and the packages of libcurl, libzip, libxml2, SQLite,
+  # libxmlsec1 and OpenSSL.
   depends=$(dpkg-deb -f "$build"/libwidgetengine1_*.deb Depends)
-  for library in libc6 libcurl libzip libxml2 libsqlite3; do
+  for library in libc6 libcurl libzip libxml2 libsqlite3 libxmlsec1 libssl; do
     grep -q "\b$library" <<<"$depends" || { echo "package-test: libwidgetengine1 does not depend on $library: $depends" >&2; exit 1; }
   done
   echo "== the $target packages pass (installing them is for a $target machine)"

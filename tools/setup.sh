@@ -8,6 +8,7 @@ set -euo pipefail
 packages=(
   g++ make cmake pkg-config
   libcurl4-openssl-dev libzip-dev zlib1g-dev libxml2-dev libsqlite3-dev
+  libxmlsec1-dev libssl-dev xmlsec1 openssl
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   python3 zip unzip curl libarchive-tools binutils sqlite3 libxml2-utils
   clang libfuzzer-14-dev libclang-rt-14-dev

@@ -1,0 +1,59 @@
+// SPDX-License-Identifier: Apache-2.0
+// CoreSignature computes and checks an XML signature's values with
+// libxmlsec: the digest of every reference and the signature value over
+// SignedInfo. Only the algorithms a widget signature may use are enabled,
+// and a reference reaches only files below the package folder it is given,
+// read a block at a time, through no link.
+//
+// libxmlsec is readied once per process, on first use, and never shut down
+// (its tables are process-wide and a host may be using them still). Any
+// number of threads may check signatures at the same time: each check has
+// contexts of its own, and the package folder a reference reads from is the
+// calling thread's.
+#ifndef WIDGETENGINE_SIGNATURE_CORESIGNATURE_H_
+#define WIDGETENGINE_SIGNATURE_CORESIGNATURE_H_
+
+#include <libxml/tree.h>
+
+#include <set>
+#include <string>
+#include <vector>
+
+typedef struct x509_st X509;
+typedef struct evp_pkey_st EVP_PKEY;
+
+class CoreSignature {
+ public:
+  // Readies libxmlsec; false with *reason when it cannot be.
+  static bool ready(std::string* reason);
+
+  // While one lives, the first complaint libxmlsec makes on this thread is
+  // kept in *complaint and none is printed.
+  class Quiet {
+   public:
+    explicit Quiet(std::string* complaint);
+    ~Quiet();
+    Quiet(const Quiet&) = delete;
+    Quiet& operator=(const Quiet&) = delete;
+
+   private:
+    std::string* previous_;
+  };
+
+  // Checks the signature element with key; a reference reads the file of
+  // files (package paths) it names below folderFd. Each failed rule goes on
+  // *failures; true when none did.
+  static bool verify(xmlNode* signature, EVP_PKEY* key, int folderFd,
+                     const std::set<std::string>& files,
+                     std::vector<std::string>* failures);
+
+  // Fills in the digests and the signature value of the signature element,
+  // a template, with key; certificates (the signer's first) go into its
+  // X509Data. References read files as verify() has them. False with
+  // *reason when it cannot.
+  static bool sign(xmlNode* signature, EVP_PKEY* key,
+                   const std::vector<X509*>& certificates, int folderFd,
+                   const std::set<std::string>& files, std::string* reason);
+};
+
+#endif  // WIDGETENGINE_SIGNATURE_CORESIGNATURE_H_

@@ -1,0 +1,41 @@
+// SPDX-License-Identifier: Apache-2.0
+// SignedPackage is an unpacked package folder for the signature tests (a
+// config.xml, index.html and js/app.js to begin with), the ways they sign
+// it (as SignatureMaker does, or from the maker's template after a test has
+// changed it) and a check of it against TestPki's root. Failures are the
+// test's.
+#ifndef WIDGETENGINE_TESTING_SIGNEDPACKAGE_H_
+#define WIDGETENGINE_TESTING_SIGNEDPACKAGE_H_
+
+#include <string>
+
+#include "signature/SignatureMaker.h"
+#include "signature/SignatureVerifier.h"
+#include "testing/TestPki.h"
+
+class SignedPackage {
+ public:
+  // Makes the folder at path, whose parent must be there.
+  explicit SignedPackage(const std::string& path);
+
+  const std::string& path() const { return path_; }
+  // The anchors verify() trusts: TestPki's root.
+  TrustAnchors& anchors() { return anchors_; }
+  Verdict verify() const { return SignatureVerifier(anchors_).verify(path_); }
+  std::string file(const std::string& name) const { return path_ + "/" + name; }
+
+  // Signs as the maker does; the name of the document written.
+  std::string sign(const TestSigner& signer, SignatureMaker::Role role,
+                   bool exclusive = false) const;
+  // The template the maker fills in for the folder as it is now.
+  std::string templateFor(const TestSigner& signer, SignatureMaker::Role role) const;
+  // Fills in text with signer and writes the document as name.
+  void signTemplate(const std::string& text, const TestSigner& signer,
+                    const std::string& name = "author-signature.xml") const;
+
+ private:
+  std::string path_;
+  TrustAnchors anchors_;
+};
+
+#endif  // WIDGETENGINE_TESTING_SIGNEDPACKAGE_H_
