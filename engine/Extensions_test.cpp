@@ -385,6 +385,120 @@ TEST_F(ExtensionsTest, AHostSinkReceivesEveryLineAndStandardOutputNone) {
   EXPECT_EQ(WIDGETENGINE_LOG_INFO, levelOf("Nothing to clean"));
 }
 
+// Every kind of line the jobs write, with the level a host's sink receives
+// for it. A line of a kind not listed here fails the test, so that a new
+// line is given its level on purpose.
+TEST_F(ExtensionsTest, EveryKindOfLineArrivesWithItsLevel) {
+  const int kError = WIDGETENGINE_LOG_ERROR;
+  const int kInfo = WIDGETENGINE_LOG_INFO;
+  const int kTrace = WIDGETENGINE_LOG_VERBOSE;
+  const std::vector<std::pair<std::string, int>> kinds = {
+      {"", kInfo},
+      {"[Downloading...]", kInfo},
+      {"[Extracting...]", kInfo},
+      {"[Remove downloaded file...]", kInfo},
+      {"[Parsing config.xml...]", kInfo},
+      {"[Cleaning...]", kInfo},
+      {"[V:Extractor] filename: ", kTrace},
+      {"[V:UserAgentLocales] Computed locales : ", kTrace},
+      {"Downloaded from ", kInfo},
+      {"Download cleaned", kInfo},
+      {"Extraction cleaned", kInfo},
+      {"Nothing to clean", kInfo},
+      {"Parsing ", kInfo},
+      {"Path: ", kInfo},
+      {"Widget already installed. Launch it with this url : ", kInfo},
+      {"Try to delete directory on fileSystem : ", kInfo},
+      {"Delete OK !!!", kInfo},
+      {"Delete from database ...", kInfo},
+      {"Zip archive is not valid (error ", kError},
+      {"Zip archive must not be encrypted", kError},
+      {"Zip archive contains only folders", kError},
+      {"Empty archive", kError},
+      {"Incorrect file name: ", kError},
+      {"Could not find config.xml", kError},
+      {"Document not parsed successfully", kError},
+      {"Widget configuration document is invalid", kError},
+      {"No start file found", kError},
+      {"The widget name ", kError},
+      {"Cannot install ", kError},
+      {"Error while downloading", kError},
+      {"Error while extracting", kError},
+      {"Error while parsing", kError},
+      {"Could not download file", kError},
+      {"Refusing to download ", kInfo},
+      {"No widget with this name", kError},
+  };
+  std::vector<std::pair<int, std::string>> lines;
+  widgetengine_set_log_sink(collect, &lines);
+
+  ZipBuilder clock;
+  addClock(clock);
+  const std::string first = "file://" + writePackage("clock.wgt", clock);
+  EXPECT_TRUE(receive(first));
+  EXPECT_TRUE(receive(first));
+  ASSERT_EQ(0, system(("mkdir -p " + packages + "b").c_str()));
+  EXPECT_FALSE(receive("file://" + writePackage("b/clock.wgt", clock)));
+  EXPECT_EQ(1, remove("clock"));
+  EXPECT_EQ(0, remove("clock"));
+  server.serve("/w/gone.wgt", 404, "gone");
+  EXPECT_FALSE(receive(server.url("/w/gone.wgt")));
+  EXPECT_FALSE(receive("file:///nowhere/a%b.wgt"));
+  EXPECT_FALSE(receive("gopher://127.0.0.1/w.wgt"));
+  EXPECT_FALSE(receive("file://otherhost/w.wgt"));
+  ZipBuilder empty;
+  EXPECT_FALSE(receive("file://" + writePackage("empty.wgt", empty)));
+  ZipBuilder folders;
+  folders.addFolder("images/");
+  EXPECT_FALSE(receive("file://" + writePackage("folders.wgt", folders)));
+  ZipBuilder secret;
+  secret.addEncryptedFile("index.html", "x", "password");
+  EXPECT_FALSE(receive("file://" + writePackage("secret.wgt", secret)));
+  ZipBuilder climbing;
+  climbing.addFile("../evil.html", "x");
+  EXPECT_FALSE(receive("file://" + writePackage("climbing.wgt", climbing)));
+  ZipBuilder noConfig;
+  noConfig.addFile("index.html", "x");
+  EXPECT_FALSE(receive("file://" + writePackage("noconfig.wgt", noConfig)));
+  ZipBuilder broken;
+  broken.addFile("config.xml", configXml("<name>A & B</name>"));
+  EXPECT_FALSE(receive("file://" + writePackage("broken.wgt", broken)));
+  ZipBuilder invalid;
+  invalid.addFile("config.xml", "<widget id=\"urn:x\"/>");
+  EXPECT_FALSE(receive("file://" + writePackage("invalid.wgt", invalid)));
+  ZipBuilder noStart;
+  noStart.addFile("config.xml", configXml("<name>Clock</name>"));
+  EXPECT_FALSE(receive("file://" + writePackage("nostart.wgt", noStart)));
+  captured(nullptr, [&] { return engine->getInfo("nobody", nullptr, "en"); });
+  widgetengine_set_log_sink(nullptr, nullptr);
+
+  size_t checked = 0;
+  std::vector<bool> seen(kinds.size());
+  for (const auto& line : lines) {
+    // The longest kind the line begins with is its kind.
+    const std::pair<std::string, int>* kind = nullptr;
+    for (const auto& candidate : kinds) {
+      if (line.second.compare(0, candidate.first.size(), candidate.first) == 0 &&
+          (!kind || candidate.first.size() > kind->first.size()) &&
+          (!candidate.first.empty() || line.second.empty())) {
+        kind = &candidate;
+      }
+    }
+    if (!kind) {
+      ADD_FAILURE() << "a line of no known kind: \"" << line.second << "\"";
+      continue;
+    }
+    EXPECT_EQ(kind->second, line.first) << line.second;
+    seen[static_cast<size_t>(kind - kinds.data())] = true;
+    ++checked;
+  }
+  std::cout << checked << " lines of " << kinds.size() << " kinds checked"
+            << std::endl;
+  EXPECT_EQ(lines.size(), checked);
+  for (size_t i = 0; i < kinds.size(); ++i)
+    EXPECT_TRUE(seen[i]) << "no line of the kind \"" << kinds[i].first << "\"";
+}
+
 TEST_F(ExtensionsTest, SilencedEngineWritesNothing) {
   ASSERT_EQ(0, widgetengine_set_log_destination(WIDGETENGINE_LOG_TO_QUIET));
   server.serve("/w/gone.wgt", 404, "gone");
