@@ -454,21 +454,21 @@ TEST_F(ExtensionsTest, EveryKindOfLineArrivesWithItsLevel) {
   ZipBuilder secret;
   secret.addEncryptedFile("index.html", "x", "password");
   EXPECT_FALSE(receive("file://" + writePackage("secret.wgt", secret)));
-  ZipBuilder climbing;
-  climbing.addFile("../evil.html", "x");
-  EXPECT_FALSE(receive("file://" + writePackage("climbing.wgt", climbing)));
-  ZipBuilder noConfig;
-  noConfig.addFile("index.html", "x");
-  EXPECT_FALSE(receive("file://" + writePackage("noconfig.wgt", noConfig)));
-  ZipBuilder broken;
-  broken.addFile("config.xml", configXml("<name>A & B</name>"));
-  EXPECT_FALSE(receive("file://" + writePackage("broken.wgt", broken)));
-  ZipBuilder invalid;
-  invalid.addFile("config.xml", "<widget id=\"urn:x\"/>");
-  EXPECT_FALSE(receive("file://" + writePackage("invalid.wgt", invalid)));
-  ZipBuilder noStart;
-  noStart.addFile("config.xml", configXml("<name>Clock</name>"));
-  EXPECT_FALSE(receive("file://" + writePackage("nostart.wgt", noStart)));
+  // Packages of one file each: a name that climbs out, no config.xml, one
+  // that does not parse, one the schema refuses, no start file.
+  const std::vector<std::pair<std::string, std::string>> oneFile = {
+      {"../evil.html", "x"},
+      {"index.html", "x"},
+      {"config.xml", configXml("<name>A & B</name>")},
+      {"config.xml", "<widget id=\"urn:x\"/>"},
+      {"config.xml", configXml("<name>Clock</name>")},
+  };
+  for (size_t i = 0; i < oneFile.size(); ++i) {
+    ZipBuilder zip;
+    zip.addFile(oneFile[i].first, oneFile[i].second);
+    const std::string name = "refused" + std::to_string(i) + ".wgt";
+    EXPECT_FALSE(receive("file://" + writePackage(name, zip))) << name;
+  }
   captured(nullptr, [&] { return engine->getInfo("nobody", nullptr, "en"); });
   widgetengine_set_log_sink(nullptr, nullptr);
 
