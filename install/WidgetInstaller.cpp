@@ -52,6 +52,13 @@ bool leavesDirectory(const std::string& name) {
   return !UrlPath::staysInside(name);
 }
 
+// The reason of a run that ends with status 3 or 4 and has none of its own:
+// the one hosts have always been given for those statuses.
+Outcome unusableRegistry() {
+  return Outcome(WIDGETENGINE_REFUSAL_REGISTRY,
+                 "the widget registry cannot be used");
+}
+
 }  // namespace
 
 class WidgetInstaller::Files final : public PackageFiles {
@@ -309,8 +316,7 @@ int WidgetInstaller::runHoldingName() {
       engineError()
           << "It's not possible to see this log. Database integrity problem"
           << std::endl;
-      return refuse(4, Outcome(WIDGETENGINE_REFUSAL_REGISTRY,
-                               "the widget registry cannot be used"),
+      return refuse(4, unusableRegistry(),
                     "'sourceURL' Field in 'Widgets' Table must be unique");
     }
   }
@@ -360,8 +366,7 @@ int WidgetInstaller::runHoldingName() {
     if (fd >= 0) {
       close(fd);
     } else if (errno == EPERM) {
-      return refuse(3, Outcome(WIDGETENGINE_REFUSAL_REGISTRY,
-                               "the widget registry cannot be used"),
+      return refuse(3, unusableRegistry(),
                     "Cannot install " + sourceURL +
                         ": the download folder is not safe: " + untrusted);
     }
@@ -369,8 +374,7 @@ int WidgetInstaller::runHoldingName() {
 
   const std::string downloadPath = buildDownloadPath();
   if (!lock->note(downloadPath, storagePath)) {
-    return refuse(3, Outcome(WIDGETENGINE_REFUSAL_REGISTRY,
-                             "the widget registry cannot be used"),
+    return refuse(3, unusableRegistry(),
                   "Cannot install " + sourceURL +
                       ": cannot write the installation journal in " +
                       lock->root());
