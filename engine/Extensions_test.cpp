@@ -23,6 +23,7 @@
 #include "testing/ConfigXml.h"
 #include "testing/HttpServer.h"
 #include "testing/ScopedEnv.h"
+#include "testing/TempDir.h"
 #include "testing/WidgetSandbox.h"
 #include "testing/ZipBuilder.h"
 
@@ -428,6 +429,7 @@ TEST_F(ExtensionsTest, EveryKindOfLineArrivesWithItsLevel) {
       {"Could not download file", kError},
       {"Refusing to download ", kInfo},
       {"No widget with this name", kError},
+      {"Damaged file in archive: ", kInfo},
   };
   std::vector<std::pair<int, std::string>> lines;
   widgetengine_set_log_sink(collect, &lines);
@@ -469,6 +471,19 @@ TEST_F(ExtensionsTest, EveryKindOfLineArrivesWithItsLevel) {
     const std::string name = "refused" + std::to_string(i) + ".wgt";
     EXPECT_FALSE(receive("file://" + writePackage(name, zip))) << name;
   }
+  // An entry whose bytes no longer match its checksum.
+  ZipBuilder damaged;
+  damaged.addFile("config.xml", configXml("<name>Clock</name>"))
+      .addFile("index.html", "<p>clock hands</p>", ZipBuilder::kStored);
+  const std::string damagedPath = writePackage("damaged.wgt", damaged);
+  std::string bytes = TempDir::readFile(damagedPath);
+  const size_t hands = bytes.find("hands");
+  ASSERT_NE(std::string::npos, hands);
+  bytes[hands] = 'l';
+  TempDir::writeFile(damagedPath, bytes);
+  widgetengine_set_verify_entries(1);
+  EXPECT_FALSE(receive("file://" + damagedPath));
+  widgetengine_set_verify_entries(0);
   captured(nullptr, [&] { return engine->getInfo("nobody", nullptr, "en"); });
   widgetengine_set_log_sink(nullptr, nullptr);
 

@@ -15,16 +15,10 @@ namespace {
 
 const char kModule[] = "Extractor";
 
-Outcome refuse(const std::string& line, int code, const std::string& reason) {
-  engineError() << line << std::endl;
-  return Outcome(code, reason);
-}
-
-// A refusal whose line is told as a step of the job, not as an error: the
-// line of a damaged entry always has been.
-Outcome refuseQuietly(const std::string& line, int code,
-                      const std::string& reason) {
-  engineOut() << line << std::endl;
+// A refusal and its line, which most refusals give as an error.
+Outcome refuse(const std::string& line, int code, const std::string& reason,
+               int level = WIDGETENGINE_LOG_ERROR) {
+  engineLines(level) << line << std::endl;
   return Outcome(code, reason);
 }
 
@@ -121,9 +115,11 @@ Outcome UnpackReport::sayOutcome(const UnpackTask& task,
       return refuseWrite("Error opening file", outcome.error,
                          "cannot write a file of the package");
     case UnpackOutcome::kDamaged:
-      return refuseQuietly("Damaged file in archive: " + task.name,
+      // Told as a step of the job, as it always has been, not as an error.
+      return refuse("Damaged file in archive: " + task.name,
                     WIDGETENGINE_REFUSAL_DAMAGED_ENTRY,
-                    "damaged entry in the package: " + task.name);
+                    "damaged entry in the package: " + task.name,
+                    WIDGETENGINE_LOG_INFO);
   }
   return notUnpacked();
 }
