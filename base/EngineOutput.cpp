@@ -64,39 +64,6 @@ int currentRoute() {
   return route.load(std::memory_order_acquire);
 }
 
-bool startsWith(const std::string& line, size_t at, const char* prefix) {
-  return line.compare(at, strlen(prefix), prefix) == 0;
-}
-
-// Lines that say a job failed, as the engine words them.
-const char* const kErrorLines[] = {
-    "Error",
-    "Could not",
-    "Cannot ",
-    "Can't ",
-    "Zip archive",
-    "Empty archive",
-    "Incorrect file name",
-    "Directory could not",
-    "Subdirectory could not",
-    "No start file found",
-    "Document not parsed",
-    "Document of the wrong type",
-    "Widget configuration document is invalid",
-    "Empty document",
-    "It's not possible to see this log",
-    "'sourceURL' Field",
-    "'name' Field",
-    "Integrity problem",
-    "Refusing to delete",
-    "The widget name",
-    "No widget with this name",
-    "WidgetInstaller cannot be run twice",
-    "WidgetUnInstaller cannot be run twice",
-    "HAVE YOU READ",
-    "Unable to",
-};
-
 void deliver(int level, const std::string& line) {
   switch (route.load(std::memory_order_acquire)) {
     case kStderr:
@@ -129,13 +96,18 @@ void deliver(int level, const std::string& line) {
   }
 }
 
-// Collects the pieces written through engineOut() and enginePrintf() on one
-// thread and hands each whole line on.
+// Collects the pieces written through engineLines() and enginePrintf() on
+// one thread and hands each whole line on, with the level of the piece that
+// began it.
 class LineBuffer : public std::streambuf {
  public:
+  // The level of the pieces that follow.
+  void setLevel(int level) { level_ = level; }
+
   void append(const char* data, size_t size) {
     const char* end = data + size;
     while (data < end) {
+      if (pending_.empty()) lineLevel_ = level_;
       const char* newline =
           static_cast<const char*>(memchr(data, '\n', end - data));
       if (newline == nullptr) {
@@ -145,7 +117,7 @@ class LineBuffer : public std::streambuf {
       pending_.append(data, newline - data);
       const std::string line = std::move(pending_);
       pending_.clear();
-      deliver(engineLineLevel(line), line);
+      deliver(lineLevel_, line);
       data = newline + 1;
     }
   }
@@ -155,7 +127,7 @@ class LineBuffer : public std::streambuf {
     if (pending_.empty()) return;
     const std::string line = std::move(pending_);
     pending_.clear();
-    deliver(engineLineLevel(line), line);
+    deliver(lineLevel_, line);
   }
 
  protected:
@@ -173,6 +145,8 @@ class LineBuffer : public std::streambuf {
 
  private:
   std::string pending_;
+  int level_ = WIDGETENGINE_LOG_INFO;
+  int lineLevel_ = WIDGETENGINE_LOG_INFO;
 };
 
 struct LineStream {
@@ -194,32 +168,21 @@ void finishCallingThreadsLine() {
 
 }  // namespace
 
-int engineLineLevel(const std::string& line) {
-  if (startsWith(line, 0, "[E:")) return WIDGETENGINE_LOG_ERROR;
-  size_t text = 0;
-  if (startsWith(line, 0, "[V:")) {
-    // "[V:Module] text": a trace, unless its text reports a failure.
-    const size_t close = line.find("] ");
-    text = close == std::string::npos ? line.size() : close + 2;
-  }
-  for (const char* prefix : kErrorLines) {
-    if (startsWith(line, text, prefix)) return WIDGETENGINE_LOG_ERROR;
-  }
-  return text == 0 ? WIDGETENGINE_LOG_INFO : WIDGETENGINE_LOG_VERBOSE;
-}
-
-std::ostream& engineOut() {
+std::ostream& engineLines(int level) {
   switch (currentRoute()) {
     case kStdout:
       return std::cout;
     case kStderr:
       return std::cerr;
-    default:
-      return lineStream().stream;
+    default: {
+      LineStream& lines = lineStream();
+      lines.buffer.setLevel(level);
+      return lines.stream;
+    }
   }
 }
 
-int enginePrintf(const char* format, ...) {
+int enginePrintf(int level, const char* format, ...) {
   va_list args;
   va_start(args, format);
   int written;
@@ -231,6 +194,7 @@ int enginePrintf(const char* format, ...) {
       written = std::vfprintf(stderr, format, args);
       break;
     default: {
+      lineStream().buffer.setLevel(level);
       char small[512];
       va_list again;
       va_copy(again, args);

@@ -23,13 +23,16 @@ void collect(int level, const char* line, void* lines) {
 // What the engine writes in one job, pieces without a line end included.
 void writeMixedPieces() {
   engineOut() << "[Downloading...]" << std::endl << std::endl;
-  enginePrintf("[%s:%s] filename: %s\n", "V", "Extractor", "/w/a.html");
-  enginePrintf("[%s:%s] Can't open database: ", "E", "SqlLite3");
-  enginePrintf("[%s:%s] sqlite3 error message : %s\n", "E", "SqlLite3", "locked");
+  enginePrintf(WIDGETENGINE_LOG_VERBOSE, "[%s:%s] filename: %s\n", "V",
+               "Extractor", "/w/a.html");
+  enginePrintf(WIDGETENGINE_LOG_ERROR, "[%s:%s] Can't open database: ", "E",
+               "SqlLite3");
+  enginePrintf(WIDGETENGINE_LOG_ERROR, "[%s:%s] sqlite3 error message : %s\n",
+               "E", "SqlLite3", "locked");
   engineOut() << "View modes: ";
   engineOut() << "floating" << " ";
   engineOut() << std::endl;
-  engineOut() << "Error while extracting" << std::endl;
+  engineError() << "Error while extracting" << std::endl;
 }
 
 const char kMixedBytes[] =
@@ -90,30 +93,40 @@ TEST_F(EngineOutputTest, ASinkGetsWholeLinesWithTheirLevels) {
   EXPECT_EQ(expected, lines);
 }
 
-TEST_F(EngineOutputTest, LevelsComeFromTheLines) {
-  EXPECT_EQ(WIDGETENGINE_LOG_ERROR, engineLineLevel("[E:SqlLite3] Unable to create table"));
-  EXPECT_EQ(WIDGETENGINE_LOG_VERBOSE,
-            engineLineLevel("[V:UserAgentLocales] Computed locales : en"));
-  EXPECT_EQ(WIDGETENGINE_LOG_ERROR, engineLineLevel("[V:Module] Error while reading"));
-  EXPECT_EQ(WIDGETENGINE_LOG_ERROR, engineLineLevel("Could not download file"));
-  EXPECT_EQ(WIDGETENGINE_LOG_ERROR, engineLineLevel("Zip archive is not valid (error 19)"));
-  EXPECT_EQ(WIDGETENGINE_LOG_ERROR, engineLineLevel("Incorrect file name: ../x"));
-  EXPECT_EQ(WIDGETENGINE_LOG_ERROR, engineLineLevel("No start file found"));
-  EXPECT_EQ(WIDGETENGINE_LOG_ERROR,
-            engineLineLevel("Widget configuration document is invalid"));
-  EXPECT_EQ(WIDGETENGINE_LOG_ERROR,
-            engineLineLevel("The widget name clock is taken by the widget installed from x"));
-  EXPECT_EQ(WIDGETENGINE_LOG_INFO, engineLineLevel("Downloaded from a to b"));
-  EXPECT_EQ(WIDGETENGINE_LOG_INFO, engineLineLevel("Nothing to clean"));
-  EXPECT_EQ(WIDGETENGINE_LOG_INFO, engineLineLevel("Parsing name..."));
-  EXPECT_EQ(WIDGETENGINE_LOG_INFO, engineLineLevel(""));
+TEST_F(EngineOutputTest, TheWriterGivesEachLineItsLevel) {
+  Lines lines;
+  widgetengine_set_log_sink(collect, &lines);
+  // The words of a line play no part.
+  engineOut() << "Error in name only" << std::endl;
+  engineError() << "Parsing name..." << std::endl;
+  engineTrace() << "[E:Module] a trace" << std::endl;
+  // A line keeps the level of the piece that began it; the rest of a piece
+  // after its line end begins the next line at the piece's level.
+  engineError() << "Cannot ";
+  engineOut() << "go on" << std::endl << "then this";
+  engineTrace() << " and that" << std::endl;
+  enginePrintf(WIDGETENGINE_LOG_VERBOSE, "%s\n%s", "traced", "begun ");
+  engineError() << "ended" << std::endl;
+  widgetengine_set_log_sink(nullptr, nullptr);
+  const Lines expected = {
+      {WIDGETENGINE_LOG_INFO, "Error in name only"},
+      {WIDGETENGINE_LOG_ERROR, "Parsing name..."},
+      {WIDGETENGINE_LOG_VERBOSE, "[E:Module] a trace"},
+      {WIDGETENGINE_LOG_ERROR, "Cannot go on"},
+      {WIDGETENGINE_LOG_INFO, "then this and that"},
+      {WIDGETENGINE_LOG_VERBOSE, "traced"},
+      {WIDGETENGINE_LOG_VERBOSE, "begun ended"},
+  };
+  EXPECT_EQ(expected, lines);
 }
 
 TEST_F(EngineOutputTest, ALineLeftOpenGoesWhereItBeganWhenTheSinkChanges) {
   Lines first;
   Lines second;
   widgetengine_set_log_sink(collect, &first);
-  enginePrintf("[%s:%s] Error while checking database structure", "E", "SqlLite3");
+  enginePrintf(WIDGETENGINE_LOG_ERROR,
+               "[%s:%s] Error while checking database structure", "E",
+               "SqlLite3");
   widgetengine_set_log_sink(collect, &second);
   engineOut() << "Nothing to clean" << std::endl;
   widgetengine_set_log_sink(nullptr, nullptr);
@@ -139,7 +152,8 @@ TEST_F(EngineOutputTest, LongPrintfLinesArriveWhole) {
   Lines lines;
   widgetengine_set_log_sink(collect, &lines);
   const std::string path(5000, 'p');
-  enginePrintf("[%s:%s] filename: %s\n", "V", "Extractor", path.c_str());
+  enginePrintf(WIDGETENGINE_LOG_VERBOSE, "[%s:%s] filename: %s\n", "V",
+               "Extractor", path.c_str());
   widgetengine_set_log_sink(nullptr, nullptr);
   ASSERT_EQ(1u, lines.size());
   EXPECT_EQ("[V:Extractor] filename: " + path, lines[0].second);

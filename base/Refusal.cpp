@@ -5,39 +5,35 @@
 
 namespace {
 
-struct LastRefusal {
-  int code = WIDGETENGINE_REFUSAL_NONE;
-  std::string reason;
-};
-
-LastRefusal& last() {
-  thread_local LastRefusal refusal;
-  return refusal;
+Outcome& last() {
+  thread_local Outcome outcome;
+  return outcome;
 }
 
 }  // namespace
 
 namespace refusal {
 
-void begin() { clear(); }
+void begin() { last() = Outcome(); }
 
 void note(int code, const std::string& reason) {
-  LastRefusal& refusal = last();
-  if (refusal.code != WIDGETENGINE_REFUSAL_NONE) return;
-  refusal.code = code;
-  refusal.reason = reason;
+  if (last().ok()) last() = Outcome(code, reason);
 }
 
-bool noted() { return last().code != WIDGETENGINE_REFUSAL_NONE; }
+bool noted() { return !last().ok(); }
 
-void clear() {
-  last().code = WIDGETENGINE_REFUSAL_NONE;
-  last().reason.clear();
+Outcome settle(const Outcome& outcome) {
+  if (outcome.ok()) {
+    last() = Outcome();
+  } else if (last().ok()) {
+    last() = outcome;
+  }
+  return last();
 }
 
-int code() { return last().code; }
+int code() { return last().code(); }
 
-const std::string& reason() { return last().reason; }
+const std::string& reason() { return last().reason(); }
 
 }  // namespace refusal
 

@@ -13,7 +13,6 @@
 #include <widgetengine/WidgetEngineExtensions.h>
 
 #include "base/EngineOutput.h"
-#include "base/Refusal.h"
 #include "config/DocumentGuards.h"
 #include "config/SchemaValidator.h"
 #include "config/WidgetConfig.h"
@@ -84,6 +83,11 @@ std::string getAttribute(xmlNode* node, const char* name) {
   return normalizeSpace(getRawAttribute(node, name));
 }
 
+// A document refused for no reason of its own to give.
+Outcome invalid() {
+  return Outcome(WIDGETENGINE_REFUSAL_INVALID_CONFIG, "invalid config.xml");
+}
+
 }  // namespace
 
 WidgetConfigParser::WidgetConfigParser(const std::string& path,
@@ -99,6 +103,11 @@ bool WidgetConfigParser::isTooLargeToValidate(xmlNode* root) {
 }
 
 int WidgetConfigParser::parse() {
+  outcome_ = read();
+  return outcome_.ok() ? 0 : -1;
+}
+
+Outcome WidgetConfigParser::read() {
   // Only the one result line is for the caller to see.
   xmltext::ErrorRoute quiet(xmltext::ignoreError, nullptr,
                             xmltext::ErrorRoute::kQuiet);
@@ -115,10 +124,10 @@ int WidgetConfigParser::parse() {
       document.reset();
   }
   if (!document) {
-    refusal::note(WIDGETENGINE_REFUSAL_INVALID_CONFIG,
-                  "invalid config.xml" + describe(xmlGetLastError()));
-    engineOut() << "Document not parsed successfully" << std::endl;
-    return -1;
+    Outcome why(WIDGETENGINE_REFUSAL_INVALID_CONFIG,
+                "invalid config.xml" + describe(xmlGetLastError()));
+    engineError() << "Document not parsed successfully" << std::endl;
+    return why;
   }
 
   int valid;
@@ -126,19 +135,18 @@ int WidgetConfigParser::parse() {
   {
     SchemaValidator validator(schemaPath);
     if (!validator.loaded()) {
-      refusal::note(WIDGETENGINE_REFUSAL_INTERNAL,
-                    "the schema of config.xml cannot be loaded from " +
-                        schemaPath);
       // The message names a variable that nothing reads; the schema path is
       // fixed when the library is built.
-      engineOut() << "Could not find Relax NG file. Please set WIDGET_VALIDATOR "
+      engineError() << "Could not find Relax NG file. Please set WIDGET_VALIDATOR "
                    "directory path."
                 << std::endl;
-      return -1;
+      return Outcome(WIDGETENGINE_REFUSAL_INTERNAL,
+                     "the schema of config.xml cannot be loaded from " +
+                         schemaPath);
     }
     if (!validator.prepare()) {
-      engineOut() << "Error while loading Relax NG file" << std::endl;
-      return -1;
+      engineError() << "Error while loading Relax NG file" << std::endl;
+      return invalid();
     }
     xmlNode* top = xmlDocGetRootElement(document.get());
     valid = top && isTooLargeToValidate(top)
@@ -147,25 +155,24 @@ int WidgetConfigParser::parse() {
                                      &firstError);
   }
   if (valid != 0) {
-    refusal::note(WIDGETENGINE_REFUSAL_INVALID_CONFIG,
-                  "invalid config.xml" + (firstError.text.empty()
-                                              ? std::string(": too large to check")
-                                              : firstError.text));
-    engineOut() << "Widget configuration document is invalid" << std::endl;
-    return -1;
+    engineError() << "Widget configuration document is invalid" << std::endl;
+    return Outcome(WIDGETENGINE_REFUSAL_INVALID_CONFIG,
+                   "invalid config.xml" +
+                       (firstError.text.empty()
+                            ? std::string(": too large to check")
+                            : firstError.text));
   }
 
   xmlNode* root = xmlDocGetRootElement(document.get());
   if (!root) {
-    engineOut() << "Empty document" << std::endl;
-    return -1;
+    engineError() << "Empty document" << std::endl;
+    return invalid();
   }
   if (!isElement(root, "widget")) {
-    refusal::note(WIDGETENGINE_REFUSAL_INVALID_CONFIG,
-                  "invalid config.xml: the root element is not widget");
-    engineOut() << "Document of the wrong type, root node != widget"
+    engineError() << "Document of the wrong type, root node != widget"
               << std::endl;
-    return -1;
+    return Outcome(WIDGETENGINE_REFUSAL_INVALID_CONFIG,
+                   "invalid config.xml: the root element is not widget");
   }
 
   doc = document.get();
@@ -173,7 +180,7 @@ int WidgetConfigParser::parse() {
   walk();
   doc = nullptr;
   node = nullptr;
-  return 0;
+  return Outcome();
 }
 
 std::string WidgetConfigParser::getText(xmlNode* element, int collapse) {

@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <string>
 
+#include "base/Outcome.h"
 #include "base/ToolsExport.h"
 
 class WidgetConfig;
@@ -36,6 +37,8 @@ class WidgetConfigParser {
   // 0 when the document was valid and walked into the record, -1 otherwise
   // (with one message on standard output, and the record untouched).
   int parse();
+  // Why the last parse() failed; ok after a success.
+  const Outcome& outcome() const { return outcome_; }
 
   // The number a width or height gives: digits read left to right, white
   // space skipped, anything else ending the number; 32-bit wrap.
@@ -52,6 +55,8 @@ class WidgetConfigParser {
   WIDGETENGINE_TOOLS_EXPORT static bool isTooLargeToValidate(xmlNode* root);
 
  private:
+  // parse() without keeping the outcome.
+  Outcome read();
   // Fills the record from the root element held in node.
   void walk();
   void parseName(xmlNode* element, const std::string& defaultLanguage);
@@ -74,6 +79,7 @@ class WidgetConfigParser {
   std::string schemaPath;
   xmlDoc* doc;
   xmlNode* node;
+  Outcome outcome_;
 };
 
 #endif  // WIDGETENGINE_WIDGETCONFIGPARSER_H_

@@ -23,6 +23,7 @@
 #include "testing/ConfigXml.h"
 #include "testing/HttpServer.h"
 #include "testing/ScopedEnv.h"
+#include "testing/TempDir.h"
 #include "testing/WidgetSandbox.h"
 #include "testing/ZipBuilder.h"
 
@@ -383,6 +384,134 @@ TEST_F(ExtensionsTest, AHostSinkReceivesEveryLineAndStandardOutputNone) {
   EXPECT_EQ(WIDGETENGINE_LOG_ERROR, levelOf("Zip archive is not valid"));
   EXPECT_EQ(WIDGETENGINE_LOG_ERROR, levelOf("Error while extracting"));
   EXPECT_EQ(WIDGETENGINE_LOG_INFO, levelOf("Nothing to clean"));
+}
+
+// Every kind of line the jobs write, with the level a host's sink receives
+// for it. A line of a kind not listed here fails the test, so that a new
+// line is given its level on purpose.
+TEST_F(ExtensionsTest, EveryKindOfLineArrivesWithItsLevel) {
+  const int kError = WIDGETENGINE_LOG_ERROR;
+  const int kInfo = WIDGETENGINE_LOG_INFO;
+  const int kTrace = WIDGETENGINE_LOG_VERBOSE;
+  const std::vector<std::pair<std::string, int>> kinds = {
+      {"", kInfo},
+      {"[Downloading...]", kInfo},
+      {"[Extracting...]", kInfo},
+      {"[Remove downloaded file...]", kInfo},
+      {"[Parsing config.xml...]", kInfo},
+      {"[Cleaning...]", kInfo},
+      {"[V:Extractor] filename: ", kTrace},
+      {"[V:UserAgentLocales] Computed locales : ", kTrace},
+      {"Downloaded from ", kInfo},
+      {"Download cleaned", kInfo},
+      {"Extraction cleaned", kInfo},
+      {"Nothing to clean", kInfo},
+      {"Parsing ", kInfo},
+      {"Path: ", kInfo},
+      {"Widget already installed. Launch it with this url : ", kInfo},
+      {"Try to delete directory on fileSystem : ", kInfo},
+      {"Delete OK !!!", kInfo},
+      {"Delete from database ...", kInfo},
+      {"Zip archive is not valid (error ", kError},
+      {"Zip archive must not be encrypted", kError},
+      {"Zip archive contains only folders", kError},
+      {"Empty archive", kError},
+      {"Incorrect file name: ", kError},
+      {"Could not find config.xml", kError},
+      {"Document not parsed successfully", kError},
+      {"Widget configuration document is invalid", kError},
+      {"No start file found", kError},
+      {"The widget name ", kError},
+      {"Cannot install ", kError},
+      {"Error while downloading", kError},
+      {"Error while extracting", kError},
+      {"Error while parsing", kError},
+      {"Could not download file", kError},
+      {"Refusing to download ", kInfo},
+      {"No widget with this name", kError},
+      {"Damaged file in archive: ", kInfo},
+  };
+  std::vector<std::pair<int, std::string>> lines;
+  widgetengine_set_log_sink(collect, &lines);
+
+  ZipBuilder clock;
+  addClock(clock);
+  const std::string first = "file://" + writePackage("clock.wgt", clock);
+  EXPECT_TRUE(receive(first));
+  EXPECT_TRUE(receive(first));
+  ASSERT_EQ(0, system(("mkdir -p " + packages + "b").c_str()));
+  EXPECT_FALSE(receive("file://" + writePackage("b/clock.wgt", clock)));
+  EXPECT_EQ(1, remove("clock"));
+  EXPECT_EQ(0, remove("clock"));
+  server.serve("/w/gone.wgt", 404, "gone");
+  EXPECT_FALSE(receive(server.url("/w/gone.wgt")));
+  EXPECT_FALSE(receive("file:///nowhere/a%b.wgt"));
+  EXPECT_FALSE(receive("gopher://127.0.0.1/w.wgt"));
+  EXPECT_FALSE(receive("file://otherhost/w.wgt"));
+  ZipBuilder empty;
+  EXPECT_FALSE(receive("file://" + writePackage("empty.wgt", empty)));
+  ZipBuilder folders;
+  folders.addFolder("images/");
+  EXPECT_FALSE(receive("file://" + writePackage("folders.wgt", folders)));
+  ZipBuilder secret;
+  secret.addEncryptedFile("index.html", "x", "password");
+  EXPECT_FALSE(receive("file://" + writePackage("secret.wgt", secret)));
+  // Packages of one file each: a name that climbs out, no config.xml, one
+  // that does not parse, one the schema refuses, no start file.
+  const std::vector<std::pair<std::string, std::string>> oneFile = {
+      {"../evil.html", "x"},
+      {"index.html", "x"},
+      {"config.xml", configXml("<name>A & B</name>")},
+      {"config.xml", "<widget id=\"urn:x\"/>"},
+      {"config.xml", configXml("<name>Clock</name>")},
+  };
+  for (size_t i = 0; i < oneFile.size(); ++i) {
+    ZipBuilder zip;
+    zip.addFile(oneFile[i].first, oneFile[i].second);
+    const std::string name = "refused" + std::to_string(i) + ".wgt";
+    EXPECT_FALSE(receive("file://" + writePackage(name, zip))) << name;
+  }
+  // An entry whose bytes no longer match its checksum.
+  ZipBuilder damaged;
+  damaged.addFile("config.xml", configXml("<name>Clock</name>"))
+      .addFile("index.html", "<p>clock hands</p>", ZipBuilder::kStored);
+  const std::string damagedPath = writePackage("damaged.wgt", damaged);
+  std::string bytes = TempDir::readFile(damagedPath);
+  const size_t hands = bytes.find("hands");
+  ASSERT_NE(std::string::npos, hands);
+  bytes[hands] = 'l';
+  TempDir::writeFile(damagedPath, bytes);
+  widgetengine_set_verify_entries(1);
+  EXPECT_FALSE(receive("file://" + damagedPath));
+  widgetengine_set_verify_entries(0);
+  captured(nullptr, [&] { return engine->getInfo("nobody", nullptr, "en"); });
+  widgetengine_set_log_sink(nullptr, nullptr);
+
+  size_t checked = 0;
+  std::vector<bool> seen(kinds.size());
+  for (const auto& line : lines) {
+    // The longest kind the line begins with is its kind.
+    const std::pair<std::string, int>* kind = nullptr;
+    for (const auto& candidate : kinds) {
+      if (line.second.compare(0, candidate.first.size(), candidate.first) == 0 &&
+          (!kind || candidate.first.size() > kind->first.size()) &&
+          (!candidate.first.empty() || line.second.empty())) {
+        kind = &candidate;
+      }
+    }
+    if (!kind) {
+      ADD_FAILURE() << "a line of no known kind: \"" << line.second << "\"";
+      continue;
+    }
+    EXPECT_EQ(kind->second, line.first) << line.second;
+    seen[static_cast<size_t>(kind - kinds.data())] = true;
+    ++checked;
+  }
+  std::cout << checked << " lines of " << kinds.size() << " kinds checked"
+            << std::endl;
+  EXPECT_EQ(lines.size(), checked);
+  for (size_t i = 0; i < kinds.size(); ++i)
+    EXPECT_TRUE(seen[i]) << "no line of the kind \"" << kinds[i].first << "\"";
 }
 
 TEST_F(ExtensionsTest, SilencedEngineWritesNothing) {

@@ -81,7 +81,7 @@ void UserAgentLocales::compute(std::string language) {
     }
   }
 
-  enginePrintf("[%s:%s] Computed locales : %s\n", "V", "UserAgentLocales",
+  enginePrintf(WIDGETENGINE_LOG_VERBOSE, "[%s:%s] Computed locales : %s\n", "V", "UserAgentLocales",
          joinStrings(locales).c_str());
 }
 

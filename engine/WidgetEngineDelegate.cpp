@@ -36,65 +36,22 @@ WidgetEngineDelegate::~WidgetEngineDelegate() {
   database.reset();
 }
 
-namespace {
-
-// The reason of a refused installation whose cause no part noted, from the
-// installer's status.
-void noteInstallStatus(int status) {
-  switch (status) {
-    case 3:
-    case 4:
-    case 10:
-      refusal::note(WIDGETENGINE_REFUSAL_REGISTRY,
-                    "the widget registry cannot be used");
-      break;
-    case 5:
-      refusal::note(WIDGETENGINE_REFUSAL_DOWNLOAD, "the download failed");
-      break;
-    case 6:
-      refusal::note(WIDGETENGINE_REFUSAL_DAMAGED_ENTRY,
-                    "the package could not be unpacked");
-      break;
-    case 7:
-      refusal::note(WIDGETENGINE_REFUSAL_NO_CONFIG,
-                    "the package has no config.xml");
-      break;
-    case 8:
-      refusal::note(WIDGETENGINE_REFUSAL_INVALID_CONFIG, "invalid config.xml");
-      break;
-    case 9:
-      refusal::note(WIDGETENGINE_REFUSAL_NO_START_FILE,
-                    "the package has no start file");
-      break;
-    default:
-      refusal::note(WIDGETENGINE_REFUSAL_INTERNAL,
-                    "the installation failed (status " +
-                        std::to_string(status) + ")");
-      break;
-  }
-}
-
-}  // namespace
-
 char* WidgetEngineDelegate::receiveWidget(const char* url, WebFrame*) {
   refusal::begin();
   if (!url) {
-    refusal::note(WIDGETENGINE_REFUSAL_BAD_ARGUMENT, "no package address");
+    refusal::settle(
+        Outcome(WIDGETENGINE_REFUSAL_BAD_ARGUMENT, "no package address"));
     return nullptr;
   }
   try {
     WidgetInstaller installer(url);
-    const int status = installer.run();
+    installer.run();
     // An URL installed before answers its existing launch URL, as a fresh
     // installation would.
-    if (status == 0 || status == 2) {
-      refusal::clear();
-      return strdup(installer.getLaunchURL().c_str());
-    }
-    noteInstallStatus(status);
-    return nullptr;
+    if (!installer.outcome().ok()) return nullptr;
+    return strdup(installer.getLaunchURL().c_str());
   } catch (...) {
-    refusal::note(WIDGETENGINE_REFUSAL_INTERNAL, "out of memory");
+    refusal::settle(Outcome(WIDGETENGINE_REFUSAL_INTERNAL, "out of memory"));
     return nullptr;
   }
 }
@@ -102,24 +59,14 @@ char* WidgetEngineDelegate::receiveWidget(const char* url, WebFrame*) {
 int WidgetEngineDelegate::deleteWidget(const char* name, WebFrame*) {
   refusal::begin();
   if (!name) {
-    refusal::note(WIDGETENGINE_REFUSAL_BAD_ARGUMENT, "no widget name");
+    refusal::settle(Outcome(WIDGETENGINE_REFUSAL_BAD_ARGUMENT, "no widget name"));
     return -1;
   }
   try {
     WidgetUnInstaller uninstaller(name);
-    const int status = uninstaller.run();
-    if (status == 1) {
-      refusal::clear();
-    } else if (status == 0) {
-      refusal::note(WIDGETENGINE_REFUSAL_NOT_INSTALLED,
-                    std::string("no widget named ") + name + " is installed");
-    } else {
-      refusal::note(WIDGETENGINE_REFUSAL_REMOVE_FAILED,
-                    std::string("the widget ") + name + " could not be removed");
-    }
-    return status;
+    return uninstaller.run();
   } catch (...) {
-    refusal::note(WIDGETENGINE_REFUSAL_INTERNAL, "out of memory");
+    refusal::settle(Outcome(WIDGETENGINE_REFUSAL_INTERNAL, "out of memory"));
     return -1;
   }
 }

@@ -19,7 +19,7 @@ extern "C" {
 
 /* ---- Where the engine's lines go -------------------------------------- */
 
-/* The level of one line, read from the line itself: "[E:..." lines and the
+/* The level of one line, as the engine writes it: "[E:..." lines and the
  * lines that announce a failure are errors, "[V:..." lines are traces, the
  * rest (progress of a job) is information. */
 #define WIDGETENGINE_LOG_ERROR 1

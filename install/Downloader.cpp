@@ -16,12 +16,12 @@
 #include <cstring>
 #include <iostream>
 #include <memory>
+#include <utility>
 
 #include <widgetengine/WidgetEngineExtensions.h>
 
 #include "base/EngineOutput.h"
 #include "base/Progress.h"
-#include "base/Refusal.h"
 #include "base/Settings.h"
 
 namespace {
@@ -153,14 +153,19 @@ bool restrictProtocols(CURL* curl) {
 #endif
 }
 
-void sayRefused(const std::string& url, const std::string& scheme) {
+// Keeps next as the reason, unless an earlier step gave one.
+void keepFirst(Outcome* kept, Outcome next) {
+  if (kept->ok()) *kept = std::move(next);
+}
+
+Outcome sayRefused(const std::string& url, const std::string& scheme) {
   engineOut() << "Refusing to download " << url << ": "
               << (scheme.empty() ? std::string("its protocol")
                                  : "the protocol " + scheme)
               << " is not http, https or file" << std::endl;
-  refusal::note(WIDGETENGINE_REFUSAL_ADDRESS,
-                "the address " + url + " uses a protocol other than http, "
-                "https or file");
+  return Outcome(WIDGETENGINE_REFUSAL_ADDRESS,
+                 "the address " + url + " uses a protocol other than http, "
+                 "https or file");
 }
 
 // The host a file address names, when url is one ("file://HOST/..."):
@@ -180,13 +185,13 @@ bool localFileHost(const std::string& host) {
   return host.empty() || strcasecmp(host.c_str(), "localhost") == 0;
 }
 
-void sayOtherHost(const std::string& url, const std::string& host) {
+Outcome sayOtherHost(const std::string& url, const std::string& host) {
   engineOut() << "Refusing to download " << url
               << ": a file:// address may name no host other than localhost" << std::endl;
-  engineOut() << "Could not download file" << std::endl;
-  refusal::note(WIDGETENGINE_REFUSAL_ADDRESS,
-                "the address " + url + " names the host " + host +
-                    "; a file:// address may name no host other than localhost");
+  engineError() << "Could not download file" << std::endl;
+  return Outcome(WIDGETENGINE_REFUSAL_ADDRESS,
+                 "the address " + url + " names the host " + host +
+                     "; a file:// address may name no host other than localhost");
 }
 
 int reportProgress(void*, curl_off_t total, curl_off_t done, curl_off_t,
@@ -197,41 +202,47 @@ int reportProgress(void*, curl_off_t total, curl_off_t done, curl_off_t,
 }
 
 // Why a transfer that libcurl gave up on is refused.
-void noteFailure(CURLcode result, const std::string& url) {
+Outcome failureOf(CURLcode result, const std::string& url) {
   switch (result) {
     case CURLE_FILE_COULDNT_READ_FILE:
     case CURLE_REMOTE_FILE_NOT_FOUND:
-      refusal::note(WIDGETENGINE_REFUSAL_NOT_FOUND, "package not found: " + url);
-      break;
+      return Outcome(WIDGETENGINE_REFUSAL_NOT_FOUND, "package not found: " + url);
     case CURLE_FILESIZE_EXCEEDED:
     case CURLE_WRITE_ERROR:
-      refusal::note(WIDGETENGINE_REFUSAL_NO_SPACE,
-                    "no space left for the package from " + url);
-      break;
+      return Outcome(WIDGETENGINE_REFUSAL_NO_SPACE,
+                     "no space left for the package from " + url);
     default:
-      refusal::note(WIDGETENGINE_REFUSAL_DOWNLOAD,
-                    "cannot download " + url + ": " + curl_easy_strerror(result));
-      break;
+      return Outcome(WIDGETENGINE_REFUSAL_DOWNLOAD,
+                     "cannot download " + url + ": " + curl_easy_strerror(result),
+                     result);
   }
 }
 
-// The line that says why a download was stopped.
-void sayWhy(const BoundedFile& out) {
+// The line that says why a download was stopped, and the reason it gives;
+// ok when no bound stopped it.
+Outcome sayWhy(const BoundedFile& out) {
   if (out.why == kOverMaximum) {
     engineOut() << "Package larger than the largest allowed, "
                 << out.maximum / kMiB << " MiB" << std::endl;
-    refusal::note(WIDGETENGINE_REFUSAL_DOWNLOAD,
-                  "the package is larger than the largest allowed, " +
-                      std::to_string(out.maximum / kMiB) + " MiB");
-  } else if (out.why == kOverReserve) {
+    return Outcome(WIDGETENGINE_REFUSAL_DOWNLOAD,
+                   "the package is larger than the largest allowed, " +
+                       std::to_string(out.maximum / kMiB) + " MiB");
+  }
+  if (out.why == kOverReserve) {
     engineOut() << "Package would leave less than "
                 << out.reserve / kMiB
                 << " MiB free where widgets are stored" << std::endl;
-    refusal::note(WIDGETENGINE_REFUSAL_NO_SPACE,
-                  "the package would leave less than " +
-                      std::to_string(out.reserve / kMiB) +
-                      " MiB free where widgets are stored");
+    return Outcome(WIDGETENGINE_REFUSAL_NO_SPACE,
+                   "the package would leave less than " +
+                       std::to_string(out.reserve / kMiB) +
+                       " MiB free where widgets are stored");
   }
+  return Outcome();
+}
+
+// A failure that gives no reason of its own.
+Outcome downloadFailed() {
+  return Outcome(WIDGETENGINE_REFUSAL_DOWNLOAD, "the download failed");
 }
 
 }  // namespace
@@ -242,31 +253,33 @@ Downloader::Downloader(const std::string& url, const std::string& filePath)
 Downloader::~Downloader() { clean(); }
 
 int Downloader::download() {
+  outcome_ = Outcome();
   // Refused before anything is created or any connection made.
   const std::string scheme = schemeOf(url);
   if (!scheme.empty() && !allowedScheme(scheme)) {
-    sayRefused(url, scheme);
+    outcome_ = sayRefused(url, scheme);
     return -1;
   }
   std::string host;
   if (fileHostOf(url, &host) && !localFileHost(host)) {
-    sayOtherHost(url, host);
+    outcome_ = sayOtherHost(url, host);
     return -1;
   }
   // The stdio buffer must outlive the FILE, which is closed before return.
   std::unique_ptr<char[]> buffer(new char[kFileBufferSize]);
   FILE* file = createExclusively(filePath, buffer.get());
   if (file == nullptr) {
-    refusal::note(WIDGETENGINE_REFUSAL_DOWNLOAD,
-                  "cannot create the package file " + filePath);
-    engineOut() << "Could not open file for download" << std::endl;
+    outcome_ = Outcome(WIDGETENGINE_REFUSAL_DOWNLOAD,
+                       "cannot create the package file " + filePath, errno);
+    engineError() << "Could not open file for download" << std::endl;
     return -1;
   }
   createdFile = true;
 
   CURL* curl = curl_easy_init();
   if (curl == nullptr) {
-    engineOut() << "Cannot initialize CURL" << std::endl;
+    engineError() << "Cannot initialize CURL" << std::endl;
+    outcome_ = downloadFailed();
     fclose(file);
     remove(filePath.c_str());
     createdFile = false;
@@ -287,6 +300,7 @@ int Downloader::download() {
     engineOut() << "Refusing to download " << url
                 << ": this libcurl cannot be limited to http, https and file"
                 << std::endl;
+    outcome_ = downloadFailed();
     curl_easy_cleanup(curl);
     fclose(file);
     remove(filePath.c_str());
@@ -321,17 +335,19 @@ int Downloader::download() {
   curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
   if (status >= 300 && (url.compare(0, 7, "http://") == 0 ||
                         url.compare(0, 8, "https://") == 0)) {
-    refusal::note(WIDGETENGINE_REFUSAL_HTTP_STATUS,
-                  "HTTP status " + std::to_string(status) + " from " + url);
+    outcome_ = Outcome(WIDGETENGINE_REFUSAL_HTTP_STATUS,
+                       "HTTP status " + std::to_string(status) + " from " + url,
+                       status);
   }
   if (result == CURLE_FILESIZE_EXCEEDED) {
     out.why = announcedLimit == out.maximum ? kOverMaximum : kOverReserve;
   }
   if (result != CURLE_OK) {
-    if (result == CURLE_UNSUPPORTED_PROTOCOL) sayRefused(url, std::string());
-    sayWhy(out);
-    noteFailure(result, url);
-    engineOut() << "Could not download file" << std::endl;
+    if (result == CURLE_UNSUPPORTED_PROTOCOL)
+      keepFirst(&outcome_, sayRefused(url, std::string()));
+    keepFirst(&outcome_, sayWhy(out));
+    keepFirst(&outcome_, failureOf(result, url));
+    engineError() << "Could not download file" << std::endl;
     curl_easy_cleanup(curl);
     fclose(file);
     remove(filePath.c_str());
@@ -343,10 +359,12 @@ int Downloader::download() {
   // The tail of the body may still sit in the stdio buffer; a package that
   // could not be stored whole is no download.
   if (fclose(file) != 0) {
-    refusal::note(errno == ENOSPC ? WIDGETENGINE_REFUSAL_NO_SPACE
-                                  : WIDGETENGINE_REFUSAL_DOWNLOAD,
-                  std::string("cannot store the package: ") + strerror(errno));
-    engineOut() << "Could not download file" << std::endl;
+    keepFirst(&outcome_,
+              Outcome(errno == ENOSPC ? WIDGETENGINE_REFUSAL_NO_SPACE
+                                      : WIDGETENGINE_REFUSAL_DOWNLOAD,
+                      std::string("cannot store the package: ") + strerror(errno),
+                      errno));
+    engineError() << "Could not download file" << std::endl;
     remove(filePath.c_str());
     createdFile = false;
     return -1;

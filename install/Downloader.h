@@ -7,6 +7,7 @@
 
 #include <string>
 
+#include "base/Outcome.h"
 #include "base/ToolsExport.h"
 
 class Downloader {
@@ -19,6 +20,10 @@ class Downloader {
 
   // 0 when the body was stored in filePath, -1 otherwise.
   WIDGETENGINE_TOOLS_EXPORT int download();
+  // Why the last download() failed. After a body stored from an HTTP answer
+  // of an error status, that status: the body is no package, and the status
+  // is the reason when it is refused.
+  const Outcome& outcome() const { return outcome_; }
   // Removes filePath and says so.
   void clean();
 
@@ -27,6 +32,7 @@ class Downloader {
   std::string filePath;
   // Set once download() has created filePath; clean() removes only then.
   bool createdFile;
+  Outcome outcome_;
 };
 
 #endif  // WIDGETENGINE_DOWNLOADER_H_

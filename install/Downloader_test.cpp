@@ -14,7 +14,7 @@
 #include <thread>
 #include <string>
 
-#include "base/Refusal.h"
+#include "base/Outcome.h"
 #include "testing/CaptureStdout.h"
 #include "testing/HttpServer.h"
 #include "testing/Listener.h"
@@ -72,11 +72,14 @@ class DownloaderTest : public ::testing::Test {
 
   // Passes when downloading url fails with its one line and leaves no file.
   // reason: the line said before that one, if any.
+  // *why, when given, gets the downloader's outcome.
   ::testing::AssertionResult failsToDownload(const std::string& url,
-                                             const std::string& reason = "") {
+                                             const std::string& reason = "",
+                                             Outcome* why = nullptr) {
     Downloader downloader(url, packagePath);
     std::string output;
     const int result = download(downloader, &output);
+    if (why != nullptr) *why = downloader.outcome();
     ::testing::AssertionResult failed = returnedAndPrinted(
         "download()", result, -1, output,
         reason + "Could not download file\n");
@@ -410,14 +413,15 @@ TEST_F(DownloaderTest, FileAddressOfAnotherHostIsRefusedWithItsReason) {
   for (const char* host : {"otherhost", "127.0.0.1", "localhost.example", "user@localhost",
                            "localhost:80", "%6cocalhost"}) {
     const std::string url = std::string("file://") + host + package;
-    refusal::begin();
+    Outcome why;
     EXPECT_TRUE(failsToDownload(
         url, "Refusing to download " + url +
-                 ": a file:// address may name no host other than localhost\n"));
-    EXPECT_EQ(WIDGETENGINE_REFUSAL_ADDRESS, refusal::code()) << url;
+                 ": a file:// address may name no host other than localhost\n",
+        &why));
+    EXPECT_EQ(WIDGETENGINE_REFUSAL_ADDRESS, why.code()) << url;
     EXPECT_EQ("the address " + url + " names the host " + host +
                   "; a file:// address may name no host other than localhost",
-              refusal::reason());
+              why.reason());
   }
 }
 

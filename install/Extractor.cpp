@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "base/EngineOutput.h"
 #include "base/Progress.h"
 #include "base/ScopedFd.h"
 #include "base/TreeRemover.h"
@@ -44,17 +45,20 @@ bool Extractor::isAcceptedName(const std::string& name) {
 }
 
 int Extractor::extract(std::vector<std::string>& files) {
+  outcome_ = unpack(files);
+  return outcome_.ok() ? 0 : -1;
+}
+
+Outcome Extractor::unpack(std::vector<std::string>& files) {
   int openError = 0;
   ArchivePtr archive(zip_open(zipPath.c_str(), ZIP_CHECKCONS, &openError));
   if (!archive) {
-    UnpackReport::sayWithNumber("Zip archive is not valid", openError);
-    return -1;
+    return UnpackReport::notAZip(openError);
   }
 
   const zip_int64_t count = zip_get_num_entries(archive.get(), 0);
   if (count == 0) {
-    UnpackReport::say("Empty archive");
-    return -1;
+    return UnpackReport::emptyArchive();
   }
 
   // Every entry is checked before a single byte is written, so a package
@@ -65,26 +69,21 @@ int Extractor::extract(std::vector<std::string>& files) {
     zip_stat_t stat;
     zip_stat_init(&stat);
     if (zip_stat_index(archive.get(), index, 0, &stat) == -1) {
-      UnpackReport::sayWithNumber("Could not get stats from file inside the zip",
-                                  openError);
-      return -1;
+      return UnpackReport::unreadableStats(openError);
     }
     if ((stat.valid & ZIP_STAT_ENCRYPTION_METHOD) != 0 &&
         stat.encryption_method != ZIP_EM_NONE) {
-      UnpackReport::say("Zip archive must not be encrypted");
-      return -1;
+      return UnpackReport::encrypted();
     }
     const std::string name = EntryName::of(stat);
     if (!isAcceptedName(name)) {
-      UnpackReport::say("Incorrect file name: " + name);
-      return -1;
+      return UnpackReport::badName(name);
     }
     if (EntryName::isFolder(name)) continue;
     hasFile = true;
     EntryPtr entry(zip_fopen_index(archive.get(), index, ZIP_FL_UNCHANGED));
     if (!entry) {
-      UnpackReport::sayWithNumber("Could not read file in archive", openError);
-      return -1;
+      return UnpackReport::unreadableEntry(openError);
     }
     if ((stat.valid & ZIP_STAT_SIZE) != 0) {
       declaredBytes += stat.size;
@@ -92,22 +91,17 @@ int Extractor::extract(std::vector<std::string>& files) {
     }
   }
   if (!hasFile) {
-    UnpackReport::say("Zip archive contains only folders");
-    return -1;
+    return UnpackReport::onlyFolders();
   }
 
   // A package that cannot fit is refused now rather than half written.
   uint64_t freeBytes = 0;
   if (FreeSpace::available(targetDir, &freeBytes) && declaredBytes > freeBytes) {
     errno = ENOSPC;
-    UnpackReport::sayWithNumber(
-        "Directory could not be created to extract the zip", errno);
-    return -1;
+    return UnpackReport::noTargetDirectory(errno);
   }
   if (makeDirectories(targetDir, 0755) != 0) {
-    UnpackReport::sayWithNumber(
-        "Directory could not be created to extract the zip", errno);
-    return -1;
+    return UnpackReport::noTargetDirectory(errno);
   }
 
   // Entry names are glued to targetDir as they are, so everything is written
@@ -124,23 +118,21 @@ int Extractor::extract(std::vector<std::string>& files) {
   twoThreads = false;
   if (workers > 1 &&
       UnpackPlan::inAnyOrder(archive.get(), count, targetDir, package, &tasks)) {
-    if (!UnpackWorkers::run(tasks, unpacker, baseFd.get(), baseError, baseLength,
-                            package, count, files, &twoThreads)) {
-      return -1;
-    }
+    Outcome written = UnpackWorkers::run(tasks, unpacker, baseFd.get(),
+                                         baseError, baseLength, package, count,
+                                         files, &twoThreads);
+    if (!written.ok()) return written;
     progress::report(WIDGETENGINE_PROGRESS_UNPACK, static_cast<uint64_t>(count),
                      static_cast<uint64_t>(count));
     zip_close(archive.release());
-    return 0;
+    return Outcome();
   }
 
   for (zip_int64_t index = 0; index < count; ++index) {
     zip_stat_t stat;
     zip_stat_init(&stat);
     if (zip_stat_index(archive.get(), index, 0, &stat) == -1) {
-      UnpackReport::sayWithNumber("Could not get stats from file inside the zip",
-                                  openError);
-      return -1;
+      return UnpackReport::unreadableStats(openError);
     }
     const UnpackTask task = UnpackTask::of(index, stat, targetDir, package);
     UnpackReport::sayEntry(task, count);
@@ -150,19 +142,19 @@ int Extractor::extract(std::vector<std::string>& files) {
     } else {
       EntryPtr entry(zip_fopen_index(archive.get(), index, ZIP_FL_UNCHANGED));
       if (!entry) {
-        UnpackReport::sayWithNumber("Could not read file in archive", openError);
-        return -1;
+        return UnpackReport::unreadableEntry(openError);
       }
       outcome = unpacker.unpack(task, entry.get());
     }
-    if (!UnpackReport::sayOutcome(task, outcome)) return -1;
+    Outcome said = UnpackReport::sayOutcome(task, outcome);
+    if (!said.ok()) return said;
     if (!task.isFolder) files.push_back(task.name);
   }
 
   progress::report(WIDGETENGINE_PROGRESS_UNPACK, static_cast<uint64_t>(count),
                    static_cast<uint64_t>(count));
   zip_close(archive.release());
-  return 0;
+  return Outcome();
 }
 
 void Extractor::setKeepFiles(bool keep) { keepFiles = keep; }
@@ -171,7 +163,7 @@ void Extractor::setWorkers(int count) { workers = count; }
 
 void Extractor::clean() {
   removeDirectoryTree(targetDir);
-  UnpackReport::say("Extraction cleaned");
+  engineOut() << "Extraction cleaned" << std::endl;
 }
 
 int Extractor::makeDirectories(const std::string& path, mode_t mode) {

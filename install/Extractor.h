@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "base/Outcome.h"
 #include "base/ToolsExport.h"
 
 class Extractor {
@@ -24,6 +25,8 @@ class Extractor {
   // 0 on success, with the archive name of every extracted file appended to
   // files; -1 on any failure, with one message on standard output.
   int extract(std::vector<std::string>& files);
+  // Why the last extract() failed; ok after a success.
+  const Outcome& outcome() const { return outcome_; }
   void setKeepFiles(bool keep);
   // How many threads write a package of 16 entries or more whose entries
   // could be written in any order (distinct plain names): by default two on
@@ -48,11 +51,15 @@ class Extractor {
   void removeDirectoryTree(const std::string& path);
 
  private:
+  // extract() without keeping the outcome.
+  Outcome unpack(std::vector<std::string>& files);
+
   std::string zipPath;
   std::string targetDir;
   bool keepFiles;
   int workers;
   bool twoThreads = false;
+  Outcome outcome_;
 };
 
 #endif  // WIDGETENGINE_EXTRACTOR_H_

@@ -14,7 +14,7 @@
 
 int UnpackWorkers::defaultCount() { return settings::unpackThreads(); }
 
-bool UnpackWorkers::run(const std::vector<UnpackTask>& tasks,
+Outcome UnpackWorkers::run(const std::vector<UnpackTask>& tasks,
                         EntryUnpacker& unpacker, int baseFd, int baseError,
                         size_t baseLength, const ZipReader& package,
                         zip_int64_t count, std::vector<std::string>& files,
@@ -46,15 +46,14 @@ bool UnpackWorkers::run(const std::vector<UnpackTask>& tasks,
   };
 
   size_t said = 0;
-  bool failedEntry = false;
+  Outcome failedEntry;
   auto sayFinished = [&]() {
-    while (!failedEntry && said < n && finished[said].load(std::memory_order_acquire)) {
+    while (failedEntry.ok() && said < n &&
+           finished[said].load(std::memory_order_acquire)) {
       const UnpackTask& task = tasks[said];
       UnpackReport::sayEntry(task, count);
-      if (!UnpackReport::sayOutcome(task, outcomes[said])) {
-        failedEntry = true;
-        return;
-      }
+      failedEntry = UnpackReport::sayOutcome(task, outcomes[said]);
+      if (!failedEntry.ok()) return;
       if (!task.isFolder) files.push_back(task.name);
       ++said;
     }
@@ -88,5 +87,6 @@ bool UnpackWorkers::run(const std::vector<UnpackTask>& tasks,
   work(unpacker, sayFinished);
   if (helper.thread.joinable()) helper.thread.join();
   sayFinished();
-  return !failedEntry && said == n;
+  if (!failedEntry.ok() || said == n) return failedEntry;
+  return UnpackReport::notUnpacked();
 }

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "base/Outcome.h"
 #include "install/EntryUnpacker.h"
 #include "install/UnpackPlan.h"
 
@@ -27,12 +28,12 @@ class UnpackWorkers {
   // Unpacks tasks, the calling thread with unpacker and the helper with one
   // of its own on the same base (baseFd, baseError, baseLength) and package;
   // count is the archive's entry count, for the progress reports. Appends the
-  // name of each file written to files. False after the line of the first
-  // entry that failed: both threads stop taking entries then, and whatever
-  // the helper wrote past the failure goes with the target directory when
-  // the failed extraction is cleaned. *started says whether the helper
-  // thread ran.
-  static bool run(const std::vector<UnpackTask>& tasks, EntryUnpacker& unpacker,
+  // name of each file written to files. The refusal of the first entry
+  // that failed, after its line: both threads stop taking entries then, and
+  // whatever the helper wrote past the failure goes with the target
+  // directory when the failed extraction is cleaned. *started says whether
+  // the helper thread ran.
+  static Outcome run(const std::vector<UnpackTask>& tasks, EntryUnpacker& unpacker,
                   int baseFd, int baseError, size_t baseLength,
                   const ZipReader& package, zip_int64_t count,
                   std::vector<std::string>& files, bool* started);

@@ -54,6 +54,13 @@ bool leavesDirectory(const std::string& name) {
   return !UrlPath::staysInside(name);
 }
 
+// The reason of a run that ends with status 3 or 4 and has none of its own:
+// the one hosts have always been given for those statuses.
+Outcome unusableRegistry() {
+  return Outcome(WIDGETENGINE_REFUSAL_REGISTRY,
+                 "the widget registry cannot be used");
+}
+
 }  // namespace
 
 class WidgetInstaller::Files final : public PackageFiles {
@@ -216,20 +223,47 @@ int WidgetInstaller::abandonParsed(int status,
   return status;
 }
 
-int WidgetInstaller::refuse(int status, const std::string& reason) {
-  engineOut() << reason << std::endl;
+int WidgetInstaller::refuse(int status, Outcome why, const std::string& line) {
+  engineError() << line << std::endl;
+  outcome_ = std::move(why);
   launchURL = "about:blank";
   return status;
 }
 
+int WidgetInstaller::refuseUnreadRegistry() {
+  const std::string error = database->lastError();
+  return refuse(3,
+                Outcome(WIDGETENGINE_REFUSAL_REGISTRY,
+                        "cannot read the widget registry: " + error),
+                "Cannot read the widget registry: " + error);
+}
+
 int WidgetInstaller::run() {
+  outcome_ = Outcome();
+  noticed_ = Outcome();
+  const int status = attempt();
+  if (status == 0 || status == 2) {
+    outcome_ = Outcome();
+  } else if (!noticed_.ok()) {
+    outcome_ = noticed_;
+  } else if (outcome_.ok()) {
+    // A step that gives no reason of its own.
+    outcome_ = Outcome(WIDGETENGINE_REFUSAL_INTERNAL,
+                       "the installation failed (status " +
+                           std::to_string(status) + ")");
+  }
+  outcome_ = refusal::settle(outcome_);
+  return status;
+}
+
+int WidgetInstaller::attempt() {
   if (installed) {
-    engineOut() << "WidgetInstaller cannot be run twice" << std::endl;
+    engineError() << "WidgetInstaller cannot be run twice" << std::endl;
     return 1;
   }
   if (!database->isOpen()) {
-    refusal::note(WIDGETENGINE_REFUSAL_REGISTRY,
-                  "the widget registry cannot be opened");
+    outcome_ = Outcome(WIDGETENGINE_REFUSAL_REGISTRY,
+                       "the widget registry cannot be opened");
     launchURL = "about:blank";
     return 3;
   }
@@ -238,11 +272,9 @@ int WidgetInstaller::run() {
   // downloader refuses, so the status is the one of a failed download.
   std::string why;
   if (!usableName(name, &why)) {
-    engineOut() << "Cannot install " << sourceURL << ": " << why << std::endl;
-    refusal::note(WIDGETENGINE_REFUSAL_ADDRESS, why);
-    engineOut() << "Error while downloading" << std::endl;
-    launchURL = "about:blank";
-    return 5;
+    engineError() << "Cannot install " << sourceURL << ": " << why << std::endl;
+    return refuse(5, Outcome(WIDGETENGINE_REFUSAL_ADDRESS, why),
+                  "Error while downloading");
   }
   // The name, and with it the widget's directory, belongs to this run from
   // the first look at the registry to the commit: the registry's own write
@@ -253,9 +285,9 @@ int WidgetInstaller::run() {
   lock.reset(new InstallLock(basePath, name));
   if (!lock->acquire()) {
     const std::string reason = lock->error();
-    refusal::note(WIDGETENGINE_REFUSAL_BUSY, reason);
     lock.reset();
-    return refuse(3, "Cannot install " + sourceURL + ": " + reason);
+    return refuse(3, Outcome(WIDGETENGINE_REFUSAL_BUSY, reason),
+                  "Cannot install " + sourceURL + ": " + reason);
   }
   const int status = runHoldingName();
   lock->clear();
@@ -274,12 +306,7 @@ int WidgetInstaller::runHoldingName() {
       rows.emplace_back(row);
     // A registry that cannot be read says nothing about what is installed:
     // going on would unpack over a widget that may well be there.
-    if (!read) {
-      refusal::note(WIDGETENGINE_REFUSAL_REGISTRY,
-                    "cannot read the widget registry: " + database->lastError());
-      return refuse(3, "Cannot read the widget registry: " +
-                           database->lastError());
-    }
+    if (!read) return refuseUnreadRegistry();
     if (rows.size() == 1) {
       engineOut() << "Widget already installed. Launch it with this url : "
                 << rows[0]->getLaunchURL() << std::endl;
@@ -287,13 +314,11 @@ int WidgetInstaller::runHoldingName() {
       return 2;
     }
     if (rows.size() > 1) {
-      engineOut()
+      engineError()
           << "It's not possible to see this log. Database integrity problem"
           << std::endl;
-      engineOut() << "'sourceURL' Field in 'Widgets' Table must be unique"
-                << std::endl;
-      launchURL = "about:blank";
-      return 4;
+      return refuse(4, unusableRegistry(),
+                    "'sourceURL' Field in 'Widgets' Table must be unique");
     }
   }
 
@@ -312,20 +337,15 @@ int WidgetInstaller::runHoldingName() {
       if (!named.empty()) owner.reset(named[0]);
       for (size_t i = 1; i < named.size(); ++i) delete named[i];
     }
-    if (!read) {
-      refusal::note(WIDGETENGINE_REFUSAL_REGISTRY,
-                    "cannot read the widget registry: " + database->lastError());
-      return refuse(3, "Cannot read the widget registry: " +
-                           database->lastError());
-    }
+    if (!read) return refuseUnreadRegistry();
     if (owner) {
-      refusal::note(WIDGETENGINE_REFUSAL_NAME_TAKEN,
-                    "the name " + name + " is taken by the widget installed from " +
-                        owner->getSourceURL());
-      return refuse(10, "The widget name " + name +
-                            " is taken by the widget installed from " +
-                            owner->getSourceURL() +
-                            "; remove that widget first");
+      const std::string taken = " is taken by the widget installed from " +
+                                owner->getSourceURL();
+      return refuse(10,
+                    Outcome(WIDGETENGINE_REFUSAL_NAME_TAKEN,
+                            "the name " + name + taken),
+                    "The widget name " + name + taken +
+                        "; remove that widget first");
     }
   }
 
@@ -347,38 +367,41 @@ int WidgetInstaller::runHoldingName() {
     if (fd >= 0) {
       close(fd);
     } else if (errno == EPERM) {
-      return refuse(3, "Cannot install " + sourceURL +
-                           ": the download folder is not safe: " + untrusted);
+      return refuse(3, unusableRegistry(),
+                    "Cannot install " + sourceURL +
+                        ": the download folder is not safe: " + untrusted);
     }
   }
 
   const std::string downloadPath = buildDownloadPath();
   if (!lock->note(downloadPath, storagePath)) {
-    return refuse(3, "Cannot install " + sourceURL +
-                         ": cannot write the installation journal in " +
-                         lock->root());
+    return refuse(3, unusableRegistry(),
+                  "Cannot install " + sourceURL +
+                      ": cannot write the installation journal in " +
+                      lock->root());
   }
 
   engineOut() << "[Downloading...]" << std::endl << std::endl;
   downloader.reset(new Downloader(sourceURL, downloadPath));
-  if (downloader->download() == -1) {
-    engineOut() << "Error while downloading" << std::endl;
+  const bool downloaded = downloader->download() == 0;
+  // Kept even when the body was stored: it is why the package is refused.
+  if (downloaded) noticed_ = downloader->outcome();
+  if (!downloaded) {
+    const int status = refuse(5, downloader->outcome(), "Error while downloading");
     downloader.reset();
     record.reset();
-    launchURL = "about:blank";
-    return 5;
+    return status;
   }
 
   engineOut() << std::endl << "[Extracting...]" << std::endl << std::endl;
   extractor.reset(new Extractor(downloadPath, storagePath));
   files.clear();
   if (extractor->extract(files) == -1) {
-    engineOut() << "Error while extracting" << std::endl;
+    const int status = refuse(6, extractor->outcome(), "Error while extracting");
     extractor.reset();
     downloader.reset();
     record.reset();
-    launchURL = "about:blank";
-    return 6;
+    return status;
   }
 
   record->setFiles(files);
@@ -388,7 +411,7 @@ int WidgetInstaller::runHoldingName() {
             << std::endl;
   if (remove(downloadPath.c_str()) != 0) {
     // The launch URL is deliberately left as it was here.
-    engineOut() << "Error while removing" << std::endl;
+    engineError() << "Error while removing" << std::endl;
     record.reset();
     downloader.reset();
     extractor.reset();
@@ -399,9 +422,9 @@ int WidgetInstaller::runHoldingName() {
   const std::string configPath = storagePath + "config.xml";
   FILE* configFile = fopen(configPath.c_str(), "r");
   if (!configFile) {
-    refusal::note(WIDGETENGINE_REFUSAL_NO_CONFIG,
-                  "the package has no config.xml");
-    engineOut() << "Could not find config.xml" << std::endl;
+    outcome_ = Outcome(WIDGETENGINE_REFUSAL_NO_CONFIG,
+                       "the package has no config.xml");
+    engineError() << "Could not find config.xml" << std::endl;
     extractor.reset();
     downloader.reset();
     record.reset();
@@ -413,7 +436,8 @@ int WidgetInstaller::runHoldingName() {
   config->setConfigPath(configPath);
   parser.reset(new WidgetConfigParser(configPath, config.get()));
   if (parser->parse() == -1) {
-    engineOut() << "Error while parsing" << std::endl;
+    outcome_ = parser->outcome();
+    engineError() << "Error while parsing" << std::endl;
     return abandonParsed(8, record);
   }
 
@@ -425,10 +449,10 @@ int WidgetInstaller::runHoldingName() {
     }
   }
   if (!config->getStartFile()) {
-    refusal::note(WIDGETENGINE_REFUSAL_NO_START_FILE,
-                  "no start file: config.xml names none and no index.htm, "
-                  "index.html, index.svg, index.xhtml or index.xht is there");
-    engineOut() << "No start file found" << std::endl;
+    outcome_ = Outcome(WIDGETENGINE_REFUSAL_NO_START_FILE,
+                       "no start file: config.xml names none and no index.htm, "
+                       "index.html, index.svg, index.xhtml or index.xht is there");
+    engineError() << "No start file found" << std::endl;
     return abandonParsed(9, record);
   }
 
@@ -472,10 +496,11 @@ int WidgetInstaller::runHoldingName() {
                     database->forgetRowsOfRemovedWidgets();
   const int widgetId = registered ? database->insertWidget(record.get()) : -1;
   if (widgetId <= 0) {
-    refusal::note(WIDGETENGINE_REFUSAL_REGISTRY,
-                  "cannot write to the widget registry: " + database->lastError());
+    outcome_ = Outcome(WIDGETENGINE_REFUSAL_REGISTRY,
+                       "cannot write to the widget registry: " +
+                           database->lastError());
     if (widgetId < 0 && !registered) {
-      engineOut() << "Cannot write to the widget registry: "
+      engineError() << "Cannot write to the widget registry: "
                 << database->lastError() << std::endl;
     }
     database->rollbackJob();
@@ -494,10 +519,10 @@ int WidgetInstaller::runHoldingName() {
   // Nothing is installed until its rows are committed: a commit that fails
   // (a full disk, an I/O error) takes the unpacked files with it.
   if (!database->endJob()) {
-    refusal::note(WIDGETENGINE_REFUSAL_REGISTRY,
-                  "cannot commit the widget to the registry: " +
-                      database->lastError());
-    engineOut() << "Cannot commit the widget to the registry: "
+    outcome_ = Outcome(WIDGETENGINE_REFUSAL_REGISTRY,
+                       "cannot commit the widget to the registry: " +
+                           database->lastError());
+    engineError() << "Cannot commit the widget to the registry: "
               << database->lastError() << std::endl;
     return abandonParsed(10, record);
   }

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "base/Outcome.h"
 #include "base/ToolsExport.h"
 
 class Downloader;
@@ -32,8 +33,12 @@ class WidgetInstaller {
   WidgetInstaller(const WidgetInstaller&) = delete;
   WidgetInstaller& operator=(const WidgetInstaller&) = delete;
 
-  // Installs the widget; one of the status codes 0 to 11.
+  // Installs the widget; one of the status codes 0 to 11. The outcome is
+  // also the calling thread's last refusal (base/Refusal.h).
   WIDGETENGINE_TOOLS_EXPORT int run();
+  // Why the last run failed, from the step that failed; ok after a run that
+  // installed the widget or found it installed.
+  const Outcome& outcome() const { return outcome_; }
   WIDGETENGINE_TOOLS_EXPORT std::string getLaunchURL();
   void clean();
 
@@ -73,10 +78,15 @@ class WidgetInstaller {
   // Where the package is downloaded: $WIDGET_PATH (or nothing) followed by a
   // fresh temporary file name.
   static std::string buildDownloadPath();
-  // run() without the taking and giving back of the widget's name.
+  // run() without settling the outcome.
+  int attempt();
+  // attempt() without the taking and giving back of the widget's name.
   int runHoldingName();
-  // Prints the reason line of a refusal and sets the launch URL of one.
-  int refuse(int status, const std::string& reason);
+  // Prints the line of a refusal, keeps why and sets the launch URL of one.
+  int refuse(int status, Outcome why, const std::string& line);
+  // Refuses a run that could not read the registry, which then says nothing
+  // about what is installed.
+  int refuseUnreadRegistry();
   // Ends a run that got as far as parsing config.xml with a failure: its
   // objects go, last made first (so their clean-up lines come in that
   // order), and the launch URL is "about:blank".
@@ -100,6 +110,11 @@ class WidgetInstaller {
   std::unique_ptr<SqlLite3> database;
   std::unique_ptr<InstallLock> lock;
   std::vector<std::string> files;
+  Outcome outcome_;
+  // What a step noticed without failing: the error status of an HTTP
+  // answer, whose body is stored and refused later. It is why any later
+  // step fails.
+  Outcome noticed_;
 };
 
 #endif  // WIDGETENGINE_WIDGETINSTALLER_H_

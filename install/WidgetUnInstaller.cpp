@@ -77,14 +77,29 @@ WidgetUnInstaller::~WidgetUnInstaller() {
 void WidgetUnInstaller::clean() { unInstallerLines::clean(&alreadyRun); }
 
 int WidgetUnInstaller::run() {
+  const Outcome outcome = attempt();
+  // The one place the answer comes from: a widget that is not there is not
+  // a failure of the removal.
+  const int status = outcome.ok()                                          ? 1
+                     : outcome.code() == WIDGETENGINE_REFUSAL_NOT_INSTALLED ? 0
+                                                                           : -1;
+  outcome_ = refusal::settle(outcome);
+  return status;
+}
+
+Outcome WidgetUnInstaller::notRemoved() const {
+  return Outcome(WIDGETENGINE_REFUSAL_REMOVE_FAILED,
+                 "the widget " + name + " could not be removed");
+}
+
+Outcome WidgetUnInstaller::attempt() {
   if (alreadyRun) {
-    engineOut() << unInstallerLines::kRunTwice << std::endl;
-    return -1;
+    engineError() << unInstallerLines::kRunTwice << std::endl;
+    return notRemoved();
   }
   if (database->isOpen() != 1) {
-    refusal::note(WIDGETENGINE_REFUSAL_REGISTRY,
-                  "the widget registry cannot be opened");
-    return -1;
+    return Outcome(WIDGETENGINE_REFUSAL_REGISTRY,
+                   "the widget registry cannot be opened");
   }
 
   // A root that someone else can write may hold their directories and
@@ -94,7 +109,7 @@ int WidgetUnInstaller::run() {
   if (!TrustedPath::directory(root, &untrusted)) {
     engineOut() << "Refusing to remove widget " << name
                 << ": the widget root is not safe: " << untrusted << std::endl;
-    return -1;
+    return notRemoved();
   }
 
   // Not while an installation of the same name runs: it may be about to
@@ -108,21 +123,22 @@ int WidgetUnInstaller::run() {
   if (lock.acquire()) {
     if (lock.removeLeftovers(*database)) lock.clear();
   } else if (errno != ENOENT) {
-    refusal::note(WIDGETENGINE_REFUSAL_BUSY, lock.error());
     engineOut() << "Refusing to remove widget " << name << ": " << lock.error()
                 << std::endl;
-    return -1;
+    return Outcome(WIDGETENGINE_REFUSAL_BUSY, lock.error());
   }
 
   std::vector<WidgetsData*> records = database->selectWidgetsByName(name);
-  if (records.empty()) return 0;
+  if (records.empty()) {
+    return Outcome(WIDGETENGINE_REFUSAL_NOT_INSTALLED,
+                   "no widget named " + name + " is installed");
+  }
   if (records.size() > 1) {
-    refusal::note(WIDGETENGINE_REFUSAL_REGISTRY,
-                  "the widget registry holds " + name + " more than once");
-    engineOut() << unInstallerLines::kIntegrityProblem << std::endl;
-    engineOut() << unInstallerLines::kNameMustBeUnique << std::endl;
+    engineError() << unInstallerLines::kIntegrityProblem << std::endl;
+    engineError() << unInstallerLines::kNameMustBeUnique << std::endl;
     deleteAll(records);
-    return -1;
+    return Outcome(WIDGETENGINE_REFUSAL_REGISTRY,
+                   "the widget registry holds " + name + " more than once");
   }
 
   const std::string storagePath = records[0]->getStoragePath();
@@ -132,47 +148,47 @@ int WidgetUnInstaller::run() {
   // directory: a row pointing at the widget root, or anywhere else, would
   // take a whole tree with it.
   if (!isOwnDirectory(storagePath, name)) {
-    refusal::note(WIDGETENGINE_REFUSAL_REMOVE_FAILED,
-                  "the registry names " + storagePath + ", not the directory widget_" +
-                      name + "/");
-    engineOut() << "Refusing to delete " << storagePath << ": it is not the "
+    engineError() << "Refusing to delete " << storagePath << ": it is not the "
               << "directory widget_" << name << "/ of widget " << name
               << std::endl;
-    return -1;
+    return Outcome(WIDGETENGINE_REFUSAL_REMOVE_FAILED,
+                   "the registry names " + storagePath +
+                       ", not the directory widget_" + name + "/");
   }
   // Nor anything outside the widget root, whatever its last name: the row
   // may come from a registry that others could write, or from a root that
   // has moved since.
   if (!isInRoot(storagePath, root)) {
-    engineOut() << "Refusing to delete " << storagePath
+    engineError() << "Refusing to delete " << storagePath
                 << ": it is not inside the widget root " << root << std::endl;
-    return -1;
+    return notRemoved();
   }
 
   engineOut() << "Try to delete directory on fileSystem : " << storagePath
             << std::endl;
   if (!removeWidgetDirectory(storagePath)) {
-    refusal::note(WIDGETENGINE_REFUSAL_REMOVE_FAILED,
-                  "cannot remove " + storagePath + ": " + strerror(errno));
-    engineOut() << "Error : can't delete this directory : " << storagePath
+    const Outcome why(WIDGETENGINE_REFUSAL_REMOVE_FAILED,
+                      "cannot remove " + storagePath + ": " + strerror(errno),
+                      errno);
+    engineError() << "Error : can't delete this directory : " << storagePath
               << std::endl;
-    return -1;
+    return why;
   }
 
   engineOut() << "Delete OK !!!" << std::endl;
   engineOut() << "Delete from database ..." << std::endl;
   if (database->deleteWidgetByName(name) != 0) {
-    refusal::note(WIDGETENGINE_REFUSAL_REGISTRY,
-                  "cannot remove " + name + " from the widget registry: " +
-                      database->lastError());
-    engineOut() << "Error, can't delete this widget in database !!!" << std::endl;
-    engineOut() << "Integrity problem because widget is in database, but not in "
+    const Outcome why(WIDGETENGINE_REFUSAL_REGISTRY,
+                      "cannot remove " + name + " from the widget registry: " +
+                          database->lastError());
+    engineError() << "Error, can't delete this widget in database !!!" << std::endl;
+    engineError() << "Integrity problem because widget is in database, but not in "
                  "fileSystem :("
               << std::endl;
-    return -1;
+    return why;
   }
   engineOut() << "Delete OK !!!" << std::endl;
-  return 1;
+  return Outcome();
 }
 
 bool WidgetUnInstaller::removeWidgetDirectory(const std::string& path) {
@@ -190,7 +206,7 @@ bool WidgetUnInstaller::removeWidgetDirectory(const std::string& path) {
       if (stat(top.c_str(), &target) == 0) {
         if (S_ISDIR(target.st_mode)) {
           if (unlink(top.c_str()) == 0) return true;
-          engineOut() << "Could not remove the link " << top << ": "
+          engineError() << "Could not remove the link " << top << ": "
                       << strerror(errno) << std::endl;
           return false;
         }
@@ -213,7 +229,7 @@ bool WidgetUnInstaller::removeWidgetDirectory(const std::string& path) {
   close(fd);
   // Only a directory that is really gone counts as removed.
   if (rmdir(top.c_str()) != 0) {
-    engineOut() << "Could not remove the directory " << top << ": "
+    engineError() << "Could not remove the directory " << top << ": "
                 << strerror(errno) << std::endl;
     return false;
   }

@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 
+#include "base/Outcome.h"
 #include "base/ToolsExport.h"
 
 class SqlLite3;
@@ -20,8 +21,11 @@ class WidgetUnInstaller {
   WidgetUnInstaller(const WidgetUnInstaller&) = delete;
   WidgetUnInstaller& operator=(const WidgetUnInstaller&) = delete;
 
-  // 1 removed, 0 no widget has that name, -1 failure.
+  // 1 removed, 0 no widget has that name, -1 failure. The outcome is also
+  // the calling thread's last refusal (base/Refusal.h).
   int run();
+  // Why the last run failed, from the step that failed; ok after a removal.
+  const Outcome& outcome() const { return outcome_; }
   void clean();
 
   // Removes the directory tree at path without following any symbolic link
@@ -40,7 +44,13 @@ class WidgetUnInstaller {
   WIDGETENGINE_TOOLS_EXPORT static bool isInRoot(const std::string& path, const std::string& root);
 
  private:
+  // run() without settling the outcome.
+  Outcome attempt();
+  // A refusal that the failing step gives no reason of its own for.
+  Outcome notRemoved() const;
+
   bool alreadyRun;
+  Outcome outcome_;
   std::string name;
   std::unique_ptr<SqlLite3> database;
 };

@@ -76,7 +76,7 @@ void WidgetQuery::clean() { unInstallerLines::clean(&alreadyRun); }
 
 WidgetsData* WidgetQuery::getInfo(const std::vector<std::string>& locales) {
   if (alreadyRun) {
-    engineOut() << unInstallerLines::kRunTwice << std::endl;
+    engineError() << unInstallerLines::kRunTwice << std::endl;
     return nullptr;
   }
   if (database->isOpen() != 1) return nullptr;
@@ -87,11 +87,11 @@ WidgetsData* WidgetQuery::getInfo(const std::vector<std::string>& locales) {
     return records[0];
   }
   if (records.empty()) {
-    engineOut() << "No widget with this name" << std::endl;
+    engineError() << "No widget with this name" << std::endl;
     return nullptr;
   }
-  engineOut() << unInstallerLines::kIntegrityProblem << std::endl;
-  engineOut() << unInstallerLines::kNameMustBeUnique << std::endl;
+  engineError() << unInstallerLines::kIntegrityProblem << std::endl;
+  engineError() << unInstallerLines::kNameMustBeUnique << std::endl;
   deleteAll(records);
   return nullptr;
 }
@@ -99,7 +99,7 @@ WidgetsData* WidgetQuery::getInfo(const std::vector<std::string>& locales) {
 std::vector<WidgetsData*> WidgetQuery::getAll() {
   std::vector<WidgetsData*> result;
   if (alreadyRun) {
-    engineOut() << unInstallerLines::kRunTwice << std::endl;
+    engineError() << unInstallerLines::kRunTwice << std::endl;
     return result;
   }
   if (database->isOpen() != 1) return result;

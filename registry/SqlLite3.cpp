@@ -86,10 +86,10 @@ void SqlLite3::open() {
       SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
       nullptr);
   if (impl->resultCode != SQLITE_OK) {
-    enginePrintf("[%s:%s] Can't open database: ", kLevel, kModule);
-    enginePrintf("[%s:%s] sqlite3 error message : %s\n", kLevel, kModule,
+    enginePrintf(WIDGETENGINE_LOG_ERROR, "[%s:%s] Can't open database: ", kLevel, kModule);
+    enginePrintf(WIDGETENGINE_LOG_ERROR, "[%s:%s] sqlite3 error message : %s\n", kLevel, kModule,
            sqlite3_errmsg(impl->db));
-    enginePrintf("[%s:%s] HAVE YOU READ AND WRITE PERMISSION FOR OPEN OR CREATE "
+    enginePrintf(WIDGETENGINE_LOG_ERROR, "[%s:%s] HAVE YOU READ AND WRITE PERMISSION FOR OPEN OR CREATE "
            "THIS FILE : %s\n",
            kLevel, kModule, impl->databasePath.c_str());
     impl->closeHandle();
@@ -119,7 +119,7 @@ void SqlLite3::open() {
     impl->opened = true;
     ensureIndexes();
   } else {
-    enginePrintf("[%s:%s] Error while checking database structure", kLevel, kModule);
+    enginePrintf(WIDGETENGINE_LOG_ERROR, "[%s:%s] Error while checking database structure", kLevel, kModule);
     impl->opened = false;
   }
 }
@@ -243,7 +243,7 @@ bool SqlLite3::checkTable(const std::string& table,
     impl->resultCode = SQLITE_OK;
     return true;
   }
-  enginePrintf("[%s:%s] Unable to create table %s :  %s (%d)\n", kLevel, kModule,
+  enginePrintf(WIDGETENGINE_LOG_ERROR, "[%s:%s] Unable to create table %s :  %s (%d)\n", kLevel, kModule,
          table.c_str(),
          impl->errorMessage ? impl->errorMessage : sqlite3_errmsg(impl->db),
          impl->resultCode);

@@ -60,7 +60,7 @@ int SqlLite3::insertWidgetRows(WidgetsData* widget, bool ownTransaction) {
     if (ownTransaction && !sqlite3_get_autocommit(impl->db)) {
       impl->exec(statements::kRollback);
     }
-    engineOut() << "Cannot insert data to database :(" << std::endl;
+    engineError() << "Cannot insert data to database :(" << std::endl;
     return -1;
   }
 
@@ -82,12 +82,12 @@ int SqlLite3::insertWidgetRows(WidgetsData* widget, bool ownTransaction) {
     }
   }
   if (ownTransaction && !impl->commit()) {
-    engineOut() << "Cannot insert data to database :(" << std::endl;
+    engineError() << "Cannot insert data to database :(" << std::endl;
     return -1;
   }
 
   if (id > INT_MAX || id < INT_MIN) {
-    enginePrintf("[%s:%s] Error convering widgetId to int : %lld\n", kLevel, kModule,
+    enginePrintf(WIDGETENGINE_LOG_ERROR, "[%s:%s] Error convering widgetId to int : %lld\n", kLevel, kModule,
            static_cast<long long>(id));
     return 0;
   }
