@@ -27,6 +27,7 @@
 #include "testing/OutputChecks.h"
 #include "testing/ScopedEnv.h"
 #include "testing/TempDir.h"
+#include "testing/WorkingDirectory.h"
 #include "testing/ZipBuilder.h"
 
 namespace {
@@ -160,6 +161,8 @@ class ExtractorTest : public ::testing::Test {
     return result;
   }
 
+  // Removals move the process; each test ends where it began.
+  WorkingDirectory start;
   TempDir dir;
   std::string zipPath;
   std::string target;

@@ -6,12 +6,15 @@
 #include <sqlite3.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <utility>
@@ -25,6 +28,7 @@
 #include "install/WidgetUnInstaller.h"
 #include "registry/SqlLite3.h"
 #include "testing/CaptureStdout.h"
+#include "testing/NextSecond.h"
 #include "testing/ConfigXml.h"
 #include "testing/ScopedEnv.h"
 #include "testing/TempDir.h"
@@ -37,6 +41,31 @@ struct FreeString {
   void operator()(char* text) const { free(text); }
 };
 typedef std::unique_ptr<char, FreeString> EngineString;
+
+// True once another holder waits for the lock file at path: the kernel
+// lists each waiter of a lock in /proc/locks, marked "->". Nothing tells of
+// a thread that starts to wait, so the list is read until it shows one (20 s
+// at most).
+bool waitsForTheLock(const std::string& path) {
+  struct stat status;
+  if (stat(path.c_str(), &status) != 0) return false;
+  char file[64];
+  std::snprintf(file, sizeof file, " %02x:%02x:%lu ", major(status.st_dev),
+                minor(status.st_dev), static_cast<unsigned long>(status.st_ino));
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while (std::chrono::steady_clock::now() < end) {
+    std::istringstream locks(TempDir::readFile("/proc/locks"));
+    std::string line;
+    while (std::getline(locks, line)) {
+      if (line.find("-> FLOCK") != std::string::npos &&
+          line.find(file) != std::string::npos) {
+        return true;
+      }
+    }
+    std::this_thread::yield();
+  }
+  return false;
+}
 
 class InstallLockTest : public WidgetSandbox {
  protected:
@@ -93,7 +122,8 @@ TEST_F(InstallLockTest, SecondHolderOfANameWaitsForTheFirstUnderAnySpelling) {
       taken = true;
       lock.clear();
     });
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    ASSERT_TRUE(waitsForTheLock(root + ".widget_clock.lock"))
+        << "the second holder never asked for the lock";
     EXPECT_FALSE(taken);
     // Another name is free all along.
     InstallLock other(spelling, "calendar");
@@ -278,17 +308,20 @@ TEST_F(InstallLockTest, TruncatedOrReplacedRegistryUnderALiveEngineIsNoCrash) {
   EngineString launch(engine->receiveWidget(clockPackage("clock.wgt").c_str(), nullptr));
   ASSERT_TRUE(launch);
   ASSERT_EQ(1, engine->isWidget(launch.get()));
-  // What another program does to the file is seen within a second; until
-  // then the lookups may answer from memory, and no lookup faults.
+  // What another program does to the file is seen once the engine looks at
+  // the file again, when the second has moved on (three of them at most
+  // here); until then the lookups may answer from memory, and no lookup
+  // faults.
   const auto gone = [&] {
     int answer = 1;
-    for (int i = 0; i < 30 && answer != 0; ++i) {
+    for (int second = 0; second < 3 && answer != 0; ++second) {
+      if (second > 0) waitForTheNextSecond();
       EngineString mapped(engine->mapResource(launch.get(), "fr"));
       answer = engine->isWidget(launch.get());
-      if (answer) std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
     return answer == 0;
   };
+
   ASSERT_EQ(0, truncate((conf + "widget.db").c_str(), 0));
   EXPECT_TRUE(gone());
   EngineString mapped(engine->mapResource(launch.get(), "fr"));
@@ -312,11 +345,12 @@ TEST_F(InstallLockTest, RegistryReplacedUnderALiveEngineIsFollowed) {
   TempDir::writeFile(conf + "saved.db", TempDir::readFile(conf + "widget.db"));
   ASSERT_EQ(1, engine->deleteWidget("clock", nullptr));
   ASSERT_EQ(0, engine->isWidget(launch.get()));
-  // A copy taken earlier is put back, as a restore would.
+  // A copy taken earlier is put back, as a restore would: seen once the
+  // engine looks at the file again, when the second has moved on.
   ASSERT_EQ(0, rename((conf + "saved.db").c_str(), (conf + "widget.db").c_str()));
   int answer = 0;
-  for (int i = 0; i < 30 && answer != 1; ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  for (int second = 0; second < 3 && answer != 1; ++second) {
+    waitForTheNextSecond();
     answer = engine->isWidget(launch.get());
   }
   EXPECT_EQ(1, answer);
@@ -336,6 +370,7 @@ TEST_F(InstallLockTest, LookupWaitsForAnotherProcessesWriteLock) {
                                     " VALUES (99, 'name', 'fr', 'x')",
                                     nullptr, nullptr, nullptr));
   std::thread release([&] {
+    // Not a wait: the moment the lock is held for.
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     sqlite3_exec(writer, "COMMIT", nullptr, nullptr, nullptr);
   });
@@ -362,10 +397,10 @@ TEST_F(InstallLockTest, EngineCreatedOnALockedRegistryRecoversLater) {
   EXPECT_EQ(0, engine->isWidget(launch.c_str()));
   sqlite3_exec(holder, "COMMIT", nullptr, nullptr, nullptr);
   sqlite3_close(holder);
-  // Tried again at most once a second.
+  // Tried again at most once a second (three of them at most here).
   int answer = 0;
-  for (int i = 0; i < 30 && answer != 1; ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  for (int second = 0; second < 3 && answer != 1; ++second) {
+    waitForTheNextSecond();
     answer = engine->isWidget(launch.c_str());
   }
   EXPECT_EQ(1, answer);

@@ -16,6 +16,7 @@
 #include "testing/CaptureStdout.h"
 #include "testing/ScopedEnv.h"
 #include "testing/TempDir.h"
+#include "testing/WorkingDirectory.h"
 
 namespace {
 
@@ -85,6 +86,7 @@ class UnInstallerTest : public ::testing::Test {
     return status;
   }
 
+  WorkingDirectory start_;  // each test ends where it began
   TempDir registry_;
   TempDir widgets_;
   ScopedEnv env_;
@@ -355,8 +357,7 @@ TEST_F(UnInstallerTest, DanglingLinkAtTheTopFailsLikeAMissingDirectory) {
 }
 
 TEST_F(UnInstallerTest, RemovesDeepTreesWithoutChangingWorkingDirectory) {
-  // Somewhere that exists: an earlier test's failed installation may have
-  // left the process in a directory removed since.
+  // Somewhere of this test's own, left again when the test ends.
   ASSERT_EQ(0, chdir(widgets_.path().c_str()));
   char before[4096];
   ASSERT_NE(nullptr, getcwd(before, sizeof before));

@@ -13,6 +13,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -330,7 +331,9 @@ TEST_F(ChangeCounterTest, AttachingWhileTheLastUserLetsGoFindsTheLiveCounter) {
   }
   close(go[0]);
   close(done[1]);
-  int stale = 0, refused = 0;
+  // Every round ends one way: not attached here, or attached and the
+  // writer's move seen at once (fresh) or not (stale).
+  int fresh = 0, stale = 0, refused = 0, writerRefused = 0;
   for (int round = 0; round < kRounds; ++round) {
     ChangeCounter o;
     if (!o.attach(device, inode, path)) {
@@ -341,8 +344,11 @@ TEST_F(ChangeCounterTest, AttachingWhileTheLastUserLetsGoFindsTheLiveCounter) {
     char c = 'x';
     ASSERT_EQ(1, write(go[1], &c, 1));
     ASSERT_EQ(1, read(done[0], &c, 1));
-    if (c != 'y') ++refused;
-    if (o.read() != before + 1) ++stale;
+    if (c != 'y') ++writerRefused;
+    if (o.read() != before + 1)
+      ++stale;
+    else
+      ++fresh;
   }
   close(go[1]);
   close(done[0]);
@@ -350,7 +356,13 @@ TEST_F(ChangeCounterTest, AttachingWhileTheLastUserLetsGoFindsTheLiveCounter) {
   waitpid(writer, &status, 0);
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
   EXPECT_TRUE(racer.stop());
+  std::printf("change-counter race: rounds=%d fresh=%d stale=%d refused=%d "
+              "writer-refused=%d\n",
+              kRounds, fresh, stale, refused, writerRefused);
+  EXPECT_EQ(kRounds, fresh + stale + refused);
+  EXPECT_EQ(kRounds, fresh);
   EXPECT_EQ(0, refused);
+  EXPECT_EQ(0, writerRefused);
   EXPECT_EQ(0, stale) << "of " << kRounds << " rounds";
   // Two that let go at once may each see the other still attached, and
   // leave the counter; it goes with its file.

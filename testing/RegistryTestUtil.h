@@ -21,6 +21,7 @@
 #include "registry/ChangeCounter.h"
 #include "registry/SqlLite3.h"
 #include "registry/WidgetsData.h"
+#include "testing/ChildProcess.h"
 #include "testing/ScopedEnv.h"
 #include "testing/TempDir.h"
 
@@ -103,33 +104,18 @@ inline void deleteAll(std::vector<WidgetsData*>& records) {
   records.clear();
 }
 
-// Runs body in a child process and returns its exit status; what the child
-// wrote to its standard output lands in output.
+// Runs body in a child process and returns its exit status (-1 when it did
+// not exit); what the child wrote to its standard output lands in output.
 inline int runInChild(const std::function<int()>& body, std::string* output) {
-  std::cout.flush();
-  fflush(stdout);
-  int fds[2];
-  if (pipe(fds) != 0) return -1;
-  pid_t pid = fork();
-  if (pid == 0) {
-    close(fds[0]);
-    dup2(fds[1], 1);
-    close(fds[1]);
-    int code = body();
+  ChildProcess child;
+  child.start([&] {
+    const int code = body();
     std::cout.flush();
-    fflush(stdout);
-    _exit(code);
-  }
-  close(fds[1]);
-  std::string text;
-  char buffer[4096];
-  ssize_t n;
-  while ((n = read(fds[0], buffer, sizeof buffer)) > 0) text.append(buffer, n);
-  close(fds[0]);
-  int status = 0;
-  waitpid(pid, &status, 0);
-  if (output) *output = text;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return code;
+  });
+  child.wait();
+  if (output) *output = child.out();
+  return child.crashed() || child.hung() ? -1 : child.shellStatus();
 }
 
 // A child process that holds the database under an exclusive lock from
