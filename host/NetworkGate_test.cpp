@@ -17,6 +17,7 @@
 #include <thread>
 #include <vector>
 
+#include "testing/ChildProcess.h"
 #include "testing/HttpServer.h"
 #include "testing/Listener.h"
 #include "testing/LoopbackResolver.h"
@@ -348,15 +349,14 @@ TEST(NetworkGateTest, ResolvesOnlyGrantedNames) {
   TempDir dir;
   LoopbackResolver resolver(dir.file("resolv.conf"));
   if (!resolver.ready()) GTEST_SKIP() << "127.53.0.1:53 is taken";
-  const pid_t child = fork();
-  ASSERT_LE(0, child);
-  if (child == 0) {
-    if (!resolver.enter()) _exit(77);
+  ChildProcess child;
+  ASSERT_TRUE(child.start([&] {
+    if (!resolver.enter()) return 77;
     bool refused = false;
     bool looked = false;
     {
       NetworkGate gate(granting({"http://granted-name.test:8081"}), nullptr);
-      if (!gate.start()) _exit(2);
+      if (!gate.start()) return 2;
       // Not granted: refused without a lookup. Granted: looked up, and then
       // not found (nothing answers).
       refused =
@@ -365,13 +365,12 @@ TEST(NetworkGateTest, ResolvesOnlyGrantedNames) {
       looked = ask(gate, get("http://granted-name.test:8081/"))
                    .find("HTTP/1.1 502") == 0;
     }
-    _exit(refused && looked ? 0 : 1);
-  }
-  int status = 0;
-  ASSERT_EQ(child, waitpid(child, &status, 0));
-  ASSERT_TRUE(WIFEXITED(status));
-  if (WEXITSTATUS(status) == 77) GTEST_SKIP() << "no mount namespace";
-  EXPECT_EQ(0, WEXITSTATUS(status));
+    return refused && looked ? 0 : 1;
+  }));
+  child.wait();
+  if (child.exitedWith(77)) GTEST_SKIP() << "no mount namespace";
+  EXPECT_TRUE(child.exitedWith(0)) << "status " << child.shellStatus() << ": "
+                                   << child.out() << child.err();
   bool grantedAsked = false;
   for (const std::string& name : resolver.names()) {
     EXPECT_EQ(std::string::npos, name.find("exfil")) << name;

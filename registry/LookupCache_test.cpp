@@ -266,19 +266,19 @@ TEST_F(RegistryTest, ChangesOfAnotherProcessAreSeenAtTheNextLookup) {
   ASSERT_EQ(0, pipe(go));
   ASSERT_EQ(0, pipe(done));
   const int kRounds = 100;
-  pid_t pid = fork();
-  if (pid == 0) {
+  ChildProcess child;
+  child.start([&] {
     close(go[1]);
     close(done[0]);
     SqlLite3 writer;
     char c;
     for (int round = 0; round < kRounds; ++round) {
-      if (read(go[0], &c, 1) != 1) _exit(1);
+      if (read(go[0], &c, 1) != 1) return 1;
       changeRound(writer, round);
-      if (write(done[1], &c, 1) != 1) _exit(1);
+      if (write(done[1], &c, 1) != 1) return 1;
     }
-    _exit(0);
-  }
+    return 0;
+  });
   close(go[0]);
   close(done[1]);
   for (int round = 0; round < kRounds; ++round) {
@@ -289,9 +289,8 @@ TEST_F(RegistryTest, ChangesOfAnotherProcessAreSeenAtTheNextLookup) {
   }
   close(go[1]);
   close(done[0]);
-  int status = 0;
-  waitpid(pid, &status, 0);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  child.wait();
+  EXPECT_TRUE(child.exitedWith(0));
 }
 
 TEST_F(RegistryTest, EveryCommitIsSeenAtOnceWhileAnotherProcessAttachesAndLetsGo) {
@@ -307,21 +306,21 @@ TEST_F(RegistryTest, EveryCommitIsSeenAtOnceWhileAnotherProcessAttachesAndLetsGo
   ASSERT_EQ(0, pipe(go));
   ASSERT_EQ(0, pipe(done));
   const int kRounds = registrytest::raceRounds(1000);
-  pid_t pid = fork();
-  if (pid == 0) {
+  ChildProcess child;
+  child.start([&] {
     close(go[1]);
     close(done[0]);
     char c;
     for (int round = 0; round < kRounds; ++round) {
-      if (read(go[0], &c, 1) != 1) _exit(1);
+      if (read(go[0], &c, 1) != 1) return 1;
       {
         SqlLite3 writer;
         changeRound(writer, round);
       }
-      if (write(done[1], &c, 1) != 1) _exit(1);
+      if (write(done[1], &c, 1) != 1) return 1;
     }
-    _exit(0);
-  }
+    return 0;
+  });
   close(go[0]);
   close(done[1]);
   int atOnce = 0, stale = 0;
@@ -351,9 +350,8 @@ TEST_F(RegistryTest, EveryCommitIsSeenAtOnceWhileAnotherProcessAttachesAndLetsGo
   }
   close(go[1]);
   close(done[0]);
-  int status = 0;
-  waitpid(pid, &status, 0);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  child.wait();
+  EXPECT_TRUE(child.exitedWith(0));
   EXPECT_TRUE(racer.stop());
   std::string seen;
   for (int lookups : lags) seen += " " + std::to_string(lookups);

@@ -72,6 +72,7 @@ bool ChildProcess::start(const std::vector<std::string>& argv) {
   if (pid_ == 0) {
     dup2(out_, 1);
     dup2(merged_ ? out_ : err_, 2);
+    if (!directory_.empty() && chdir(directory_.c_str()) != 0) _exit(126);
     execve(args[0], args.data(), envp.data());
     _exit(127);
   }
@@ -85,6 +86,7 @@ bool ChildProcess::start(const std::function<int()>& body) {
   if (pid_ == 0) {
     dup2(out_, 1);
     dup2(merged_ ? out_ : err_, 2);
+    if (!directory_.empty() && chdir(directory_.c_str()) != 0) _exit(126);
     for (const auto& variable : env_) {
       if (variable.second)
         setenv(variable.first.c_str(), variable.second->c_str(), 1);

@@ -41,6 +41,8 @@ class ChildProcess {
   // Before start: standard error goes where standard output goes, the two
   // interleaved as written.
   void mergeOutput() { merged_ = true; }
+  // Before start: the child's working directory (by default this process's).
+  void setDirectory(const std::string& path) { directory_ = path; }
 
   // Starts argv[0] (a path) with argv as its arguments. False, with a test
   // failure, when no child could be made; a program that cannot be executed
@@ -77,6 +79,7 @@ class ChildProcess {
 
   std::map<std::string, std::optional<std::string>> env_;
   bool merged_ = false;
+  std::string directory_;
   int out_ = -1;
   int err_ = -1;
   pid_t pid_ = -1;

@@ -48,6 +48,14 @@ TEST(ChildProcessTest, EnvironmentIsSetAndUnsetForTheChildAlone) {
   EXPECT_STREQ("here", getenv("CHILD_PROCESS_TEST_GONE"));
 }
 
+TEST(ChildProcessTest, TheChildStartsInItsDirectory) {
+  ChildProcess child;
+  child.setDirectory("/");
+  ASSERT_TRUE(child.start({"/bin/sh", "-c", "pwd"}));
+  child.wait();
+  EXPECT_EQ("/\n", child.out());
+}
+
 TEST(ChildProcessTest, AFunctionRunsInTheChild) {
   const pid_t parent = getpid();
   ChildProcess child;

@@ -125,8 +125,7 @@ class ExclusiveLock {
   explicit ExclusiveLock(const std::string& path) {
     int ready[2];
     if (pipe(ready) != 0 || pipe(release_) != 0) return;
-    pid_ = fork();
-    if (pid_ == 0) {
+    child_.start([&] {
       close(ready[0]);
       close(release_[1]);
       sqlite3* db = nullptr;
@@ -136,13 +135,13 @@ class ExclusiveLock {
               SQLITE_OK) {
         ok = 1;
       }
-      if (write(ready[1], &ok, 1) != 1) _exit(1);
+      if (write(ready[1], &ok, 1) != 1) return 1;
       char c;
-      if (read(release_[0], &c, 1) < 0) _exit(1);
+      if (read(release_[0], &c, 1) < 0) return 1;
       sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
       sqlite3_close(db);
-      _exit(0);
-    }
+      return 0;
+    });
     close(ready[1]);
     close(release_[0]);
     char ok = 0;
@@ -150,21 +149,20 @@ class ExclusiveLock {
     close(ready[0]);
   }
   ~ExclusiveLock() {
-    if (pid_ <= 0) return;
+    if (!child_.running()) return;
     char c = 0;
     if (write(release_[1], &c, 1) != 1) {
       // The child ends on the closed pipe all the same.
     }
     close(release_[1]);
-    int status;
-    waitpid(pid_, &status, 0);
+    child_.wait();
   }
   ExclusiveLock(const ExclusiveLock&) = delete;
   ExclusiveLock& operator=(const ExclusiveLock&) = delete;
   bool held() const { return held_; }
 
  private:
-  pid_t pid_ = -1;
+  ChildProcess child_;
   int release_[2] = {-1, -1};
   bool held_ = false;
 };
@@ -195,29 +193,26 @@ class CounterChurn {
                         MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     if (memory == MAP_FAILED) return;
     stop_ = static_cast<int*>(memory);
-    pid_ = fork();
-    if (pid_ == 0) {
+    child_.start([&] {
       while (!__atomic_load_n(stop_, __ATOMIC_ACQUIRE)) {
         ChangeCounter counter;
         counter.attach(status.st_dev, status.st_ino, path);
       }
-      _exit(0);
-    }
+      return 0;
+    });
   }
   ~CounterChurn() { stop(); }
   CounterChurn(const CounterChurn&) = delete;
   CounterChurn& operator=(const CounterChurn&) = delete;
 
-  bool running() const { return pid_ > 0; }
+  bool running() const { return child_.running(); }
   // Stops the child; true when it ended by itself.
   bool stop() {
     bool ok = false;
-    if (pid_ > 0) {
+    if (child_.running()) {
       __atomic_store_n(stop_, 1, __ATOMIC_RELEASE);
-      int status = 0;
-      waitpid(pid_, &status, 0);
-      ok = WIFEXITED(status) && WEXITSTATUS(status) == 0;
-      pid_ = -1;
+      child_.wait();
+      ok = child_.exitedWith(0);
     }
     if (stop_) munmap(stop_, sizeof(int));
     stop_ = nullptr;
@@ -225,7 +220,7 @@ class CounterChurn {
   }
 
  private:
-  pid_t pid_ = -1;
+  ChildProcess child_;
   int* stop_ = nullptr;
 };
 

@@ -180,13 +180,11 @@ TEST_F(WidgetctlTest, BashCompletionOffersCommandsAndOptions) {
                             std::make_pair(std::string("--re"),
                                            std::string("--repair --reinstall --remove-orphans")),
                             std::make_pair(std::string("i"), std::string("install info is-widget"))}) {
-    const std::string command = "bash -c '" + script + "' _ '" + asked.first + "'";
-    FILE* pipe = popen(command.c_str(), "r");
-    ASSERT_TRUE(pipe);
-    char buffer[512] = "";
-    std::string answer = fgets(buffer, sizeof buffer, pipe) ? buffer : "";
-    pclose(pipe);
-    EXPECT_EQ(asked.second + "\n", answer) << asked.first;
+    ChildProcess bash;
+    bash.start({"/bin/bash", "-c", script, "_", asked.first});
+    bash.wait();
+    const std::string out = bash.out();
+    EXPECT_EQ(asked.second + "\n", out.substr(0, out.find('\n') + 1)) << asked.first;
   }
 }
 
