@@ -55,15 +55,10 @@ struct Gate {
 // that a gate that keeps a connection open by mistake fails the test
 // instead of hanging it.
 int connectTo(int port) {
-  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address = {};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(static_cast<uint16_t>(port));
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  const int fd = connectToLoopback(port);
+  EXPECT_GE(fd, 0) << "no connection to port " << port;
   timeval wait = {20, 0};
   setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
-  EXPECT_EQ(0,
-            connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address));
   return fd;
 }
 

@@ -12,6 +12,8 @@
 #include <future>
 #include <iostream>
 
+#include "testing/TempDir.h"
+
 extern char** environ;
 
 ChildProcess::ChildProcess() = default;
@@ -141,17 +143,10 @@ int ChildProcess::shellStatus() const {
   return WIFEXITED(status_) ? WEXITSTATUS(status_) : 128 + WTERMSIG(status_);
 }
 
+// Read through a descriptor of its own, from the start, whatever the child's
+// writes did to the shared offset.
 std::string ChildProcess::contents(int fd) {
-  std::string text;
-  if (fd < 0) return text;
-  char buffer[8192];
-  off_t offset = 0;
-  ssize_t n;
-  while ((n = pread(fd, buffer, sizeof buffer, offset)) > 0) {
-    text.append(buffer, static_cast<size_t>(n));
-    offset += n;
-  }
-  return text;
+  return fd < 0 ? "" : TempDir::readFile("/proc/self/fd/" + std::to_string(fd));
 }
 
 std::string ChildProcess::out() const { return contents(out_); }

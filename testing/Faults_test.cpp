@@ -126,9 +126,21 @@ class FaultTest : public WidgetSandbox {
 
   // A driver's end: a crash or a hang is counted, whatever else the case
   // expects of it.
-  static void ended(Tally& t, const Driver& driver, const char* who) {
-    if (driver.hung()) t.count("hangs", std::string("hung:") + who);
-    if (driver.crashed()) t.count("crashes", std::string("crashed:") + who);
+  static void ended(Tally& t, const Driver& driver, const std::string& who) {
+    if (driver.hung()) t.count("hangs", "hung:" + who);
+    if (driver.crashed()) t.count("crashes", "crashed:" + who);
+  }
+
+  // The same, and then the end counted as ok when the driver exited with 0,
+  // as notOk otherwise (with what it printed, unless that end is one of the
+  // expected ones).
+  static void ended(Tally& t, const Driver& driver, const std::string& ok,
+                    const std::string& notOk, bool explain = true) {
+    ended(t, driver, notOk);
+    if (driver.exitedWith(0))
+      t.count(ok);
+    else
+      t.count(notOk, explain ? notOk + ":" + driver.output() : "");
   }
 
   // One line with the trials and every count, and a failure for each count
@@ -168,15 +180,9 @@ TEST_F(FaultTest, SameURLRacedEndsWithOneWidget) {
     Driver b({"install", url});
     a.wait();
     b.wait();
-    ended(t, a, "a");
-    ended(t, b, "b");
     // Both answer the launch URL: one installed it, the other found it.
-    for (const Driver* d : {&a, &b}) {
-      if (d->exitedWith(0))
-        t.count("answered");
-      else
-        t.count("refused", "refused:" + d->output());
-    }
+    ended(t, a, "answered", "refused");
+    ended(t, b, "answered", "refused");
     if (count("SELECT COUNT(*) FROM Widgets") != 1) t.count("lost-rows", "rows");
     audit(t);
   }
@@ -232,14 +238,8 @@ TEST_F(FaultTest, DifferentWidgetsRacedAreBothInstalled) {
     Driver b({"install", calendarURL});
     a.wait();
     b.wait();
-    ended(t, a, "a");
-    ended(t, b, "b");
-    for (const Driver* d : {&a, &b}) {
-      if (d->exitedWith(0))
-        t.count("installed");
-      else
-        t.count("refused", "failed:" + d->output());
-    }
+    ended(t, a, "installed", "refused");
+    ended(t, b, "installed", "refused");
     audit(t);
   }
   report("different-widgets", t, {{"installed", 2 * kTrials}, {"refused", 0}});
@@ -293,18 +293,10 @@ TEST_F(FaultTest, InstallRacedWithRemovalLeavesAWholeWidgetOrNone) {
     Driver b({"remove", "clock"});
     a.wait();
     b.wait();
-    ended(t, a, "install");
-    ended(t, b, "remove");
     // The installation always succeeds; the removal finds the widget or
     // does not.
-    if (a.exitedWith(0))
-      t.count("installed");
-    else
-      t.count("install-refused", "install:" + a.output());
-    if (b.exitedWith(0))
-      t.count("removed");
-    else
-      t.count("not-removed");
+    ended(t, a, "installed", "install-refused");
+    ended(t, b, "removed", "not-removed", false);
     audit(t);
   }
   // The removal comes before or after the installation took the name: each
@@ -335,16 +327,8 @@ TEST_F(FaultTest, InstallWaitsForAnotherConnectionsExclusiveLock) {
     sqlite3_close(holder);
     install.wait();
     lookup.wait();
-    ended(t, install, "install");
-    ended(t, lookup, "lookup");
-    if (install.exitedWith(0))
-      t.count("installed");
-    else
-      t.count("install-refused", "install:" + install.output());
-    if (lookup.exitedWith(0))
-      t.count("found");
-    else
-      t.count("lookup-said-no", "lookup:" + lookup.output());
+    ended(t, install, "installed", "install-refused");
+    ended(t, lookup, "found", "lookup-said-no");
   }
   audit(t);
   report("exclusive-lock", t,
@@ -388,15 +372,11 @@ TEST_F(FaultTest, RegistryChangedUnderALiveEngineIsNoCrash) {
       close(fd);
     }
     watch.wait();
-    ended(t, watch, change);
-    if (watch.exitedWith(0))
-      t.count("lived");
-    else
-      t.count("failed", std::string(change) + ":" + watch.output());
+    ended(t, watch, "lived", std::string("failed-") + change);
   }
   chmod(db.c_str(), 0644);
   report("registry-changed", t,
-         {{"lived", static_cast<int>(sizeof changes / sizeof *changes)}, {"failed", 0}});
+         {{"lived", static_cast<int>(sizeof changes / sizeof *changes)}});
 }
 
 TEST_F(FaultTest, KilledInstallsLeaveNothingForEver) {
@@ -430,21 +410,13 @@ TEST_F(FaultTest, KilledInstallsLeaveNothingForEver) {
     // The next installation, of another widget, cleans up after it.
     Driver next({"install", other});
     next.wait();
-    ended(t, next, "next");
-    if (next.exitedWith(0))
-      t.count("next-installed");
-    else
-      t.count("next-failed", "next-failed:" + next.output());
+    ended(t, next, "next-installed", "next-failed");
     audit(t);
     // A widget that was registered before the kill stays whole; one that
     // was not can be installed again.
     Driver again({"install", url});
     again.wait();
-    ended(t, again, "again");
-    if (again.exitedWith(0))
-      t.count("reinstalled");
-    else
-      t.count("not-reinstallable", "not-reinstallable:" + again.output());
+    ended(t, again, "reinstalled", "not-reinstallable");
     audit(t);
   }
   std::printf("faults: kill points spread over %ld us, %d of %d left files behind\n",
@@ -474,15 +446,12 @@ TEST_F(FaultTest, FullFileSystemUnderTheRegistryNeverReportsALostInstall) {
     const std::string name = "w" + std::to_string(i);
     Driver install({"install", clock(name + ".wgt", "<p>" + name + "</p>", 300)});
     install.wait();
-    ended(t, install, name.c_str());
+    ended(t, install, "installed", "refused", false);
     const int rows = count("SELECT COUNT(*) FROM Widgets WHERE name='" + name + "'");
-    if (install.exitedWith(0)) {
-      t.count("installed");
-      if (rows != 1) t.count("lost-rows", "reported-but-missing:" + name);
-    } else {
-      t.count("refused");
-      if (rows != 0) t.count("leftovers", "refused-but-registered:" + name);
-    }
+    if (install.exitedWith(0) && rows != 1)
+      t.count("lost-rows", "reported-but-missing:" + name);
+    if (!install.exitedWith(0) && rows != 0)
+      t.count("leftovers", "refused-but-registered:" + name);
     audit(t);
   }
   umount2(conf.c_str(), MNT_DETACH);

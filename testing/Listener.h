@@ -45,4 +45,8 @@ class Listener {
   int port_;
 };
 
+// A client's connection to port on 127.0.0.1, blocking and closed on exec;
+// -1 when it is refused.
+int connectToLoopback(int port);
+
 #endif  // WIDGETENGINE_TESTING_LISTENER_H_

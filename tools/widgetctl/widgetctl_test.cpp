@@ -86,11 +86,19 @@ class WidgetctlTest : public WidgetSandbox {
     child.start(argv);
   }
 
-  // A check's folder in tmp holds its mark of being in use.
-  bool checkFolderMarked() {
-    for (const std::string& name : TempDir::listDirectory(tmp))
-      if (TempDir::exists(tmp + "/" + name + "/.alive")) return true;
-    return false;
+  // Starts `widgetctl check package` in child; passes once the check has
+  // made its folder in tmp and marked it as in use.
+  ::testing::AssertionResult startCheckAndWaitForItsFolder(ChildProcess& child,
+                                                           const std::string& package) {
+    FileWatch watch(tmp);
+    start(child, {"check", package});
+    const bool marked = watch.waitFor([&] {
+      for (const std::string& name : TempDir::listDirectory(tmp))
+        if (TempDir::exists(tmp + "/" + name + "/.alive")) return true;
+      return false;
+    });
+    if (marked) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "the check never made its folder";
   }
 
   // When set, runs go through time(1), which writes the peak resident
@@ -537,11 +545,8 @@ TEST_F(WidgetctlTest, InterruptedCheckRemovesItsTemporaryFolder) {
   int interrupted = 0, finished = 0;
   for (int i = 0; i < kChecks; ++i) {
     // Ctrl-C once the check has made and marked its folder.
-    FileWatch watch(tmp);
     ChildProcess check;
-    start(check, {"check", package});
-    ASSERT_TRUE(watch.waitFor([&] { return checkFolderMarked(); }))
-        << "the check never made its folder";
+    ASSERT_TRUE(startCheckAndWaitForItsFolder(check, package));
     check.kill(SIGINT);
     check.wait();
     if (check.shellStatus() == 128 + SIGINT)
@@ -801,11 +806,8 @@ TEST_F(WidgetctlTest, CheckRemovesTheFoldersOfKilledChecks) {
   for (int i = 0; i < 3000; ++i) big.addFile("f/" + std::to_string(i) + ".txt", std::string(3000, 'a'));
   const std::string package = writePackage("big.wgt", big);
   // Killed outright once its folder is marked as in use.
-  FileWatch watch(tmp);
   ChildProcess check;
-  start(check, {"check", package});
-  ASSERT_TRUE(watch.waitFor([&] { return checkFolderMarked(); }))
-      << "the check never made its folder";
+  ASSERT_TRUE(startCheckAndWaitForItsFolder(check, package));
   check.kill(SIGKILL);
   check.wait();
   ASSERT_TRUE(check.crashed()) << "the check ended before the signal";
