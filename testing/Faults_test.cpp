@@ -48,6 +48,17 @@ class Driver : public ChildProcess {
   std::string output() const { return out(); }
 };
 
+// Two installations started together, both ended.
+struct InstallRace {
+  InstallRace(const std::string& firstURL, const std::string& secondURL)
+      : a({"install", firstURL}), b({"install", secondURL}) {
+    a.wait();
+    b.wait();
+  }
+  Driver a;
+  Driver b;
+};
+
 class FaultTest : public WidgetSandbox {
  protected:
   std::string clock(const std::string& fileName, const std::string& page,
@@ -176,13 +187,10 @@ TEST_F(FaultTest, SameURLRacedEndsWithOneWidget) {
   Tally t;
   for (int i = 0; i < kTrials; ++i, ++t.trials) {
     wipe();
-    Driver a({"install", url});
-    Driver b({"install", url});
-    a.wait();
-    b.wait();
+    InstallRace race(url, url);
     // Both answer the launch URL: one installed it, the other found it.
-    ended(t, a, "answered", "refused");
-    ended(t, b, "answered", "refused");
+    ended(t, race.a, "answered", "refused");
+    ended(t, race.b, "answered", "refused");
     if (count("SELECT COUNT(*) FROM Widgets") != 1) t.count("lost-rows", "rows");
     audit(t);
   }
@@ -196,18 +204,15 @@ TEST_F(FaultTest, SameNameRacedKeepsTheFirstAndRefusesTheSecond) {
   Tally t;
   for (int i = 0; i < kTrials; ++i, ++t.trials) {
     wipe();
-    Driver a({"install", first});
-    Driver b({"install", second});
-    a.wait();
-    b.wait();
-    ended(t, a, "a");
-    ended(t, b, "b");
+    InstallRace race(first, second);
+    ended(t, race.a, "first");
+    ended(t, race.b, "second");
     // One wins; the other is refused with the reason.
-    const bool aWon = a.exitedWith(0);
-    const bool bWon = b.exitedWith(0);
+    const bool aWon = race.a.exitedWith(0);
+    const bool bWon = race.b.exitedWith(0);
     if (aWon != bWon) {
       t.count("won");
-      const std::string loser = aWon ? b.output() : a.output();
+      const std::string loser = aWon ? race.b.output() : race.a.output();
       if (loser.find("is taken by the widget installed from") != std::string::npos)
         t.count("refused");
       else
@@ -234,12 +239,9 @@ TEST_F(FaultTest, DifferentWidgetsRacedAreBothInstalled) {
   Tally t;
   for (int i = 0; i < kTrials; ++i, ++t.trials) {
     wipe();  // a new registry each time: both create its tables at once
-    Driver a({"install", clockURL});
-    Driver b({"install", calendarURL});
-    a.wait();
-    b.wait();
-    ended(t, a, "installed", "refused");
-    ended(t, b, "installed", "refused");
+    InstallRace race(clockURL, calendarURL);
+    ended(t, race.a, "installed", "refused");
+    ended(t, race.b, "installed", "refused");
     audit(t);
   }
   report("different-widgets", t, {{"installed", 2 * kTrials}, {"refused", 0}});
