@@ -28,8 +28,8 @@
 #include "install/WidgetUnInstaller.h"
 #include "registry/SqlLite3.h"
 #include "testing/CaptureStdout.h"
-#include "testing/NextSecond.h"
 #include "testing/ConfigXml.h"
+#include "testing/NextSecond.h"
 #include "testing/ScopedEnv.h"
 #include "testing/TempDir.h"
 #include "testing/WidgetSandbox.h"
@@ -65,6 +65,21 @@ bool waitsForTheLock(const std::string& path) {
     std::this_thread::yield();
   }
   return false;
+}
+
+// isWidget's answer for url, asked now and again each time the monotonic
+// second moves on until it is wanted (three seconds at most): an engine
+// looks again at a registry file that another program changed once the
+// second has moved on. mapResource is asked along, and must not fault.
+int answerOnceSeen(RefPtr<WebWidgetEngineDelegate>& engine, const char* url,
+                   int wanted) {
+  int answer = engine->isWidget(url);
+  for (int second = 0; second < 3 && answer != wanted; ++second) {
+    waitForTheNextSecond();
+    EngineString mapped(engine->mapResource(url, "fr"));
+    answer = engine->isWidget(url);
+  }
+  return answer;
 }
 
 class InstallLockTest : public WidgetSandbox {
@@ -309,19 +324,9 @@ TEST_F(InstallLockTest, TruncatedOrReplacedRegistryUnderALiveEngineIsNoCrash) {
   ASSERT_TRUE(launch);
   ASSERT_EQ(1, engine->isWidget(launch.get()));
   // What another program does to the file is seen once the engine looks at
-  // the file again, when the second has moved on (three of them at most
-  // here); until then the lookups may answer from memory, and no lookup
+  // it again; until then the lookups may answer from memory, and no lookup
   // faults.
-  const auto gone = [&] {
-    int answer = 1;
-    for (int second = 0; second < 3 && answer != 0; ++second) {
-      if (second > 0) waitForTheNextSecond();
-      EngineString mapped(engine->mapResource(launch.get(), "fr"));
-      answer = engine->isWidget(launch.get());
-    }
-    return answer == 0;
-  };
-
+  const auto gone = [&] { return answerOnceSeen(engine, launch.get(), 0) == 0; };
   ASSERT_EQ(0, truncate((conf + "widget.db").c_str(), 0));
   EXPECT_TRUE(gone());
   EngineString mapped(engine->mapResource(launch.get(), "fr"));
@@ -346,14 +351,9 @@ TEST_F(InstallLockTest, RegistryReplacedUnderALiveEngineIsFollowed) {
   ASSERT_EQ(1, engine->deleteWidget("clock", nullptr));
   ASSERT_EQ(0, engine->isWidget(launch.get()));
   // A copy taken earlier is put back, as a restore would: seen once the
-  // engine looks at the file again, when the second has moved on.
+  // engine looks at the file again.
   ASSERT_EQ(0, rename((conf + "saved.db").c_str(), (conf + "widget.db").c_str()));
-  int answer = 0;
-  for (int second = 0; second < 3 && answer != 1; ++second) {
-    waitForTheNextSecond();
-    answer = engine->isWidget(launch.get());
-  }
-  EXPECT_EQ(1, answer);
+  EXPECT_EQ(1, answerOnceSeen(engine, launch.get(), 1));
 }
 
 TEST_F(InstallLockTest, LookupWaitsForAnotherProcessesWriteLock) {
@@ -397,13 +397,8 @@ TEST_F(InstallLockTest, EngineCreatedOnALockedRegistryRecoversLater) {
   EXPECT_EQ(0, engine->isWidget(launch.c_str()));
   sqlite3_exec(holder, "COMMIT", nullptr, nullptr, nullptr);
   sqlite3_close(holder);
-  // Tried again at most once a second (three of them at most here).
-  int answer = 0;
-  for (int second = 0; second < 3 && answer != 1; ++second) {
-    waitForTheNextSecond();
-    answer = engine->isWidget(launch.c_str());
-  }
-  EXPECT_EQ(1, answer);
+  // Tried again at most once a second.
+  EXPECT_EQ(1, answerOnceSeen(engine, launch.c_str(), 1));
 }
 
 TEST_F(InstallLockTest, RelativeRegistryPathStaysPutWhenTheWorkingDirectoryMoves) {
