@@ -25,6 +25,9 @@
 #include <vector>
 
 #include "registry/ChangeCounter.h"
+#include "registry/DatabaseHeader.h"
+#include "registry/WidgetFileSet.h"
+#include "registry/WidgetIndex.h"
 
 class LookupCache {
  public:
@@ -68,9 +71,8 @@ class LookupCache {
   // copies, when given, is set when one widget alone has the file and the
   // directory given back is all of its own: then hasCopy() answers for
   // hasFile() on "locales/<language>/<the rest of path>".
-  struct FileSet;
   struct Copies {
-    const FileSet* set = nullptr;
+    const WidgetFileSet* set = nullptr;
     uint32_t entry = 0;
     // Whether path holds a "'", told from the directory and file texts it
     // was found equal to, so that the caller need not read it again.
@@ -107,29 +109,17 @@ class LookupCache {
   size_t memoryUsed() const;
 
  private:
-  struct Widget;
-  // An open-addressing table of entry numbers + 1 (0 = free slot).
-  struct Table {
-    std::vector<uint32_t> slots;
-    uint32_t mask = 0;
-    void reset(size_t entries);
-  };
-
-  bool readCounter(sqlite3* db, uint32_t& value);
   bool reload(sqlite3* db);
-  bool load(sqlite3* db, bool& standard);
   void clear();
   bool unchangedSinceLastLook(ChangeCounter* shared, time_t second);
   bool look(sqlite3* db, ChangeCounter* shared, time_t second);
 
-  uint32_t addText(const unsigned char* text, size_t length);
   // The files of a widget id, read on first use; null when they cannot be.
-  FileSet* filesOf(int64_t widgetId);
+  WidgetFileSet* filesOf(int64_t widgetId);
   // Adds what the files of widget number index say of the file at path.
   bool consider(uint32_t index, const char* path, size_t length,
                 int64_t& first, uint32_t& firstWidget, int64_t& last,
                 uint32_t& lastWidget, Copies& found);
-  static void findCopies(FileSet& files);
 
   // Bytes of widget files kept in memory at most: as much as SQLite's own
   // page cache, so that a browser that looks at every widget of a large
@@ -139,18 +129,13 @@ class LookupCache {
   enum State { kEmpty, kLoaded, kUnusable };
   State state_;
   uint32_t counter_;  // the header's counter when the widgets were read
-  int fd_;            // the registry file, for reading its header
+  DatabaseHeader header_;  // the registry file, for reading its counter
   sqlite3* db_;       // the connection the widgets were read from
   uint32_t seen_;     // the shared counter when the header was last read
   time_t lookedAt_;   // the second (monotonic) the header was last read
 
-  std::vector<char> arena_;
-  std::vector<Widget> widgets_;
-  Table byLaunchURL_;
-  Table byDirectory_;                  // directories that end in '/'
-  std::vector<uint32_t> dirLengths_;   // their lengths, ascending, once each
-  std::vector<uint32_t> otherDirs_;    // every other directory
-  std::unordered_map<int64_t, std::unique_ptr<FileSet>> files_;
+  WidgetIndex widgets_;
+  std::unordered_map<int64_t, std::unique_ptr<WidgetFileSet>> files_;
   size_t filesBytes_;
 };
 

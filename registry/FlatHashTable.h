@@ -1,0 +1,64 @@
+// SPDX-License-Identifier: Apache-2.0
+// FlatHashTable is the index under each table of the lookup cache: open
+// addressing with linear probing over a power of two of slots, kept at most
+// half full, each slot a 32-bit entry number. It holds no keys: the entries
+// live in a vector of the caller's, the caller hashes a key (registry/KeyHash.h)
+// and says, given an entry number, whether that entry has the key. Entries
+// are added, never removed; reset() starts over for a new set.
+//
+//   FlatHashTable table;
+//   table.reset(rows.size());
+//   for (uint32_t i = 0; i < rows.size(); ++i)
+//     table.insert(hashOf(rows[i]), i, [&](uint32_t e) { return rows[e] == rows[i]; });
+//   uint32_t e = table.find(hashOf(key), [&](uint32_t e) { return rows[e] == key; });
+//   if (e != FlatHashTable::kNone) ...
+#ifndef WIDGETENGINE_FLATHASHTABLE_H_
+#define WIDGETENGINE_FLATHASHTABLE_H_
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+class FlatHashTable {
+ public:
+  static constexpr uint32_t kNone = UINT32_MAX;
+
+  // Empties the table and sizes it for up to entries entries.
+  void reset(size_t entries);
+
+  // The entry with the key (has(entry) true), or kNone. An empty or never
+  // reset table finds nothing.
+  template <typename Has>
+  uint32_t find(uint64_t hash, Has has) const {
+    if (slots_.empty()) return kNone;
+    for (uint32_t slot = static_cast<uint32_t>(hash) & mask_;;
+         slot = (slot + 1) & mask_) {
+      const uint32_t held = slots_[slot];
+      if (held == 0) return kNone;
+      if (has(held - 1)) return held - 1;
+    }
+  }
+
+  // Adds entry unless an entry with the same key (has(other) true) is there
+  // already; gives back the entry that holds the key then: entry itself
+  // when it was added, the earlier one otherwise. At most as many entries
+  // as reset() was told of may be added.
+  template <typename Has>
+  uint32_t insert(uint64_t hash, uint32_t entry, Has has) {
+    uint32_t slot = static_cast<uint32_t>(hash) & mask_;
+    for (; slots_[slot] != 0; slot = (slot + 1) & mask_) {
+      if (has(slots_[slot] - 1)) return slots_[slot] - 1;
+    }
+    slots_[slot] = entry + 1;
+    return entry;
+  }
+
+  // Bytes of heap the slots hold.
+  size_t memoryUsed() const { return slots_.capacity() * sizeof(uint32_t); }
+
+ private:
+  std::vector<uint32_t> slots_;  // entry numbers + 1; 0 is a free slot
+  uint32_t mask_ = 0;
+};
+
+#endif  // WIDGETENGINE_FLATHASHTABLE_H_
