@@ -12,12 +12,18 @@
 //     table.insert(hashOf(rows[i]), i, [&](uint32_t e) { return rows[e] == rows[i]; });
 //   uint32_t e = table.find(hashOf(key), [&](uint32_t e) { return rows[e] == key; });
 //   if (e != FlatHashTable::kNone) ...
+//
+// Keys that are texts have findText() and insertText(), given the key's
+// text and, for an entry, the keyhash::StoredKey it keeps: the check half
+// of the hash rejects most other entries without touching their text.
 #ifndef WIDGETENGINE_FLATHASHTABLE_H_
 #define WIDGETENGINE_FLATHASHTABLE_H_
 
 #include <cstddef>
 #include <cstdint>
 #include <vector>
+
+#include "registry/KeyHash.h"
 
 class FlatHashTable {
  public:
@@ -53,10 +59,34 @@ class FlatHashTable {
     return entry;
   }
 
+  // find() and insert() for a text key: keyOf(entry) gives an entry's
+  // keyhash::StoredKey, hash is the key's.
+  template <typename KeyOf>
+  uint32_t findText(uint64_t hash, const char* text, size_t length, KeyOf keyOf) const {
+    return find(hash, SameText<KeyOf>{keyhash::check(hash), text, length, keyOf});
+  }
+  template <typename KeyOf>
+  uint32_t insertText(uint64_t hash, uint32_t entry, const char* text, size_t length,
+                      KeyOf keyOf) {
+    return insert(hash, entry, SameText<KeyOf>{keyhash::check(hash), text, length, keyOf});
+  }
+
   // Bytes of heap the slots hold.
   size_t memoryUsed() const { return slots_.capacity() * sizeof(uint32_t); }
 
  private:
+  template <typename KeyOf>
+  struct SameText {
+    uint32_t check;
+    const char* text;
+    size_t length;
+    const KeyOf& keyOf;
+    bool operator()(uint32_t entry) const {
+      const keyhash::StoredKey held = keyOf(entry);
+      return held.check == check && keyhash::sameText(held.text, held.length, text, length);
+    }
+  };
+
   std::vector<uint32_t> slots_;  // entry numbers + 1; 0 is a free slot
   uint32_t mask_ = 0;
 };

@@ -55,6 +55,13 @@ inline uint64_t directory(const char* p, size_t n) {
 // entry, it rejects most mismatches without touching the text.
 inline uint32_t check(uint64_t hash) { return static_cast<uint32_t>(hash >> 32); }
 
+// A key as a table's entry keeps it: its check and its text.
+struct StoredKey {
+  uint32_t check;
+  const char* text;
+  size_t length;
+};
+
 inline bool sameText(const char* a, size_t aLength, const char* b, size_t bLength) {
   if (aLength != bLength) return false;
   size_t n = aLength;

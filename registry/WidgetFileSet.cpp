@@ -46,11 +46,9 @@ void WidgetFileSet::index(const std::vector<uint64_t>& hashes) {
   for (size_t i = 0; i < entries_.size(); ++i) {
     const Entry& e = entries_[i];
     const uint32_t next = static_cast<uint32_t>(kept.size());
-    const uint32_t holder = table_.insert(hashes[i], next, [&](uint32_t other) {
-      return kept[other].check == e.check &&
-             keyhash::sameText(text_.data() + kept[other].offset, kept[other].length,
-                               text_.data() + e.offset, e.length);
-    });
+    const uint32_t holder =
+        table_.insertText(hashes[i], next, text_.data() + e.offset, e.length,
+                          [&](uint32_t other) { return keyOf(kept[other]); });
     if (holder == next) {
       kept.push_back(e);
     } else {

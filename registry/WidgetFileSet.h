@@ -38,13 +38,9 @@ class WidgetFileSet {
 
   // The entry of exactly this path, or null.
   const Entry* find(const char* path, size_t length) const {
-    const uint64_t hash = keyhash::text(path, length);
-    const uint32_t want = keyhash::check(hash);
-    const uint32_t entry = table_.find(hash, [&](uint32_t e) {
-      const Entry& held = entries_[e];
-      return held.check == want &&
-             keyhash::sameText(text_.data() + held.offset, held.length, path, length);
-    });
+    const uint32_t entry = table_.findText(
+        keyhash::text(path, length), path, length,
+        [this](uint32_t e) { return keyOf(entries_[e]); });
     return entry == FlatHashTable::kNone ? nullptr : &entries_[entry];
   }
 
@@ -67,6 +63,9 @@ class WidgetFileSet {
     bool inside;      // whether a browser reads the copy's path as inside
   };
 
+  keyhash::StoredKey keyOf(const Entry& e) const {
+    return {e.check, text_.data() + e.offset, e.length};
+  }
   void index(const std::vector<uint64_t>& hashes);
   void findCopies();
 

@@ -34,6 +34,17 @@ uint32_t WidgetIndex::addText(const unsigned char* text, size_t length) {
   return offset;
 }
 
+// Keeps a text column's bytes; gives them back, or null for a NULL.
+const unsigned char* WidgetIndex::addColumn(sqlite3_stmt* row, int column,
+                                            uint32_t& offset, uint32_t& length) {
+  const unsigned char* text = sqlite3_column_text(row, column);
+  if (!text) return nullptr;
+  const size_t bytes = static_cast<size_t>(sqlite3_column_bytes(row, column));
+  offset = addText(text, bytes);
+  length = static_cast<uint32_t>(bytes);
+  return text;
+}
+
 bool WidgetIndex::load(sqlite3* db, bool& standard) {
   int matching = 0;
   bool ok = eachRow(db, statements::kSchemaTables, [&](sqlite3_stmt* s) {
@@ -57,23 +68,14 @@ bool WidgetIndex::load(sqlite3* db, bool& standard) {
   ok = eachRow(db, statements::kIndexWidgets, [&](sqlite3_stmt* s) {
     Widget w = {};
     w.id = sqlite3_column_int64(s, 0);
-    const unsigned char* dir = sqlite3_column_text(s, 1);
+    const unsigned char* dir = addColumn(s, 1, w.dirOffset, w.dirLength);
     w.hasDir = dir != nullptr;
     if (dir) {
-      size_t length = static_cast<size_t>(sqlite3_column_bytes(s, 1));
-      w.dirOffset = addText(dir, length);
-      w.dirLength = static_cast<uint32_t>(length);
       w.dirTextLength = static_cast<uint32_t>(strnlen(
-          reinterpret_cast<const char*>(dir), length));
-      w.dirQuoted = memchr(dir, '\'', length) != nullptr;
+          reinterpret_cast<const char*>(dir), w.dirLength));
+      w.dirQuoted = memchr(dir, '\'', w.dirLength) != nullptr;
     }
-    const unsigned char* launch = sqlite3_column_text(s, 2);
-    w.hasLaunchURL = launch != nullptr;
-    if (launch) {
-      size_t length = static_cast<size_t>(sqlite3_column_bytes(s, 2));
-      w.launchOffset = addText(launch, length);
-      w.launchLength = static_cast<uint32_t>(length);
-    }
+    w.hasLaunchURL = addColumn(s, 2, w.launchOffset, w.launchLength) != nullptr;
     const unsigned char* name = sqlite3_column_text(s, 3);
     if (name) {
       size_t length = strnlen(reinterpret_cast<const char*>(name),
@@ -86,35 +88,28 @@ bool WidgetIndex::load(sqlite3* db, bool& standard) {
   });
   if (!ok) return false;
 
-  indexLaunchURLs();
-  indexDirectories();
+  index();
   arena_.shrink_to_fit();
   widgets_.shrink_to_fit();
   return true;
 }
 
-void WidgetIndex::indexLaunchURLs() {
+// Launch URLs by their whole text. Directories that end in '/' (all that the
+// engine writes) by their hash as a lookup computes it on the path up to
+// each of its slashes; the others are few and compared one by one.
+void WidgetIndex::index() {
   byLaunchURL_.reset(widgets_.size());
-  for (uint32_t i = 0; i < widgets_.size(); ++i) {
-    Widget& w = widgets_[i];
-    if (!w.hasLaunchURL) continue;
-    const char* key = arena_.data() + w.launchOffset;
-    const uint64_t hash = keyhash::text(key, w.launchLength);
-    w.launchCheck = keyhash::check(hash);
-    // A launch URL given twice is left to the earlier row, which answers.
-    byLaunchURL_.insert(hash, i, [&](uint32_t e) {
-      const Widget& other = widgets_[e];
-      return other.launchCheck == w.launchCheck &&
-             keyhash::sameText(arena_.data() + other.launchOffset,
-                               other.launchLength, key, w.launchLength);
-    });
-  }
-}
-
-void WidgetIndex::indexDirectories() {
   byDirectory_.reset(widgets_.size());
   for (uint32_t i = 0; i < widgets_.size(); ++i) {
     Widget& w = widgets_[i];
+    if (w.hasLaunchURL) {
+      const char* key = arena_.data() + w.launchOffset;
+      const uint64_t hash = keyhash::text(key, w.launchLength);
+      w.launchCheck = keyhash::check(hash);
+      // A launch URL given twice is left to the earlier row, which answers.
+      byLaunchURL_.insertText(hash, i, key, w.launchLength,
+                              [this](uint32_t e) { return launchKey(widgets_[e]); });
+    }
     if (!w.hasDir) continue;
     const char* dir = arena_.data() + w.dirOffset;
     if (w.dirLength == 0 || dir[w.dirLength - 1] != '/') {
@@ -124,12 +119,9 @@ void WidgetIndex::indexDirectories() {
     dirLengths_.push_back(w.dirLength);
     const uint64_t hash = keyhash::directory(dir, w.dirLength);
     w.dirCheck = keyhash::check(hash);
-    const uint32_t holder = byDirectory_.insert(hash, i, [&](uint32_t e) {
-      const Widget& other = widgets_[e];
-      return other.dirCheck == w.dirCheck &&
-             keyhash::sameText(arena_.data() + other.dirOffset, other.dirLength,
-                               dir, w.dirLength);
-    });
+    const uint32_t holder =
+        byDirectory_.insertText(hash, i, dir, w.dirLength,
+                                [this](uint32_t e) { return dirKey(widgets_[e]); });
     if (holder != i) {
       // The same bytes twice (a text and a blob): both join.
       Widget& other = widgets_[holder];
@@ -155,13 +147,9 @@ void WidgetIndex::clear() {
 
 bool WidgetIndex::nameByLaunchURL(const char* url, size_t length,
                                   std::string& name) const {
-  const uint64_t hash = keyhash::text(url, length);
-  const uint32_t want = keyhash::check(hash);
-  const uint32_t found = byLaunchURL_.find(hash, [&](uint32_t e) {
-    const Widget& w = widgets_[e];
-    return w.launchCheck == want &&
-           keyhash::sameText(arena_.data() + w.launchOffset, w.launchLength, url, length);
-  });
+  const uint32_t found =
+      byLaunchURL_.findText(keyhash::text(url, length), url, length,
+                            [this](uint32_t e) { return launchKey(widgets_[e]); });
   if (found == FlatHashTable::kNone) return false;
   const Widget& w = widgets_[found];
   name.assign(arena_.data() + w.nameOffset, w.nameLength);

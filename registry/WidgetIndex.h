@@ -70,9 +70,16 @@ class WidgetIndex {
   size_t memoryUsed() const;
 
  private:
+  keyhash::StoredKey launchKey(const Widget& w) const {
+    return {w.launchCheck, arena_.data() + w.launchOffset, w.launchLength};
+  }
+  keyhash::StoredKey dirKey(const Widget& w) const {
+    return {w.dirCheck, arena_.data() + w.dirOffset, w.dirLength};
+  }
   uint32_t addText(const unsigned char* text, size_t length);
-  void indexLaunchURLs();
-  void indexDirectories();
+  const unsigned char* addColumn(sqlite3_stmt* row, int column, uint32_t& offset,
+                                 uint32_t& length);
+  void index();
 
   std::vector<char> arena_;
   std::vector<Widget> widgets_;
@@ -90,13 +97,9 @@ bool WidgetIndex::eachOwnerOf(const char* path, size_t pathLength, Visit visit) 
   for (const uint32_t length : dirLengths_) {
     if (length > pathLength) break;
     if (path[length - 1] != '/') continue;
-    const uint64_t hash = keyhash::directory(path, length);
-    const uint32_t want = keyhash::check(hash);
-    const uint32_t found = byDirectory_.find(hash, [&](uint32_t e) {
-      const Widget& w = widgets_[e];
-      return w.dirCheck == want &&
-             keyhash::sameText(arena_.data() + w.dirOffset, w.dirLength, path, length);
-    });
+    const uint32_t found =
+        byDirectory_.findText(keyhash::directory(path, length), path, length,
+                              [this](uint32_t e) { return dirKey(widgets_[e]); });
     if (found == FlatHashTable::kNone) continue;
     for (uint32_t i = found + 1; i; i = widgets_[i - 1].sameDir) {
       if (!visit(i - 1)) return false;
