@@ -152,15 +152,6 @@ WidgetFileSet* LookupCache::filesOf(int64_t widgetId) {
   return result;
 }
 
-bool LookupCache::hasCopy(const Copies& copies, const std::string& locale) const {
-  return copies.set->hasCopy(copies.entry, locale);
-}
-
-bool LookupCache::nameByLaunchURL(const char* url, size_t length,
-                                  std::string& name) const {
-  return widgets_.nameByLaunchURL(url, length, name);
-}
-
 bool LookupCache::consider(uint32_t index, const char* path, size_t length,
                            int64_t& first, uint32_t& firstWidget, int64_t& last,
                            uint32_t& lastWidget, Copies& found) {

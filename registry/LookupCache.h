@@ -11,6 +11,9 @@
 // header cannot be trusted (a file shorter than its header, WAL mode, an
 // open transaction on the connection, a failed load) the caller runs the
 // statements instead.
+// The widgets' rows are a WidgetIndex, read whole at a load; each widget's
+// files a WidgetFileSet, read when a lookup first needs them and let go past
+// a budget. This class decides when they may answer and joins their answers.
 #ifndef WIDGETENGINE_LOOKUPCACHE_H_
 #define WIDGETENGINE_LOOKUPCACHE_H_
 
@@ -22,7 +25,6 @@
 #include <memory>
 #include <string>
 #include <unordered_map>
-#include <vector>
 
 #include "registry/ChangeCounter.h"
 #include "registry/DatabaseHeader.h"
@@ -57,7 +59,9 @@ class LookupCache {
   static time_t coarseSecond();
 
   // The name of the first widget (in id order) whose launch URL is url.
-  bool nameByLaunchURL(const char* url, size_t length, std::string& name) const;
+  bool nameByLaunchURL(const char* url, size_t length, std::string& name) const {
+    return widgets_.nameByLaunchURL(url, length, name);
+  }
   bool nameByLaunchURL(const std::string& url, std::string& name) const {
     return nameByLaunchURL(url.data(), url.size(), name);
   }
@@ -89,7 +93,9 @@ class LookupCache {
   // Whether the file that fileOwner() found has a copy in locale whose path
   // a browser reads as inside the widget. Valid until the next call of any
   // other method.
-  bool hasCopy(const Copies& copies, const std::string& locale) const;
+  bool hasCopy(const Copies& copies, const std::string& locale) const {
+    return copies.set->hasCopy(copies.entry, locale);
+  }
 
   // Whether a file row of widgetId has exactly path: 1 yes, 0 no, -1 as
   // above.
