@@ -59,7 +59,12 @@ while IFS= read -r page; do
     case "$allowed" in *" $symbol "*) continue ;; esac
     missing=
     for word in $(echo "$symbol" | sed 's/::/ /g; s/\./ /g'); do
-      grep -qxF -- "$word" "$words" || missing=$word
+      case "$word" in
+        # A constant or variable may be named by its end after a prefix the
+        # page has already given (`PEAK_MEMORY` of WIDGET_BROWSER_PEAK_MEMORY).
+        *[a-z]*) grep -qxF -- "$word" "$words" || missing=$word ;;
+        *) grep -qE -- "(^|_)$word\$" "$words" || missing=$word ;;
+      esac
     done
     # A member, `Class::member`, must be the member of that class: written
     # so where it is defined, or named in the class's own files.
