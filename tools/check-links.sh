@@ -11,13 +11,22 @@ status=0
 
 # Every word of the tree outside the pages themselves, and the names of its
 # files (a program is named after its source): a symbol a page names must be
-# one of them.
-words=$(mktemp)
-trap 'rm -f "$words"' EXIT
-{
+# one of them. A constant or variable may also be named by its end after a
+# prefix the page has already given (`PEAK_MEMORY` of
+# WIDGET_BROWSER_PEAK_MEMORY).
+declare -A known=() known_end=()
+while IFS= read -r word; do
+  [ -n "$word" ] || continue
+  known[$word]=1
+  case "$word" in *[a-z]*) continue ;; esac
+  while [[ $word == *_* ]]; do
+    word=${word#*_}
+    [ -n "$word" ] && known_end[$word]=1
+  done
+done < <({
   git ls-files -z | grep -zv '\.md$' | xargs -0 grep -ohIE '[A-Za-z_][A-Za-z0-9_]*'
   git ls-files | sed 's#.*/##; s#\..*##'
-} | sort -u > "$words"
+} | sort -u)
 
 # Names in backquotes that look like symbols and are not: the example names
 # of the pages.
@@ -58,13 +67,8 @@ while IFS= read -r page; do
   while IFS= read -r symbol; do
     case "$allowed" in *" $symbol "*) continue ;; esac
     missing=
-    for word in $(echo "$symbol" | sed 's/::/ /g; s/\./ /g'); do
-      case "$word" in
-        # A constant or variable may be named by its end after a prefix the
-        # page has already given (`PEAK_MEMORY` of WIDGET_BROWSER_PEAK_MEMORY).
-        *[a-z]*) grep -qxF -- "$word" "$words" || missing=$word ;;
-        *) grep -qE -- "(^|_)$word\$" "$words" || missing=$word ;;
-      esac
+    for word in ${symbol//[:.]/ }; do
+      [ -n "${known[$word]:-}" ] || [ -n "${known_end[$word]:-}" ] || missing=$word
     done
     # A member, `Class::member`, must be the member of that class: written
     # so where it is defined, or named in the class's own files.
