@@ -32,6 +32,19 @@ std::vector<int64_t> owners(WidgetIndex& index, const std::string& path) {
   return ids;
 }
 
+// The name the launch URL gives, in brackets, or "none".
+std::string nameFor(const WidgetIndex& index, const std::string& url) {
+  std::string name;
+  return index.nameByLaunchURL(url.data(), url.size(), name) ? "[" + name + "]" : "none";
+}
+
+// Loads the rows; whether the tables were of the engine's shape.
+bool loadsStandard(WidgetIndex& index, Raw& raw) {
+  bool standard = false;
+  EXPECT_TRUE(index.load(raw.handle(), standard));
+  return standard;
+}
+
 TEST_F(RegistryTest, WidgetIndexAnswersLaunchURLsAndDirectoriesOfItsRows) {
   { SqlLite3 create; }
   Raw raw(dbPath());
@@ -44,17 +57,11 @@ TEST_F(RegistryTest, WidgetIndexAnswersLaunchURLsAndDirectoriesOfItsRows) {
                      "(5, '/w/plain', 'file:///w/plain/index.html', NULL),"
                      "(6, NULL, NULL, 'nowhere')"));
   WidgetIndex index;
-  bool standard = false;
-  ASSERT_TRUE(index.load(raw.handle(), standard));
-  ASSERT_TRUE(standard);
+  ASSERT_TRUE(loadsStandard(index, raw));
 
-  std::string name;
-  EXPECT_TRUE(index.nameByLaunchURL("file:///w/a/index.html", 22, name));
-  EXPECT_EQ("a", name);
-  const std::string plain = "file:///w/plain/index.html";
-  EXPECT_TRUE(index.nameByLaunchURL(plain.data(), plain.size(), name));
-  EXPECT_EQ("", name);
-  EXPECT_FALSE(index.nameByLaunchURL("file:///w/a/index.htm", 21, name));
+  EXPECT_EQ("[a]", nameFor(index, "file:///w/a/index.html"));
+  EXPECT_EQ("[]", nameFor(index, "file:///w/plain/index.html"));
+  EXPECT_EQ("none", nameFor(index, "file:///w/a/index.htm"));
 
   EXPECT_EQ((std::vector<int64_t>{1, 2}), owners(index, "/w/a/b/x.html"));
   EXPECT_EQ((std::vector<int64_t>{1}), owners(index, "/w/a/x.html"));
@@ -72,7 +79,7 @@ TEST_F(RegistryTest, WidgetIndexAnswersLaunchURLsAndDirectoriesOfItsRows) {
   EXPECT_EQ(1, visits);
 
   index.clear();
-  EXPECT_FALSE(index.nameByLaunchURL("file:///w/a/index.html", 22, name));
+  EXPECT_EQ("none", nameFor(index, "file:///w/a/index.html"));
   EXPECT_EQ((std::vector<int64_t>{}), owners(index, "/w/a/x.html"));
 }
 
@@ -83,11 +90,8 @@ TEST_F(RegistryTest, WidgetIndexReadsNoRowsOfTablesOfAnotherShape) {
                                 "VALUES (1, '/w/a/', 'file:///w/a/index.html', 'a')"));
   ASSERT_EQ(SQLITE_OK, raw.exec("ALTER TABLE Widgets ADD COLUMN extra TEXT"));
   WidgetIndex index;
-  bool standard = true;
-  ASSERT_TRUE(index.load(raw.handle(), standard));
-  EXPECT_FALSE(standard);
-  std::string name;
-  EXPECT_FALSE(index.nameByLaunchURL("file:///w/a/index.html", 22, name));
+  EXPECT_FALSE(loadsStandard(index, raw));
+  EXPECT_EQ("none", nameFor(index, "file:///w/a/index.html"));
 }
 
 }  // namespace
