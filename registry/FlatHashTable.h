@@ -29,6 +29,12 @@ class FlatHashTable {
  public:
   static constexpr uint32_t kNone = UINT32_MAX;
 
+  FlatHashTable() = default;
+  FlatHashTable(FlatHashTable&&) = default;
+  FlatHashTable& operator=(FlatHashTable&&) = default;
+  FlatHashTable(const FlatHashTable&) = delete;
+  FlatHashTable& operator=(const FlatHashTable&) = delete;
+
   // Empties the table and sizes it for up to entries entries.
   void reset(size_t entries);
 
@@ -36,7 +42,6 @@ class FlatHashTable {
   // reset table finds nothing.
   template <typename Has>
   uint32_t find(uint64_t hash, Has has) const {
-    if (slots_.empty()) return kNone;
     for (uint32_t slot = static_cast<uint32_t>(hash) & mask_;;
          slot = (slot + 1) & mask_) {
       const uint32_t held = slots_[slot];
@@ -52,10 +57,10 @@ class FlatHashTable {
   template <typename Has>
   uint32_t insert(uint64_t hash, uint32_t entry, Has has) {
     uint32_t slot = static_cast<uint32_t>(hash) & mask_;
-    for (; slots_[slot] != 0; slot = (slot + 1) & mask_) {
-      if (has(slots_[slot] - 1)) return slots_[slot] - 1;
+    for (; storage_[slot] != 0; slot = (slot + 1) & mask_) {
+      if (has(storage_[slot] - 1)) return storage_[slot] - 1;
     }
-    slots_[slot] = entry + 1;
+    storage_[slot] = entry + 1;
     return entry;
   }
 
@@ -72,7 +77,7 @@ class FlatHashTable {
   }
 
   // Bytes of heap the slots hold.
-  size_t memoryUsed() const { return slots_.capacity() * sizeof(uint32_t); }
+  size_t memoryUsed() const { return storage_.capacity() * sizeof(uint32_t); }
 
  private:
   template <typename KeyOf>
@@ -87,7 +92,12 @@ class FlatHashTable {
     }
   };
 
-  std::vector<uint32_t> slots_;  // entry numbers + 1; 0 is a free slot
+  // Before reset() the table is one free slot that is no one's, so that a
+  // lookup on the hot path needs no test for a table never filled.
+  static const uint32_t kNoSlots[1];
+
+  std::vector<uint32_t> storage_;  // entry numbers + 1; 0 is a free slot
+  const uint32_t* slots_ = kNoSlots;  // storage_'s, once reset
   uint32_t mask_ = 0;
 };
 
