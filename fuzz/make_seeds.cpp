@@ -66,9 +66,10 @@ bool writeSignatureSeeds(const std::string& out, const std::string& work) {
   std::vector<std::string> seeds;
   for (bool exclusive : {false, true}) {
     author.setExclusiveCanonicalization(exclusive);
-    const std::string text = author.makeTemplate(files, SignatureMaker::kAuthor);
+    distributor.setExclusiveCanonicalization(exclusive);
+    // The target fills templates in with an EC key: the method must be its.
+    const std::string text = distributor.makeTemplate(files, SignatureMaker::kAuthor);
     seeds.push_back("t" + text);
-    seeds.push_back("t" + replaced(text, "xmlenc#sha256", "xmldsig#sha1"));
     seeds.push_back("t" + replaced(text, "role-author", "role-distributor"));
     seeds.push_back("t" + replaced(text, "js/app.js", "js%2Fapp.js"));
     if (!author.sign(package, SignatureMaker::kAuthor, &written, &reason)) {
@@ -79,6 +80,9 @@ bool writeSignatureSeeds(const std::string& out, const std::string& work) {
     // The entity's declaration must come before the root, after no other.
     const size_t root = document.find("<Signature");
     seeds.push_back(document);
+    // libxmlsec makes no SHA-1 digests, so this one is a made document's.
+    seeds.push_back(replaced(document, "http://www.w3.org/2001/04/xmlenc#sha256",
+                             "http://www.w3.org/2000/09/xmldsig#sha1"));
     seeds.push_back("<?xml version=\"1.0\"?><!DOCTYPE Signature [<!ENTITY x SYSTEM "
                     "\"file:///etc/passwd\">]>" +
                     replaced(document.substr(root), "</SignatureValue>",
