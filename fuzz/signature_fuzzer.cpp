@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Bytes as a signature document of a small unpacked package (SamplePackage),
-// checked against a test root made once per
-// process. The first byte chooses what the rest is:
+// checked against a test root made once per process. The first byte
+// chooses what the rest is:
 //   'u'  a reference URI, decoded to a package path (and back, when it is one)
 //   't'  a template, filled in by the maker with a trusted signer's key, so
 //        that the document's values hold and every later rule is reached
