@@ -8,6 +8,8 @@ namespace {
 struct LastRefusal {
   int code = WIDGETENGINE_REFUSAL_NONE;
   std::string reason;
+  std::string statement;
+  bool directoryKept = false;
 };
 
 LastRefusal& last() {
@@ -30,14 +32,19 @@ void note(int code, const std::string& reason) {
 
 bool noted() { return last().code != WIDGETENGINE_REFUSAL_NONE; }
 
-void clear() {
-  last().code = WIDGETENGINE_REFUSAL_NONE;
-  last().reason.clear();
-}
+void clear() { last() = LastRefusal(); }
 
 int code() { return last().code; }
 
 const std::string& reason() { return last().reason; }
+
+void state(const std::string& line) { last().statement = line; }
+
+const std::string& statement() { return last().statement; }
+
+void noteDirectoryKept() { last().directoryKept = true; }
+
+bool directoryKept() { return last().directoryKept; }
 
 }  // namespace refusal
 

@@ -9,21 +9,31 @@
 
 #include <string>
 
-#include "base/ToolsExport.h"
-
 namespace refusal {
 
 // Starts a new call: nothing noted.
-WIDGETENGINE_TOOLS_EXPORT void begin();
+void begin();
 // Notes why the call fails, unless a reason was noted already.
 void note(int code, const std::string& reason);
 // True once a reason was noted in this call.
-WIDGETENGINE_TOOLS_EXPORT bool noted();
+bool noted();
 // Ends the call as a success: no reason is left.
 void clear();
 
 int code();
-WIDGETENGINE_TOOLS_EXPORT const std::string& reason();
+const std::string& reason();
+
+// The engine's own line that says why, for the tools that quote it after a
+// reason of their own (a name taken, a registry that refused a write). Of
+// the lines stated in a call the last is kept: it is the one nearest the
+// refusal.
+void state(const std::string& line);
+const std::string& statement();
+
+// Notes that a removal could not delete the widget's directory, which is
+// still on disk, so that a tool can say how to get rid of it.
+void noteDirectoryKept();
+bool directoryKept();
 
 }  // namespace refusal
 

@@ -14,8 +14,6 @@
 #include <cstdint>
 #include <string>
 
-#include "base/ToolsExport.h"
-
 class WidgetConfig;
 typedef struct _xmlDoc xmlDoc;
 typedef struct _xmlNode xmlNode;
@@ -23,7 +21,7 @@ typedef struct _xmlNode xmlNode;
 class WidgetConfigParser {
  public:
   // The schema path built into the library.
-  WIDGETENGINE_TOOLS_EXPORT static const char* const kSchemaPath;
+  static const char* const kSchemaPath;
 
   // schemaPath is fixed at build time; tests may point one parser elsewhere.
   WidgetConfigParser(const std::string& path, WidgetConfig* config,
@@ -39,7 +37,7 @@ class WidgetConfigParser {
 
   // The number a width or height gives: digits read left to right, white
   // space skipped, anything else ending the number; 32-bit wrap.
-  WIDGETENGINE_TOOLS_EXPORT static int32_t toNumber(const std::string& text);
+  static int32_t toNumber(const std::string& text);
   // Configuration documents larger than this are refused as documents that
   // do not parse, without being read further. Real ones are a few kilobytes
   // (the largest seen, with forty languages of texts, under 100 KB); libxml2
@@ -49,7 +47,7 @@ class WidgetConfigParser {
   static constexpr size_t kLargestDocument = 1u << 20;
   // True for a document far larger than any real one, which parse() refuses
   // as invalid without handing it to the validator.
-  WIDGETENGINE_TOOLS_EXPORT static bool isTooLargeToValidate(xmlNode* root);
+  static bool isTooLargeToValidate(xmlNode* root);
 
  private:
   // Fills the record from the root element held in node.

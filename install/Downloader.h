@@ -7,18 +7,16 @@
 
 #include <string>
 
-#include "base/ToolsExport.h"
-
 class Downloader {
  public:
-  WIDGETENGINE_TOOLS_EXPORT Downloader(const std::string& url, const std::string& filePath);
-  WIDGETENGINE_TOOLS_EXPORT ~Downloader();
+  Downloader(const std::string& url, const std::string& filePath);
+  ~Downloader();
 
   Downloader(const Downloader&) = delete;
   Downloader& operator=(const Downloader&) = delete;
 
   // 0 when the body was stored in filePath, -1 otherwise.
-  WIDGETENGINE_TOOLS_EXPORT int download();
+  int download();
   // Removes filePath and says so.
   void clean();
 

@@ -10,8 +10,6 @@
 #include <string>
 #include <vector>
 
-#include "base/ToolsExport.h"
-
 class Extractor {
  public:
   // Wipes whatever is at targetDir (which must end with "/").
@@ -38,7 +36,7 @@ class Extractor {
   // True when an entry name is one the extractor accepts: printable ASCII
   // without the characters some file systems or shells treat specially, and
   // no ".." component.
-  WIDGETENGINE_TOOLS_EXPORT static bool isAcceptedName(const std::string& name);
+  static bool isAcceptedName(const std::string& name);
 
   // Creates every missing folder of path that is followed by a "/".
   int makeDirectories(const std::string& path, mode_t mode);

@@ -217,6 +217,7 @@ int WidgetInstaller::abandonParsed(int status,
 
 int WidgetInstaller::refuse(int status, const std::string& reason) {
   engineOut() << reason << std::endl;
+  refusal::state(reason);
   launchURL = "about:blank";
   return status;
 }
@@ -474,8 +475,10 @@ int WidgetInstaller::runHoldingName() {
     refusal::note(WIDGETENGINE_REFUSAL_REGISTRY,
                   "cannot write to the widget registry: " + database->lastError());
     if (widgetId < 0 && !registered) {
-      engineOut() << "Cannot write to the widget registry: "
-                << database->lastError() << std::endl;
+      const std::string line =
+          "Cannot write to the widget registry: " + database->lastError();
+      engineOut() << line << std::endl;
+      refusal::state(line);
     }
     database->rollbackJob();
     return abandonParsed(10, record);
@@ -496,8 +499,10 @@ int WidgetInstaller::runHoldingName() {
     refusal::note(WIDGETENGINE_REFUSAL_REGISTRY,
                   "cannot commit the widget to the registry: " +
                       database->lastError());
-    engineOut() << "Cannot commit the widget to the registry: "
-              << database->lastError() << std::endl;
+    const std::string line =
+        "Cannot commit the widget to the registry: " + database->lastError();
+    engineOut() << line << std::endl;
+    refusal::state(line);
     return abandonParsed(10, record);
   }
 

@@ -11,8 +11,6 @@
 #include <string>
 #include <vector>
 
-#include "base/ToolsExport.h"
-
 class Downloader;
 class Extractor;
 class InstallLock;
@@ -26,23 +24,23 @@ class WidgetInstaller {
  public:
   // Derives the widget's name and storage directory from the URL and opens a
   // registry connection of its own.
-  WIDGETENGINE_TOOLS_EXPORT explicit WidgetInstaller(const std::string& sourceURL);
-  WIDGETENGINE_TOOLS_EXPORT ~WidgetInstaller();
+  explicit WidgetInstaller(const std::string& sourceURL);
+  ~WidgetInstaller();
 
   WidgetInstaller(const WidgetInstaller&) = delete;
   WidgetInstaller& operator=(const WidgetInstaller&) = delete;
 
   // Installs the widget; one of the status codes 0 to 11.
-  WIDGETENGINE_TOOLS_EXPORT int run();
-  WIDGETENGINE_TOOLS_EXPORT std::string getLaunchURL();
+  int run();
+  std::string getLaunchURL();
   void clean();
 
   // $WIDGET_PATH or the built-in widget root; created (one level) if missing.
-  WIDGETENGINE_TOOLS_EXPORT static std::string getWidgetBasePath();
+  static std::string getWidgetBasePath();
   // Sets name and storagePath from the URL.
   void buildStoragePath(const std::string& url);
   // The widget name that an install from url takes.
-  WIDGETENGINE_TOOLS_EXPORT static std::string nameFromURL(const std::string& url);
+  static std::string nameFromURL(const std::string& url);
   // Whether a name taken from an address can name a widget: not empty, "."
   // or "..", and free of what would make its launch URL lead elsewhere ("?",
   // "#", "%", control characters). Otherwise *why says what is wrong.

@@ -154,6 +154,7 @@ int WidgetUnInstaller::run() {
   if (!removeWidgetDirectory(storagePath)) {
     refusal::note(WIDGETENGINE_REFUSAL_REMOVE_FAILED,
                   "cannot remove " + storagePath + ": " + strerror(errno));
+    refusal::noteDirectoryKept();
     engineOut() << "Error : can't delete this directory : " << storagePath
               << std::endl;
     return -1;

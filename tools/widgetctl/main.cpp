@@ -20,12 +20,11 @@
 #include <string>
 #include <vector>
 
-#include "registry/SqlLite3.h"
+#include "engine/ToolsFacade.h"
 #include "tools/widgetctl/Check.h"
 #include "tools/widgetctl/Commands.h"
 #include "tools/widgetctl/Doctor.h"
 #include "tools/widgetctl/EngineLines.h"
-#include "tools/widgetctl/PackageLinter.h"
 #include "tools/widgetctl/Reply.h"
 
 using nlohmann::json;
@@ -163,7 +162,7 @@ struct Options {
 
 // The compiled-in places, and where the environment moves them.
 int printVersion() {
-  const std::string schema = PackageLinter::defaultSchemaPath();
+  const std::string schema = toolsfacade::schemaPath();
   const std::string registry = std::string(WIDGETCTL_DATABASE_DIR) + "widget.db";
   const char* widgetPath = getenv("WIDGET_PATH");
   const char* dataPath = getenv("YRA_DATA_PATH");
@@ -174,7 +173,7 @@ int printVersion() {
                      {"schema", schema},
                      {"registry", registry},
                      {"widgetRoot", WIDGETCTL_WIDGET_ROOT},
-                     {"registryNow", SqlLite3::databasePath()},
+                     {"registryNow", toolsfacade::registryPath()},
                      {"widgetRootNow", widgetPath ? widgetPath : WIDGETCTL_WIDGET_ROOT}};
     return finish(kOk);
   }
@@ -182,7 +181,7 @@ int printVersion() {
             << WIDGETCTL_VERSION << ")\n"
             << field("schema", schema) << '\n'
             << field("registry", registry)
-            << (dataPath ? "  (now " + SqlLite3::databasePath() + ", from YRA_DATA_PATH)" : "")
+            << (dataPath ? "  (now " + toolsfacade::registryPath() + ", from YRA_DATA_PATH)" : "")
             << '\n'
             << field("widget root", WIDGETCTL_WIDGET_ROOT)
             << (widgetPath ? std::string("  (now ") + widgetPath + ", from WIDGET_PATH)" : "")
