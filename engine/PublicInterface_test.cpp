@@ -4,6 +4,7 @@
 // the tools' few calls), and a host program built against an installed copy
 // of the library.
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -18,8 +19,8 @@
 
 #include <widgetengine/WidgetEngineDelegate.h>
 
-#include "registry/SqlLite3.h"
 #include "testing/CaptureStdout.h"
+#include "testing/LiteralRegistry.h"
 #include "testing/ScopedEnv.h"
 #include "testing/TempDir.h"
 #include "testing/ZipBuilder.h"
@@ -426,13 +427,16 @@ class InstalledPackageTest : public PublicInterfaceTest {
                         R_OK));
     TempDir::writeFile(work_.file("host.cpp"), kHostProgram);
 
-    // One registered widget for the host to find.
-    SqlLite3 db;
+    // One registered widget for the host to find, in the registry that an
+    // engine made.
+    WidgetEngineDelegate::createInstance();
+    LiteralRegistry db(registry_.path() + "/widget.db");
     ASSERT_TRUE(db.isOpen());
-    WidgetsData widget(0, "http://127.0.0.1/clock.wgt", "clock",
-                       "file:///w/widget_clock/index.html", "/w/widget_clock/",
-                       1, 1, "1", "Clock", "C", "", "", "", "", "");
-    ASSERT_GT(db.insertWidget(&widget), 0);
+    ASSERT_EQ(SQLITE_OK,
+              db.query("INSERT INTO Widgets VALUES(NULL,"
+                       "'http://127.0.0.1/clock.wgt','clock',"
+                       "'file:///w/widget_clock/index.html','/w/widget_clock/',"
+                       "1,1,'1','Clock','C','','','','','')"));
   }
 
   std::string libraryPath() const {

@@ -25,6 +25,7 @@ Installation install(const std::string& url) {
   Installation installation;
   installation.status = installer.run();
   installation.launchURL = installer.getLaunchURL();
+  if (installation.status == 0 || installation.status == 2) refusal::clear();
   return installation;
 }
 

@@ -42,8 +42,9 @@ struct Installation {
   std::string launchURL;
 };
 
-// Installs the package at url as receiveWidget() does, and starts a new
-// record of why it is refused (lastRefusal()).
+// Installs the package at url as receiveWidget() does, and keeps why it
+// was refused for lastRefusal(), as the installer's parts noted it (without
+// the reason receiveWidget() gives a status that none noted).
 WIDGETENGINE_TOOLS_EXPORT Installation install(const std::string& url);
 
 struct Refusal {
