@@ -48,15 +48,15 @@ std::string nameFromURL(const std::string& url) {
   return WidgetInstaller::nameFromURL(url);
 }
 
-bool readRegistry(std::vector<std::unique_ptr<WidgetsData>>* rows,
-                  std::string* readError) {
-  readError->clear();
+RegistryRows readRegistry() {
+  RegistryRows result;
   SqlLite3 registry;
-  if (!registry.isOpen()) return false;
-  bool read = false;
-  for (WidgetsData* row : registry.selectAllWidgets(&read)) rows->emplace_back(row);
-  if (!read) *readError = registry.lastError();
-  return read;
+  result.opened = registry.isOpen();
+  if (!result.opened) return result;
+  for (WidgetsData* row : registry.selectAllWidgets(&result.read))
+    result.rows.emplace_back(row);
+  if (!result.read) result.error = registry.lastError();
+  return result;
 }
 
 int reclaimCounters() { return SqlLite3::reclaimCounters(); }

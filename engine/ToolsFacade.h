@@ -77,11 +77,15 @@ WIDGETENGINE_TOOLS_EXPORT std::string nameFromURL(const std::string& url);
 
 // ---- The registry and the disk (widgetctl doctor) --------------------------
 
-// Every row of the registry, read on a connection of its own. False when the
-// registry cannot be opened or read; *readError then says why a registry
-// that opened could not be read ("" when it did not open at all).
-WIDGETENGINE_TOOLS_EXPORT bool readRegistry(
-    std::vector<std::unique_ptr<WidgetsData>>* rows, std::string* readError);
+struct RegistryRows {
+  bool opened = false;
+  bool read = false;     // every row was read
+  std::string error;     // the registry's last error, when it opened unread
+  std::vector<std::unique_ptr<WidgetsData>> rows;
+};
+
+// Every row of the registry, read on a connection of its own.
+WIDGETENGINE_TOOLS_EXPORT RegistryRows readRegistry();
 
 // Removes the shared change counters that processes killed while using a
 // registry left for registries that are gone; the number removed.

@@ -135,19 +135,23 @@ TEST_F(ToolsFacadeTest, LeftoversAreReadOnlyFromTheJournalsOfDeadInstallations) 
 }
 
 TEST_F(ToolsFacadeTest, AnUnreadableRegistryIsSaidSo) {
-  std::vector<std::unique_ptr<WidgetsData>> rows;
-  std::string readError;
   {
     CaptureStdout quiet;
-    EXPECT_TRUE(toolsfacade::readRegistry(&rows, &readError));
+    const toolsfacade::RegistryRows empty = toolsfacade::readRegistry();
+    EXPECT_TRUE(empty.opened);
+    EXPECT_TRUE(empty.read);
+    EXPECT_TRUE(empty.rows.empty());
+    EXPECT_EQ("", empty.error);
+    ASSERT_EQ(0, install(clock("clock.wgt")).status);
+    const toolsfacade::RegistryRows one = toolsfacade::readRegistry();
+    ASSERT_EQ(1u, one.rows.size());
+    EXPECT_EQ("clock", one.rows[0]->getName());
   }
-  EXPECT_TRUE(rows.empty());
-  EXPECT_EQ("", readError);
 
   // Not a database at all.
   TempDir::writeFile(conf + "widget.db", std::string(4096, 'x'));
   CaptureStdout quiet;
-  EXPECT_FALSE(toolsfacade::readRegistry(&rows, &readError));
+  EXPECT_FALSE(toolsfacade::readRegistry().read);
 }
 
 }  // namespace

@@ -53,10 +53,9 @@ bool registryUsable(std::string* reason) {
   bool open;
   {
     EngineLines capture(&lines);
-    std::vector<std::unique_ptr<WidgetsData>> rows;
-    std::string readError;
-    open = toolsfacade::readRegistry(&rows, &readError);
-    if (!readError.empty()) lines.push_back(readError);
+    const toolsfacade::RegistryRows registry = toolsfacade::readRegistry();
+    open = registry.read;
+    if (registry.opened && !registry.read) lines.push_back(registry.error);
   }
   if (!open) {
     // Diagnostics of a failure, not progress: always on standard error.

@@ -77,11 +77,11 @@ bool Doctor::run(std::vector<DoctorProblem>& problems,
              "; make it yours and writable by you alone, or set WIDGET_PATH";
     return false;
   }
-  std::vector<std::unique_ptr<WidgetsData>> widgets;
+  toolsfacade::RegistryRows registry;
   {
     EngineLines capture(&engineLines);
-    std::string readError;
-    if (!toolsfacade::readRegistry(&widgets, &readError)) {
+    registry = toolsfacade::readRegistry();
+    if (!registry.read) {
       error_ = "the registry " + toolsfacade::registryPath() +
                " cannot be read; check YRA_DATA_PATH and its permissions";
       return false;
@@ -92,7 +92,7 @@ bool Doctor::run(std::vector<DoctorProblem>& problems,
   // neither removable (the removal fails on the directory) nor
   // reinstallable (the address is installed already).
   std::set<std::string> owned;
-  for (const auto& widget : widgets) {
+  for (const auto& widget : registry.rows) {
     const std::string dir = widget->getStoragePath();
     const std::string real = realDirectory(dir);
     if (!real.empty()) owned.insert(real);
@@ -180,11 +180,8 @@ bool Doctor::run(std::vector<DoctorProblem>& problems,
   // stands after the repairs above.
   if (options_.repair) {
     EngineLines capture(&engineLines);
-    std::vector<std::unique_ptr<WidgetsData>> rows;
-    std::string readError;
-    toolsfacade::readRegistry(&rows, &readError);
     owned.clear();
-    for (const auto& row : rows) {
+    for (const auto& row : toolsfacade::readRegistry().rows) {
       const std::string real = realDirectory(row->getStoragePath());
       if (!real.empty()) owned.insert(real);
     }
