@@ -68,7 +68,7 @@ WIDGETENGINE_TOOLS_EXPORT Refusal lastRefusal();
 // directory, then "widget.db").
 WIDGETENGINE_TOOLS_EXPORT std::string registryPath();
 // The widget root the engine installs into now (WIDGET_PATH or the built-in
-// root).
+// root), made (one level) when it is missing, as an installation makes it.
 WIDGETENGINE_TOOLS_EXPORT std::string widgetRoot();
 // The schema config.xml is held to, compiled in.
 WIDGETENGINE_TOOLS_EXPORT std::string schemaPath();
