@@ -5,35 +5,52 @@
 
 namespace {
 
-Outcome& last() {
-  thread_local Outcome outcome;
-  return outcome;
+struct Record {
+  Outcome outcome;
+  std::string statement;
+  bool directoryKept = false;
+};
+
+Record& last() {
+  thread_local Record record;
+  return record;
 }
 
 }  // namespace
 
 namespace refusal {
 
-void begin() { last() = Outcome(); }
+void begin() { last() = Record(); }
 
 void note(int code, const std::string& reason) {
-  if (last().ok()) last() = Outcome(code, reason);
+  if (last().outcome.ok()) last().outcome = Outcome(code, reason);
 }
 
-bool noted() { return !last().ok(); }
+bool noted() { return !last().outcome.ok(); }
 
+// Only the outcome is settled: a removal that succeeds may still have kept
+// the widget's directory, and says so.
 Outcome settle(const Outcome& outcome) {
+  Outcome& kept = last().outcome;
   if (outcome.ok()) {
-    last() = Outcome();
-  } else if (last().ok()) {
-    last() = outcome;
+    kept = Outcome();
+  } else if (kept.ok()) {
+    kept = outcome;
   }
-  return last();
+  return kept;
 }
 
-int code() { return last().code(); }
+int code() { return last().outcome.code(); }
 
-const std::string& reason() { return last().reason(); }
+const std::string& reason() { return last().outcome.reason(); }
+
+void state(const std::string& line) { last().statement = line; }
+
+const std::string& statement() { return last().statement; }
+
+void noteDirectoryKept() { last().directoryKept = true; }
+
+bool directoryKept() { return last().directoryKept; }
 
 }  // namespace refusal
 

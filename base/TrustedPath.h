@@ -12,20 +12,18 @@
 #include <initializer_list>
 #include <string>
 
-#include "base/ToolsExport.h"
-
 class TrustedPath {
  public:
   // The file open at fd, found at path, is trusted. Otherwise false, and
   // *reason says why in words that name path.
-  WIDGETENGINE_TOOLS_EXPORT static bool opened(int fd, const std::string& path, std::string* reason);
+  static bool opened(int fd, const std::string& path, std::string* reason);
 
   // The directory at path is trusted. A link on the way to it is followed
   // only when the calling user or root made it (see walk()); then the
   // directory it leads to is what counts. A directory that does not exist is
   // trusted too, so that the caller fails on it as it always has; anything
   // else that cannot be opened as a directory is not.
-  WIDGETENGINE_TOOLS_EXPORT static bool directory(const std::string& path, std::string* reason);
+  static bool directory(const std::string& path, std::string* reason);
 
   // Opens the directory at path (O_PATH) the way walk() does and checks it
   // as opened() does. The descriptor is the caller's to close; -1, with

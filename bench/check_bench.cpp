@@ -24,7 +24,7 @@
 #include "bench/BenchRuns.h"
 #include "install/WidgetInstaller.h"
 #include "testing/TempDir.h"
-#include "tools/widgetctl/PackageLinter.h"
+#include "lint/PackageLinter.h"
 
 namespace {
 

@@ -15,7 +15,6 @@
 #include <string>
 
 #include "base/Outcome.h"
-#include "base/ToolsExport.h"
 
 class WidgetConfig;
 typedef struct _xmlDoc xmlDoc;
@@ -24,7 +23,7 @@ typedef struct _xmlNode xmlNode;
 class WidgetConfigParser {
  public:
   // The schema path built into the library.
-  WIDGETENGINE_TOOLS_EXPORT static const char* const kSchemaPath;
+  static const char* const kSchemaPath;
 
   // schemaPath is fixed at build time; tests may point one parser elsewhere.
   WidgetConfigParser(const std::string& path, WidgetConfig* config,
@@ -42,7 +41,7 @@ class WidgetConfigParser {
 
   // The number a width or height gives: digits read left to right, white
   // space skipped, anything else ending the number; 32-bit wrap.
-  WIDGETENGINE_TOOLS_EXPORT static int32_t toNumber(const std::string& text);
+  static int32_t toNumber(const std::string& text);
   // Configuration documents larger than this are refused as documents that
   // do not parse, without being read further. Real ones are a few kilobytes
   // (the largest seen, with forty languages of texts, under 100 KB); libxml2
@@ -52,7 +51,7 @@ class WidgetConfigParser {
   static constexpr size_t kLargestDocument = 1u << 20;
   // True for a document far larger than any real one, which parse() refuses
   // as invalid without handing it to the validator.
-  WIDGETENGINE_TOOLS_EXPORT static bool isTooLargeToValidate(xmlNode* root);
+  static bool isTooLargeToValidate(xmlNode* root);
 
  private:
   // parse() without keeping the outcome.

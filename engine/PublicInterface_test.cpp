@@ -4,6 +4,7 @@
 // the tools' few calls), and a host program built against an installed copy
 // of the library.
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -18,9 +19,9 @@
 
 #include <widgetengine/WidgetEngineDelegate.h>
 
-#include "registry/SqlLite3.h"
 #include "testing/CaptureStdout.h"
 #include "testing/ChildProcess.h"
+#include "testing/LiteralRegistry.h"
 #include "testing/ScopedEnv.h"
 #include "testing/TempDir.h"
 #include "testing/ZipBuilder.h"
@@ -249,47 +250,32 @@ TEST_F(PublicInterfaceTest, LibraryExportsOnlyTheEngineInterface) {
       "widgetengine_set_progress_callback",
       "widgetengine_set_verify_entries",
   };
-  // The calls exported for the tools built from this tree
-  // (base/ToolsExport.h), by the name before their parameters. A new one is
-  // added here on purpose, with its WIDGETENGINE_TOOLS_EXPORT.
+  // The tools' facade (engine/ToolsFacade.h), the one surface exported for
+  // the tools built from this tree, by the name before its parameters. A
+  // new call is added here on purpose, with its WIDGETENGINE_TOOLS_EXPORT.
   const std::set<std::string> toolCalls = {
-      "ContentType::kUnknown",
-      "ContentType::fromContent[abi:cxx11]",
-      "ContentType::fromExtension",
-      "Downloader::Downloader",
-      "Downloader::download",
-      "Downloader::~Downloader",
-      "Extractor::isAcceptedName",
-      "InstallLock::InstallLock",
-      "InstallLock::acquire",
-      "InstallLock::clear",
-      "InstallLock::ownerOf",
-      "InstallLock::removeLeftovers",
-      "InstallLock::sweep",
-      "InstallLock::~InstallLock",
-      "SqlLite3::SqlLite3",
-      "SqlLite3::databasePath[abi:cxx11]",
-      "SqlLite3::isOpen",
-      "SqlLite3::lastError[abi:cxx11]",
-      "SqlLite3::reclaimCounters",
-      "SqlLite3::selectAllWidgets",
-      "SqlLite3::~SqlLite3",
-      "TrustedPath::directory",
-      "TrustedPath::opened",
-      "WidgetConfigParser::isTooLargeToValidate",
-      "WidgetConfigParser::kSchemaPath",
-      "WidgetConfigParser::toNumber",
-      "WidgetInstaller::WidgetInstaller",
-      "WidgetInstaller::getLaunchURL[abi:cxx11]",
-      "WidgetInstaller::getWidgetBasePath[abi:cxx11]",
-      "WidgetInstaller::nameFromURL",
-      "WidgetInstaller::run",
-      "WidgetInstaller::~WidgetInstaller",
-      "WidgetUnInstaller::isInRoot",
-      "WidgetUnInstaller::removeWidgetDirectory",
-      "refusal::begin",
-      "refusal::noted",
-      "refusal::reason[abi:cxx11]",
+      "toolsfacade::OrphanDirectory::OrphanDirectory",
+      "toolsfacade::OrphanDirectory::claim",
+      "toolsfacade::OrphanDirectory::remove",
+      "toolsfacade::OrphanDirectory::~OrphanDirectory",
+      "toolsfacade::deadInstallationLeftovers",
+      "toolsfacade::download",
+      "toolsfacade::environmentPath[abi:cxx11]",
+      "toolsfacade::environmentText",
+      "toolsfacade::install",
+      "toolsfacade::installationRunning",
+      "toolsfacade::isInRoot",
+      "toolsfacade::lastRefusal",
+      "toolsfacade::lint",
+      "toolsfacade::nameFromURL",
+      "toolsfacade::readRegistry",
+      "toolsfacade::reclaimCounters",
+      "toolsfacade::registryPath[abi:cxx11]",
+      "toolsfacade::removeTree",
+      "toolsfacade::schemaPath[abi:cxx11]",
+      "toolsfacade::sweepLeftovers",
+      "toolsfacade::trustedDirectory",
+      "toolsfacade::widgetRoot[abi:cxx11]",
   };
   std::set<std::string> toolCallsSeen;
   std::istringstream lines(listing);
@@ -442,13 +428,16 @@ class InstalledPackageTest : public PublicInterfaceTest {
                         R_OK));
     TempDir::writeFile(work_.file("host.cpp"), kHostProgram);
 
-    // One registered widget for the host to find.
-    SqlLite3 db;
+    // One registered widget for the host to find, in the registry that an
+    // engine made.
+    WidgetEngineDelegate::createInstance();
+    LiteralRegistry db(registry_.path() + "/widget.db");
     ASSERT_TRUE(db.isOpen());
-    WidgetsData widget(0, "http://127.0.0.1/clock.wgt", "clock",
-                       "file:///w/widget_clock/index.html", "/w/widget_clock/",
-                       1, 1, "1", "Clock", "C", "", "", "", "", "");
-    ASSERT_GT(db.insertWidget(&widget), 0);
+    ASSERT_EQ(SQLITE_OK,
+              db.query("INSERT INTO Widgets VALUES(NULL,"
+                       "'http://127.0.0.1/clock.wgt','clock',"
+                       "'file:///w/widget_clock/index.html','/w/widget_clock/',"
+                       "1,1,'1','Clock','C','','','','','')"));
   }
 
   std::string libraryPath() const {

@@ -8,15 +8,13 @@
 #include <cstdio>
 #include <string>
 
-#include "base/ToolsExport.h"
-
 class ContentType {
  public:
-  WIDGETENGINE_TOOLS_EXPORT static const char* const kUnknown;
+  static const char* const kUnknown;
 
-  WIDGETENGINE_TOOLS_EXPORT static std::string fromExtension(const std::string& fileName);
+  static std::string fromExtension(const std::string& fileName);
   // Rewinds file and reads its first eight bytes.
-  WIDGETENGINE_TOOLS_EXPORT static std::string fromContent(FILE* file);
+  static std::string fromContent(FILE* file);
 };
 
 #endif  // WIDGETENGINE_CONTENTTYPE_H_

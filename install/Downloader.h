@@ -8,18 +8,17 @@
 #include <string>
 
 #include "base/Outcome.h"
-#include "base/ToolsExport.h"
 
 class Downloader {
  public:
-  WIDGETENGINE_TOOLS_EXPORT Downloader(const std::string& url, const std::string& filePath);
-  WIDGETENGINE_TOOLS_EXPORT ~Downloader();
+  Downloader(const std::string& url, const std::string& filePath);
+  ~Downloader();
 
   Downloader(const Downloader&) = delete;
   Downloader& operator=(const Downloader&) = delete;
 
   // 0 when the body was stored in filePath, -1 otherwise.
-  WIDGETENGINE_TOOLS_EXPORT int download();
+  int download();
   // Why the last download() failed. After a body stored from an HTTP answer
   // of an error status, that status: the body is no package, and the status
   // is the reason when it is refused.

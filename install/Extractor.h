@@ -11,7 +11,6 @@
 #include <vector>
 
 #include "base/Outcome.h"
-#include "base/ToolsExport.h"
 
 class Extractor {
  public:
@@ -41,7 +40,7 @@ class Extractor {
   // True when an entry name is one the extractor accepts: printable ASCII
   // without the characters some file systems or shells treat specially, and
   // no ".." component.
-  WIDGETENGINE_TOOLS_EXPORT static bool isAcceptedName(const std::string& name);
+  static bool isAcceptedName(const std::string& name);
 
   // Creates every missing folder of path that is followed by a "/".
   int makeDirectories(const std::string& path, mode_t mode);

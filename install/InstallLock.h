@@ -22,16 +22,14 @@
 #include <memory>
 #include <string>
 
-#include "base/ToolsExport.h"
-
 class SqlLite3;
 class WidgetsData;
 
 class InstallLock {
  public:
-  WIDGETENGINE_TOOLS_EXPORT InstallLock(const std::string& widgetRoot, const std::string& name);
+  InstallLock(const std::string& widgetRoot, const std::string& name);
   // Releases the lock. The lock file goes too once clear() has emptied it.
-  WIDGETENGINE_TOOLS_EXPORT ~InstallLock();
+  ~InstallLock();
 
   InstallLock(const InstallLock&) = delete;
   InstallLock& operator=(const InstallLock&) = delete;
@@ -41,19 +39,19 @@ class InstallLock {
   // ENOENT when there is no widget root at all, EPERM when the root or the
   // lock file is refused (a link another user made on the way to the root,
   // a root or lock file that another user owns or can write).
-  WIDGETENGINE_TOOLS_EXPORT bool acquire();
+  bool acquire();
   const std::string& error() const { return error_; }
 
   // What a dead installation of this same name left, found when the lock
   // was taken, is removed here (see sweep()). False when some of it is still
   // to be removed.
-  WIDGETENGINE_TOOLS_EXPORT bool removeLeftovers(SqlLite3& registry);
+  bool removeLeftovers(SqlLite3& registry);
 
   // Records what the installation is about to create. False when the
   // journal cannot be written (then nothing should be created).
   bool note(const std::string& packagePath, const std::string& storagePath);
   // The installation has ended: what it created is registered or removed.
-  WIDGETENGINE_TOOLS_EXPORT void clear();
+  void clear();
 
   // The root's real path ("/" at the end); empty before acquire().
   const std::string& root() const { return root_; }
@@ -63,12 +61,12 @@ class InstallLock {
   // package file it names (only a file of the engine's temporary-file form)
   // and the widget directory (only "widget_<name>/" under the root, and only
   // when no registered widget lives there), then the lock file.
-  WIDGETENGINE_TOOLS_EXPORT static void sweep(const std::string& widgetRoot, SqlLite3& registry);
+  static void sweep(const std::string& widgetRoot, SqlLite3& registry);
 
   // The registered widget whose directory is the same directory as path:
   // the same text, or the same file on disk under another spelling. Null
   // when there is none; ok tells whether the registry could be read.
-  WIDGETENGINE_TOOLS_EXPORT static std::unique_ptr<WidgetsData> ownerOf(const std::string& path,
+  static std::unique_ptr<WidgetsData> ownerOf(const std::string& path,
                                               SqlLite3& registry, bool* ok);
 
  private:

@@ -225,6 +225,7 @@ int WidgetInstaller::abandonParsed(int status,
 
 int WidgetInstaller::refuse(int status, Outcome why, const std::string& line) {
   engineError() << line << std::endl;
+  refusal::state(line);
   outcome_ = std::move(why);
   launchURL = "about:blank";
   return status;
@@ -500,8 +501,10 @@ int WidgetInstaller::runHoldingName() {
                        "cannot write to the widget registry: " +
                            database->lastError());
     if (widgetId < 0 && !registered) {
-      engineError() << "Cannot write to the widget registry: "
-                << database->lastError() << std::endl;
+      const std::string line =
+          "Cannot write to the widget registry: " + database->lastError();
+      engineError() << line << std::endl;
+      refusal::state(line);
     }
     database->rollbackJob();
     return abandonParsed(10, record);
@@ -522,8 +525,10 @@ int WidgetInstaller::runHoldingName() {
     outcome_ = Outcome(WIDGETENGINE_REFUSAL_REGISTRY,
                        "cannot commit the widget to the registry: " +
                            database->lastError());
-    engineError() << "Cannot commit the widget to the registry: "
-              << database->lastError() << std::endl;
+    const std::string line =
+        "Cannot commit the widget to the registry: " + database->lastError();
+    engineError() << line << std::endl;
+    refusal::state(line);
     return abandonParsed(10, record);
   }
 

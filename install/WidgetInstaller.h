@@ -12,7 +12,6 @@
 #include <vector>
 
 #include "base/Outcome.h"
-#include "base/ToolsExport.h"
 
 class Downloader;
 class Extractor;
@@ -27,27 +26,27 @@ class WidgetInstaller {
  public:
   // Derives the widget's name and storage directory from the URL and opens a
   // registry connection of its own.
-  WIDGETENGINE_TOOLS_EXPORT explicit WidgetInstaller(const std::string& sourceURL);
-  WIDGETENGINE_TOOLS_EXPORT ~WidgetInstaller();
+  explicit WidgetInstaller(const std::string& sourceURL);
+  ~WidgetInstaller();
 
   WidgetInstaller(const WidgetInstaller&) = delete;
   WidgetInstaller& operator=(const WidgetInstaller&) = delete;
 
   // Installs the widget; one of the status codes 0 to 11. The outcome is
   // also the calling thread's last refusal (base/Refusal.h).
-  WIDGETENGINE_TOOLS_EXPORT int run();
+  int run();
   // Why the last run failed, from the step that failed; ok after a run that
   // installed the widget or found it installed.
   const Outcome& outcome() const { return outcome_; }
-  WIDGETENGINE_TOOLS_EXPORT std::string getLaunchURL();
+  std::string getLaunchURL();
   void clean();
 
   // $WIDGET_PATH or the built-in widget root; created (one level) if missing.
-  WIDGETENGINE_TOOLS_EXPORT static std::string getWidgetBasePath();
+  static std::string getWidgetBasePath();
   // Sets name and storagePath from the URL.
   void buildStoragePath(const std::string& url);
   // The widget name that an install from url takes.
-  WIDGETENGINE_TOOLS_EXPORT static std::string nameFromURL(const std::string& url);
+  static std::string nameFromURL(const std::string& url);
   // Whether a name taken from an address can name a widget: not empty, "."
   // or "..", and free of what would make its launch URL lead elsewhere ("?",
   // "#", "%", control characters). Otherwise *why says what is wrong.

@@ -170,6 +170,7 @@ Outcome WidgetUnInstaller::attempt() {
     const Outcome why(WIDGETENGINE_REFUSAL_REMOVE_FAILED,
                       "cannot remove " + storagePath + ": " + strerror(errno),
                       errno);
+    refusal::noteDirectoryKept();
     engineError() << "Error : can't delete this directory : " << storagePath
               << std::endl;
     return why;

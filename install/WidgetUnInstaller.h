@@ -9,7 +9,6 @@
 #include <string>
 
 #include "base/Outcome.h"
-#include "base/ToolsExport.h"
 
 class SqlLite3;
 
@@ -32,7 +31,7 @@ class WidgetUnInstaller {
   // (a link is removed itself, at the top too) and without changing the
   // working directory. False, after a line that says why, when the top
   // directory (or the link in its place) is still there afterwards.
-  WIDGETENGINE_TOOLS_EXPORT static bool removeWidgetDirectory(const std::string& path);
+  static bool removeWidgetDirectory(const std::string& path);
 
   // Whether path is a directory "widget_<name>/" (not at the file system's
   // top), the only kind of directory a widget called name can own.
@@ -41,7 +40,7 @@ class WidgetUnInstaller {
   // Whether the entry path names (a directory, or a link, which is never
   // followed) sits directly in the widget root: the real path of its parent
   // folder is the real path of root, whatever the spelling of either.
-  WIDGETENGINE_TOOLS_EXPORT static bool isInRoot(const std::string& path, const std::string& root);
+  static bool isInRoot(const std::string& path, const std::string& root);
 
  private:
   // run() without settling the outcome.

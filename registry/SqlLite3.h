@@ -14,7 +14,6 @@
 #include <string>
 #include <vector>
 
-#include "base/ToolsExport.h"
 #include "registry/WidgetsData.h"
 
 struct sqlite3;
@@ -22,8 +21,8 @@ struct sqlite3;
 class SqlLite3 {
  public:
   // Opens (or creates) the registry at databasePath() and checks its tables.
-  WIDGETENGINE_TOOLS_EXPORT SqlLite3();
-  WIDGETENGINE_TOOLS_EXPORT ~SqlLite3();
+  SqlLite3();
+  ~SqlLite3();
 
   SqlLite3(const SqlLite3&) = delete;
   SqlLite3& operator=(const SqlLite3&) = delete;
@@ -31,18 +30,18 @@ class SqlLite3 {
   // $YRA_DATA_PATH (or the built-in default directory) + "widget.db", glued
   // without a separator. A relative path stays relative: it is opened from
   // the working directory the process has at the time.
-  WIDGETENGINE_TOOLS_EXPORT static std::string databasePath();
+  static std::string databasePath();
 
   // Removes the shared change counters that killed processes of this user
   // left for registries that are gone; the number removed.
-  WIDGETENGINE_TOOLS_EXPORT static int reclaimCounters();
+  static int reclaimCounters();
 
-  WIDGETENGINE_TOOLS_EXPORT bool isOpen();
+  bool isOpen();
   // Tries again to open a registry that could not be opened (missing,
   // locked, unreadable at the time); true when it is open now.
   bool reopen();
   // SQLite's message and extended code of the last failure, for reason lines.
-  WIDGETENGINE_TOOLS_EXPORT std::string lastError() const;
+  std::string lastError() const;
 
   // Runs one statement text; the SQLite result code (0 = success). The result
   // is left in getColumnNames() and getValues() (row after row).
@@ -79,7 +78,7 @@ class SqlLite3 {
   std::vector<WidgetsData*> selectWidgets(std::string sql);
   // ok, when given, tells whether the read ran to its end: a read that
   // could not run (a lock held too long, an unreadable file) is not "none".
-  WIDGETENGINE_TOOLS_EXPORT std::vector<WidgetsData*> selectAllWidgets(bool* ok = nullptr);
+  std::vector<WidgetsData*> selectAllWidgets(bool* ok = nullptr);
   std::vector<WidgetsData*> selectWidgetsByName(const std::string& name);
   std::vector<WidgetsData*> selectWidgetsBySourceURL(const std::string& url,
                                                      bool* ok = nullptr);

@@ -16,10 +16,19 @@
 #include <iostream>
 
 #include "base/EngineOutput.h"
+#include "base/Refusal.h"
 #include "registry/Statements.h"
 #include "registry/SqlLite3Impl.h"
 
 using namespace sqlite3impl;
+
+namespace {
+
+// Also the engine's statement of a refused installation, which widgetctl
+// quotes.
+const char kCannotInsert[] = "Cannot insert data to database :(";
+
+}  // namespace
 
 int SqlLite3::insertWidget(WidgetsData* widget) {
   PublishOnExit<Impl> publish(impl.get());
@@ -60,7 +69,8 @@ int SqlLite3::insertWidgetRows(WidgetsData* widget, bool ownTransaction) {
     if (ownTransaction && !sqlite3_get_autocommit(impl->db)) {
       impl->exec(statements::kRollback);
     }
-    engineError() << "Cannot insert data to database :(" << std::endl;
+    engineError() << kCannotInsert << std::endl;
+    refusal::state(kCannotInsert);
     return -1;
   }
 
@@ -82,7 +92,8 @@ int SqlLite3::insertWidgetRows(WidgetsData* widget, bool ownTransaction) {
     }
   }
   if (ownTransaction && !impl->commit()) {
-    engineError() << "Cannot insert data to database :(" << std::endl;
+    engineError() << kCannotInsert << std::endl;
+    refusal::state(kCannotInsert);
     return -1;
   }
 

@@ -10,8 +10,8 @@
 #
 # Fails on a change that breaks a program built against 1.0 (a symbol
 # removed, a type or a virtual table changed); an addition is reported and
-# passes. The tools' private calls (base/ToolsExport.h, the Name::* classes
-# of engine/widgetengine.map) are left out: they may change in any release.
+# passes. The tools' private facade (engine/ToolsFacade.h, the Name::* lines
+# of engine/widgetengine.map) is left out: it may change in any release.
 # The reference is of amd64; a library of another architecture is skipped
 # (exit status 77).
 #

@@ -2,8 +2,8 @@
 # SPDX-License-Identifier: Apache-2.0
 # Writes packaging/libwidgetengine1.symbols anew from a built library: every
 # exported symbol of the interface by its C++ name (or its C name), with the
-# version that first had it, and one optional pattern per class of the tools'
-# private calls (base/ToolsExport.h; those may change in any release, and
+# version that first had it, and one optional pattern per namespace of the tools'
+# private facade (engine/ToolsFacade.h; it may change in any release, and
 # widgetctl depends on exactly its library's version). A symbol already in
 # the file keeps its version; a new one gets VERSION (default: the project's
 # version). tools/package.sh checks the file against the library with
@@ -19,7 +19,7 @@ symbols="$source_dir/packaging/libwidgetengine1.symbols"
 map="$source_dir/engine/widgetengine.map"
 [ -r "$library" ] || { echo "update-symbols: no library at $library; run make build first" >&2; exit 1; }
 
-# The tools' classes: the Name::* lines of the version script other than the
+# The tools' facade: the Name::* lines of the version script other than the
 # interface's two classes.
 private=$(sed -n 's/^ *\([A-Za-z0-9_]*\)::\*;$/\1/p' "$map" |
           grep -vx -e WidgetEngineDelegate -e WidgetsData | paste -sd'|')

@@ -15,15 +15,10 @@
 #include <vector>
 #include <nlohmann/json.hpp>
 
-#include "base/Environment.h"
-#include "base/Refusal.h"
-#include "install/Downloader.h"
-#include "install/WidgetInstaller.h"
-#include "install/WidgetUnInstaller.h"
+#include "engine/ToolsFacade.h"
 #include "tools/widgetctl/CheckFolders.h"
 #include "tools/widgetctl/Commands.h"
 #include "tools/widgetctl/EngineLines.h"
-#include "tools/widgetctl/PackageLinter.h"
 #include "tools/widgetctl/Reply.h"
 
 namespace widgetctl {
@@ -49,7 +44,7 @@ void removeSandbox() {
   if (!gSandbox[0]) return;
   std::vector<std::string> lines;
   EngineLines quiet(&lines);
-  WidgetUnInstaller::removeWidgetDirectory(gSandbox);
+  toolsfacade::removeTree(gSandbox);
 }
 
 // In the waiting process: never returns. The exit status is the worker's,
@@ -69,7 +64,7 @@ void removeSandbox() {
 }
 
 bool makeSandbox(std::string* error) {
-  const std::string folder = environment::text("TMPDIR", P_tmpdir);
+  const std::string folder = toolsfacade::environmentText("TMPDIR", P_tmpdir);
   CheckFolders::removeDead(folder);
   const std::string pattern = folder + "/" + CheckFolders::kPrefix + "XXXXXX";
   if (pattern.size() >= sizeof gSandbox) {
@@ -116,8 +111,8 @@ bool makeSandbox(std::string* error) {
 // Empties the sandbox's widget root and registry after a trial, without
 // following links and without moving the working directory.
 void clearTrial(const std::string& sandbox) {
-  WidgetUnInstaller::removeWidgetDirectory(sandbox + "/widgets/");
-  WidgetUnInstaller::removeWidgetDirectory(sandbox + "/conf/");
+  toolsfacade::removeTree(sandbox + "/widgets/");
+  toolsfacade::removeTree(sandbox + "/conf/");
 }
 
 // One package: its findings, then the engine's verdict from a trial
@@ -139,15 +134,11 @@ bool checkOne(const std::string& argument, size_t index, json& result) {
     url = argument;
     const std::string folder = sandbox + "/package" + std::to_string(index);
     mkdir(folder.c_str(), 0700);
-    path = folder + "/" + WidgetInstaller::nameFromURL(url) + ".wgt";
+    path = folder + "/" + toolsfacade::nameFromURL(url) + ".wgt";
     bool downloaded;
     {
       EngineLines capture(&lines);
-      // The downloader removes its file when it goes; the package is moved
-      // out of its way first.
-      Downloader downloader(argument, path + ".part");
-      downloaded = downloader.download() == 0 &&
-                   rename((path + ".part").c_str(), path.c_str()) == 0;
+      downloaded = toolsfacade::download(argument, path);
     }
     if (!downloaded) {
       result["engine"] = lines;
@@ -165,8 +156,7 @@ bool checkOne(const std::string& argument, size_t index, json& result) {
     }
   }
 
-  PackageLinter linter(path, url);
-  for (const LintFinding& f : linter.run()) {
+  for (const LintFinding& f : toolsfacade::lint(path, url)) {
     result["findings"].push_back({{"level", f.level},
                                   {"tag", f.tag},
                                   {"detail", f.detail},
@@ -187,11 +177,9 @@ bool checkOne(const std::string& argument, size_t index, json& result) {
           ? fileURL(path, &error)
           : url;
   int status;
-  refusal::begin();
   {
     EngineLines capture(&lines);
-    WidgetInstaller installer(trialURL);
-    status = installer.run();
+    status = toolsfacade::install(trialURL).status;
   }
   clearTrial(sandbox);
   result["engine"] = lines;
@@ -202,7 +190,7 @@ bool checkOne(const std::string& argument, size_t index, json& result) {
   }
   result["verdict"] = "refused";
   std::string reason = installReason(status, url);
-  reason += refusalDetail(status, lines);
+  reason += refusalDetail(status);
   result["reason"] = reason;
   return false;
 }

@@ -11,7 +11,7 @@
 #include <cstring>
 #include <vector>
 
-#include "install/WidgetUnInstaller.h"
+#include "engine/ToolsFacade.h"
 #include "tools/widgetctl/EngineLines.h"
 
 namespace {
@@ -69,7 +69,7 @@ int CheckFolders::removeDead(const std::string& tmp) {
     if (!dead) continue;
     std::vector<std::string> lines;
     EngineLines quiet(&lines);
-    if (WidgetUnInstaller::removeWidgetDirectory(folder)) ++removed;
+    if (toolsfacade::removeTree(folder)) ++removed;
   }
   return removed;
 }

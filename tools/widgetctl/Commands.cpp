@@ -5,15 +5,14 @@
 #include <stdlib.h>
 #include <string.h>
 #include <widgetengine/WidgetEngineDelegate.h>
+#include <widgetengine/WidgetEngineExtensions.h>
 
 #include <cerrno>
 #include <iostream>
 #include <memory>
 #include <nlohmann/json.hpp>
 
-#include "base/Refusal.h"
-#include "install/WidgetInstaller.h"
-#include "registry/SqlLite3.h"
+#include "engine/ToolsFacade.h"
 #include "tools/widgetctl/EngineLines.h"
 #include "tools/widgetctl/ProgressLine.h"
 #include "tools/widgetctl/Reply.h"
@@ -54,20 +53,15 @@ bool registryUsable(std::string* reason) {
   bool open;
   {
     EngineLines capture(&lines);
-    SqlLite3 registry;
-    open = registry.isOpen();
-    if (open) {
-      bool read = false;
-      for (WidgetsData* w : registry.selectAllWidgets(&read)) delete w;
-      open = read;
-      if (!read) lines.push_back(registry.lastError());
-    }
+    const toolsfacade::RegistryRows registry = toolsfacade::readRegistry();
+    open = registry.read;
+    if (registry.opened && !registry.read) lines.push_back(registry.error);
   }
   if (!open) {
     // Diagnostics of a failure, not progress: always on standard error.
     for (const std::string& line : lines) std::cerr << line << '\n';
     if (gJson) for (const std::string& line : lines) gDocument["engine"].push_back(line);
-    *reason = "the registry " + SqlLite3::databasePath() +
+    *reason = "the registry " + toolsfacade::registryPath() +
               " cannot be used; check YRA_DATA_PATH (it must name a writable "
               "directory, ending with \"/\")";
   }
@@ -130,23 +124,13 @@ std::string installReason(int status, const std::string& url) {
   }
 }
 
-std::string refusalDetail(int status, const std::vector<std::string>& lines) {
+std::string refusalDetail(int status) {
+  const toolsfacade::Refusal refusal = toolsfacade::lastRefusal();
   if (status == 10) {
-    const std::string engine = engineReason(lines);
-    return engine.empty() ? std::string() : ": " + engine;
+    return refusal.statement.empty() ? std::string() : ": " + refusal.statement;
   }
-  if ((status == 5 || status == 6) && refusal::noted()) {
-    return " (" + refusal::reason() + ")";
-  }
-  return std::string();
-}
-
-std::string engineReason(const std::vector<std::string>& lines) {
-  for (auto it = lines.rbegin(); it != lines.rend(); ++it) {
-    if (it->find("is taken by the widget installed from") != std::string::npos ||
-        it->compare(0, 7, "Cannot ") == 0 || it->find("Error") == 0) {
-      return *it;
-    }
+  if ((status == 5 || status == 6) && refusal.code != WIDGETENGINE_REFUSAL_NONE) {
+    return " (" + refusal.reason + ")";
   }
   return std::string();
 }
@@ -160,27 +144,24 @@ int runInstall(const std::string& argument) {
   }
   gDocument["url"] = url;
   std::vector<std::string> lines;
-  int status;
-  std::string launchURL;
-  refusal::begin();
+  toolsfacade::Installation installation;
   {
     EngineLines capture(&lines);
     ProgressLine progress(gProgress);
-    WidgetInstaller installer(url);
-    status = installer.run();
-    launchURL = installer.getLaunchURL();
+    installation = toolsfacade::install(url);
   }
   passOn(lines);
+  const int status = installation.status;
   gDocument["status"] = status;
   if (status == 0 || status == 2) {
-    gDocument["launchURL"] = launchURL;
+    gDocument["launchURL"] = installation.launchURL;
     gDocument["installedBefore"] = status == 2;
-    if (!gJson) std::cout << launchURL << std::endl;
+    if (!gJson) std::cout << installation.launchURL << std::endl;
     return finish(kOk);
   }
   gDocument["launchURL"] = nullptr;
   std::string reason = "could not install " + url + ": " + installReason(status, url);
-  reason += refusalDetail(status, lines);
+  reason += refusalDetail(status);
   return finish(exitForStatus(status), reason);
 }
 
@@ -300,12 +281,12 @@ int runRemove(WebWidgetEngineDelegate* engine, const std::string& name) {
     return finish(kNo, "no widget called " + name +
                            " is installed (\"widgetctl list\" lists them)");
   }
-  std::string why = refusal::noted() ? refusal::reason() : engineReason(lines);
-  for (const std::string& line : lines) {
-    if (line.find("can't delete this directory") != std::string::npos) {
-      why = "its directory cannot be deleted; if its files are gone, "
-            "\"widgetctl doctor --repair\" removes it";
-    }
+  const toolsfacade::Refusal refusal = toolsfacade::lastRefusal();
+  std::string why = refusal.code != WIDGETENGINE_REFUSAL_NONE ? refusal.reason
+                                                              : refusal.statement;
+  if (refusal.directoryKept) {
+    why = "its directory cannot be deleted; if its files are gone, "
+          "\"widgetctl doctor --repair\" removes it";
   }
   return finish(kNo, "could not remove " + name + (why.empty() ? "" : ": " + why));
 }

@@ -7,7 +7,6 @@
 #define WIDGETENGINE_TOOLS_WIDGETCTL_COMMANDS_H_
 
 #include <string>
-#include <vector>
 
 #include "tools/widgetctl/Doctor.h"
 
@@ -37,14 +36,12 @@ bool isAddress(const std::string& text);
 
 // What each refusal of the installer means, and what to do.
 std::string installReason(int status, const std::string& url);
-// The last engine line that gives a reason of its own, for the refusals
-// whose status alone does not say it (a name taken, a failed commit).
-std::string engineReason(const std::vector<std::string>& lines);
-// What the engine adds to the reason of a refused installation with this
-// status, ready to append: the reason it noted for a download or an archive
-// (an HTTP status, a damaged entry, a bound) in brackets, or the line that
-// names a taken name or a failed commit; empty when it adds nothing.
-std::string refusalDetail(int status, const std::vector<std::string>& lines);
+// What the engine adds to the reason of the installation it just refused
+// with this status, ready to append: the reason it noted for a download or
+// an archive (an HTTP status, a damaged entry, a bound) in brackets, or its
+// own line that names a taken name or a failed commit; empty when it adds
+// nothing.
+std::string refusalDetail(int status);
 
 }  // namespace widgetctl
 

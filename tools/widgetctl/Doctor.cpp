@@ -2,21 +2,14 @@
 #include "tools/widgetctl/Doctor.h"
 
 #include <dirent.h>
-#include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
-#include <unistd.h>
 #include <widgetengine/WidgetEngineDelegate.h>
 
 #include <cstdlib>
 #include <memory>
 #include <set>
 
-#include "base/TrustedPath.h"
-#include "install/InstallLock.h"
-#include "install/WidgetInstaller.h"
-#include "install/WidgetUnInstaller.h"
-#include "registry/SqlLite3.h"
+#include "engine/ToolsFacade.h"
 #include "tools/widgetctl/EngineLines.h"
 
 namespace {
@@ -71,69 +64,35 @@ bool isLink(const std::string& path) {
   return lstat(bare(path).c_str(), &status) == 0 && S_ISLNK(status.st_mode);
 }
 
-// The journal of a lock file whose lock no live installation holds; empty
-// when it is held, or empty.
-std::string deadJournal(const std::string& path) {
-  const int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
-  if (fd < 0) return std::string();
-  std::string text;
-  std::string untrusted;
-  // A lock file someone else could have written names nothing of ours.
-  if (TrustedPath::opened(fd, path, &untrusted) &&
-      flock(fd, LOCK_SH | LOCK_NB) == 0) {
-    char buffer[8192];
-    ssize_t n;
-    while ((n = read(fd, buffer, sizeof buffer)) > 0)
-      text.append(buffer, static_cast<size_t>(n));
-  }
-  close(fd);
-  return text;
-}
-
-// Whether a live installation holds the name of the directory widget_NAME:
-// its directory is being unpacked and is not an orphan.
-bool installationRunning(const std::string& root, const std::string& dirName) {
-  const std::string lock = root + "." + dirName + ".lock";
-  const int fd = open(lock.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
-  if (fd < 0) return false;
-  const bool held = flock(fd, LOCK_SH | LOCK_NB) != 0;
-  close(fd);
-  return held;
-}
-
 }  // namespace
 
 bool Doctor::run(std::vector<DoctorProblem>& problems,
                  std::vector<std::string>& engineLines) {
   // What processes killed while using a registry left in shared memory.
-  SqlLite3::reclaimCounters();
-  const std::string root = WidgetInstaller::getWidgetBasePath();
+  toolsfacade::reclaimCounters();
+  const std::string root = toolsfacade::widgetRoot();
   std::string untrusted;
-  if (!TrustedPath::directory(root, &untrusted)) {
+  if (!toolsfacade::trustedDirectory(root, &untrusted)) {
     error_ = "the widget root is not safe: " + untrusted +
              "; make it yours and writable by you alone, or set WIDGET_PATH";
     return false;
   }
-  std::vector<WidgetsData*> rows;
+  toolsfacade::RegistryRows registry;
   {
     EngineLines capture(&engineLines);
-    SqlLite3 registry;
-    bool ok = false;
-    if (registry.isOpen()) rows = registry.selectAllWidgets(&ok);
-    if (!ok) {
-      error_ = "the registry " + SqlLite3::databasePath() +
+    registry = toolsfacade::readRegistry();
+    if (!registry.read) {
+      error_ = "the registry " + toolsfacade::registryPath() +
                " cannot be read; check YRA_DATA_PATH and its permissions";
       return false;
     }
   }
-  std::vector<std::unique_ptr<WidgetsData>> widgets;
-  for (WidgetsData* row : rows) widgets.emplace_back(row);
 
   // Widgets whose directory is gone: listed, answered by isWidget, but
   // neither removable (the removal fails on the directory) nor
   // reinstallable (the address is installed already).
   std::set<std::string> owned;
-  for (const auto& widget : widgets) {
+  for (const auto& widget : registry.rows) {
     const std::string dir = widget->getStoragePath();
     const std::string real = realDirectory(dir);
     if (!real.empty()) owned.insert(real);
@@ -153,7 +112,7 @@ bool Doctor::run(std::vector<DoctorProblem>& problems,
       problems.push_back(problem);
       continue;
     }
-    if (!WidgetUnInstaller::isInRoot(dir, root)) {
+    if (!toolsfacade::isInRoot(dir, root)) {
       // Nothing is made or removed there: the engine removes widgets only
       // inside the widget root.
       DoctorProblem problem;
@@ -202,19 +161,7 @@ bool Doctor::run(std::vector<DoctorProblem>& problems,
   std::set<std::string> leftoverPaths;
   for (const std::string& name : entries(root)) {
     if (name.compare(0, 8, ".widget_") != 0) continue;
-    const std::string journal = deadJournal(root + name);
-    if (journal.empty()) continue;
-    size_t start = 0;
-    while (start < journal.size()) {
-      size_t end = journal.find('\n', start);
-      if (end == std::string::npos) end = journal.size();
-      const std::string line = journal.substr(start, end - start);
-      start = end + 1;
-      const size_t space = line.find(' ');
-      if (space == std::string::npos) continue;
-      const std::string path = line.substr(space + 1);
-      struct stat status;
-      if (lstat(path.c_str(), &status) != 0) continue;
+    for (const std::string& path : toolsfacade::deadInstallationLeftovers(root + name)) {
       DoctorProblem problem;
       problem.kind = "leftover-installation";
       problem.path = cleanPath(path);
@@ -233,19 +180,17 @@ bool Doctor::run(std::vector<DoctorProblem>& problems,
   // stands after the repairs above.
   if (options_.repair) {
     EngineLines capture(&engineLines);
-    SqlLite3 registry;
     owned.clear();
-    for (WidgetsData* row : registry.selectAllWidgets()) {
+    for (const auto& row : toolsfacade::readRegistry().rows) {
       const std::string real = realDirectory(row->getStoragePath());
       if (!real.empty()) owned.insert(real);
-      delete row;
     }
   }
   for (const std::string& name : entries(root)) {
     const std::string path = cleanPath(root + name);
     if (name.compare(0, 7, "widget_") != 0 || !isDirectory(path)) continue;
     if (owned.count(realDirectory(path))) continue;
-    if (installationRunning(root, name)) continue;
+    if (toolsfacade::installationRunning(root, name)) continue;
     if (leftoverPaths.count(path + "/") || leftoverPaths.count(realDirectory(path)))
       continue;
     DoctorProblem problem;
@@ -258,22 +203,14 @@ bool Doctor::run(std::vector<DoctorProblem>& problems,
       // widget would be, and only if no installation registered it while
       // the lock was waited for; a lock that cannot be had (one another
       // user owns, say) leaves the directory where it is.
-      InstallLock lock(root, name.substr(7));
-      const bool locked = lock.acquire();
-      bool unowned = false;
-      bool settled = false;
-      if (locked) {
+      toolsfacade::OrphanDirectory orphan(root, name.substr(7), problem.path);
+      bool unowned;
+      {
         EngineLines capture(&engineLines);
-        SqlLite3 registry;
-        bool read = false;
-        settled = lock.removeLeftovers(registry);
-        unowned = !InstallLock::ownerOf(problem.path, registry, &read) && read;
-      } else {
-        problem.detail += "; not removed: " + lock.error();
+        unowned = orphan.claim();
       }
-      if (unowned)
-        problem.repaired = WidgetUnInstaller::removeWidgetDirectory(problem.path);
-      if (settled) lock.clear();
+      if (!orphan.locked()) problem.detail += "; not removed: " + orphan.error();
+      if (unowned) problem.repaired = orphan.remove();
     }
     problems.push_back(problem);
   }
@@ -281,8 +218,7 @@ bool Doctor::run(std::vector<DoctorProblem>& problems,
   if (!leftovers.empty() && options_.repair) {
     {
       EngineLines capture(&engineLines);
-      SqlLite3 registry;
-      InstallLock::sweep(root, registry);
+      toolsfacade::sweepLeftovers(root);
     }
     for (DoctorProblem& problem : leftovers) {
       struct stat status;

@@ -21,13 +21,11 @@
 #include <string>
 #include <vector>
 
-#include "base/Environment.h"
-#include "registry/SqlLite3.h"
+#include "engine/ToolsFacade.h"
 #include "tools/widgetctl/Check.h"
 #include "tools/widgetctl/Commands.h"
 #include "tools/widgetctl/Doctor.h"
 #include "tools/widgetctl/EngineLines.h"
-#include "tools/widgetctl/PackageLinter.h"
 #include "tools/widgetctl/Reply.h"
 
 using nlohmann::json;
@@ -165,10 +163,10 @@ struct Options {
 
 // The compiled-in places, and where the environment moves them.
 int printVersion() {
-  const std::string schema = PackageLinter::defaultSchemaPath();
+  const std::string schema = toolsfacade::schemaPath();
   const std::string registry = std::string(WIDGETCTL_DATABASE_DIR) + "widget.db";
-  const std::optional<std::string> widgetPath = environment::path("WIDGET_PATH");
-  const std::optional<std::string> dataPath = environment::path("YRA_DATA_PATH");
+  const std::optional<std::string> widgetPath = toolsfacade::environmentPath("WIDGET_PATH");
+  const std::optional<std::string> dataPath = toolsfacade::environmentPath("YRA_DATA_PATH");
   if (gJson) {
     gDocument = json{{"command", "version"},
                      {"engine", json::array()},
@@ -176,7 +174,7 @@ int printVersion() {
                      {"schema", schema},
                      {"registry", registry},
                      {"widgetRoot", WIDGETCTL_WIDGET_ROOT},
-                     {"registryNow", SqlLite3::databasePath()},
+                     {"registryNow", toolsfacade::registryPath()},
                      {"widgetRootNow", widgetPath.value_or(WIDGETCTL_WIDGET_ROOT)}};
     return finish(kOk);
   }
@@ -184,7 +182,7 @@ int printVersion() {
             << WIDGETCTL_VERSION << ")\n"
             << field("schema", schema) << '\n'
             << field("registry", registry)
-            << (dataPath ? "  (now " + SqlLite3::databasePath() + ", from YRA_DATA_PATH)" : "")
+            << (dataPath ? "  (now " + toolsfacade::registryPath() + ", from YRA_DATA_PATH)" : "")
             << '\n'
             << field("widget root", WIDGETCTL_WIDGET_ROOT)
             << (widgetPath ? "  (now " + *widgetPath + ", from WIDGET_PATH)" : "")
@@ -196,7 +194,7 @@ int printVersion() {
 // names to it (conf + "widget.db" would give confwidget.db).
 void warnAboutSlashes() {
   for (const char* name : {"WIDGET_PATH", "YRA_DATA_PATH"}) {
-    const std::string value = environment::text(name, "");
+    const std::string value = toolsfacade::environmentText(name, "");
     if (!value.empty() && value.back() != '/') {
       std::cerr << kProgram << ": warning: " << name << "=" << value
                 << " does not end with \"/\"; the engine will use "
@@ -209,7 +207,7 @@ void warnAboutSlashes() {
 
 std::string defaultLanguage() {
   for (const char* name : {"LANGUAGE", "LC_ALL", "LC_MESSAGES", "LANG"}) {
-    const std::string text = environment::text(name, "");
+    const std::string text = toolsfacade::environmentText(name, "");
     if (text.empty() || text == "C" || text == "POSIX") continue;
     // fr_FR.UTF-8:de -> fr-FR,de
     std::string list;

@@ -23,8 +23,8 @@
 #include <nlohmann/json.hpp>
 #include <sqlite3.h>
 
-#include "base/Strings.h"
-#include "registry/ChangeCounter.h"
+#include <widgetengine/WidgetEngineDelegate.h>
+
 #include "testing/ChildProcess.h"
 #include "testing/FileWatch.h"
 #include "testing/HttpServer.h"
@@ -554,12 +554,43 @@ TEST_F(WidgetctlTest, InterruptedCheckRemovesItsTemporaryFolder) {
     else if (check.exitedWith(0))
       ++finished;  // it ended before the signal came
     const std::vector<std::string> left = TempDir::listDirectory(tmp);
-    EXPECT_TRUE(left.empty()) << i << ": " << joinStrings(left);
+    EXPECT_TRUE(left.empty()) << i << ": " << ::testing::PrintToString(left);
   }
   std::printf("%d of %d checks interrupted, %d finished first\n", interrupted, kChecks,
               finished);
   EXPECT_EQ(kChecks, interrupted + finished) << "a check ended otherwise";
   EXPECT_GT(interrupted, 0) << "every one of the checks ended before the signal";
+}
+
+TEST_F(WidgetctlTest, RemoveOfAWidgetWhoseDirectoryCannotGoSaysHowToRepairIt) {
+  const std::string gone = samplePackage("gone.wgt");
+  const std::string filed = samplePackage("filed.wgt");
+  ASSERT_EQ(0, run({"install", gone}).status);
+  ASSERT_EQ(0, run({"install", filed}).status);
+  const std::string expected =
+      "its directory cannot be deleted; if its files are gone, "
+      "\"widgetctl doctor --repair\" removes it\n";
+
+  // Its files gone, and in the place of its directory a file.
+  TempDir::removeTree(root + "widget_gone");
+  TempDir::removeTree(root + "widget_filed");
+  TempDir::writeFile(root + "widget_filed", "not a directory");
+  for (const char* name : {"gone", "filed"}) {
+    Result refused = run({"remove", name});
+    EXPECT_EQ(1, refused.status) << name;
+    EXPECT_EQ("widgetctl: could not remove " + std::string(name) + ": " + expected,
+              lastLine(refused.err) + "\n")
+        << refused.err;
+    EXPECT_NE(std::string::npos,
+              refused.out.find("Error : can't delete this directory : " + root +
+                               "widget_" + name + "/"))
+        << refused.out;
+  }
+
+  // A widget that is not there has no directory that could not go.
+  Result missing = run({"remove", "never-installed"});
+  EXPECT_EQ(1, missing.status);
+  EXPECT_EQ(std::string::npos, missing.err.find("cannot be deleted")) << missing.err;
 }
 
 TEST_F(WidgetctlTest, DoctorFindsAndRepairsEachKindOfDamage) {
@@ -613,17 +644,26 @@ TEST_F(WidgetctlTest, DoctorRemovesCountersLeftForRegistriesThatAreGone) {
   ASSERT_EQ(0, stat(registry.c_str(), &status));
   ChildProcess killed;
   killed.start([&] {
-    ChangeCounter counter;
-    counter.attach(status.st_dev, status.st_ino, registry);
+    // An engine attaches the registry's counter at its first lookup.
+    setenv("YRA_DATA_PATH", (other.path() + "/").c_str(), 1);
+    RefPtr<WebWidgetEngineDelegate> engine = WidgetEngineDelegate::createInstance();
+    engine->isWidget("file:///nothing");
     kill(getpid(), SIGKILL);
     return 1;
   });
   const pid_t child = killed.pid();
   killed.wait();
   ASSERT_TRUE(killed.crashed());
-  const int id = shmget(ChangeCounter::keyOf(status.st_dev, status.st_ino), 0, 0);
-  ASSERT_GE(id, 0);
+  // The counter is the segment the killed process made.
+  int id = -1;
   struct shmid_ds segment;
+  struct shm_info usage;
+  const int highest = shmctl(0, SHM_INFO, reinterpret_cast<struct shmid_ds*>(&usage));
+  for (int index = 0; index <= highest && id < 0; ++index) {
+    const int found = shmctl(index, SHM_STAT, &segment);
+    if (found >= 0 && segment.shm_cpid == child) id = found;
+  }
+  ASSERT_GE(id, 0);
   ASSERT_EQ(0, shmctl(id, IPC_STAT, &segment));
   ASSERT_EQ(child, segment.shm_cpid);
 

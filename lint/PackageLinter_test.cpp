@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "tools/widgetctl/PackageLinter.h"
+#include "lint/PackageLinter.h"
 
 #include <gtest/gtest.h>
 #include <libxml/parser.h>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "tools/widgetctl/EntryReader.h"
+#include "lint/EntryReader.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>

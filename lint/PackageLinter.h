@@ -6,8 +6,8 @@
 //
 //   PackageLinter linter("clock.wgt", "http://example.org/clock.wgt");
 //   for (const LintFinding& f : linter.run()) ...
-#ifndef WIDGETCTL_PACKAGELINTER_H_
-#define WIDGETCTL_PACKAGELINTER_H_
+#ifndef WIDGETENGINE_LINT_PACKAGELINTER_H_
+#define WIDGETENGINE_LINT_PACKAGELINTER_H_
 
 #include <cstdint>
 #include <map>
@@ -15,13 +15,7 @@
 #include <vector>
 
 #include "config/WidgetConfigParser.h"
-
-struct LintFinding {
-  std::string level;  // "error" | "warning" | "info"
-  std::string tag;
-  std::string detail;
-  std::string explanation;
-};
+#include "lint/LintFinding.h"
 
 // One kind of finding: its tag, level and the sentence that goes with it.
 struct LintTag {
@@ -83,4 +77,4 @@ class PackageLinter {
   bool configWalked_ = false;
 };
 
-#endif  // WIDGETCTL_PACKAGELINTER_H_
+#endif  // WIDGETENGINE_LINT_PACKAGELINTER_H_

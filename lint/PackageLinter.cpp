@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "tools/widgetctl/PackageLinter.h"
+#include "lint/PackageLinter.h"
 
 #include <curl/curl.h>
 #include <libxml/parser.h>
@@ -21,7 +21,7 @@
 #include "install/ContentType.h"
 #include "install/Extractor.h"
 #include "install/WidgetInstaller.h"
-#include "tools/widgetctl/EntryReader.h"
+#include "lint/EntryReader.h"
 
 namespace {
 

@@ -3,8 +3,8 @@
 // file read-only and gives libzip handles on the mapped bytes, and readAll()
 // reads a list of entries (whole, so that libzip checks each checksum, or
 // only their first bytes), on two threads when that pays.
-#ifndef WIDGETCTL_ENTRYREADER_H_
-#define WIDGETCTL_ENTRYREADER_H_
+#ifndef WIDGETENGINE_LINT_ENTRYREADER_H_
+#define WIDGETENGINE_LINT_ENTRYREADER_H_
 
 #include <zip.h>
 
@@ -56,4 +56,4 @@ struct ReadJob {
 // job's head, text (when kept) and error are filled in.
 void readAll(const MappedFile& file, zip_t* archive, std::vector<ReadJob>& jobs);
 
-#endif  // WIDGETCTL_ENTRYREADER_H_
+#endif  // WIDGETENGINE_LINT_ENTRYREADER_H_
