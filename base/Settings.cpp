@@ -84,4 +84,18 @@ LogDestination logDestination() {
       kLogToStdout, environment::Unknown::kName));
 }
 
+SignaturePolicy signaturePolicy() {
+  static_assert(kSignaturesOff == 0 && kSignaturesReport == 1 &&
+                    kSignaturesRequire == 2,
+                "the policies are in the order of their names");
+  return static_cast<SignaturePolicy>(environment::choice(
+      "WIDGETENGINE_SIGNATURES", {"off", "report", "require"}, kSignaturesOff,
+      environment::Unknown::kName));
+}
+
+std::string trustAnchorsDirectory() {
+  return environment::path("WIDGETENGINE_TRUST_ANCHORS")
+      .value_or(WIDGETENGINE_TRUST_ANCHORS_DIR);
+}
+
 }  // namespace settings
