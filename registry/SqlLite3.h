@@ -95,8 +95,7 @@ class SqlLite3 {
   // The record kept for the widget called name. -1 when the registry could
   // not be read, 0 when no widget has the name, 1 when one has it but
   // nothing was kept, 2 with *record filled.
-  WIDGETENGINE_TOOLS_EXPORT int readSignatures(const std::string& name,
-                                               std::string* record);
+  int readSignatures(const std::string& name, std::string* record);
 
   // Reads. Records are newly allocated; the caller deletes them.
   std::vector<WidgetsData*> selectWidgets(std::string sql);
