@@ -35,6 +35,7 @@ constexpr long kBusyTimeoutMs = 5000;
 namespace settings {
 
 const char* const kBuiltInWidgetRoot = WIDGETENGINE_WIDGET_ROOT;
+const char* const kBuiltInTrustAnchors = WIDGETENGINE_TRUST_ANCHORS_DIR;
 
 std::optional<std::string> widgetPath() {
   return environment::path("WIDGET_PATH");
@@ -95,7 +96,7 @@ SignaturePolicy signaturePolicy() {
 
 std::string trustAnchorsDirectory() {
   return environment::path("WIDGETENGINE_TRUST_ANCHORS")
-      .value_or(WIDGETENGINE_TRUST_ANCHORS_DIR);
+      .value_or(kBuiltInTrustAnchors);
 }
 
 }  // namespace settings

@@ -68,6 +68,7 @@ SignaturePolicy signaturePolicy();
 // The folder of the certificates a device trusts to vouch for signers:
 // WIDGETENGINE_TRUST_ANCHORS as it is set, else the built-in folder.
 std::string trustAnchorsDirectory();
+extern const char* const kBuiltInTrustAnchors;
 
 }  // namespace settings
 

@@ -130,4 +130,40 @@ TEST(SettingsTest, LogDestinationNamesAnUnknownValue) {
       error.text());
 }
 
+TEST(SettingsTest, SignaturePolicyIsOffUnlessAskedForAndNamesAnUnknownValue) {
+  const struct {
+    const char* value;
+    settings::SignaturePolicy expected;
+  } known[] = {{"off", settings::kSignaturesOff},
+               {"report", settings::kSignaturesReport},
+               {"require", settings::kSignaturesRequire},
+               {"", settings::kSignaturesOff}};
+  for (const auto& c : known) {
+    ScopedEnv set("WIDGETENGINE_SIGNATURES", c.value);
+    CaptureStdout error(2);
+    EXPECT_EQ(c.expected, settings::signaturePolicy()) << c.value;
+    EXPECT_EQ("", error.text()) << c.value;
+  }
+  {
+    ScopedEnv unset("WIDGETENGINE_SIGNATURES");
+    EXPECT_EQ(settings::kSignaturesOff, settings::signaturePolicy());
+  }
+  ScopedEnv set("WIDGETENGINE_SIGNATURES", "requrie");
+  CaptureStdout error(2);
+  EXPECT_EQ(settings::kSignaturesOff, settings::signaturePolicy());
+  EXPECT_EQ(
+      "widgetengine: WIDGETENGINE_SIGNATURES=requrie is not one of off, "
+      "report, require; using off\n",
+      error.text());
+}
+
+TEST(SettingsTest, TrustAnchorsAreTheBuiltInFolderUnlessSet) {
+  {
+    ScopedEnv unset("WIDGETENGINE_TRUST_ANCHORS");
+    EXPECT_EQ(settings::kBuiltInTrustAnchors, settings::trustAnchorsDirectory());
+  }
+  ScopedEnv set("WIDGETENGINE_TRUST_ANCHORS", "/etc/device/anchors");
+  EXPECT_EQ("/etc/device/anchors", settings::trustAnchorsDirectory());
+}
+
 }  // namespace
