@@ -371,12 +371,13 @@ class ScopedThreads {
 // one processor; "" leaves the engine's own choice.
 // The typical package with an author signature added, its entries
 // otherwise the same bytes; it lies in a folder of its own so that it
-// installs under the same name. Made on first use; empty when it cannot be.
+// installs under the same name. Made once a run, as TestPki's keys are
+// made anew for each process; empty when it cannot be.
 std::string signedPackage() {
   const std::string folder = benchpackages::folder() + "/signed";
   const std::string path = folder + "/typical.wgt";
-  struct stat info;
-  if (stat(path.c_str(), &info) == 0) return path;
+  static bool made = false;
+  if (made) return path;
   mkdir(folder.c_str(), 0755);
   const std::string plain = benchpackages::path(benchpackages::kTypical);
   const std::string unpacked = folder + "/unpacked/";
@@ -417,6 +418,7 @@ std::string signedPackage() {
     fprintf(stderr, "cannot write %s\n", path.c_str());
     return "";
   }
+  made = true;
   return path;
 }
 

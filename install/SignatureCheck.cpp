@@ -8,7 +8,6 @@
 #include <cstring>
 #include <iostream>
 #include <mutex>
-#include <new>
 #include <nlohmann/json.hpp>
 #include <optional>
 
