@@ -371,18 +371,6 @@ TEST_F(InstallLockTest, EngineCreatedOnALockedRegistryRecoversLater) {
   EXPECT_EQ(1, answer);
 }
 
-TEST_F(InstallLockTest, RelativeRegistryPathStaysPutWhenTheWorkingDirectoryMoves) {
-  ScopedEnv relative("YRA_DATA_PATH", "relative-conf/");
-  const std::string path = SqlLite3::databasePath();
-  ASSERT_EQ('/', path[0]);
-  EXPECT_EQ("/relative-conf/widget.db",
-            path.substr(path.size() - std::string("/relative-conf/widget.db").size()));
-  ASSERT_EQ(0, chdir(dir.path().c_str()));
-  EXPECT_EQ(path, SqlLite3::databasePath());
-  ASSERT_EQ(0, chdir("/"));
-  EXPECT_EQ(path, SqlLite3::databasePath());
-}
-
 TEST_F(InstallLockTest, JournalNamesOnlyPackagesInTheRootsTmpFolder) {
   // Files of the package form, but not where the engine makes packages.
   ASSERT_EQ(0, mkdir((dir.path() + "/elsewhere").c_str(), 0755));

@@ -132,30 +132,10 @@ SqlLite3::~SqlLite3() {
 }
 
 std::string SqlLite3::databasePath() {
-  std::string path = settings::registryDirectory() + "widget.db";
-  const std::string& start = startDirectory();
-  if (path[0] != '/') path.insert(0, start);
-  return path;
-}
-
-namespace {
-// Taken when the library is loaded, before any removal can have moved the
-// working directory.
-const std::string& gStartDirectory = SqlLite3::startDirectory();
-}  // namespace
-
-const std::string& SqlLite3::startDirectory() {
-  // Taken once: removing a failed installation's files moves the process's
-  // working directory, and a registry named relative to wherever the process
-  // happens to be afterwards would be another file, or none.
-  static const std::string directory = [] {
-    char buffer[PATH_MAX];
-    if (!getcwd(buffer, sizeof buffer)) return std::string();
-    std::string path(buffer);
-    if (path.back() != '/') path.push_back('/');
-    return path;
-  }();
-  return directory;
+  // Glued as it is, a relative directory included: such a registry is found
+  // from the working directory of the moment, which removing a failed
+  // installation's files moves (integrating.md warns hosts of it).
+  return settings::registryDirectory() + "widget.db";
 }
 
 bool SqlLite3::isOpen() { return impl->opened; }

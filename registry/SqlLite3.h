@@ -29,12 +29,9 @@ class SqlLite3 {
   SqlLite3& operator=(const SqlLite3&) = delete;
 
   // $YRA_DATA_PATH (or the built-in default directory) + "widget.db", glued
-  // without a separator. A relative path is taken from the working directory
-  // the process had when it first asked (in practice: when the first engine
-  // was created), whatever the working directory is now.
+  // without a separator. A relative path stays relative: it is opened from
+  // the working directory the process has at the time.
   WIDGETENGINE_TOOLS_EXPORT static std::string databasePath();
-  // The working directory of the process when the library was loaded.
-  static const std::string& startDirectory();
 
   // Removes the shared change counters that killed processes of this user
   // left for registries that are gone; the number removed.

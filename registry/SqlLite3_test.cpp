@@ -4,6 +4,7 @@
 #include "registry/SqlLite3.h"
 
 #include <gtest/gtest.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -70,6 +71,27 @@ TEST(DatabasePathTest, VariableIsGluedToTheFileNameWithoutSeparator) {
   }
   ScopedEnv env("YRA_DATA_PATH", "/tmp/x");
   EXPECT_EQ("/tmp/xwidget.db", SqlLite3::databasePath());
+}
+
+TEST(DatabasePathTest, RelativeDirectoryIsOpenedFromTheWorkingDirectoryOfTheMoment) {
+  ScopedEnv env("YRA_DATA_PATH", "conf/");
+  EXPECT_EQ("conf/widget.db", SqlLite3::databasePath());
+  TempDir first;
+  TempDir second;
+  ASSERT_EQ(0, mkdir((first.path() + "/conf").c_str(), 0755));
+  ASSERT_EQ(0, mkdir((second.path() + "/conf").c_str(), 0755));
+  const int back = open(".", O_PATH | O_DIRECTORY | O_CLOEXEC);
+  ASSERT_GE(back, 0);
+  CaptureStdout quiet;
+  for (const TempDir* place : {&first, &second}) {
+    ASSERT_EQ(0, chdir(place->path().c_str()));
+    SqlLite3 registry;
+    EXPECT_TRUE(registry.isOpen());
+  }
+  ASSERT_EQ(0, fchdir(back));
+  close(back);
+  EXPECT_TRUE(TempDir::exists(first.path() + "/conf/widget.db"));
+  EXPECT_TRUE(TempDir::exists(second.path() + "/conf/widget.db"));
 }
 
 TEST_F(RegistryTest, FreshFileGetsTheThreeTablesVerbatim) {
