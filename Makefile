@@ -32,11 +32,6 @@ build: setup $(BUILD)/CMakeCache.txt
 
 test: setup test-normal test-asan
 
-# A test that fails is run once more, alone, and reported either way: the
-# browser tests drive a real WebKit under Xvfb, which a machine busy with
-# the other tests has been seen to starve of a frame.
-RERUN_FAILED = || ctest --rerun-failed --output-on-failure
-
 # The built-in registry folder and the widget root's parent, which the
 # device's image provides: tests that leave WIDGET_PATH or YRA_DATA_PATH
 # unset use them, in whatever order ctest runs them.
@@ -44,7 +39,7 @@ sandbox_dirs = mkdir -p $(1)/sandbox/conf
 
 test-normal: build
 	$(call sandbox_dirs,$(BUILD))
-	cd $(BUILD) && ctest --output-on-failure -j $(JOBS) $(RERUN_FAILED)
+	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
 
 test-asan: setup
 	cmake -S . -B $(ASAN_BUILD) -DCMAKE_BUILD_TYPE=Debug \
@@ -55,7 +50,7 @@ test-asan: setup
 	$(call sandbox_dirs,$(ASAN_BUILD))
 	cd $(ASAN_BUILD) && export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
 	  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 && \
-	  ctest --output-on-failure -j $(JOBS) $(RERUN_FAILED)
+	  ctest --output-on-failure -j $(JOBS)
 
 demo: build
 	bash tools/demo.sh $(BUILD)
@@ -126,7 +121,7 @@ cross: cross-setup
 	  $(call SANDBOX_FLAGS,$(CROSS_BUILD))
 	cmake --build $(CROSS_BUILD) -j $(JOBS)
 	$(call sandbox_dirs,$(CROSS_BUILD))
-	cd $(CROSS_BUILD) && ctest --output-on-failure -j $(JOBS) $(RERUN_FAILED)
+	cd $(CROSS_BUILD) && ctest --output-on-failure -j $(JOBS)
 
 # Removes what `cmake --install build` wrote (from its install manifest),
 # below DESTDIR when it is set, as for the install.

@@ -63,9 +63,9 @@ long count(const char* name, long minimum, long maximum, long fallback) {
   const char* value = nonEmpty(name);
   if (value == nullptr) return fallback;
   char* end = nullptr;
-  const long number = strtol(value, &end, 10);
+  const long long number = strtoll(value, &end, 10);
   if (*end != '\0' || number < minimum || number > maximum) return fallback;
-  return number;
+  return static_cast<long>(number);
 }
 
 long seconds(const char* name, long fallback) {

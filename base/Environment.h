@@ -23,9 +23,10 @@ std::optional<std::string> path(const char* name);
 // name's value; fallback when it is unset or empty.
 std::string text(const char* name, const std::string& fallback);
 
-// A whole decimal number from minimum to maximum, read as strtol() reads
-// it (leading blanks and a sign allowed; one past the range of long counts
-// as the nearest end of it); fallback for anything else.
+// A whole decimal number from minimum to maximum, read as strtoll() reads
+// it (leading blanks and a sign allowed; one past the range of a 64-bit
+// number counts as the nearest end of it, on every machine, so that a
+// value means the same where long has 32 bits); fallback for anything else.
 long count(const char* name, long minimum, long maximum, long fallback);
 
 // A number of seconds: a count of at least one.

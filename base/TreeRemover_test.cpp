@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "testing/ChildProcess.h"
 #include "testing/TempDir.h"
 
 namespace {
@@ -64,15 +65,15 @@ void makeChain(const std::string& path, int depth) {
 // when the child cannot become that user, -1 when it did not exit.
 template <typename Body>
 int asOtherUser(Body body) {
-  const pid_t child = fork();
-  if (child < 0) return -1;
-  if (child == 0) {
-    if (setgid(kOtherUser) != 0 || setuid(kOtherUser) != 0) _exit(77);
-    _exit(body());
+  ChildProcess child;
+  if (!child.start([&] {
+        if (setgid(kOtherUser) != 0 || setuid(kOtherUser) != 0) return 77;
+        return static_cast<int>(body());
+      })) {
+    return -1;
   }
-  int status = 0;
-  if (waitpid(child, &status, 0) != child || !WIFEXITED(status)) return -1;
-  return WEXITSTATUS(status);
+  child.wait();
+  return child.crashed() || child.hung() ? -1 : child.shellStatus();
 }
 
 class TreeRemoverTest : public ::testing::Test {

@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "testing/ChildProcess.h"
 #include "testing/TempDir.h"
 
 namespace {
@@ -115,16 +116,14 @@ TEST_F(TrustedPathTest, RootsFilesAreTrustedByEveryUser) {
   if (geteuid() != 0) GTEST_SKIP() << "needs root to run as another user";
   const std::string rootsFile = file("roots", 0644);
   ASSERT_EQ(0, chmod(dir.path().c_str(), 0755));
-  const pid_t child = fork();
-  if (child == 0) {
-    if (setgid(kOtherUser) != 0 || setuid(kOtherUser) != 0) _exit(77);
+  ChildProcess child;
+  child.start([&] {
+    if (setgid(kOtherUser) != 0 || setuid(kOtherUser) != 0) return 77;
     std::string why;
-    _exit(TrustedPath::fileIfPresent(rootsFile, &why) ? 0 : 1);
-  }
-  int status = 0;
-  ASSERT_EQ(child, waitpid(child, &status, 0));
-  ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(0, WEXITSTATUS(status));
+    return TrustedPath::fileIfPresent(rootsFile, &why) ? 0 : 1;
+  });
+  child.wait();
+  EXPECT_TRUE(child.exitedWith(0)) << "status " << child.shellStatus();
 }
 
 TEST_F(TrustedPathTest, FileAndFolderLooksAtEveryCompanion) {

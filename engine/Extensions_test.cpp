@@ -260,7 +260,7 @@ TEST_F(ExtensionsTest, ANameTakenNamesTheWidgetThatHasIt) {
   addClock(zip);
   const std::string first = "file://" + writePackage("clock.wgt", zip);
   ASSERT_TRUE(receive(first));
-  ASSERT_EQ(0, system(("mkdir -p " + packages + "b").c_str()));
+  ASSERT_EQ(0, mkdir((packages + "b").c_str(), 0755));
   const std::string second = "file://" + writePackage("b/clock.wgt", zip);
   EXPECT_FALSE(receive(second));
   int code;

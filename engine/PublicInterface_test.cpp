@@ -20,25 +20,24 @@
 
 #include "registry/SqlLite3.h"
 #include "testing/CaptureStdout.h"
+#include "testing/ChildProcess.h"
 #include "testing/ScopedEnv.h"
 #include "testing/TempDir.h"
 #include "testing/ZipBuilder.h"
 
 namespace {
 
-// Runs a shell command; its exit status, with stdout and stderr in *output.
-// Runs from "/": an earlier test's failed installation may have left the
-// process in a directory that is gone since, where cmake refuses to start.
+// Runs a shell command from "/", where cmake and the compiler find nothing
+// of the test's by accident; its exit status (-1 when it did not exit), with
+// stdout and stderr in *output.
 int runCommand(const std::string& command, std::string* output) {
-  FILE* pipe = popen(("cd / && " + command + " 2>&1").c_str(), "r");
-  if (!pipe) return -1;
-  std::string text;
-  char buffer[4096];
-  size_t n;
-  while ((n = fread(buffer, 1, sizeof buffer, pipe)) > 0) text.append(buffer, n);
-  const int status = pclose(pipe);
-  if (output) *output = text;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  ChildProcess shell;
+  shell.mergeOutput();
+  shell.setDirectory("/");
+  shell.start({"/bin/sh", "-c", command});
+  shell.wait();
+  if (output) *output = shell.out();
+  return shell.crashed() || shell.hung() ? -1 : shell.shellStatus();
 }
 
 std::string shellQuoted(const std::string& text) { return "'" + text + "'"; }

@@ -15,6 +15,7 @@
 #include "testing/CaptureStdout.h"
 #include "testing/ScopedEnv.h"
 #include "testing/TempDir.h"
+#include "testing/WorkingDirectory.h"
 
 namespace {
 
@@ -81,6 +82,7 @@ class DelegateTest : public ::testing::Test {
     db.insertLocalizedItems(id, "description", {{"default", "Tells time"}});
   }
 
+  WorkingDirectory start_;  // a failed installation moves the process
   TempDir registry_;
   TempDir widgets_;
   ScopedEnv registryEnv_;

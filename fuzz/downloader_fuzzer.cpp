@@ -3,8 +3,6 @@
 // on 127.0.0.1 to the package downloader, which then closes the connection:
 // whatever the answer, the download ends, and it leaves either the file it
 // reported or nothing at all; destroying the downloader leaves nothing.
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -19,6 +17,7 @@
 
 #include "fuzz/FuzzSandbox.h"
 #include "install/Downloader.h"
+#include "testing/Listener.h"
 
 namespace {
 
@@ -26,21 +25,7 @@ namespace {
 // after reading the request's head; then closes the connection.
 class RawServer {
  public:
-  RawServer() {
-    listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (listener_ < 0) abort();
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (bind(listener_, reinterpret_cast<sockaddr*>(&address),
-             sizeof address) != 0 ||
-        listen(listener_, 16) != 0)
-      abort();
-    socklen_t length = sizeof address;
-    getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length);
-    port_ = ntohs(address.sin_port);
-    std::thread([this] { run(); }).detach();
-  }
+  RawServer() { std::thread([this] { run(); }).detach(); }
 
   void setAnswer(const uint8_t* data, size_t size) {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -48,13 +33,15 @@ class RawServer {
   }
 
   std::string url() const {
-    return "http://127.0.0.1:" + std::to_string(port_) + "/w/fuzz.wgt";
+    return listener_.url("/w/fuzz.wgt");
   }
 
  private:
   void run() {
     for (;;) {
-      const int client = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+      pollfd waiting = {listener_.fd(), POLLIN, 0};
+      if (poll(&waiting, 1, -1) <= 0) continue;
+      const int client = listener_.accept();
       if (client < 0) continue;
       readHead(client);
       std::string answer;
@@ -88,8 +75,7 @@ class RawServer {
     }
   }
 
-  int listener_ = -1;
-  int port_ = 0;
+  Listener listener_;
   std::mutex mutex_;
   std::string answer_;
 };

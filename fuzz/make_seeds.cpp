@@ -13,9 +13,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <set>
 #include <string>
 #include <vector>
 
+#include "fuzz/SamplePackage.h"
+#include "signature/SignatureMaker.h"
+#include "testing/TestPki.h"
 #include "testing/ZipBuilder.h"
 
 namespace {
@@ -36,13 +40,77 @@ std::string read(const std::string& path) {
   return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
+std::string replaced(std::string text, const std::string& from, const std::string& to) {
+  for (size_t at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size()))
+    text.replace(at, from.size(), to);
+  return text;
+}
+
+// Seeds of the signature target, whose first byte says what the rest is
+// (see signature_fuzzer.cpp): documents signed over the target's sample
+// package, templates, variants the rules refuse, and reference URIs. This
+// process's test authority is not the target's, so the signed documents
+// hold but for their signer's chain.
+bool writeSignatureSeeds(const std::string& out, const std::string& work) {
+  const std::string package = work + "/signed";
+  if (!samplePackage::write(package)) return false;
+  const TestPki& pki = TestPki::get();
+  SignatureMaker author, distributor;
+  std::string reason, written;
+  if (!author.setSigner(pki.author.key, pki.author.chain, &reason) ||
+      !distributor.setSigner(pki.distributor.key, pki.distributor.chain, &reason)) {
+    fprintf(stderr, "make_seeds: %s\n", reason.c_str());
+    return false;
+  }
+  const std::set<std::string> files = {"config.xml", "index.html", "js/app.js"};
+  std::vector<std::string> seeds;
+  for (bool exclusive : {false, true}) {
+    author.setExclusiveCanonicalization(exclusive);
+    distributor.setExclusiveCanonicalization(exclusive);
+    // The target fills templates in with an EC key: the method must be its.
+    const std::string text = distributor.makeTemplate(files, SignatureMaker::kAuthor);
+    seeds.push_back("t" + text);
+    seeds.push_back("t" + replaced(text, "role-author", "role-distributor"));
+    seeds.push_back("t" + replaced(text, "js/app.js", "js%2Fapp.js"));
+    if (!author.sign(package, SignatureMaker::kAuthor, &written, &reason)) {
+      fprintf(stderr, "make_seeds: %s\n", reason.c_str());
+      return false;
+    }
+    const std::string document = read(package + "/" + written);
+    // The entity's declaration must come before the root, after no other.
+    const size_t root = document.find("<Signature");
+    seeds.push_back(document);
+    // libxmlsec makes no SHA-1 digests, so this one is a made document's.
+    seeds.push_back(replaced(document, "http://www.w3.org/2001/04/xmlenc#sha256",
+                             "http://www.w3.org/2000/09/xmldsig#sha1"));
+    seeds.push_back("<?xml version=\"1.0\"?><!DOCTYPE Signature [<!ENTITY x SYSTEM "
+                    "\"file:///etc/passwd\">]>" +
+                    replaced(document.substr(root), "</SignatureValue>",
+                             "&x;</SignatureValue>"));
+  }
+  seeds.push_back("t" + distributor.makeTemplate(files, SignatureMaker::kDistributor));
+  if (!distributor.sign(package, SignatureMaker::kDistributor, &written, &reason)) {
+    fprintf(stderr, "make_seeds: %s\n", reason.c_str());
+    return false;
+  }
+  seeds.push_back("d" + read(package + "/" + written));
+  for (const char* uri : {"index.html", "js%2Fapp.js", "js/app.js", "a%20b/c%25d.txt",
+                          "%2e%2e/x", "./index.html", "/etc/passwd", "http://x/y",
+                          "#prop", "js//app.js", "%00", "%C3%A9t%C3%A9.html"}) {
+    seeds.push_back(std::string("u") + uri);
+  }
+  for (size_t i = 0; i < seeds.size(); ++i)
+    write(out + "/signature/seed" + std::to_string(i), seeds[i]);
+  return true;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   if (argc != 2) return 2;
   const std::string out = argv[1];
   for (const char* target : {"", "/config_parser", "/downloader", "/extractor",
-                             "/install", "/locales", "/registry"}) {
+                             "/install", "/locales", "/registry", "/signature"}) {
     mkdir((out + target).c_str(), 0755);
   }
 
@@ -133,6 +201,7 @@ int main(int argc, char** argv) {
     }
   }
   write(out + "/registry/seed0.db", read(conf + "widget.db"));
+  const bool signatures = writeSignatureSeeds(out, work);
   std::string command = "rm -rf '" + work + "'";
-  return std::system(command.c_str()) == 0 ? 0 : 1;
+  return std::system(command.c_str()) == 0 && signatures ? 0 : 1;
 }

@@ -33,6 +33,7 @@ for program in "$build"/*_fuzzer; do
     config_parser) dict=(-dict="$source_dir/xml.dict") ;;
     extractor|install) dict=(-dict="$source_dir/zip.dict") ;;
     downloader) dict=(-dict="$source_dir/http.dict") ;;
+    signature) dict=(-dict="$source_dir/xmldsig.dict") ;;
   esac
   before=$(find "$findings" -type f | wc -l)
   ASAN_OPTIONS=detect_leaks=1:abort_on_error=0:quarantine_size_mb=16:malloc_context_size=5 \

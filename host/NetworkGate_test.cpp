@@ -17,6 +17,7 @@
 #include <thread>
 #include <vector>
 
+#include "testing/ChildProcess.h"
 #include "testing/HttpServer.h"
 #include "testing/Listener.h"
 #include "testing/LoopbackResolver.h"
@@ -54,15 +55,10 @@ struct Gate {
 // that a gate that keeps a connection open by mistake fails the test
 // instead of hanging it.
 int connectTo(int port) {
-  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address = {};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(static_cast<uint16_t>(port));
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  const int fd = connectToLoopback(port);
+  EXPECT_GE(fd, 0) << "no connection to port " << port;
   timeval wait = {20, 0};
   setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof wait);
-  EXPECT_EQ(0,
-            connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address));
   return fd;
 }
 
@@ -126,15 +122,10 @@ std::string tunnel(NetworkGate& gate, const std::string& hostPort,
 }
 
 // Waits (20 s at most, for a gate that never connects) until the listener
-// has seen a connection.
+// has a connection; how many it had.
 int connectionsSeen(Listener& listener) {
-  const auto deadline =
-      std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  int seen = 0;
-  while ((seen = listener.connections()) == 0 &&
-         std::chrono::steady_clock::now() < deadline)
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  return seen;
+  listener.waitForConnection(std::chrono::seconds(20));
+  return listener.connections();
 }
 
 TEST(NetworkGateTest, ForwardsAGrantedRequestInOriginForm) {
@@ -353,15 +344,14 @@ TEST(NetworkGateTest, ResolvesOnlyGrantedNames) {
   TempDir dir;
   LoopbackResolver resolver(dir.file("resolv.conf"));
   if (!resolver.ready()) GTEST_SKIP() << "127.53.0.1:53 is taken";
-  const pid_t child = fork();
-  ASSERT_LE(0, child);
-  if (child == 0) {
-    if (!resolver.enter()) _exit(77);
+  ChildProcess child;
+  ASSERT_TRUE(child.start([&] {
+    if (!resolver.enter()) return 77;
     bool refused = false;
     bool looked = false;
     {
       NetworkGate gate(granting({"http://granted-name.test:8081"}), nullptr);
-      if (!gate.start()) _exit(2);
+      if (!gate.start()) return 2;
       // Not granted: refused without a lookup. Granted: looked up, and then
       // not found (nothing answers).
       refused =
@@ -370,13 +360,12 @@ TEST(NetworkGateTest, ResolvesOnlyGrantedNames) {
       looked = ask(gate, get("http://granted-name.test:8081/"))
                    .find("HTTP/1.1 502") == 0;
     }
-    _exit(refused && looked ? 0 : 1);
-  }
-  int status = 0;
-  ASSERT_EQ(child, waitpid(child, &status, 0));
-  ASSERT_TRUE(WIFEXITED(status));
-  if (WEXITSTATUS(status) == 77) GTEST_SKIP() << "no mount namespace";
-  EXPECT_EQ(0, WEXITSTATUS(status));
+    return refused && looked ? 0 : 1;
+  }));
+  child.wait();
+  if (child.exitedWith(77)) GTEST_SKIP() << "no mount namespace";
+  EXPECT_TRUE(child.exitedWith(0)) << "status " << child.shellStatus() << ": "
+                                   << child.out() << child.err();
   bool grantedAsked = false;
   for (const std::string& name : resolver.names()) {
     EXPECT_EQ(std::string::npos, name.find("exfil")) << name;

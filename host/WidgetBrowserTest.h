@@ -8,7 +8,6 @@
 
 #include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -17,7 +16,6 @@
 #include <map>
 #include <set>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -25,12 +23,11 @@
 
 #include <widgetengine/WidgetEngineDelegate.h>
 
+#include "testing/ChildProcess.h"
 #include "testing/HttpServer.h"
 #include "testing/TempDir.h"
 #include "testing/WidgetSandbox.h"
 #include "testing/ZipBuilder.h"
-
-extern char** environ;
 
 constexpr char kBrowser[] = WIDGETENGINE_BINARY_DIR "/widget-browser";
 constexpr char kSample[] = WIDGETENGINE_SOURCE_DIR "/tools/sample-widget";
@@ -96,57 +93,19 @@ class WidgetBrowserTest : public WidgetSandbox {
   Browse browse(const std::vector<std::string>& args,
                 const std::map<std::string, std::string>& env = {}) {
     Browse result;
-    const std::string outPath = dir.file("browser.out");
-    const std::string errPath = dir.file("browser.err");
-    std::vector<std::string> argStore = wrapper;
-    argStore.push_back(kBrowser);
-    argStore.insert(argStore.end(), args.begin(), args.end());
-    std::vector<char*> argv;
-    for (std::string& arg : argStore) argv.push_back(&arg[0]);
-    argv.push_back(nullptr);
-    std::map<std::string, std::string> vars = {{"WIDGET_BROWSER_FACTS", "1"}};
-    for (const auto& entry : env) vars[entry.first] = entry.second;
-    std::vector<std::string> envStore;
-    for (char** e = environ; *e; ++e) {
-      const std::string entry = *e;
-      if (vars.count(entry.substr(0, entry.find('='))) == 0)
-        envStore.push_back(entry);
-    }
-    for (const auto& entry : vars)
-      envStore.push_back(entry.first + "=" + entry.second);
-    std::vector<char*> envp;
-    for (std::string& entry : envStore) envp.push_back(&entry[0]);
-    envp.push_back(nullptr);
-
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 1, outPath.c_str(),
-                                     O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    posix_spawn_file_actions_addopen(&actions, 2, errPath.c_str(),
-                                     O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    pid_t pid = -1;
-    const int spawned = posix_spawn(&pid, argv[0], &actions, nullptr,
-                                    argv.data(), envp.data());
-    posix_spawn_file_actions_destroy(&actions);
-    if (spawned != 0) {
-      ADD_FAILURE() << "cannot start " << kBrowser;
-      return result;
-    }
-    const auto end = std::chrono::steady_clock::now() + deadline;
-    int wstatus = 0;
-    while (waitpid(pid, &wstatus, WNOHANG) == 0) {
-      if (std::chrono::steady_clock::now() > end) {
-        kill(pid, SIGKILL);
-        waitpid(pid, &wstatus, 0);
-        result.hung = true;
-        break;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    result.exited = !result.hung && WIFEXITED(wstatus);
-    if (result.exited) result.status = WEXITSTATUS(wstatus);
-    result.out = TempDir::readFile(outPath);
-    result.err = TempDir::readFile(errPath);
+    std::vector<std::string> argv = wrapper;
+    argv.push_back(kBrowser);
+    argv.insert(argv.end(), args.begin(), args.end());
+    ChildProcess browser;
+    browser.setEnv("WIDGET_BROWSER_FACTS", "1");
+    for (const auto& entry : env) browser.setEnv(entry.first, entry.second);
+    if (!browser.start(argv)) return result;
+    browser.wait(deadline);
+    result.hung = browser.hung();
+    result.exited = !result.hung && WIFEXITED(browser.status());
+    if (result.exited) result.status = WEXITSTATUS(browser.status());
+    result.out = browser.out();
+    result.err = browser.err();
     const std::string marker = "widget-browser-facts: ";
     const size_t at = result.out.rfind(marker);
     if (at != std::string::npos) {

@@ -825,12 +825,12 @@ TEST(WidgetBrowserManualPage, NamesEveryOptionExitCodeVariableAndFile) {
   const std::string page = TempDir::readFile(path);
   ASSERT_FALSE(page.empty());
   // The options the program itself lists.
-  std::string help;
-  FILE* pipe = popen((std::string(kBrowser) + " --help 2>&1").c_str(), "r");
-  ASSERT_TRUE(pipe);
-  char buffer[512];
-  while (fgets(buffer, sizeof buffer, pipe)) help += buffer;
-  EXPECT_EQ(0, pclose(pipe));
+  ChildProcess browser;
+  browser.mergeOutput();
+  ASSERT_TRUE(browser.start({kBrowser, "--help"}));
+  browser.wait();
+  EXPECT_TRUE(browser.exitedWith(0));
+  const std::string help = browser.out();
   for (const char* option :
        {"--lang", "--screenshot", "--exit-after-load", "--size", "--help"}) {
     EXPECT_NE(std::string::npos, help.find(option)) << option;

@@ -24,9 +24,11 @@
 #include <vector>
 
 #include "testing/CaptureStdout.h"
+#include "testing/ChildProcess.h"
 #include "testing/OutputChecks.h"
 #include "testing/ScopedEnv.h"
 #include "testing/TempDir.h"
+#include "testing/WorkingDirectory.h"
 #include "testing/ZipBuilder.h"
 
 namespace {
@@ -160,6 +162,8 @@ class ExtractorTest : public ::testing::Test {
     return result;
   }
 
+  // Removals move the process; each test ends where it began.
+  WorkingDirectory start;
   TempDir dir;
   std::string zipPath;
   std::string target;
@@ -913,31 +917,22 @@ TEST_F(ExtractorTest, FolderLongerThanAPathCanBeIsMadeAsFarAsItReaches) {
 std::string extractWithFileSizeLimit(const std::string& zipPath,
                                      const std::string& target,
                                      rlim_t limitBytes, int* result) {
-  TempDir scratch;
-  const std::string outputPath = scratch.file("output.txt");
-  fflush(stdout);
-  pid_t child = fork();
-  if (child == 0) {
-    FILE* out = freopen(outputPath.c_str(), "w", stdout);
-    if (out == nullptr) _exit(100);
+  ChildProcess child;
+  child.start([&] {
     signal(SIGXFSZ, SIG_IGN);
     struct rlimit limit = {limitBytes, limitBytes};
-    if (setrlimit(RLIMIT_FSIZE, &limit) != 0) _exit(101);
+    if (setrlimit(RLIMIT_FSIZE, &limit) != 0) return 101;
     int status;
     {
       Extractor extractor(zipPath, target);
       Files files;
       status = extractor.extract(files);
     }
-    fflush(stdout);
-    _exit(status == 0 ? 0 : 1);
-  }
-  int wstatus = 0;
-  waitpid(child, &wstatus, 0);
-  *result = WIFEXITED(wstatus) && WEXITSTATUS(wstatus) <= 1
-                ? -WEXITSTATUS(wstatus)
-                : 99;
-  return TempDir::readFile(outputPath);
+    return status == 0 ? 0 : 1;
+  });
+  child.wait();
+  *result = child.exitedWith(0) ? 0 : child.exitedWith(1) ? -1 : 99;
+  return child.out();
 }
 
 // Passes when an extraction whose files may not grow beyond limitBytes fails

@@ -6,12 +6,15 @@
 #include <sqlite3.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <utility>
@@ -26,6 +29,7 @@
 #include "registry/SqlLite3.h"
 #include "testing/CaptureStdout.h"
 #include "testing/ConfigXml.h"
+#include "testing/NextSecond.h"
 #include "testing/ScopedEnv.h"
 #include "testing/TempDir.h"
 #include "testing/WidgetSandbox.h"
@@ -37,6 +41,46 @@ struct FreeString {
   void operator()(char* text) const { free(text); }
 };
 typedef std::unique_ptr<char, FreeString> EngineString;
+
+// True once another holder waits for the lock file at path: the kernel
+// lists each waiter of a lock in /proc/locks, marked "->". Nothing tells of
+// a thread that starts to wait, so the list is read until it shows one (20 s
+// at most).
+bool waitsForTheLock(const std::string& path) {
+  struct stat status;
+  if (stat(path.c_str(), &status) != 0) return false;
+  char file[64];
+  std::snprintf(file, sizeof file, " %02x:%02x:%lu ", major(status.st_dev),
+                minor(status.st_dev), static_cast<unsigned long>(status.st_ino));
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while (std::chrono::steady_clock::now() < end) {
+    std::istringstream locks(TempDir::readFile("/proc/locks"));
+    std::string line;
+    while (std::getline(locks, line)) {
+      if (line.find("-> FLOCK") != std::string::npos &&
+          line.find(file) != std::string::npos) {
+        return true;
+      }
+    }
+    std::this_thread::yield();
+  }
+  return false;
+}
+
+// isWidget's answer for url, asked now and again each time the monotonic
+// second moves on until it is wanted (three seconds at most): an engine
+// looks again at a registry file that another program changed once the
+// second has moved on. mapResource is asked along, and must not fault.
+int answerOnceSeen(RefPtr<WebWidgetEngineDelegate>& engine, const char* url,
+                   int wanted) {
+  int answer = engine->isWidget(url);
+  for (int second = 0; second < 3 && answer != wanted; ++second) {
+    waitForTheNextSecond();
+    EngineString mapped(engine->mapResource(url, "fr"));
+    answer = engine->isWidget(url);
+  }
+  return answer;
+}
 
 class InstallLockTest : public WidgetSandbox {
  protected:
@@ -93,7 +137,8 @@ TEST_F(InstallLockTest, SecondHolderOfANameWaitsForTheFirstUnderAnySpelling) {
       taken = true;
       lock.clear();
     });
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    ASSERT_TRUE(waitsForTheLock(root + ".widget_clock.lock"))
+        << "the second holder never asked for the lock";
     EXPECT_FALSE(taken);
     // Another name is free all along.
     InstallLock other(spelling, "calendar");
@@ -278,17 +323,10 @@ TEST_F(InstallLockTest, TruncatedOrReplacedRegistryUnderALiveEngineIsNoCrash) {
   EngineString launch(engine->receiveWidget(clockPackage("clock.wgt").c_str(), nullptr));
   ASSERT_TRUE(launch);
   ASSERT_EQ(1, engine->isWidget(launch.get()));
-  // What another program does to the file is seen within a second; until
-  // then the lookups may answer from memory, and no lookup faults.
-  const auto gone = [&] {
-    int answer = 1;
-    for (int i = 0; i < 30 && answer != 0; ++i) {
-      EngineString mapped(engine->mapResource(launch.get(), "fr"));
-      answer = engine->isWidget(launch.get());
-      if (answer) std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    }
-    return answer == 0;
-  };
+  // What another program does to the file is seen once the engine looks at
+  // it again; until then the lookups may answer from memory, and no lookup
+  // faults.
+  const auto gone = [&] { return answerOnceSeen(engine, launch.get(), 0) == 0; };
   ASSERT_EQ(0, truncate((conf + "widget.db").c_str(), 0));
   EXPECT_TRUE(gone());
   EngineString mapped(engine->mapResource(launch.get(), "fr"));
@@ -312,14 +350,10 @@ TEST_F(InstallLockTest, RegistryReplacedUnderALiveEngineIsFollowed) {
   TempDir::writeFile(conf + "saved.db", TempDir::readFile(conf + "widget.db"));
   ASSERT_EQ(1, engine->deleteWidget("clock", nullptr));
   ASSERT_EQ(0, engine->isWidget(launch.get()));
-  // A copy taken earlier is put back, as a restore would.
+  // A copy taken earlier is put back, as a restore would: seen once the
+  // engine looks at the file again.
   ASSERT_EQ(0, rename((conf + "saved.db").c_str(), (conf + "widget.db").c_str()));
-  int answer = 0;
-  for (int i = 0; i < 30 && answer != 1; ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    answer = engine->isWidget(launch.get());
-  }
-  EXPECT_EQ(1, answer);
+  EXPECT_EQ(1, answerOnceSeen(engine, launch.get(), 1));
 }
 
 TEST_F(InstallLockTest, LookupWaitsForAnotherProcessesWriteLock) {
@@ -336,6 +370,7 @@ TEST_F(InstallLockTest, LookupWaitsForAnotherProcessesWriteLock) {
                                     " VALUES (99, 'name', 'fr', 'x')",
                                     nullptr, nullptr, nullptr));
   std::thread release([&] {
+    // Not a wait: the moment the lock is held for.
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     sqlite3_exec(writer, "COMMIT", nullptr, nullptr, nullptr);
   });
@@ -363,12 +398,7 @@ TEST_F(InstallLockTest, EngineCreatedOnALockedRegistryRecoversLater) {
   sqlite3_exec(holder, "COMMIT", nullptr, nullptr, nullptr);
   sqlite3_close(holder);
   // Tried again at most once a second.
-  int answer = 0;
-  for (int i = 0; i < 30 && answer != 1; ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    answer = engine->isWidget(launch.c_str());
-  }
-  EXPECT_EQ(1, answer);
+  EXPECT_EQ(1, answerOnceSeen(engine, launch.c_str(), 1));
 }
 
 TEST_F(InstallLockTest, JournalNamesOnlyPackagesInTheRootsTmpFolder) {

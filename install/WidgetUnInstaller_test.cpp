@@ -14,8 +14,10 @@
 #include "registry/SqlLite3.h"
 #include "registry/WidgetsData.h"
 #include "testing/CaptureStdout.h"
+#include "testing/ChildProcess.h"
 #include "testing/ScopedEnv.h"
 #include "testing/TempDir.h"
+#include "testing/WorkingDirectory.h"
 
 namespace {
 
@@ -85,6 +87,7 @@ class UnInstallerTest : public ::testing::Test {
     return status;
   }
 
+  WorkingDirectory start_;  // each test ends where it began
   TempDir registry_;
   TempDir widgets_;
   ScopedEnv env_;
@@ -156,24 +159,19 @@ TEST_F(UnInstallerTest, DirectoryThatDidNotGoIsNotReportedDeleted) {
         dir + "locales/fr/index.html"}) {
     ASSERT_EQ(0, chown(path.c_str(), kUser, kUser)) << path;
   }
-  CaptureStdout out;
-  fflush(stdout);
-  const pid_t child = fork();
-  if (child == 0) {
-    if (setgid(kUser) != 0 || setuid(kUser) != 0) _exit(77);
+  ChildProcess child;
+  child.start([&] {
+    if (setgid(kUser) != 0 || setuid(kUser) != 0) return 77;
     int status;
     {
       WidgetUnInstaller uninstaller("stuck");
       status = uninstaller.run();
     }
-    fflush(stdout);
-    _exit(status == -1 ? 0 : 1);
-  }
-  int status = 0;
-  ASSERT_EQ(child, waitpid(child, &status, 0));
-  const std::string output = out.text();
-  ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(0, WEXITSTATUS(status));
+    return status == -1 ? 0 : 1;
+  });
+  child.wait();
+  const std::string output = child.out();
+  EXPECT_TRUE(child.exitedWith(0)) << "status " << child.shellStatus();
   EXPECT_EQ("Try to delete directory on fileSystem : " + dir +
                 "\nCould not remove the directory " + root_ +
                 "widget_stuck: Directory not empty\nError : can't delete "
@@ -355,8 +353,7 @@ TEST_F(UnInstallerTest, DanglingLinkAtTheTopFailsLikeAMissingDirectory) {
 }
 
 TEST_F(UnInstallerTest, RemovesDeepTreesWithoutChangingWorkingDirectory) {
-  // Somewhere that exists: an earlier test's failed installation may have
-  // left the process in a directory removed since.
+  // Somewhere of this test's own, left again when the test ends.
   ASSERT_EQ(0, chdir(widgets_.path().c_str()));
   char before[4096];
   ASSERT_NE(nullptr, getcwd(before, sizeof before));

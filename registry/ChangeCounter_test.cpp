@@ -13,10 +13,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <string>
 #include <vector>
 
 #include "registry/SqlLite3.h"
+#include "testing/ChildProcess.h"
 #include "testing/RegistryTestUtil.h"
 #include "testing/TempDir.h"
 
@@ -58,16 +60,15 @@ TEST_F(ChangeCounterTest, AttachmentsOfOneFileShareTheValue) {
   const uint32_t start = b.read();
   a.bump();
   EXPECT_EQ(start + 1, b.read());
-  pid_t child = fork();
-  if (child == 0) {
+  ChildProcess child;
+  child.start([&] {
     ChangeCounter c;
-    if (!c.attach(device, inode, path)) _exit(1);
+    if (!c.attach(device, inode, path)) return 1;
     c.bump();
-    _exit(0);
-  }
-  int status = 0;
-  waitpid(child, &status, 0);
-  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    return 0;
+  });
+  child.wait();
+  ASSERT_TRUE(child.exitedWith(0));
   EXPECT_EQ(start + 2, a.read());
   EXPECT_TRUE(a.revalidate());
 }
@@ -151,16 +152,15 @@ TEST_F(ChangeCounterTest, ASegmentOnlyItsOwnerMayReadIsNoHarm) {
   status.shm_perm.uid = 65534;
   status.shm_perm.mode = 0600;
   ASSERT_EQ(0, shmctl(planted, IPC_SET, &status));
-  pid_t child = fork();
-  if (child == 0) {
+  ChildProcess child;
+  child.start([&] {
     // As an ordinary user, who cannot read it.
-    if (setuid(4242) != 0) _exit(2);
+    if (setuid(4242) != 0) return 2;
     ChangeCounter c;
-    _exit(c.attach(device, inode, path) ? 1 : 0);
-  }
-  int result = 0;
-  waitpid(child, &result, 0);
-  EXPECT_TRUE(WIFEXITED(result) && WEXITSTATUS(result) == 0) << result;
+    return c.attach(device, inode, path) ? 1 : 0;
+  });
+  child.wait();
+  EXPECT_TRUE(child.exitedWith(0)) << child.shellStatus();
 }
 
 // The segment of the registry file at path, or -1.
@@ -175,25 +175,24 @@ bool segmentAlive(int id) {
   return shmctl(id, IPC_STAT, &status) == 0;
 }
 
-// An engine in a process of its own, on the registry in folder: it looks a
-// widget up (which attaches the registry's counter), then writes a byte to
-// ready and, unless finish, waits to be killed.
-pid_t engineProcess(const std::string& folder, int ready, bool finish) {
-  pid_t pid = fork();
-  if (pid != 0) return pid;
-  setenv("YRA_DATA_PATH", (folder + "/").c_str(), 1);
-  {
+// Starts in child an engine on the registry in folder: it looks a widget up
+// (which attaches the registry's counter), then writes a byte to ready and,
+// unless finish, waits to be killed.
+void startEngine(ChildProcess& child, const std::string& folder, int ready,
+                 bool finish) {
+  child.setEnv("YRA_DATA_PATH", folder + "/");
+  child.start([&] {
     SqlLite3 db;
     std::string name;
-    if (!db.isOpen()) _exit(2);
+    if (!db.isOpen()) return 2;
     db.getNameByLaunchURL("file:///nothing", name);
     char c = 'r';
-    if (write(ready, &c, 1) != 1) _exit(3);
+    if (write(ready, &c, 1) != 1) return 3;
     if (!finish) {
       for (;;) pause();
     }
-  }
-  _exit(0);
+    return 0;
+  });
 }
 
 }  // namespace
@@ -212,14 +211,15 @@ TEST_F(ChangeCounterTest, CountersLeftByKilledEnginesGoOnceTheirRegistryIsGone) 
   for (int i = 0; i < kRegistries; ++i) {
     folders.push_back(dir.file("r" + std::to_string(i)));
     ASSERT_EQ(0, mkdir(folders.back().c_str(), 0700));
-    const pid_t pid = engineProcess(folders.back(), ready[1], false);
+    ChildProcess engine;
+    startEngine(engine, folders.back(), ready[1], false);
+    const pid_t pid = engine.pid();
     ASSERT_GT(pid, 0);
     char c;
     ASSERT_EQ(1, read(ready[0], &c, 1)) << i;
-    kill(pid, SIGKILL);
-    int status = 0;
-    waitpid(pid, &status, 0);
-    ASSERT_TRUE(WIFSIGNALED(status)) << i;
+    engine.kill(SIGKILL);
+    engine.wait();
+    ASSERT_TRUE(engine.crashed()) << i;
     // Killed while attached: the counter it made is left behind. (Under
     // a key that a segment of another program holds, it made none.)
     const int id = segmentOf(folders.back() + "/widget.db");
@@ -231,6 +231,8 @@ TEST_F(ChangeCounterTest, CountersLeftByKilledEnginesGoOnceTheirRegistryIsGone) 
       ++taken;
     }
   }
+  std::printf("killed engines: registries=%d counters-left=%d keys-taken=%d\n",
+              kRegistries, kRegistries - taken, taken);
   ASSERT_LE(taken, kRegistries / 10);
   // All registries but one go away; then one engine runs.
   size_t live = 0;
@@ -242,12 +244,12 @@ TEST_F(ChangeCounterTest, CountersLeftByKilledEnginesGoOnceTheirRegistryIsGone) 
   }
   const std::string caller = dir.file("caller");
   ASSERT_EQ(0, mkdir(caller.c_str(), 0700));
-  const pid_t pid = engineProcess(caller, ready[1], true);
+  ChildProcess engine;
+  startEngine(engine, caller, ready[1], true);
   char c;
   ASSERT_EQ(1, read(ready[0], &c, 1));
-  int status = 0;
-  waitpid(pid, &status, 0);
-  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  engine.wait();
+  ASSERT_TRUE(engine.exitedWith(0)) << engine.shellStatus();
   close(ready[0]);
   close(ready[1]);
 
@@ -276,15 +278,15 @@ TEST_F(ChangeCounterTest, ACounterInUseIsNeverReclaimed) {
 }
 
 TEST_F(ChangeCounterTest, ACounterWhoseInodeNowBelongsToAnotherFileIsReclaimed) {
-  pid_t child = fork();
-  if (child == 0) {
+  ChildProcess child;
+  child.start([&] {
     ChangeCounter c;
     c.attach(device, inode, path);
     kill(getpid(), SIGKILL);
-  }
-  int status = 0;
-  waitpid(child, &status, 0);
-  ASSERT_TRUE(WIFSIGNALED(status));
+    return 1;
+  });
+  child.wait();
+  ASSERT_TRUE(child.crashed());
   const int id = shmget(ChangeCounter::keyOf(device, inode), 0, 0);
   ASSERT_GE(id, 0);
   // The name now leads to another file, put in its place in one step as a
@@ -313,8 +315,8 @@ TEST_F(ChangeCounterTest, AttachingWhileTheLastUserLetsGoFindsTheLiveCounter) {
   ASSERT_EQ(0, pipe(go));
   ASSERT_EQ(0, pipe(done));
   const int kRounds = registrytest::raceRounds(20000);
-  pid_t writer = fork();
-  if (writer == 0) {
+  ChildProcess writer;
+  writer.start([&] {
     close(go[1]);
     close(done[0]);
     char c;
@@ -324,13 +326,15 @@ TEST_F(ChangeCounterTest, AttachingWhileTheLastUserLetsGoFindsTheLiveCounter) {
         c = w.attach(device, inode, path) ? 'y' : 'n';
         w.bump();
       }
-      if (write(done[1], &c, 1) != 1) _exit(1);
+      if (write(done[1], &c, 1) != 1) return 1;
     }
-    _exit(0);
-  }
+    return 0;
+  });
   close(go[0]);
   close(done[1]);
-  int stale = 0, refused = 0;
+  // Every round ends one way: not attached here, or attached and the
+  // writer's move seen at once (fresh) or not (stale).
+  int fresh = 0, stale = 0, refused = 0, writerRefused = 0;
   for (int round = 0; round < kRounds; ++round) {
     ChangeCounter o;
     if (!o.attach(device, inode, path)) {
@@ -341,16 +345,24 @@ TEST_F(ChangeCounterTest, AttachingWhileTheLastUserLetsGoFindsTheLiveCounter) {
     char c = 'x';
     ASSERT_EQ(1, write(go[1], &c, 1));
     ASSERT_EQ(1, read(done[0], &c, 1));
-    if (c != 'y') ++refused;
-    if (o.read() != before + 1) ++stale;
+    if (c != 'y') ++writerRefused;
+    if (o.read() != before + 1)
+      ++stale;
+    else
+      ++fresh;
   }
   close(go[1]);
   close(done[0]);
-  int status = 0;
-  waitpid(writer, &status, 0);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  writer.wait();
+  EXPECT_TRUE(writer.exitedWith(0));
   EXPECT_TRUE(racer.stop());
+  std::printf("change-counter race: rounds=%d fresh=%d stale=%d refused=%d "
+              "writer-refused=%d\n",
+              kRounds, fresh, stale, refused, writerRefused);
+  EXPECT_EQ(kRounds, fresh + stale + refused);
+  EXPECT_EQ(kRounds, fresh);
   EXPECT_EQ(0, refused);
+  EXPECT_EQ(0, writerRefused);
   EXPECT_EQ(0, stale) << "of " << kRounds << " rounds";
   // Two that let go at once may each see the other still attached, and
   // leave the counter; it goes with its file.

@@ -11,6 +11,9 @@
 // header cannot be trusted (a file shorter than its header, WAL mode, an
 // open transaction on the connection, a failed load) the caller runs the
 // statements instead.
+// The widgets' rows are a WidgetIndex, read whole at a load; each widget's
+// files a WidgetFileSet, read when a lookup first needs them and let go past
+// a budget. This class decides when they may answer and joins their answers.
 #ifndef WIDGETENGINE_LOOKUPCACHE_H_
 #define WIDGETENGINE_LOOKUPCACHE_H_
 
@@ -22,9 +25,11 @@
 #include <memory>
 #include <string>
 #include <unordered_map>
-#include <vector>
 
 #include "registry/ChangeCounter.h"
+#include "registry/DatabaseHeader.h"
+#include "registry/WidgetFileSet.h"
+#include "registry/WidgetIndex.h"
 
 class LookupCache {
  public:
@@ -54,7 +59,9 @@ class LookupCache {
   static time_t coarseSecond();
 
   // The name of the first widget (in id order) whose launch URL is url.
-  bool nameByLaunchURL(const char* url, size_t length, std::string& name) const;
+  bool nameByLaunchURL(const char* url, size_t length, std::string& name) const {
+    return widgets_.nameByLaunchURL(url, length, name);
+  }
   bool nameByLaunchURL(const std::string& url, std::string& name) const {
     return nameByLaunchURL(url.data(), url.size(), name);
   }
@@ -68,9 +75,8 @@ class LookupCache {
   // copies, when given, is set when one widget alone has the file and the
   // directory given back is all of its own: then hasCopy() answers for
   // hasFile() on "locales/<language>/<the rest of path>".
-  struct FileSet;
   struct Copies {
-    const FileSet* set = nullptr;
+    const WidgetFileSet* set = nullptr;
     uint32_t entry = 0;
     // Whether path holds a "'", told from the directory and file texts it
     // was found equal to, so that the caller need not read it again.
@@ -87,7 +93,9 @@ class LookupCache {
   // Whether the file that fileOwner() found has a copy in locale whose path
   // a browser reads as inside the widget. Valid until the next call of any
   // other method.
-  bool hasCopy(const Copies& copies, const std::string& locale) const;
+  bool hasCopy(const Copies& copies, const std::string& locale) const {
+    return copies.set->hasCopy(copies.entry, locale);
+  }
 
   // Whether a file row of widgetId has exactly path: 1 yes, 0 no, -1 as
   // above.
@@ -107,29 +115,17 @@ class LookupCache {
   size_t memoryUsed() const;
 
  private:
-  struct Widget;
-  // An open-addressing table of entry numbers + 1 (0 = free slot).
-  struct Table {
-    std::vector<uint32_t> slots;
-    uint32_t mask = 0;
-    void reset(size_t entries);
-  };
-
-  bool readCounter(sqlite3* db, uint32_t& value);
   bool reload(sqlite3* db);
-  bool load(sqlite3* db, bool& standard);
   void clear();
   bool unchangedSinceLastLook(ChangeCounter* shared, time_t second);
   bool look(sqlite3* db, ChangeCounter* shared, time_t second);
 
-  uint32_t addText(const unsigned char* text, size_t length);
   // The files of a widget id, read on first use; null when they cannot be.
-  FileSet* filesOf(int64_t widgetId);
+  WidgetFileSet* filesOf(int64_t widgetId);
   // Adds what the files of widget number index say of the file at path.
   bool consider(uint32_t index, const char* path, size_t length,
                 int64_t& first, uint32_t& firstWidget, int64_t& last,
                 uint32_t& lastWidget, Copies& found);
-  static void findCopies(FileSet& files);
 
   // Bytes of widget files kept in memory at most: as much as SQLite's own
   // page cache, so that a browser that looks at every widget of a large
@@ -139,18 +135,13 @@ class LookupCache {
   enum State { kEmpty, kLoaded, kUnusable };
   State state_;
   uint32_t counter_;  // the header's counter when the widgets were read
-  int fd_;            // the registry file, for reading its header
+  DatabaseHeader header_;  // the registry file, for reading its counter
   sqlite3* db_;       // the connection the widgets were read from
   uint32_t seen_;     // the shared counter when the header was last read
   time_t lookedAt_;   // the second (monotonic) the header was last read
 
-  std::vector<char> arena_;
-  std::vector<Widget> widgets_;
-  Table byLaunchURL_;
-  Table byDirectory_;                  // directories that end in '/'
-  std::vector<uint32_t> dirLengths_;   // their lengths, ascending, once each
-  std::vector<uint32_t> otherDirs_;    // every other directory
-  std::unordered_map<int64_t, std::unique_ptr<FileSet>> files_;
+  WidgetIndex widgets_;
+  std::unordered_map<int64_t, std::unique_ptr<WidgetFileSet>> files_;
   size_t filesBytes_;
 };
 

@@ -15,10 +15,15 @@ struct XmlFree {
 
 bool isHex(char c) { return std::isxdigit(static_cast<unsigned char>(c)) != 0; }
 
+// The longest package path named, the system's longest path. fromPath may
+// escape every byte of one, so a URI may be three times as long: a bound
+// on the URI alone would refuse, after signing, the name the maker wrote.
+const size_t kLongestPath = 4096;
+
 }  // namespace
 
 bool ReferenceUri::toPath(const std::string& uri, std::string* path) {
-  if (uri.empty() || uri.size() > 4096) return false;
+  if (uri.empty() || uri.size() > 3 * kLongestPath) return false;
   for (size_t i = 0; i < uri.size(); ++i) {
     const char c = uri[i];
     // "?" and "#" end a path; ":" before the first "/" starts a scheme, and
@@ -36,6 +41,7 @@ bool ReferenceUri::toPath(const std::string& uri, std::string* path) {
   size_t escapes = 0;
   for (char c : uri) escapes += c == '%';
   if (result.size() != uri.size() - 2 * escapes) return false;
+  if (result.size() > kLongestPath) return false;
 
   size_t start = 0;
   while (true) {

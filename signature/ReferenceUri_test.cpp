@@ -36,4 +36,19 @@ TEST(ReferenceUriTest, APathComesBackAsItWent) {
   EXPECT_EQ("a%20b/c%26d.js", ReferenceUri::fromPath("a b/c&d.js"));
 }
 
+// Every byte of a non-ASCII name is written as three: a long name's URI is
+// longer than the name, and must still name it.
+TEST(ReferenceUriTest, ALongNameWrittenEscapedComesBack) {
+  std::string name;
+  while (name.size() + 256 <= 4096) name += std::string(254, '\xe9') + "/";
+  name += "x";
+  const std::string uri = ReferenceUri::fromPath(name);
+  ASSERT_GT(uri.size(), 4096u);
+  std::string path;
+  ASSERT_TRUE(ReferenceUri::toPath(uri, &path));
+  EXPECT_EQ(name, path);
+  // A path longer than any the system has is no file's.
+  EXPECT_FALSE(ReferenceUri::toPath(ReferenceUri::fromPath(name + std::string(4096, 'a')), &path));
+}
+
 }  // namespace

@@ -17,26 +17,6 @@
 
 namespace {
 
-int boundLoopbackSocket(int* port) {
-  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) {
-    perror("socket");
-    abort();
-  }
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  address.sin_port = 0;
-  socklen_t length = sizeof(address);
-  if (bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
-      getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-    perror("bind");
-    abort();
-  }
-  *port = ntohs(address.sin_port);
-  return fd;
-}
-
 bool sendAll(int fd, const char* data, size_t size) {
   while (size > 0) {
     ssize_t n = send(fd, data, size, MSG_NOSIGNAL);
@@ -50,18 +30,9 @@ bool sendAll(int fd, const char* data, size_t size) {
   return true;
 }
 
-std::string loopbackUrl(int port, const std::string& path) {
-  return "http://127.0.0.1:" + std::to_string(port) + path;
-}
-
 }  // namespace
 
 HttpServer::HttpServer() {
-  listener_ = boundLoopbackSocket(&port_);
-  if (listen(listener_, 16) != 0) {
-    perror("listen");
-    abort();
-  }
   int pipeFds[2];
   if (pipe2(pipeFds, O_CLOEXEC) != 0) {
     perror("pipe");
@@ -77,7 +48,6 @@ HttpServer::~HttpServer() {
   while (write(wakeWrite_, &stop, 1) < 0 && errno == EINTR) {
   }
   thread_.join();
-  close(listener_);
   close(wakeRead_);
   close(wakeWrite_);
 }
@@ -134,7 +104,7 @@ void HttpServer::serveStalled(const std::string& path, const std::string& body,
 }
 
 std::string HttpServer::url(const std::string& path) const {
-  return loopbackUrl(port_, path);
+  return listener_.url(path);
 }
 
 int HttpServer::requestCount() const {
@@ -161,14 +131,14 @@ const char* HttpServer::reason(int status) {
 
 void HttpServer::run() {
   for (;;) {
-    pollfd fds[2] = {{wakeRead_, POLLIN, 0}, {listener_, POLLIN, 0}};
+    pollfd fds[2] = {{wakeRead_, POLLIN, 0}, {listener_.fd(), POLLIN, 0}};
     if (poll(fds, 2, -1) < 0) {
       if (errno == EINTR) continue;
       return;
     }
     if (fds[0].revents != 0) return;
     if ((fds[1].revents & POLLIN) == 0) continue;
-    int client = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+    const int client = listener_.accept();
     if (client < 0) continue;
     answer(client);
     close(client);
@@ -281,10 +251,10 @@ void HttpServer::answer(int client) {
   shutdown(client, SHUT_WR);
 }
 
-RefusingPort::RefusingPort() { socket_ = boundLoopbackSocket(&port_); }
+RefusingPort::RefusingPort() { socket_ = Listener::boundSocket(&port_); }
 
 RefusingPort::~RefusingPort() { close(socket_); }
 
 std::string RefusingPort::url(const std::string& path) const {
-  return loopbackUrl(port_, path);
+  return "http://127.0.0.1:" + std::to_string(port_) + path;
 }

@@ -19,6 +19,8 @@
 #include <utility>
 #include <vector>
 
+#include "testing/Listener.h"
+
 class HttpServer {
  public:
   using Headers = std::vector<std::pair<std::string, std::string>>;
@@ -52,7 +54,7 @@ class HttpServer {
   void serveStalled(const std::string& path, const std::string& body,
                     size_t sentBytes);
 
-  int port() const { return port_; }
+  int port() const { return listener_.port(); }
   // "http://127.0.0.1:<port>" + path.
   std::string url(const std::string& path) const;
   // Requests received so far, in all and for one path.
@@ -75,10 +77,9 @@ class HttpServer {
   void answer(int client);
   static const char* reason(int status);
 
-  int listener_ = -1;
+  Listener listener_;
   int wakeRead_ = -1;
   int wakeWrite_ = -1;
-  int port_ = 0;
   mutable std::mutex mutex_;
   std::map<std::string, Route> routes_;
   std::map<std::string, int> counts_;
@@ -95,15 +96,6 @@ class RefusingPort {
 
   RefusingPort(const RefusingPort&) = delete;
   RefusingPort& operator=(const RefusingPort&) = delete;
-
-  // 200 with a body that never ends: chunks of bytes until the client goes
-  // away. announced, when not 0, is sent as the Content-Length.
-  void serveEndless(const std::string& path, uint64_t announced = 0);
-  // 200 announcing the whole body's length, then the first sentBytes bytes,
-  // then silence with the connection held open until the client goes away
-  // or the server stops.
-  void serveStalled(const std::string& path, const std::string& body,
-                    size_t sentBytes);
 
   int port() const { return port_; }
   std::string url(const std::string& path) const;

@@ -9,7 +9,6 @@
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -20,6 +19,7 @@
 #include <string>
 #include <vector>
 
+#include "testing/ChildProcess.h"
 #include "testing/TempDir.h"
 #include "testing/WidgetSandbox.h"
 
@@ -35,36 +35,28 @@ std::string readFile(const std::string& path) {
 }
 
 // Runs the driver to install url with WIDGETENGINE_LOG set to log (unset
-// when null), in this process's child; its standard output and error go to
-// out and err. Returns the wait status.
-int runDriver(const char* log, const std::string& url, const std::string& out,
-              const std::string& err) {
-  const pid_t pid = fork();
-  if (pid == 0) {
-    const int outFd = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    const int errFd = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    if (outFd < 0 || errFd < 0) _exit(126);
-    dup2(outFd, 1);
-    dup2(errFd, 2);
-    if (log) {
-      setenv("WIDGETENGINE_LOG", log, 1);
-    } else {
-      unsetenv("WIDGETENGINE_LOG");
-    }
-    execl(kDriver.c_str(), kDriver.c_str(), "install", url.c_str(),
-          static_cast<char*>(nullptr));
-    _exit(127);
-  }
-  int status = -1;
-  waitpid(pid, &status, 0);
-  return status;
+// when null), in this process's child; its standard output and error.
+struct Outputs {
+  std::string out;
+  std::string err;
+};
+
+Outputs runDriver(const char* log, const std::string& url) {
+  ChildProcess driver;
+  if (log)
+    driver.setEnv("WIDGETENGINE_LOG", log);
+  else
+    driver.unsetEnv("WIDGETENGINE_LOG");
+  driver.start({kDriver, "install", url});
+  driver.wait();
+  // The package is missing: the engine answers no.
+  EXPECT_TRUE(driver.exitedWith(1)) << "status " << driver.shellStatus();
+  return {driver.out(), driver.err()};
 }
 
 class LogControlTest : public WidgetSandbox {
  protected:
   std::string missing() const { return "file://" + packages + "missing.wgt"; }
-  std::string out() const { return dir.path() + "/out"; }
-  std::string err() const { return dir.path() + "/err"; }
 };
 
 const char kRefusalLines[] =
@@ -78,60 +70,63 @@ const char kRefusalLines[] =
 TEST_F(LogControlTest, UnsetOrStdoutIsStandardOutput) {
   for (const char* log : {static_cast<const char*>(nullptr), "stdout", ""}) {
     SCOPED_TRACE(log ? log : "(unset)");
-    runDriver(log, missing(), out(), err());
-    EXPECT_EQ(std::string(kRefusalLines) + "null\n", readFile(out()));
-    EXPECT_EQ("", readFile(err()));
+    const Outputs run = runDriver(log, missing());
+    EXPECT_EQ(std::string(kRefusalLines) + "null\n", run.out);
+    EXPECT_EQ("", run.err);
   }
 }
 
 TEST_F(LogControlTest, AnUnknownValueIsNamedOnceAndTheLinesStayOnStandardOutput) {
-  runDriver("sterr", missing(), out(), err());
-  EXPECT_EQ(std::string(kRefusalLines) + "null\n", readFile(out()));
+  const Outputs misspelt = runDriver("sterr", missing());
+  EXPECT_EQ(std::string(kRefusalLines) + "null\n", misspelt.out);
   EXPECT_EQ("widgetengine: WIDGETENGINE_LOG=sterr is not one of stdout, stderr, "
             "syslog, quiet; using stdout\n",
-            readFile(err()));
+            misspelt.err);
 
   // Shown cut, and without the bytes that would move a terminal's cursor.
   const std::string hostile = "\x1b[2J" + std::string(100, 'x');
-  runDriver(hostile.c_str(), missing(), out(), err());
-  EXPECT_EQ(std::string(kRefusalLines) + "null\n", readFile(out()));
+  const Outputs run = runDriver(hostile.c_str(), missing());
+  EXPECT_EQ(std::string(kRefusalLines) + "null\n", run.out);
   EXPECT_EQ("widgetengine: WIDGETENGINE_LOG=?[2J" + std::string(60, 'x') +
                 "... is not one of stdout, stderr, syslog, quiet; using stdout\n",
-            readFile(err()));
+            run.err);
 }
 
 TEST_F(LogControlTest, StderrTakesTheLinesAway) {
-  runDriver("stderr", missing(), out(), err());
-  EXPECT_EQ("null\n", readFile(out()));
-  EXPECT_EQ(kRefusalLines, readFile(err()));
+  const Outputs run = runDriver("stderr", missing());
+  EXPECT_EQ("null\n", run.out);
+  EXPECT_EQ(kRefusalLines, run.err);
 }
 
 TEST_F(LogControlTest, QuietSilencesTheEngine) {
-  runDriver("quiet", missing(), out(), err());
-  EXPECT_EQ("null\n", readFile(out()));
-  EXPECT_EQ("", readFile(err()));
+  const Outputs run = runDriver("quiet", missing());
+  EXPECT_EQ("null\n", run.out);
+  EXPECT_EQ("", run.err);
 }
 
-// The engine's messages as the syslog socket received them, one datagram a
-// line; or a reason to skip when no mount namespace can be had.
-bool syslogDatagrams(const std::string& url, const std::string& out,
-                     const std::string& err, const std::string& received,
-                     std::string* skip) {
-  const pid_t pid = fork();
-  if (pid == 0) {
-    // A private /dev, so that /dev/log is a socket of this test's alone.
-    if (unshare(CLONE_NEWNS) != 0) _exit(77);
-    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) _exit(77);
-    if (mount("tmpfs", "/dev", "tmpfs", 0, "mode=0755") != 0) _exit(77);
+// Installs url with the engine's lines sent to syslog, in a child with a
+// private /dev whose /dev/log is a socket of this test's alone. The driver's
+// outputs in *run, and the datagrams the socket received, one a line, in the
+// file received; false, with a reason in *skip, when no mount namespace can
+// be had.
+bool syslogDatagrams(const std::string& url, const std::string& received,
+                     Outputs* run, std::string* skip) {
+  ChildProcess child;
+  child.start([&] {
+    if (unshare(CLONE_NEWNS) != 0) return 77;
+    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return 77;
+    if (mount("tmpfs", "/dev", "tmpfs", 0, "mode=0755") != 0) return 77;
     const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     strcpy(address.sun_path, "/dev/log");
     if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
-      _exit(78);
-    runDriver("syslog", url, out, err);
+      return 78;
+    const Outputs driver = runDriver("syslog", url);
+    std::fputs(driver.out.c_str(), stdout);
+    std::fputs(driver.err.c_str(), stderr);
     FILE* file = fopen(received.c_str(), "w");
-    if (!file) _exit(79);
+    if (!file) return 79;
     char buffer[8192];
     ssize_t got;
     while ((got = recv(fd, buffer, sizeof buffer, MSG_DONTWAIT)) >= 0) {
@@ -139,25 +134,26 @@ bool syslogDatagrams(const std::string& url, const std::string& out,
       fputc('\n', file);
     }
     fclose(file);
-    _exit(0);
-  }
-  int status = -1;
-  waitpid(pid, &status, 0);
-  if (WIFEXITED(status) && WEXITSTATUS(status) == 77) {
+    return 0;
+  });
+  child.wait();
+  if (child.exitedWith(77)) {
     *skip = "no mount namespace here (needs root)";
     return false;
   }
-  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+  *run = {child.out(), child.err()};
+  return child.exitedWith(0);
 }
 
 TEST_F(LogControlTest, SyslogSendsEachLineWithItsPriority) {
   const std::string received = dir.path() + "/received";
   std::string skip;
-  const bool ran = syslogDatagrams(missing(), out(), err(), received, &skip);
+  Outputs run;
+  const bool ran = syslogDatagrams(missing(), received, &run, &skip);
   if (!skip.empty()) GTEST_SKIP() << skip;
-  ASSERT_TRUE(ran);
-  EXPECT_EQ("null\n", readFile(out()));
-  EXPECT_EQ("", readFile(err()));
+  ASSERT_TRUE(ran) << run.out << run.err;
+  EXPECT_EQ("null\n", run.out);
+  EXPECT_EQ("", run.err);
 
   std::vector<std::string> datagrams;
   std::istringstream lines(readFile(received));

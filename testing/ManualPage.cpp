@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "testing/ManualPage.h"
 
-#include <cstdio>
+#include "testing/ChildProcess.h"
+
 #include <string>
 #include <vector>
 
@@ -29,13 +30,10 @@ std::vector<std::string> missingEngineEntries(const std::string& page) {
 
 std::string manualWarnings(const std::string& path) {
   // From "/": man reads a relative include against the working directory.
-  const std::string command =
-      "cd / && MANWIDTH=80 man -l '" + path + "' 2>&1 >/dev/null";
-  FILE* pipe = popen(command.c_str(), "r");
-  if (!pipe) return "cannot run man";
-  char buffer[512];
-  std::string warnings;
-  while (fgets(buffer, sizeof buffer, pipe)) warnings += buffer;
-  pclose(pipe);
-  return warnings;
+  ChildProcess man;
+  man.setDirectory("/");
+  man.setEnv("MANWIDTH", "80");
+  if (!man.start({"/usr/bin/man", "-l", path})) return "cannot run man";
+  man.wait();
+  return man.err();
 }

@@ -10,7 +10,6 @@
 #include <fcntl.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <functional>
@@ -18,6 +17,7 @@
 #include <utility>
 #include <vector>
 
+#include "testing/ChildProcess.h"
 #include "testing/ConfigXml.h"
 #include "testing/TempDir.h"
 #include "testing/ZipBuilder.h"
@@ -69,58 +69,37 @@ class MultiUserTest : public ::testing::Test {
   // Runs widgetctl as user, with the given registry and widget root.
   Result widgetctl(uid_t user, const std::vector<std::string>& args,
                    const std::string& conf, const std::string& root) {
-    const std::string outPath = dir.path() + "/out.txt";
-    const std::string errPath = dir.path() + "/err.txt";
-    fflush(stdout);
-    const pid_t child = fork();
-    if (child == 0) {
-      const int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-      const int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-      if (out < 0 || err < 0) _exit(126);
-      dup2(out, 1);
-      dup2(err, 2);
-      setenv("YRA_DATA_PATH", conf.c_str(), 1);
-      setenv("WIDGET_PATH", root.c_str(), 1);
-      setenv("TMPDIR", (user == kYou ? you : them).c_str(), 1);
-      setenv("HOME", (user == kYou ? you : them).c_str(), 1);
-      const std::string id = std::to_string(user);
-      const std::string reuid = "--reuid=" + id;
-      const std::string regid = "--regid=" + id;
-      std::vector<char*> argv = {const_cast<char*>("setpriv"),
-                                 const_cast<char*>(reuid.c_str()),
-                                 const_cast<char*>(regid.c_str()),
-                                 const_cast<char*>("--clear-groups"),
-                                 const_cast<char*>(kWidgetctl)};
-      for (const std::string& arg : args)
-        argv.push_back(const_cast<char*>(arg.c_str()));
-      argv.push_back(nullptr);
-      execv(kSetpriv, argv.data());
-      _exit(127);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
+    ChildProcess child;
+    child.setEnv("YRA_DATA_PATH", conf);
+    child.setEnv("WIDGET_PATH", root);
+    child.setEnv("TMPDIR", user == kYou ? you : them);
+    child.setEnv("HOME", user == kYou ? you : them);
+    const std::string id = std::to_string(user);
+    std::vector<std::string> argv = {kSetpriv, "--reuid=" + id, "--regid=" + id,
+                                     "--clear-groups", kWidgetctl};
+    argv.insert(argv.end(), args.begin(), args.end());
+    child.start(argv);
+    child.wait();
     Result result;
-    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    result.out = TempDir::readFile(outPath);
-    result.err = TempDir::readFile(errPath);
+    result.status = child.crashed() || child.hung() ? -1 : child.shellStatus();
+    result.out = child.out();
+    result.err = child.err();
     return result;
   }
 
   // Runs body as user in a child process; true when it returned true.
   static bool as(uid_t user, const std::function<bool()>& body) {
-    fflush(stdout);
-    const pid_t child = fork();
-    if (child == 0) {
+    ChildProcess child;
+    child.start([&] {
       if (setgroups(0, nullptr) != 0 || setresgid(user, user, user) != 0 ||
           setresuid(user, user, user) != 0) {
-        _exit(77);
+        return 77;
       }
       umask(0);
-      _exit(body() ? 0 : 1);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+      return body() ? 0 : 1;
+    });
+    child.wait();
+    return child.exitedWith(0);
   }
 
   static bool write(const std::string& path, const std::string& text,

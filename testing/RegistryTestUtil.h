@@ -21,6 +21,7 @@
 #include "registry/ChangeCounter.h"
 #include "registry/SqlLite3.h"
 #include "registry/WidgetsData.h"
+#include "testing/ChildProcess.h"
 #include "testing/ScopedEnv.h"
 #include "testing/TempDir.h"
 
@@ -103,33 +104,18 @@ inline void deleteAll(std::vector<WidgetsData*>& records) {
   records.clear();
 }
 
-// Runs body in a child process and returns its exit status; what the child
-// wrote to its standard output lands in output.
+// Runs body in a child process and returns its exit status (-1 when it did
+// not exit); what the child wrote to its standard output lands in output.
 inline int runInChild(const std::function<int()>& body, std::string* output) {
-  std::cout.flush();
-  fflush(stdout);
-  int fds[2];
-  if (pipe(fds) != 0) return -1;
-  pid_t pid = fork();
-  if (pid == 0) {
-    close(fds[0]);
-    dup2(fds[1], 1);
-    close(fds[1]);
-    int code = body();
+  ChildProcess child;
+  child.start([&] {
+    const int code = body();
     std::cout.flush();
-    fflush(stdout);
-    _exit(code);
-  }
-  close(fds[1]);
-  std::string text;
-  char buffer[4096];
-  ssize_t n;
-  while ((n = read(fds[0], buffer, sizeof buffer)) > 0) text.append(buffer, n);
-  close(fds[0]);
-  int status = 0;
-  waitpid(pid, &status, 0);
-  if (output) *output = text;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return code;
+  });
+  child.wait();
+  if (output) *output = child.out();
+  return child.crashed() || child.hung() ? -1 : child.shellStatus();
 }
 
 // A child process that holds the database under an exclusive lock from
@@ -139,8 +125,7 @@ class ExclusiveLock {
   explicit ExclusiveLock(const std::string& path) {
     int ready[2];
     if (pipe(ready) != 0 || pipe(release_) != 0) return;
-    pid_ = fork();
-    if (pid_ == 0) {
+    child_.start([&] {
       close(ready[0]);
       close(release_[1]);
       sqlite3* db = nullptr;
@@ -150,13 +135,13 @@ class ExclusiveLock {
               SQLITE_OK) {
         ok = 1;
       }
-      if (write(ready[1], &ok, 1) != 1) _exit(1);
+      if (write(ready[1], &ok, 1) != 1) return 1;
       char c;
-      if (read(release_[0], &c, 1) < 0) _exit(1);
+      if (read(release_[0], &c, 1) < 0) return 1;
       sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
       sqlite3_close(db);
-      _exit(0);
-    }
+      return 0;
+    });
     close(ready[1]);
     close(release_[0]);
     char ok = 0;
@@ -164,21 +149,20 @@ class ExclusiveLock {
     close(ready[0]);
   }
   ~ExclusiveLock() {
-    if (pid_ <= 0) return;
+    if (!child_.running()) return;
     char c = 0;
     if (write(release_[1], &c, 1) != 1) {
       // The child ends on the closed pipe all the same.
     }
     close(release_[1]);
-    int status;
-    waitpid(pid_, &status, 0);
+    child_.wait();
   }
   ExclusiveLock(const ExclusiveLock&) = delete;
   ExclusiveLock& operator=(const ExclusiveLock&) = delete;
   bool held() const { return held_; }
 
  private:
-  pid_t pid_ = -1;
+  ChildProcess child_;
   int release_[2] = {-1, -1};
   bool held_ = false;
 };
@@ -209,29 +193,26 @@ class CounterChurn {
                         MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     if (memory == MAP_FAILED) return;
     stop_ = static_cast<int*>(memory);
-    pid_ = fork();
-    if (pid_ == 0) {
+    child_.start([&] {
       while (!__atomic_load_n(stop_, __ATOMIC_ACQUIRE)) {
         ChangeCounter counter;
         counter.attach(status.st_dev, status.st_ino, path);
       }
-      _exit(0);
-    }
+      return 0;
+    });
   }
   ~CounterChurn() { stop(); }
   CounterChurn(const CounterChurn&) = delete;
   CounterChurn& operator=(const CounterChurn&) = delete;
 
-  bool running() const { return pid_ > 0; }
+  bool running() const { return child_.running(); }
   // Stops the child; true when it ended by itself.
   bool stop() {
     bool ok = false;
-    if (pid_ > 0) {
+    if (child_.running()) {
       __atomic_store_n(stop_, 1, __ATOMIC_RELEASE);
-      int status = 0;
-      waitpid(pid_, &status, 0);
-      ok = WIFEXITED(status) && WEXITSTATUS(status) == 0;
-      pid_ = -1;
+      child_.wait();
+      ok = child_.exitedWith(0);
     }
     if (stop_) munmap(stop_, sizeof(int));
     stop_ = nullptr;
@@ -239,7 +220,7 @@ class CounterChurn {
   }
 
  private:
-  pid_t pid_ = -1;
+  ChildProcess child_;
   int* stop_ = nullptr;
 };
 

@@ -3,7 +3,8 @@
 // test gets, inside its own TempDir, a widget root holding the tmp/ folder
 // that receives downloads, a registry directory and a folder for the
 // packages it builds; WIDGET_PATH and YRA_DATA_PATH point at the first two
-// for the life of the test (child processes inherit them).
+// for the life of the test (child processes inherit them), and the test ends
+// in the working directory it started in.
 #ifndef WIDGETENGINE_TESTING_WIDGETSANDBOX_H_
 #define WIDGETENGINE_TESTING_WIDGETSANDBOX_H_
 
@@ -15,6 +16,7 @@
 
 #include "testing/ScopedEnv.h"
 #include "testing/TempDir.h"
+#include "testing/WorkingDirectory.h"
 #include "testing/ZipBuilder.h"
 
 class WidgetSandbox : public ::testing::Test {
@@ -44,6 +46,7 @@ class WidgetSandbox : public ::testing::Test {
   const std::string packages;  // ends with "/"
 
  private:
+  WorkingDirectory start_;  // made first, so restored last
   ScopedEnv widgetPath_;
   ScopedEnv dataPath_;
 };

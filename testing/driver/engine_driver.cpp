@@ -10,11 +10,14 @@
 //                                        until the file STOP exists), prints
 //                                        "calls=C wrong=W" (W: answers not 1)
 //   engine_driver cycle URL NAME N       installs and removes N times
-//   engine_driver watch URL MS           calls isWidget, mapResource and
-//                                        getAll for MS milliseconds
+//   engine_driver watch URL MS [READY]   calls isWidget, mapResource and
+//                                        getAll for MS milliseconds after a
+//                                        first round, and makes the file
+//                                        READY once that round is done
 //
 // The engine's own lines go to standard output first; the answer is the last
 // line. Exit status 0 when the engine answered as hoped, 1 otherwise.
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -78,13 +81,22 @@ int main(int argc, char** argv) {
     return failures == 0 ? 0 : 1;
   }
   if (command == "watch" && argc >= 4) {
-    const auto end = std::chrono::steady_clock::now() +
-                     std::chrono::milliseconds(std::atol(argv[3]));
-    long calls = 0;
-    while (std::chrono::steady_clock::now() < end) {
+    const auto round = [&] {
       engine->isWidget(argv[2]);
       std::free(engine->mapResource(argv[2], "fr-FR,fr;q=0.8"));
       for (WidgetsData* widget : engine->getAll(nullptr)) delete widget;
+    };
+    round();
+    long calls = 1;
+    if (argc >= 5) {
+      const int ready = open(argv[4], O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+      if (ready < 0) return 3;
+      close(ready);
+    }
+    const auto end = std::chrono::steady_clock::now() +
+                     std::chrono::milliseconds(std::atol(argv[3]));
+    while (std::chrono::steady_clock::now() < end) {
+      round();
       ++calls;
     }
     std::printf("calls=%ld\n", calls);

@@ -25,6 +25,8 @@
 
 #include "base/Strings.h"
 #include "registry/ChangeCounter.h"
+#include "testing/ChildProcess.h"
+#include "testing/FileWatch.h"
 #include "testing/HttpServer.h"
 #include "testing/Listener.h"
 #include "testing/ManualPage.h"
@@ -56,56 +58,47 @@ class WidgetctlTest : public WidgetSandbox {
   // The same, with more variables in the child's environment (name=value;
   // an empty value unsets the variable).
   Result runWith(const std::vector<std::string>& args,
-                 const std::vector<std::pair<std::string, std::string>>& env,
-                 int signalAfterMs = 0, int signal = SIGINT) {
-    const std::string outPath = dir.path() + "/out.txt";
-    const std::string errPath = dir.path() + "/err.txt";
-    fflush(stdout);
-    fflush(stderr);
-    pid_t child = fork();
-    if (child == 0) {
-      int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-      int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-      if (out < 0 || err < 0) _exit(126);
-      dup2(out, 1);
-      dup2(err, 2);
-      setenv("TMPDIR", tmp.c_str(), 1);
-      unsetenv("LANGUAGE");
-      unsetenv("LC_ALL");
-      unsetenv("LC_MESSAGES");
-      unsetenv("LANG");
-      for (const auto& variable : env) {
-        if (variable.second.empty())
-          unsetenv(variable.first.c_str());
-        else
-          setenv(variable.first.c_str(), variable.second.c_str(), 1);
-      }
-      std::vector<char*> argv;
-      // time(1) reports the peak of widgetctl alone: a child forked from
-      // this test would count the test's own pages in its peak too.
-      const std::string timeOptions[] = {"/usr/bin/time", "-f", "%M", "-o", peakFile};
-      if (!peakFile.empty())
-        for (const std::string& option : timeOptions)
-          argv.push_back(const_cast<char*>(option.c_str()));
-      argv.push_back(const_cast<char*>(kWidgetctl));
-      for (const std::string& arg : args)
-        argv.push_back(const_cast<char*>(arg.c_str()));
-      argv.push_back(nullptr);
-      execv(argv[0], argv.data());
-      _exit(127);
+                 const std::vector<std::pair<std::string, std::string>>& env) {
+    ChildProcess child;
+    start(child, args, env);
+    child.wait();
+    return {child.shellStatus(), child.out(), child.err()};
+  }
+
+  // Starts widgetctl with args in child, in the sandbox's environment.
+  void start(ChildProcess& child, const std::vector<std::string>& args,
+             const std::vector<std::pair<std::string, std::string>>& env = {}) {
+    child.setEnv("TMPDIR", tmp);
+    for (const char* name : {"LANGUAGE", "LC_ALL", "LC_MESSAGES", "LANG"})
+      child.unsetEnv(name);
+    for (const auto& variable : env) {
+      if (variable.second.empty())
+        child.unsetEnv(variable.first);
+      else
+        child.setEnv(variable.first, variable.second);
     }
-    Result result;
-    int status = 0;
-    if (signalAfterMs > 0) {
-      usleep(signalAfterMs * 1000);
-      kill(child, signal);
-    }
-    waitpid(child, &status, 0);
-    result.status =
-        WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    result.out = TempDir::readFile(outPath);
-    result.err = TempDir::readFile(errPath);
-    return result;
+    std::vector<std::string> argv;
+    // time(1) reports the peak of widgetctl alone: a child forked from
+    // this test would count the test's own pages in its peak too.
+    if (!peakFile.empty()) argv = {"/usr/bin/time", "-f", "%M", "-o", peakFile};
+    argv.push_back(kWidgetctl);
+    argv.insert(argv.end(), args.begin(), args.end());
+    child.start(argv);
+  }
+
+  // Starts `widgetctl check package` in child; passes once the check has
+  // made its folder in tmp and marked it as in use.
+  ::testing::AssertionResult startCheckAndWaitForItsFolder(ChildProcess& child,
+                                                           const std::string& package) {
+    FileWatch watch(tmp);
+    start(child, {"check", package});
+    const bool marked = watch.waitFor([&] {
+      for (const std::string& name : TempDir::listDirectory(tmp))
+        if (TempDir::exists(tmp + "/" + name + "/.alive")) return true;
+      return false;
+    });
+    if (marked) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "the check never made its folder";
   }
 
   // When set, runs go through time(1), which writes the peak resident
@@ -195,13 +188,11 @@ TEST_F(WidgetctlTest, BashCompletionOffersCommandsAndOptions) {
                             std::make_pair(std::string("--re"),
                                            std::string("--repair --reinstall --remove-orphans")),
                             std::make_pair(std::string("i"), std::string("install info is-widget"))}) {
-    const std::string command = "bash -c '" + script + "' _ '" + asked.first + "'";
-    FILE* pipe = popen(command.c_str(), "r");
-    ASSERT_TRUE(pipe);
-    char buffer[512] = "";
-    std::string answer = fgets(buffer, sizeof buffer, pipe) ? buffer : "";
-    pclose(pipe);
-    EXPECT_EQ(asked.second + "\n", answer) << asked.first;
+    ChildProcess bash;
+    bash.start({"/bin/bash", "-c", script, "_", asked.first});
+    bash.wait();
+    const std::string out = bash.out();
+    EXPECT_EQ(asked.second + "\n", out.substr(0, out.find('\n') + 1)) << asked.first;
   }
 }
 
@@ -550,15 +541,25 @@ TEST_F(WidgetctlTest, InterruptedCheckRemovesItsTemporaryFolder) {
       .addFile("index.html", "<p/>");
   for (int i = 0; i < 3000; ++i) big.addFile("f/" + std::to_string(i) + ".txt", std::string(3000, 'a'));
   const std::string package = writePackage("big.wgt", big);
-  int interrupted = 0;
-  for (int delay : {20, 60, 150, 300}) {
-    Result result = runWith({"check", package}, {}, delay);
-    if (result.status == 128 + SIGINT) ++interrupted;
+  const int kChecks = 4;
+  int interrupted = 0, finished = 0;
+  for (int i = 0; i < kChecks; ++i) {
+    // Ctrl-C once the check has made and marked its folder.
+    ChildProcess check;
+    ASSERT_TRUE(startCheckAndWaitForItsFolder(check, package));
+    check.kill(SIGINT);
+    check.wait();
+    if (check.shellStatus() == 128 + SIGINT)
+      ++interrupted;
+    else if (check.exitedWith(0))
+      ++finished;  // it ended before the signal came
     const std::vector<std::string> left = TempDir::listDirectory(tmp);
-    EXPECT_TRUE(left.empty()) << delay << " ms: " << joinStrings(left);
+    EXPECT_TRUE(left.empty()) << i << ": " << joinStrings(left);
   }
-  EXPECT_GT(interrupted, 0) << "every one of the 4 checks ended before the signal";
-  std::printf("%d of 4 checks interrupted\n", interrupted);
+  std::printf("%d of %d checks interrupted, %d finished first\n", interrupted, kChecks,
+              finished);
+  EXPECT_EQ(kChecks, interrupted + finished) << "a check ended otherwise";
+  EXPECT_GT(interrupted, 0) << "every one of the checks ended before the signal";
 }
 
 TEST_F(WidgetctlTest, DoctorFindsAndRepairsEachKindOfDamage) {
@@ -610,16 +611,16 @@ TEST_F(WidgetctlTest, DoctorRemovesCountersLeftForRegistriesThatAreGone) {
   TempDir::writeFile(registry, "");
   struct stat status;
   ASSERT_EQ(0, stat(registry.c_str(), &status));
-  pid_t child = fork();
-  if (child == 0) {
+  ChildProcess killed;
+  killed.start([&] {
     ChangeCounter counter;
     counter.attach(status.st_dev, status.st_ino, registry);
     kill(getpid(), SIGKILL);
-    _exit(1);
-  }
-  int result = 0;
-  waitpid(child, &result, 0);
-  ASSERT_TRUE(WIFSIGNALED(result));
+    return 1;
+  });
+  const pid_t child = killed.pid();
+  killed.wait();
+  ASSERT_TRUE(killed.crashed());
   const int id = shmget(ChangeCounter::keyOf(status.st_dev, status.st_ino), 0, 0);
   ASSERT_GE(id, 0);
   struct shmid_ds segment;
@@ -644,14 +645,20 @@ TEST_F(WidgetctlTest, DoctorRepairsAKilledInstallationOnceWithCleanPaths) {
       .addFile("index.html", "<p/>");
   for (int i = 0; i < 3000; ++i) big.addFile("f/" + std::to_string(i) + ".txt", std::string(3000, 'a'));
   const std::string package = writePackage("big.wgt", big);
+  // Killed once it has begun to unpack into the widget's directory.
   bool halfway = false;
-  for (int delay : {40, 80, 150, 250, 400, 600, 900}) {
-    Result result = runWith({"install", package}, {}, delay, SIGKILL);
-    if (result.status == 128 + SIGKILL && TempDir::isDirectory(root + "widget_big")) {
-      halfway = true;
-      break;
-    }
-    if (result.status == 0) {
+  for (int attempt = 0; attempt < 3 && !halfway; ++attempt) {
+    FileWatch watch(root);
+    ChildProcess install;
+    start(install, {"install", package});
+    ASSERT_TRUE(watch.waitFor(
+        [&] { return !TempDir::listDirectory(root + "widget_big/f").empty(); }))
+        << "the installation never began to unpack";
+    install.kill(SIGKILL);
+    install.wait();
+    halfway = install.shellStatus() == 128 + SIGKILL &&
+              TempDir::isDirectory(root + "widget_big");
+    if (install.exitedWith(0)) {
       ASSERT_EQ(0, run({"remove", "big"}).status);
     }
   }
@@ -799,28 +806,11 @@ TEST_F(WidgetctlTest, CheckRemovesTheFoldersOfKilledChecks) {
   for (int i = 0; i < 3000; ++i) big.addFile("f/" + std::to_string(i) + ".txt", std::string(3000, 'a'));
   const std::string package = writePackage("big.wgt", big);
   // Killed outright once its folder is marked as in use.
-  fflush(stdout);
-  const pid_t child = fork();
-  if (child == 0) {
-    const int null = open("/dev/null", O_WRONLY);
-    dup2(null, 1);
-    dup2(null, 2);
-    setenv("TMPDIR", tmp.c_str(), 1);
-    execl(kWidgetctl, kWidgetctl, "check", package.c_str(), nullptr);
-    _exit(127);
-  }
-  bool marked = false;
-  for (int i = 0; i < 2000 && !marked; ++i) {
-    for (const std::string& name : TempDir::listDirectory(tmp)) {
-      marked = marked || TempDir::exists(tmp + "/" + name + "/.alive");
-    }
-    if (!marked) usleep(5000);
-  }
-  kill(child, SIGKILL);
-  int status = 0;
-  waitpid(child, &status, 0);
-  ASSERT_TRUE(marked) << "the check never made its folder";
-  ASSERT_TRUE(WIFSIGNALED(status)) << "the check ended before the signal";
+  ChildProcess check;
+  ASSERT_TRUE(startCheckAndWaitForItsFolder(check, package));
+  check.kill(SIGKILL);
+  check.wait();
+  ASSERT_TRUE(check.crashed()) << "the check ended before the signal";
   ASSERT_EQ(1u, TempDir::listDirectory(tmp).size());
 
   // Beside it: the folder of a check still running (its marker locked), one
