@@ -101,7 +101,7 @@ Outcome SignatureCheck::check(const std::string& folder) {
   for (const std::string& problem : anchors.problems())
     engineError() << "A trust anchor is left out: " << problem << std::endl;
 
-  const Verdict verdict = SignatureVerifier(anchors).verify(folder);
+  const Verdict verdict = SignatureVerifier(anchors).verify(folder, &written_);
   const SignatureVerdict* author = verdict.author();
 
   nlohmann::json distributors = nlohmann::json::array();

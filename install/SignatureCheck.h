@@ -11,6 +11,7 @@
 #include "base/Outcome.h"
 #include "base/Settings.h"
 #include "registry/SqlLite3.h"
+#include "signature/FileDigests.h"
 
 class SignatureCheck {
  public:
@@ -26,9 +27,14 @@ class SignatureCheck {
   // Whether the policy asks for anything at all.
   bool active() const { return policy_ != settings::kSignaturesOff; }
 
-  // Checks the package unpacked in folder. A refusal, whose reason names
-  // the first rule that failed, when the policy requires signatures and
-  // they do not hold; ok otherwise.
+  // Where the unpacking puts the digests of the files it writes, when the
+  // policy is on (null when it is off, so that nothing is digested).
+  FileDigests* written() { return active() ? &written_ : nullptr; }
+
+  // Checks the package unpacked in folder, on the digests written() was
+  // given as far as they go. A refusal, whose reason names the first rule
+  // that failed, when the policy requires signatures and they do not hold;
+  // ok otherwise.
   Outcome check(const std::string& folder);
 
   // What check() found, for the registry.
@@ -37,6 +43,7 @@ class SignatureCheck {
  private:
   settings::SignaturePolicy policy_;
   std::string anchorsFolder_;
+  FileDigests written_;
   SqlLite3::SignatureRow row_;
 };
 

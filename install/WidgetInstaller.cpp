@@ -397,10 +397,12 @@ int WidgetInstaller::runHoldingName() {
   engineOut() << std::endl << "[Extracting...]" << std::endl << std::endl;
   extractor.reset(new Extractor(downloadPath, storagePath));
   files.clear();
-  // Under a signature policy the package is judged on the bytes just
-  // written, before anything of it, config.xml first, is trusted. A package
-  // the policy refuses goes as one that could not be unpacked.
+  // Under a signature policy the package is judged on the bytes as they were
+  // written (the unpacking digests each file on its way out), before
+  // anything of it, config.xml first, is trusted. A package the policy
+  // refuses goes as one that could not be unpacked.
   SignatureCheck signatures;
+  extractor->setDigests(signatures.written());
   std::optional<Outcome> unpackRefusal;
   if (extractor->extract(files) == -1) {
     unpackRefusal = extractor->outcome();

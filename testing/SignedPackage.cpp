@@ -20,6 +20,44 @@ SignedPackage::SignedPackage(const std::string& path) : path_(path) {
   TempDir::writeFile(file("js/app.js"), "tick();\n");
 }
 
+Verdict SignedPackage::verify() const {
+  const SignatureVerifier verifier(anchors_);
+  const Verdict read = verifier.verify(path_);
+  const FileDigests written = digestsOf(path_);
+  EXPECT_EQ(describe(read), describe(verifier.verify(path_, &written)))
+      << "the files read and their written digests give different verdicts";
+  return read;
+}
+
+FileDigests SignedPackage::digestsOf(const std::string& folder) {
+  FileDigests digests;
+  ScopedFd fd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  PackageTree tree;
+  std::string reason;
+  if (!tree.read(fd.get(), &reason)) return digests;
+  for (const auto& file : tree.inodes()) {
+    ScopedFd in(PackageTree::openFile(fd.get(), file.first));
+    Sha256::Digest digest{};
+    EXPECT_TRUE(in.get() >= 0 && Sha256::ofFile(in.get(), &digest)) << file.first;
+    digests.set(file.second.first, file.second.second, digest);
+  }
+  return digests;
+}
+
+std::string SignedPackage::describe(const Verdict& verdict) {
+  std::string text;
+  for (const std::string& failure : verdict.failures) text += failure + "\n";
+  for (const SignatureVerdict& one : verdict.signatures) {
+    text += one.file + (one.author ? " author" : " distributor") +
+            (one.valid ? " valid\n" : " invalid\n");
+    text += "  signer " + one.signerSubject + " " + one.signerFingerprint + "\n";
+    text += "  anchor " + one.anchorSubject + "\n";
+    text += "  identifier " + one.identifier + "\n";
+    for (const std::string& failure : one.failures) text += "  " + failure + "\n";
+  }
+  return text;
+}
+
 std::string SignedPackage::sign(const TestSigner& signer, SignatureMaker::Role role,
                                 bool exclusive) const {
   SignatureMaker maker;
