@@ -30,7 +30,7 @@
 #include "signature/FileDigests.h"
 #include "signature/PackageTree.h"
 #include "testing/ScopedEnv.h"
-#include "testing/SignedPackage.h"
+#include "testing/FolderDigests.h"
 #include "testing/TempDir.h"
 #include "testing/WorkingDirectory.h"
 #include "testing/ZipBuilder.h"
@@ -1241,11 +1241,12 @@ TEST_F(ExtractorTest, EntriesWhoseOrderDecidesTheResultAreWrittenOnOneThread) {
 // the digest of what the file holds.
 ::testing::AssertionResult digestsAreOfTheFiles(const FileDigests& digests,
                                                 const std::string& folder) {
-  const FileDigests now = SignedPackage::digestsOf(folder);
+  FileDigests now;
   ScopedFd fd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   PackageTree tree;
   std::string reason;
-  if (!tree.read(fd.get(), &reason)) return ::testing::AssertionFailure() << reason;
+  if (!folderdigests::take(folder, &now, &reason) || !tree.read(fd.get(), &reason))
+    return ::testing::AssertionFailure() << reason;
   if (digests.size() != tree.files().size())
     return ::testing::AssertionFailure() << digests.size() << " digests for "
                                          << tree.files().size() << " files";

@@ -36,7 +36,8 @@ class SignedPackage {
                     const std::string& name = "author-signature.xml") const;
 
   // The digests of every file below folder as it is now, as an unpacking
-  // that had just written them would have them.
+  // that had just written them would have them (as far as they can be
+  // taken: see folderdigests::take).
   static FileDigests digestsOf(const std::string& folder);
   // Everything a verdict says, one line a fact, to compare two.
   static std::string describe(const Verdict& verdict);
