@@ -315,46 +315,55 @@ bool compareFile(xmlNode* reference, const std::string& path, int folderFd,
   return true;
 }
 
-// Checks the value of SignedInfo with the context's key, as libxmlsec
-// does at the end of a check: canonicalized, then verified with the
-// signature method. False with *error when it cannot be checked.
-bool checkSignedInfo(xmlSecDSigCtx* ctx, xmlNode* signedInfo,
-                     xmlNode* canonicalization, xmlNode* method,
-                     xmlNode* signatureValue, bool* valid, std::string* error) {
-  // The transforms read here are the context's, and go with it.
+// Reads SignedInfo's canonicalization and signature methods into the
+// context's transforms (which go with it) and gives the signature method
+// the context's key, as libxmlsec does before it digests any reference.
+// The signature method, or null with the complaint kept.
+xmlSecTransform* readMethods(xmlSecDSigCtx* ctx, xmlNode* canonicalization,
+                             xmlNode* method) {
   xmlSecTransformCtx* transforms = &ctx->transformCtx;
-  xmlSecTransform* c14n = xmlSecTransformCtxNodeRead(
-      transforms, canonicalization, xmlSecTransformUsageC14NMethod);
-  xmlSecTransform* sign = c14n ? xmlSecTransformCtxNodeRead(
-                                     transforms, method, xmlSecTransformUsageSignatureMethod)
-                               : nullptr;
-  if (!sign) return false;
+  if (!xmlSecTransformCtxNodeRead(transforms, canonicalization,
+                                  xmlSecTransformUsageC14NMethod))
+    return nullptr;
+  xmlSecTransform* sign =
+      xmlSecTransformCtxNodeRead(transforms, method, xmlSecTransformUsageSignatureMethod);
+  if (!sign) return nullptr;
   sign->operation = xmlSecTransformOperationVerify;
   xmlSecKeyReq wanted;
-  if (xmlSecKeyReqInitialize(&wanted) < 0) return false;
+  if (xmlSecKeyReqInitialize(&wanted) < 0) return nullptr;
   const bool suits = xmlSecTransformSetKeyReq(sign, &wanted) >= 0 &&
                      xmlSecKeyMatch(ctx->signKey, nullptr, &wanted) == 1;
   xmlSecKeyReqFinalize(&wanted);
   if (!suits) {
-    if (error->empty()) *error = "the signer's key does not suit the signature method";
-    return false;
+    // In the words libxmlsec's own check has for it.
+    xmlSecError(XMLSEC_ERRORS_HERE, nullptr, nullptr, XMLSEC_ERRORS_R_KEY_NOT_FOUND,
+                "details=%s", "NULL");
+    return nullptr;
   }
-  if (xmlSecTransformSetKey(sign, ctx->signKey) < 0) return false;
+  return xmlSecTransformSetKey(sign, ctx->signKey) < 0 ? nullptr : sign;
+}
+
+// Checks the signature value over SignedInfo, canonicalized, with the
+// signature method readMethods() gave. False when it cannot be checked.
+bool checkValue(xmlSecDSigCtx* ctx, xmlNode* signedInfo, xmlSecTransform* sign,
+                xmlNode* signatureValue, bool* valid) {
   xmlSecNodeSet* nodes = xmlSecNodeSetGetChildren(signedInfo->doc, signedInfo, 1, 0);
   if (!nodes) return false;
-  const int executed = xmlSecTransformCtxXmlExecute(transforms, nodes);
+  const int executed = xmlSecTransformCtxXmlExecute(&ctx->transformCtx, nodes);
   xmlSecNodeSetDestroy(nodes);
-  if (executed < 0 || xmlSecTransformVerifyNodeContent(sign, signatureValue, transforms) < 0)
+  if (executed < 0 ||
+      xmlSecTransformVerifyNodeContent(sign, signatureValue, &ctx->transformCtx) < 0)
     return false;
   *valid = sign->status == xmlSecTransformStatusOk;
   return true;
 }
 
-// The check of values when the files' digests as written are known:
-// every reference in order, stopping at the first that differs, then the
-// value over SignedInfo, on the same structure libxmlsec insists on. The
-// properties' reference is libxmlsec's to digest; files are compared with
-// their written digests.
+// The check of values when the files' digests as written are known, in
+// libxmlsec's own order and on the structure it insists on: the
+// signature's and SignedInfo's elements, the methods and the key, every
+// reference in order (stopping at the first that differs), then the value
+// over SignedInfo. The properties' reference is libxmlsec's to digest;
+// files are compared with their written digests.
 Values checkWithWritten(xmlSecDSigCtx* ctx, xmlNode* signature, int folderFd,
                         const std::set<std::string>& files,
                         const CoreSignature::WrittenDigests& written) {
@@ -371,18 +380,22 @@ Values checkWithWritten(xmlSecDSigCtx* ctx, xmlNode* signature, int folderFd,
   while (isDsig(rest, "Object")) rest = elementFrom(rest->next);
   xmlNode* canonicalization = signedInfo ? elementFrom(signedInfo->children) : nullptr;
   xmlNode* method = canonicalization ? elementFrom(canonicalization->next) : nullptr;
-  xmlNode* reference = method ? elementFrom(method->next) : nullptr;
+  xmlNode* firstReference = method ? elementFrom(method->next) : nullptr;
+  xmlNode* afterReferences = firstReference;
+  while (isDsig(afterReferences, "Reference"))
+    afterReferences = elementFrom(afterReferences->next);
   if (!isDsig(signedInfo, "SignedInfo") || !isDsig(signatureValue, "SignatureValue") ||
       rest || !isDsig(canonicalization, "CanonicalizationMethod") ||
-      !isDsig(method, "SignatureMethod") || !isDsig(reference, "Reference")) {
+      !isDsig(method, "SignatureMethod") || !isDsig(firstReference, "Reference") ||
+      afterReferences) {
     error = "the signature's elements are not those of an XML signature";
     return values;
   }
-  for (; reference; reference = elementFrom(reference->next)) {
-    if (!isDsig(reference, "Reference")) {
-      error = "the signature's elements are not those of an XML signature";
-      return values;
-    }
+  xmlSecTransform* sign = readMethods(ctx, canonicalization, method);
+  if (!sign) return values;
+
+  for (xmlNode* reference = firstReference; reference;
+       reference = elementFrom(reference->next)) {
     const std::string uri = attributeOf(reference, "URI");
     std::string path;
     bool matches = false;
@@ -406,8 +419,7 @@ Values checkWithWritten(xmlSecDSigCtx* ctx, xmlNode* signature, int folderFd,
       return values;
     }
   }
-  values.processed = checkSignedInfo(ctx, signedInfo, canonicalization, method,
-                                     signatureValue, &values.valueValid, &error);
+  values.processed = checkValue(ctx, signedInfo, sign, signatureValue, &values.valueValid);
   return values;
 }
 

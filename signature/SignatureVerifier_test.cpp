@@ -171,6 +171,18 @@ TEST_F(SignatureVerifierTest, AFileTheTableDoesNotKnowIsRead) {
             verifier.verify(package(), &written).allFailures());
 }
 
+TEST_F(SignatureVerifierTest, AKeyThatDoesNotSuitTheMethodIsFoundBeforeAnyDigest) {
+  // An EC signer's document that names RSA, over a file changed since.
+  sign(pki.distributor, SignatureMaker::kAuthor);
+  std::string document = TempDir::readFile(file("author-signature.xml"));
+  replaceOnce(&document, "xmldsig-more#ecdsa-sha256", "xmldsig-more#rsa-sha256");
+  TempDir::writeFile(file("author-signature.xml"), document);
+  TempDir::writeFile(file("index.html"), "<!DOCTYPE html><p>changed</p>\n");
+  const std::vector<std::string> failures = onlyFailures();
+  ASSERT_EQ(1u, failures.size()) << joined(failures);
+  EXPECT_EQ(0u, failures[0].find("signature-not-processed: ")) << failures[0];
+}
+
 TEST_F(SignatureVerifierTest, AChangedPropertyIsADigestMismatch) {
   sign(pki.author, SignatureMaker::kAuthor);
   std::string document = TempDir::readFile(file("author-signature.xml"));
