@@ -22,6 +22,7 @@
 #include <set>
 
 #include "base/ScopedFd.h"
+#include "config/XmlText.h"
 #include "signature/PackageTree.h"
 #include "signature/ReferenceUri.h"
 #include "signature/Vocabulary.h"
@@ -261,13 +262,6 @@ bool isDsig(xmlNode* node, const char* name) {
          xmlStrEqual(node->name, BAD_CAST name);
 }
 
-std::string attributeOf(xmlNode* node, const char* name) {
-  xmlChar* value = xmlGetNoNsProp(node, BAD_CAST name);
-  const std::string text = value ? reinterpret_cast<const char*>(value) : "";
-  xmlFree(value);
-  return text;
-}
-
 // Compares the file reference's DigestValue with the digest of the file at
 // path: the one written, or else the file's as it is read now. False with
 // *error when it cannot be compared; *matches says whether they are equal.
@@ -282,7 +276,7 @@ bool compareFile(xmlNode* reference, const std::string& path, int folderFd,
     return false;
   }
   // The one digest a file reference may use, whatever was checked before.
-  if (attributeOf(method, "Algorithm") != signatureVocabulary::kSha256) {
+  if (xmltext::getRawAttribute(method, "Algorithm") != signatureVocabulary::kSha256) {
     *error = "the digest of " + path + " is not SHA-256";
     return false;
   }
@@ -396,7 +390,7 @@ Values checkWithWritten(xmlSecDSigCtx* ctx, xmlNode* signature, int folderFd,
 
   for (xmlNode* reference = firstReference; reference;
        reference = elementFrom(reference->next)) {
-    const std::string uri = attributeOf(reference, "URI");
+    const std::string uri = xmltext::getRawAttribute(reference, "URI");
     std::string path;
     bool matches = false;
     if (!uri.empty() && uri[0] == '#') {
