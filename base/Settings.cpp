@@ -35,6 +35,7 @@ constexpr long kBusyTimeoutMs = 5000;
 namespace settings {
 
 const char* const kBuiltInWidgetRoot = WIDGETENGINE_WIDGET_ROOT;
+const char* const kBuiltInTrustAnchors = WIDGETENGINE_TRUST_ANCHORS_DIR;
 
 std::optional<std::string> widgetPath() {
   return environment::path("WIDGET_PATH");
@@ -82,6 +83,20 @@ LogDestination logDestination() {
   return static_cast<LogDestination>(environment::choice(
       "WIDGETENGINE_LOG", {"stdout", "stderr", "syslog", "quiet"},
       kLogToStdout, environment::Unknown::kName));
+}
+
+SignaturePolicy signaturePolicy() {
+  static_assert(kSignaturesOff == 0 && kSignaturesReport == 1 &&
+                    kSignaturesRequire == 2,
+                "the policies are in the order of their names");
+  return static_cast<SignaturePolicy>(environment::choice(
+      "WIDGETENGINE_SIGNATURES", {"off", "report", "require"}, kSignaturesOff,
+      environment::Unknown::kName));
+}
+
+std::string trustAnchorsDirectory() {
+  return environment::path("WIDGETENGINE_TRUST_ANCHORS")
+      .value_or(kBuiltInTrustAnchors);
 }
 
 }  // namespace settings

@@ -57,6 +57,19 @@ int unpackThreads();
 enum LogDestination { kLogToStdout, kLogToStderr, kLogToSyslog, kLogQuiet };
 LogDestination logDestination();
 
+// What an installation does with a package's signatures, from
+// WIDGETENGINE_SIGNATURES at each installation: nothing (the default),
+// check and record them, or also refuse a package whose signatures do not
+// hold. A value that is none of these is named, as a mistyped "requrie"
+// would otherwise leave a device taking unsigned packages unseen.
+enum SignaturePolicy { kSignaturesOff, kSignaturesReport, kSignaturesRequire };
+SignaturePolicy signaturePolicy();
+
+// The folder of the certificates a device trusts to vouch for signers:
+// WIDGETENGINE_TRUST_ANCHORS as it is set, else the built-in folder.
+std::string trustAnchorsDirectory();
+extern const char* const kBuiltInTrustAnchors;
+
 }  // namespace settings
 
 #endif  // WIDGETENGINE_SETTINGS_H_

@@ -5,6 +5,8 @@
 
 #include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "testing/CaptureStdout.h"
 #include "testing/ScopedEnv.h"
@@ -106,28 +108,62 @@ TEST(SettingsTest, UnpackThreadsAreOneOrTwo) {
   }
 }
 
-TEST(SettingsTest, LogDestinationNamesAnUnknownValue) {
-  const struct {
-    const char* value;
-    settings::LogDestination expected;
-  } known[] = {{"stdout", settings::kLogToStdout},
-               {"stderr", settings::kLogToStderr},
-               {"syslog", settings::kLogToSyslog},
-               {"quiet", settings::kLogQuiet},
-               {"", settings::kLogToStdout}};
+// Each of known (a value and what read() makes of it) is taken without a
+// word; unknown is named on standard error as line says, and read() falls
+// back.
+template <typename Choice>
+void expectChoices(const char* variable,
+                   const std::vector<std::pair<const char*, Choice>>& known,
+                   Choice (*read)(), const char* unknown, Choice fallback,
+                   const std::string& line) {
   for (const auto& c : known) {
-    ScopedEnv set("WIDGETENGINE_LOG", c.value);
+    ScopedEnv set(variable, c.first);
     CaptureStdout error(2);
-    EXPECT_EQ(c.expected, settings::logDestination()) << c.value;
-    EXPECT_EQ("", error.text()) << c.value;
+    EXPECT_EQ(c.second, read()) << c.first;
+    EXPECT_EQ("", error.text()) << c.first;
   }
-  ScopedEnv set("WIDGETENGINE_LOG", "sterr");
+  {
+    ScopedEnv unset(variable);
+    EXPECT_EQ(fallback, read());
+  }
+  ScopedEnv set(variable, unknown);
   CaptureStdout error(2);
-  EXPECT_EQ(settings::kLogToStdout, settings::logDestination());
-  EXPECT_EQ(
+  EXPECT_EQ(fallback, read());
+  EXPECT_EQ(line, error.text());
+}
+
+TEST(SettingsTest, LogDestinationNamesAnUnknownValue) {
+  expectChoices<settings::LogDestination>(
+      "WIDGETENGINE_LOG",
+      {{"stdout", settings::kLogToStdout},
+       {"stderr", settings::kLogToStderr},
+       {"syslog", settings::kLogToSyslog},
+       {"quiet", settings::kLogQuiet},
+       {"", settings::kLogToStdout}},
+      settings::logDestination, "sterr", settings::kLogToStdout,
       "widgetengine: WIDGETENGINE_LOG=sterr is not one of stdout, stderr, "
-      "syslog, quiet; using stdout\n",
-      error.text());
+      "syslog, quiet; using stdout\n");
+}
+
+TEST(SettingsTest, SignaturePolicyIsOffUnlessAskedForAndNamesAnUnknownValue) {
+  expectChoices<settings::SignaturePolicy>(
+      "WIDGETENGINE_SIGNATURES",
+      {{"off", settings::kSignaturesOff},
+       {"report", settings::kSignaturesReport},
+       {"require", settings::kSignaturesRequire},
+       {"", settings::kSignaturesOff}},
+      settings::signaturePolicy, "requrie", settings::kSignaturesOff,
+      "widgetengine: WIDGETENGINE_SIGNATURES=requrie is not one of off, "
+      "report, require; using off\n");
+}
+
+TEST(SettingsTest, TrustAnchorsAreTheBuiltInFolderUnlessSet) {
+  {
+    ScopedEnv unset("WIDGETENGINE_TRUST_ANCHORS");
+    EXPECT_EQ(settings::kBuiltInTrustAnchors, settings::trustAnchorsDirectory());
+  }
+  ScopedEnv set("WIDGETENGINE_TRUST_ANCHORS", "/etc/device/anchors");
+  EXPECT_EQ("/etc/device/anchors", settings::trustAnchorsDirectory());
 }
 
 }  // namespace

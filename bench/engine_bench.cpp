@@ -30,19 +30,26 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <iostream>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include <widgetengine/WidgetEngineDelegate.h>
+#include <widgetengine/WidgetEngineExtensions.h>
+#include <zip.h>
 
 #include "bench/BenchPackages.h"
 #include "bench/BenchRuns.h"
+#include "install/Extractor.h"
 #include "registry/SqlLite3.h"
+#include "signature/SignatureMaker.h"
 #include "testing/HttpServer.h"
 #include "testing/LiteralRegistry.h"
+#include "testing/TestPki.h"
 
 extern char** environ;
 
@@ -362,10 +369,85 @@ class ScopedThreads {
 // empty directory to remove, so that nothing is deleted while measuring.
 // threads "1" keeps the unpacking on the calling thread, as on a machine with
 // one processor; "" leaves the engine's own choice.
+// The typical package with an author signature added, its entries
+// otherwise the same bytes; it lies in a folder of its own so that it
+// installs under the same name. Made once a run, as TestPki's keys are
+// made anew for each process; empty when it cannot be.
+std::string signedPackage() {
+  const std::string folder = benchpackages::folder() + "/signed";
+  const std::string path = folder + "/typical.wgt";
+  static bool made = false;
+  if (made) return path;
+  mkdir(folder.c_str(), 0755);
+  const std::string plain = benchpackages::path(benchpackages::kTypical);
+  const std::string unpacked = folder + "/unpacked/";
+  removeTree(unpacked);
+  std::string document;
+  {
+    QuietStdout quiet;
+    Extractor extractor(plain, unpacked);
+    std::vector<std::string> files;
+    SignatureMaker maker;
+    std::string reason, written;
+    if (extractor.extract(files) != 0 ||
+        !maker.setSigner(TestPki::get().author.key,
+                         TestPki::get().author.chain, &reason) ||
+        !maker.sign(unpacked, SignatureMaker::kAuthor, &written, &reason)) {
+      fprintf(stderr, "cannot sign the typical package: %s\n", reason.c_str());
+      return "";
+    }
+    std::ifstream in(unpacked + written, std::ios::binary);
+    document.assign(std::istreambuf_iterator<char>(in), {});
+  }
+  // The package's own entries are copied as they are; only the signature
+  // is added.
+  const std::string part = path + ".part";
+  if (runProgram({"cp", plain, part}) != 0) return "";
+  int error = 0;
+  zip_t* archive = zip_open(part.c_str(), 0, &error);
+  zip_source_t* source =
+      archive ? zip_source_buffer(archive, document.data(), document.size(), 0)
+              : nullptr;
+  const bool added =
+      source && zip_file_add(archive, "author-signature.xml", source,
+                             ZIP_FL_ENC_UTF_8) >= 0;
+  if (!added) zip_source_free(source);
+  if (!archive || zip_close(archive) != 0 || !added ||
+      rename(part.c_str(), path.c_str()) != 0) {
+    if (archive && !added) zip_discard(archive);
+    fprintf(stderr, "cannot write %s\n", path.c_str());
+    return "";
+  }
+  made = true;
+  return path;
+}
+
+// The folder of the anchor the signed package's signer chains to.
+std::string benchAnchors() {
+  const std::string folder = benchRoot() + "anchors";
+  mkdir(folder.c_str(), 0700);
+  const std::string file = folder + "/root.pem";
+  std::ofstream(file) << TestPki::get().root;
+  chmod(file.c_str(), 0600);
+  return folder;
+}
+
+// Installs the typical package over and over, removing it in between; with
+// signed, the signed one under the policy that refuses any other.
 void BM_Install(benchmark::State& state, const std::string& scheme,
-                const char* threads = "") {
+                const char* threads = "", bool isSigned = false) {
   ScopedThreads keep(threads);
-  const std::string url = packageURL(scheme);
+  std::string url = packageURL(scheme);
+  if (isSigned) {
+    const std::string path = signedPackage();
+    if (path.empty()) {
+      state.SkipWithError("no signed package");
+      return;
+    }
+    url = "file://" + path;
+    widgetengine_set_signature_policy(WIDGETENGINE_SIGNATURES_REQUIRE);
+    widgetengine_set_trust_anchors(benchAnchors().c_str());
+  }
   InstallPlace& place = installPlace();
   const std::string root = freshRunPath("install");
   mkdir((root + "tmp").c_str(), 0755);
@@ -386,6 +468,8 @@ void BM_Install(benchmark::State& state, const std::string& scheme,
   if (place.engine->deleteWidget("typical", nullptr) != 1) {
     state.SkipWithError("deleteWidget failed");
   }
+  widgetengine_set_signature_policy(WIDGETENGINE_SIGNATURES_DEFAULT);
+  widgetengine_set_trust_anchors(nullptr);
 }
 
 // The same package fetched by the curl program and unpacked by bsdtar.
@@ -533,6 +617,14 @@ int main(int argc, char** argv) {
           ->Iterations(1)
           ->Unit(benchmark::kMillisecond)
           ->UseRealTime();
+      if (s == "file") {
+        benchmark::RegisterBenchmark(
+            "BM_InstallSigned/file",
+            [](benchmark::State& st) { BM_Install(st, "file", "", true); })
+            ->Iterations(1)
+            ->Unit(benchmark::kMillisecond)
+            ->UseRealTime();
+      }
       benchmark::RegisterBenchmark(("BM_CurlBsdtar/" + s).c_str(),
                                    [s](benchmark::State& st) { BM_CurlBsdtar(st, s); })
           ->Iterations(1)
@@ -555,6 +647,9 @@ int main(int argc, char** argv) {
     missed += !printAtMost(reporter, "BM_InstallOneThread/" + s,
                            "BM_CurlBsdtar/" + s, 1.1);
   }
+  // Checking the author signature of the typical package, under the policy
+  // that requires one, against the same installation without.
+  missed += !printAtMost(reporter, "BM_InstallSigned/file", "BM_Install/file", 1.15);
   for (const char* op : {"GetInfo", "GetAll"}) {
     const std::string ours = std::string("BM_") + op;
     missed += !printAtLeast(reporter, ours + "/1000", ours + "Literal/1000", 20);

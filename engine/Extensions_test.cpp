@@ -19,11 +19,13 @@
 #include <utility>
 #include <vector>
 
+#include "engine/ToolsFacade.h"
 #include "testing/CaptureStdout.h"
 #include "testing/ConfigXml.h"
 #include "testing/HttpServer.h"
 #include "testing/ScopedEnv.h"
 #include "testing/TempDir.h"
+#include "testing/TestPki.h"
 #include "testing/WidgetSandbox.h"
 #include "testing/ZipBuilder.h"
 
@@ -54,6 +56,8 @@ class ExtensionsTest : public WidgetSandbox {
   void TearDown() override {
     widgetengine_set_progress_callback(nullptr, nullptr);
     widgetengine_set_log_destination(WIDGETENGINE_LOG_TO_DEFAULT);
+    widgetengine_set_signature_policy(WIDGETENGINE_SIGNATURES_DEFAULT);
+    widgetengine_set_trust_anchors(nullptr);
   }
 
   std::string served(const std::string& fileName, const ZipBuilder& zip) {
@@ -560,3 +564,50 @@ TEST_F(ExtensionsTest, AcceptLanguageHeadersPickLocalizedFiles) {
 }
 
 }  // namespace
+
+// A host that requires signatures gets null for an unsigned package with
+// the signature refusal, and the record of a signed one by name.
+TEST_F(ExtensionsTest, ASignaturePolicyRefusesThroughTheHostInterface) {
+  const std::string anchors = dir.file("anchors");
+  ASSERT_EQ(0, mkdir(anchors.c_str(), 0700));
+  TempDir::writeFile(anchors + "/root.pem", TestPki::get().root);
+  ASSERT_EQ(0, chmod((anchors + "/root.pem").c_str(), 0600));
+  widgetengine_set_trust_anchors(anchors.c_str());
+  ASSERT_EQ(0, widgetengine_set_signature_policy(WIDGETENGINE_SIGNATURES_REQUIRE));
+
+  ZipBuilder plain;
+  addClock(plain);
+  EXPECT_EQ(nullptr, receive(served("clock.wgt", plain)));
+  int code = 0;
+  EXPECT_EQ("not-signed: the package carries no author-signature.xml",
+            lastReason(&code));
+  EXPECT_EQ(WIDGETENGINE_REFUSAL_SIGNATURE, code);
+  EXPECT_TRUE(nothingLeft());
+  EXPECT_EQ(nullptr, EngineString(widgetengine_signature_info("clock")));
+
+  // Signed as widgetctl sign signs, through the tools' facade.
+  const std::string unpacked = dir.file("signed");
+  ASSERT_EQ(0, mkdir(unpacked.c_str(), 0700));
+  ASSERT_EQ(0, mkdir((unpacked + "/js").c_str(), 0700));
+  TempDir::writeFile(unpacked + "/config.xml",
+                     "<widget xmlns=\"http://www.w3.org/ns/widgets\"/>\n");
+  TempDir::writeFile(unpacked + "/index.html", "<!DOCTYPE html><p>clock</p>\n");
+  TempDir::writeFile(unpacked + "/js/app.js", "tick();\n");
+  std::string written, reason;
+  ASSERT_TRUE(toolsfacade::signFolder(unpacked, TestPki::get().author.key,
+                                      TestPki::get().author.chain, false, false,
+                                      &written, &reason))
+      << reason;
+  EXPECT_EQ("author-signature.xml", written);
+  ZipBuilder zip;
+  for (const char* name :
+       {"config.xml", "index.html", "js/app.js", "author-signature.xml"})
+    zip.addFile(name, TempDir::readFile(unpacked + "/" + name));
+  EXPECT_NE(nullptr, receive(served("signed.wgt", zip)));
+  EngineString info(widgetengine_signature_info("signed"));
+  ASSERT_NE(nullptr, info);
+  EXPECT_NE(std::string::npos,
+            std::string(info.get()).find("\"subject\":\"" +
+                                         TestPki::get().author.subject + "\""))
+      << info.get();
+}

@@ -249,6 +249,9 @@ TEST_F(PublicInterfaceTest, LibraryExportsOnlyTheEngineInterface) {
       "widgetengine_accept_language",
       "widgetengine_set_progress_callback",
       "widgetengine_set_verify_entries",
+      "widgetengine_set_signature_policy",
+      "widgetengine_set_trust_anchors",
+      "widgetengine_signature_info",
   };
   // The tools' facade (engine/ToolsFacade.h), the one surface exported for
   // the tools built from this tree, by the name before its parameters. A
@@ -273,6 +276,7 @@ TEST_F(PublicInterfaceTest, LibraryExportsOnlyTheEngineInterface) {
       "toolsfacade::registryPath[abi:cxx11]",
       "toolsfacade::removeTree",
       "toolsfacade::schemaPath[abi:cxx11]",
+      "toolsfacade::signFolder",
       "toolsfacade::sweepLeftovers",
       "toolsfacade::trustedDirectory",
       "toolsfacade::widgetRoot[abi:cxx11]",
@@ -335,8 +339,11 @@ int main(void) {
   int code = widgetengine_last_refusal(&reason);
   widgetengine_set_log_sink(sink, NULL);
   widgetengine_set_progress_callback(progress, NULL);
-  printf("%s %d [%s] %d\n", list, code, reason,
-         widgetengine_set_log_destination(WIDGETENGINE_LOG_TO_QUIET));
+  widgetengine_set_trust_anchors(NULL);
+  printf("%s %d [%s] %d %d %d\n", list, code, reason,
+         widgetengine_set_log_destination(WIDGETENGINE_LOG_TO_QUIET),
+         widgetengine_set_signature_policy(WIDGETENGINE_SIGNATURES_REPORT),
+         widgetengine_signature_info(NULL) == NULL);
   free(list);
   return 0;
 }
@@ -361,7 +368,7 @@ int main(void) {
                           &output))
       << output;
   ASSERT_EQ(0, runCommand(shellQuoted(program), &output)) << output;
-  EXPECT_EQ("en-US,fr,de 0 [] 0\n", output);
+  EXPECT_EQ("en-US,fr,de 0 [] 0 0 1\n", output);
 }
 
 namespace {

@@ -16,6 +16,7 @@
 #include "install/WidgetInstaller.h"
 #include "install/WidgetUnInstaller.h"
 #include "lint/PackageLinter.h"
+#include "signature/SignatureMaker.h"
 #include "registry/SqlLite3.h"
 
 namespace toolsfacade {
@@ -164,6 +165,17 @@ std::vector<LintFinding> lint(const std::string& packagePath,
                               const std::string& sourceURL) {
   PackageLinter linter(packagePath, sourceURL);
   return linter.run();
+}
+
+bool signFolder(const std::string& folder, const std::string& keyPem,
+                const std::string& chainPem, bool distributor, bool exclusiveC14n,
+                std::string* written, std::string* reason) {
+  SignatureMaker maker;
+  if (!maker.setSigner(keyPem, chainPem, reason)) return false;
+  maker.setExclusiveCanonicalization(exclusiveC14n);
+  return maker.sign(folder,
+                    distributor ? SignatureMaker::kDistributor : SignatureMaker::kAuthor,
+                    written, reason);
 }
 
 }  // namespace toolsfacade

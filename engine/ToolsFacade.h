@@ -181,6 +181,18 @@ WIDGETENGINE_TOOLS_EXPORT bool download(const std::string& url,
 WIDGETENGINE_TOOLS_EXPORT std::vector<LintFinding> lint(
     const std::string& packagePath, const std::string& sourceURL);
 
+// ---- Signatures (widgetctl sign) -----------------------------------------
+
+// Signs the unpacked package in folder as its author, or as its next
+// distributor, with a PEM key and its certificate chain (the signer's
+// certificate first), both as text. The name of the document written in
+// *written; false with *reason, nothing written, when it cannot sign.
+WIDGETENGINE_TOOLS_EXPORT bool signFolder(const std::string& folder,
+                                          const std::string& keyPem,
+                                          const std::string& chainPem,
+                                          bool distributor, bool exclusiveC14n,
+                                          std::string* written, std::string* reason);
+
 }  // namespace toolsfacade
 
 #endif  // WIDGETENGINE_ENGINE_TOOLSFACADE_H_

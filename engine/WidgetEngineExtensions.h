@@ -83,6 +83,8 @@ WIDGETENGINE_EXPORT void widgetengine_set_log_sink(widgetengine_log_sink sink,
                                                   another user owns or can
                                                   write, or a link of theirs
                                                   on the way to one */
+#define WIDGETENGINE_REFUSAL_SIGNATURE 22      /* the signature policy
+                                                  refuses the package */
 
 /* The outcome of the calling thread's last receiveWidget or deleteWidget:
  * WIDGETENGINE_REFUSAL_NONE after a success (or before any call), else the
@@ -126,6 +128,50 @@ WIDGETENGINE_EXPORT void widgetengine_set_progress_callback(
  * (WIDGETENGINE_REFUSAL_DAMAGED_ENTRY), leaving nothing. widgetctl and
  * widget-browser turn it on. */
 WIDGETENGINE_EXPORT void widgetengine_set_verify_entries(int on);
+
+/* ---- Signed packages -------------------------------------------------- */
+
+/* What an installation does with the package's signatures
+ * (author-signature.xml, signature1.xml, ... at its root). OFF: nothing at
+ * all, as always. REPORT: they are checked once the package is unpacked and
+ * the result is kept with the widget; nothing is refused. REQUIRE: also
+ * refuses (WIDGETENGINE_REFUSAL_SIGNATURE, status 6 of receiveWidget) a
+ * package without a valid author signature whose signer chains to a trust
+ * anchor, and one with any signature that does not hold. */
+#define WIDGETENGINE_SIGNATURES_DEFAULT 0 /* WIDGETENGINE_SIGNATURES decides */
+#define WIDGETENGINE_SIGNATURES_OFF 1
+#define WIDGETENGINE_SIGNATURES_REPORT 2
+#define WIDGETENGINE_SIGNATURES_REQUIRE 3
+
+/* Sets the policy of every later installation, in every thread; it wins
+ * over the environment variable WIDGETENGINE_SIGNATURES ("off", "report" or
+ * "require"; off when unset), which DEFAULT goes back to. Returns 0, or -1
+ * (and changes nothing) for an unknown policy. */
+WIDGETENGINE_EXPORT int widgetengine_set_signature_policy(int policy);
+
+/* The folder of PEM files (*.pem, *.crt) whose certificates signers must
+ * chain to, roots or intermediates, for every later installation; it wins
+ * over WIDGETENGINE_TRUST_ANCHORS and the built-in folder, which a null
+ * folder goes back to. The folder and its files must be the calling user's
+ * or root's and writable by no one else. The system's store of web
+ * authorities is never used. */
+WIDGETENGINE_EXPORT void widgetengine_set_trust_anchors(const char* folder);
+
+/* What the installation of the widget called name learnt of its
+ * signatures, as a JSON object the caller releases with free():
+ *   {"name": "clock", "checked": false}
+ * when it was installed with the policy off, else
+ *   {"name": "clock", "checked": true, "policy": "report" | "require",
+ *    "signed": bool, "valid": bool,
+ *    "author": null | {"file", "valid", "subject", "fingerprint", "anchor",
+ *                      "identifier", "failures": ["rule: detail", ...]},
+ *    "distributors": [ same as author, highest number first ],
+ *    "failures": ["file: rule: detail", ...]}
+ * "valid" is true when the package has a valid author signature and no
+ * signature or file broke a rule; "fingerprint" is the signer certificate's
+ * SHA-256 as hexadecimal pairs separated by colons. Null when no widget has
+ * that name, the registry cannot be read or memory runs out. */
+WIDGETENGINE_EXPORT char* widgetengine_signature_info(const char* name);
 
 #ifdef __cplusplus
 }

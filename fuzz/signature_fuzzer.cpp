@@ -9,7 +9,9 @@
 //   else the whole input as author-signature.xml
 // Whatever the bytes, the check ends and writes nothing in the package, a
 // verdict names only the signature files there, and a decoded path names
-// nothing outside it.
+// nothing outside it. Each document is checked twice, reading the files and
+// on their digests as an unpacking takes them, and both checks must find
+// the same: each signature valid or not, and the same rules broken.
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -24,6 +26,7 @@
 #include "signature/ReferenceUri.h"
 #include "signature/SignatureMaker.h"
 #include "signature/SignatureVerifier.h"
+#include "testing/FolderDigests.h"
 #include "testing/TestPki.h"
 
 namespace {
@@ -101,6 +104,18 @@ void checkUri(const std::string& uri) {
           "round trip of", uri);
 }
 
+// Each signature's file, validity and the names of the rules it broke.
+std::string rulesOf(const Verdict& verdict) {
+  std::string text;
+  for (const SignatureVerdict& one : verdict.signatures) {
+    text += one.file + (one.valid ? " valid:" : " invalid:");
+    for (const std::string& failure : one.failures)
+      text += " " + failure.substr(0, failure.find(':'));
+    text += "\n";
+  }
+  return text;
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -141,7 +156,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::set<std::string> expected = before;
   expected.insert("author-signature.xml");
   if (bytes[0] == 'd') expected.insert("signature1.xml");
-  const Verdict verdict = SignatureVerifier(fixture.anchors).verify(fixture.package);
+  const SignatureVerifier verifier(fixture.anchors);
+  const Verdict verdict = verifier.verify(fixture.package);
+  FileDigests written;
+  std::string reason;
+  require(folderdigests::take(fixture.package, &written, &reason), "digests", reason);
+  const std::string onWritten = rulesOf(verifier.verify(fixture.package, &written));
+  require(rulesOf(verdict) == onWritten, "the written digests judge otherwise:\n",
+          rulesOf(verdict) + "against\n" + onWritten);
   require(contents(fixture.package) == expected, "the check changed the package");
   require(verdict.failures.empty(), "the package itself was refused");
   require(verdict.signatures.size() == expected.size() - before.size(),

@@ -2,6 +2,7 @@
 #include "install/EntryUnpacker.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <zlib.h>
 #include <widgetengine/WidgetEngineExtensions.h>
@@ -13,6 +14,7 @@
 #include "base/ScopedFd.h"
 #include "install/EntryWriter.h"
 #include "install/zip/ZipReader.h"
+#include "signature/FileDigests.h"
 
 namespace {
 
@@ -96,6 +98,18 @@ EntryUnpacker::EntryUnpacker(int baseFd, int baseError, size_t baseLength,
       buffer_(new char[kCopyBufferSize]),
       input_(new unsigned char[kReadBufferSize]) {}
 
+void UnpackOutcome::keepDigest(FileDigests* digests) const {
+  if (digests && digested) digests->set(device, inode, digest);
+}
+
+void EntryUnpacker::setDigesting(bool on) {
+  if (!on) {
+    digest_.reset();
+  } else if (!digest_) {
+    digest_.reset(new Sha256);
+  }
+}
+
 UnpackOutcome EntryUnpacker::unpack(const UnpackTask& task, zip_file_t* entry) {
   const std::string relative = task.full.substr(baseLength_);
   int error = 0;
@@ -138,7 +152,8 @@ UnpackOutcome EntryUnpacker::unpack(const UnpackTask& task, zip_file_t* entry) {
   // copy, and the file counts as unpacked as far as it was read; a host
   // that asked for checked entries has an entry whose bytes are not the
   // ones its checksum was made of (a short one among them) fail instead.
-  EntryWriter writer(out.get(), task.size);
+  if (digest_) digest_->restart();
+  EntryWriter writer(out.get(), task.size, digest_.get());
   if (task.spanned) {
     if (!copySpan(package_, writer, task.at, task.length, task.method,
                   input_.get(), buffer_.get(), kCopyBufferSize)) {
@@ -156,8 +171,18 @@ UnpackOutcome EntryUnpacker::unpack(const UnpackTask& task, zip_file_t* entry) {
       !writer.matches(task.crc)) {
     return failed(UnpackOutcome::kDamaged, 0);
   }
+  UnpackOutcome done;
+  // A file whose inode cannot be learnt goes without a digest; the
+  // signature check then reads it.
+  struct stat written;
+  if (digest_ && fstat(out.get(), &written) == 0) {
+    done.digested = true;
+    done.digest = digest_->finish();
+    done.device = written.st_dev;
+    done.inode = written.st_ino;
+  }
   if (out.reset() != 0) return failed(UnpackOutcome::kWriteFailed, errno);
-  return UnpackOutcome();
+  return done;
 }
 
 UnpackOutcome EntryUnpacker::failed(UnpackOutcome::Kind kind, int error) {

@@ -7,6 +7,7 @@
 #ifndef WIDGETENGINE_ENTRYUNPACKER_H_
 #define WIDGETENGINE_ENTRYUNPACKER_H_
 
+#include <sys/types.h>
 #include <zip.h>
 
 #include <cstddef>
@@ -14,7 +15,9 @@
 
 #include "install/FolderWalker.h"
 #include "install/UnpackPlan.h"
+#include "signature/Sha256.h"
 
+class FileDigests;
 class ZipReader;
 
 // What unpacking one entry came to.
@@ -22,6 +25,15 @@ struct UnpackOutcome {
   enum Kind { kDone, kFolderFailed, kWriteFailed, kDamaged };
   Kind kind = kDone;
   int error = 0;  // an errno, for the failures that carry one
+  // With digests asked for, a file written whole: the SHA-256 of its bytes
+  // as written, and the device and inode of the file they went to.
+  bool digested = false;
+  Sha256::Digest digest{};
+  dev_t device = 0;
+  ino_t inode = 0;
+
+  // Puts the digest, if there is one, in digests (when not null).
+  void keepDigest(FileDigests* digests) const;
 };
 
 class EntryUnpacker {
@@ -32,6 +44,10 @@ class EntryUnpacker {
                 const ZipReader& package);
   EntryUnpacker(const EntryUnpacker&) = delete;
   EntryUnpacker& operator=(const EntryUnpacker&) = delete;
+
+  // From now on, each file's outcome carries the digest of what was
+  // written to it. Off, as by default, nothing is digested.
+  void setDigesting(bool on);
 
   // entry is libzip's reader of a file entry that is not spanned.
   UnpackOutcome unpack(const UnpackTask& task, zip_file_t* entry);
@@ -44,6 +60,7 @@ class EntryUnpacker {
   const ZipReader& package_;
   std::unique_ptr<char[]> buffer_;
   std::unique_ptr<unsigned char[]> input_;
+  std::unique_ptr<Sha256> digest_;
 };
 
 #endif  // WIDGETENGINE_ENTRYUNPACKER_H_

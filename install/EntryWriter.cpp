@@ -5,6 +5,8 @@
 
 #include <cerrno>
 
+#include "signature/Sha256.h"
+
 namespace {
 
 bool writeAll(int fd, const char* data, size_t size) {
@@ -40,5 +42,7 @@ bool EntryWriter::write(const char* data, size_t size) {
   }
   left_ -= size;
   crc_ = crc32Of(crc_, data, size);
-  return writeAll(fd_, data, size);
+  if (!writeAll(fd_, data, size)) return false;
+  if (digest_) digest_->add(data, size);
+  return true;
 }

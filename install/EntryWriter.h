@@ -5,7 +5,8 @@
 // entry whose sizes disagree, a deflate stream that inflates further than
 // announced) would otherwise fill the disk. Such an entry fails as a write that
 // found the file full would, with EFBIG. The CRC-32 of what was written is
-// kept, so that a damaged entry is known once its last byte is out.
+// kept, so that a damaged entry is known once its last byte is out, and,
+// when asked, the SHA-256 digest of it for the signature check.
 #ifndef WIDGETENGINE_ENTRYWRITER_H_
 #define WIDGETENGINE_ENTRYWRITER_H_
 
@@ -14,10 +15,15 @@
 #include <cstddef>
 #include <cstdint>
 
+class Sha256;
+
 class EntryWriter {
  public:
   // fd is the caller's, open for writing; declared is the entry's size.
-  EntryWriter(int fd, uint64_t declared) : fd_(fd), left_(declared) {}
+  // Every byte written goes to digest too, when there is one (the caller's,
+  // restarted).
+  EntryWriter(int fd, uint64_t declared, Sha256* digest = nullptr)
+      : fd_(fd), left_(declared), digest_(digest) {}
 
   // Writes size bytes whole; false with errno set when they cannot be
   // written or would pass the declared size (EFBIG).
@@ -29,6 +35,7 @@ class EntryWriter {
   int fd_;
   uint64_t left_;
   uLong crc_ = 0;
+  Sha256* digest_;
 };
 
 #endif  // WIDGETENGINE_ENTRYWRITER_H_

@@ -113,6 +113,7 @@ Outcome Extractor::unpack(std::vector<std::string>& files) {
   const int baseError = baseFd.get() < 0 ? errno : 0;
   const ZipReader package(zipPath);
   EntryUnpacker unpacker(baseFd.get(), baseError, baseLength, package);
+  unpacker.setDigesting(digests_ != nullptr);
 
   std::vector<UnpackTask> tasks;
   twoThreads = false;
@@ -120,7 +121,7 @@ Outcome Extractor::unpack(std::vector<std::string>& files) {
       UnpackPlan::inAnyOrder(archive.get(), count, targetDir, package, &tasks)) {
     Outcome written = UnpackWorkers::run(tasks, unpacker, baseFd.get(),
                                          baseError, baseLength, package, count,
-                                         files, &twoThreads);
+                                         files, digests_, &twoThreads);
     if (!written.ok()) return written;
     progress::report(WIDGETENGINE_PROGRESS_UNPACK, static_cast<uint64_t>(count),
                      static_cast<uint64_t>(count));
@@ -149,6 +150,7 @@ Outcome Extractor::unpack(std::vector<std::string>& files) {
     Outcome said = UnpackReport::sayOutcome(task, outcome);
     if (!said.ok()) return said;
     if (!task.isFolder) files.push_back(task.name);
+    outcome.keepDigest(digests_);
   }
 
   progress::report(WIDGETENGINE_PROGRESS_UNPACK, static_cast<uint64_t>(count),

@@ -12,6 +12,8 @@
 
 #include "base/Outcome.h"
 
+class FileDigests;
+
 class Extractor {
  public:
   // Wipes whatever is at targetDir (which must end with "/").
@@ -33,6 +35,10 @@ class Extractor {
   // is 1; 1 keeps to the calling thread. The lines, files and status are the
   // same either way.
   void setWorkers(int count);
+  // While digests is set (it stays the caller's), extract() puts in it the
+  // SHA-256 digest of every file it writes, of the bytes as they are
+  // written; unset, as by default, nothing is digested.
+  void setDigests(FileDigests* digests) { digests_ = digests; }
   // True when the last extract() wrote on two threads.
   bool wroteOnTwoThreads() const { return twoThreads; }
   void clean();
@@ -58,6 +64,7 @@ class Extractor {
   bool keepFiles;
   int workers;
   bool twoThreads = false;
+  FileDigests* digests_ = nullptr;
   Outcome outcome_;
 };
 

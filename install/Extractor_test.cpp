@@ -26,7 +26,11 @@
 #include "testing/CaptureStdout.h"
 #include "testing/ChildProcess.h"
 #include "testing/OutputChecks.h"
+#include "base/ScopedFd.h"
+#include "signature/FileDigests.h"
+#include "signature/PackageTree.h"
 #include "testing/ScopedEnv.h"
+#include "testing/FolderDigests.h"
 #include "testing/TempDir.h"
 #include "testing/WorkingDirectory.h"
 #include "testing/ZipBuilder.h"
@@ -1093,7 +1097,8 @@ void addPlainEntries(ZipBuilder& zip, int count, int first = 0) {
 
 // One extraction into into with workers threads: its result, what it
 // printed (into replaced by "<target>/"), the files it listed and whether
-// it used a second thread. The tree is kept.
+// it used a second thread. The tree is kept. With digests, the extractor
+// digests what it writes into them.
 struct Extraction {
   int result = 0;
   std::string output;
@@ -1101,12 +1106,14 @@ struct Extraction {
   bool twoThreads = false;
 };
 // workers 0 leaves the extractor's own choice.
-Extraction extractWith(const std::string& zipPath, const std::string& into, int workers) {
+Extraction extractWith(const std::string& zipPath, const std::string& into, int workers,
+                       FileDigests* digests = nullptr) {
   Extraction run;
   CaptureStdout capture;
   {
     Extractor extractor(zipPath, into);
     if (workers > 0) extractor.setWorkers(workers);
+    extractor.setDigests(digests);
     run.result = extractor.extract(run.files);
     run.twoThreads = extractor.wroteOnTwoThreads();
     extractor.setKeepFiles(true);
@@ -1227,6 +1234,64 @@ TEST_F(ExtractorTest, EntriesWhoseOrderDecidesTheResultAreWrittenOnOneThread) {
     if (run.result == 0) {
       EXPECT_EQ(c.contents, TempDir::readFile(into + c.file)) << c.what;
     }
+  }
+}
+
+// Passes when digests holds, for every file below folder and nothing else,
+// the digest of what the file holds.
+::testing::AssertionResult digestsAreOfTheFiles(const FileDigests& digests,
+                                                const std::string& folder) {
+  FileDigests now;
+  ScopedFd fd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  PackageTree tree;
+  std::string reason;
+  if (!folderdigests::take(folder, &now, &reason) || !tree.read(fd.get(), &reason))
+    return ::testing::AssertionFailure() << reason;
+  if (digests.size() != tree.files().size())
+    return ::testing::AssertionFailure() << digests.size() << " digests for "
+                                         << tree.files().size() << " files";
+  for (const auto& file : tree.inodes()) {
+    const Sha256::Digest* kept = digests.find(file.second.first, file.second.second);
+    if (!kept || *kept != *now.find(file.second.first, file.second.second))
+      return ::testing::AssertionFailure() << "wrong digest for " << file.first;
+  }
+  return ::testing::AssertionSuccess();
+}
+
+TEST_F(ExtractorTest, DigestsAreOfTheBytesWrittenOnOneThreadAndOnTwo) {
+  ZipBuilder zip;
+  addPlainEntries(zip, 60);
+  zip.addFile("empty.txt", "");
+  build(zip);
+  for (int workers : {1, 2}) {
+    const std::string into = dir.file("digested" + std::to_string(workers)) + "/";
+    FileDigests digests;
+    const Extraction run = extractWith(zipPath, into, workers, &digests);
+    ASSERT_EQ(0, run.result) << run.output;
+    EXPECT_EQ(workers == 2, run.twoThreads);
+    EXPECT_TRUE(digestsAreOfTheFiles(digests, into)) << workers;
+    // Digesting changes nothing anyone sees.
+    EXPECT_EQ(extractWith(zipPath, dir.file("plain") + "/", workers).output, run.output);
+  }
+}
+
+TEST_F(ExtractorTest, AFileWrittenTwiceKeepsTheDigestOfItsLastBytes) {
+  // The entries that reach one file twice, as the order test has them.
+  const std::vector<std::vector<std::pair<std::string, std::string>>> cases = {
+      {{"Case.txt", "upper"}, {"case.txt", "lower"}},
+      {{"dot.txt", "first"}, {"./dot.txt", "second"}},
+      {{"empty/two.txt", "first"}, {"empty//two.txt", "second"}},
+  };
+  for (const auto& entries : cases) {
+    ZipBuilder zip;
+    addPlainEntries(zip, 20);
+    for (const auto& entry : entries) zip.addFile(entry.first, entry.second);
+    build(zip);
+    const std::string into = dir.file("twice") + "/";
+    FileDigests digests;
+    const Extraction run = extractWith(zipPath, into, 2, &digests);
+    if (run.result != 0) continue;
+    EXPECT_TRUE(digestsAreOfTheFiles(digests, into)) << entries[1].first;
   }
 }
 

@@ -18,7 +18,7 @@ Outcome UnpackWorkers::run(const std::vector<UnpackTask>& tasks,
                         EntryUnpacker& unpacker, int baseFd, int baseError,
                         size_t baseLength, const ZipReader& package,
                         zip_int64_t count, std::vector<std::string>& files,
-                        bool* started) {
+                        FileDigests* digests, bool* started) {
   const size_t n = tasks.size();
   std::vector<UnpackOutcome> outcomes(n);
   std::unique_ptr<std::atomic<bool>[]> finished(new std::atomic<bool>[n]());
@@ -55,6 +55,7 @@ Outcome UnpackWorkers::run(const std::vector<UnpackTask>& tasks,
       failedEntry = UnpackReport::sayOutcome(task, outcomes[said]);
       if (!failedEntry.ok()) return;
       if (!task.isFolder) files.push_back(task.name);
+      outcomes[said].keepDigest(digests);
       ++said;
     }
   };
@@ -74,6 +75,7 @@ Outcome UnpackWorkers::run(const std::vector<UnpackTask>& tasks,
     helper.thread = std::thread([&] {
       try {
         EntryUnpacker other(baseFd, baseError, baseLength, package);
+        other.setDigesting(digests != nullptr);
         work(other, [] {});
       } catch (...) {
         // Without memory for its buffers it takes no entry; this thread

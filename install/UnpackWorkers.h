@@ -16,6 +16,7 @@
 #include "install/EntryUnpacker.h"
 #include "install/UnpackPlan.h"
 
+class FileDigests;
 class ZipReader;
 
 class UnpackWorkers {
@@ -32,11 +33,14 @@ class UnpackWorkers {
   // that failed, after its line: both threads stop taking entries then, and
   // whatever the helper wrote past the failure goes with the target
   // directory when the failed extraction is cleaned. *started says whether
-  // the helper thread ran.
+  // the helper thread ran. With digests, each thread digests the files it
+  // writes (unpacker must be digesting already), and the digests go into
+  // digests in entry order.
   static Outcome run(const std::vector<UnpackTask>& tasks, EntryUnpacker& unpacker,
                   int baseFd, int baseError, size_t baseLength,
                   const ZipReader& package, zip_int64_t count,
-                  std::vector<std::string>& files, bool* started);
+                  std::vector<std::string>& files, FileDigests* digests,
+                  bool* started);
 };
 
 #endif  // WIDGETENGINE_UNPACKWORKERS_H_

@@ -26,6 +26,7 @@
 #include "install/Downloader.h"
 #include "install/Extractor.h"
 #include "install/InstallLock.h"
+#include "install/SignatureCheck.h"
 #include "base/UrlPath.h"
 #include "registry/LocalizedItemKeys.h"
 #include "registry/SqlLite3.h"
@@ -397,8 +398,26 @@ int WidgetInstaller::runHoldingName() {
   engineOut() << std::endl << "[Extracting...]" << std::endl << std::endl;
   extractor.reset(new Extractor(downloadPath, storagePath));
   files.clear();
+  // Under a signature policy the package is judged on the bytes as they were
+  // written (the unpacking digests each file on its way out), before
+  // anything of it, config.xml first, is trusted. A package the policy
+  // refuses goes as one that could not be unpacked.
+  SignatureCheck signatures;
+  extractor->setDigests(signatures.written());
+  std::optional<Outcome> unpackRefusal;
   if (extractor->extract(files) == -1) {
-    const int status = refuse(6, extractor->outcome(), "Error while extracting");
+    unpackRefusal = extractor->outcome();
+  } else if (signatures.active()) {
+    Outcome judged = signatures.check(storagePath);
+    if (!judged.ok()) {
+      engineError() << "Cannot install " << sourceURL
+                    << ": its signatures do not hold: " << judged.reason()
+                    << std::endl;
+      unpackRefusal = std::move(judged);
+    }
+  }
+  if (unpackRefusal) {
+    const int status = refuse(6, std::move(*unpackRefusal), "Error while extracting");
     extractor.reset();
     downloader.reset();
     record.reset();
@@ -519,6 +538,17 @@ int WidgetInstaller::runHoldingName() {
                                  config->getLicenses());
   database->insertLocalizedItems(widgetId, localizeditems::kLicenseHref,
                                  config->getLicenseHrefs());
+  // What the signature check found is kept with the rows, or nothing is.
+  if (signatures.active() &&
+      !database->writeSignatures(widgetId, signatures.row())) {
+    outcome_ = Outcome(WIDGETENGINE_REFUSAL_REGISTRY,
+                       "cannot record the widget's signatures: " +
+                           database->lastError());
+    engineError() << "Cannot record the widget's signatures in the registry: "
+                  << database->lastError() << std::endl;
+    database->rollbackJob();
+    return abandonParsed(10, record);
+  }
   // Nothing is installed until its rows are committed: a commit that fails
   // (a full disk, an I/O error) takes the unpacked files with it.
   if (!database->endJob()) {

@@ -74,6 +74,25 @@ class SqlLite3 {
   // about to be given again (see statements::kDeleteFilesOfRemovedWidgets).
   bool forgetRowsOfRemovedWidgets();
 
+  // What an installation under a signature policy learnt of the package's
+  // signatures, kept beside the widget's rows.
+  struct SignatureRow {
+    std::string policy;  // "report" or "require"
+    bool isSigned = false;
+    bool valid = false;
+    std::string authorSubject;
+    std::string authorFingerprint;
+    std::string anchor;
+    std::string record;  // JSON, as widgetengine_signature_info() gives it
+  };
+  // Writes row for the widget, inside the running job, making the table
+  // first when the registry has none; false when it could not.
+  bool writeSignatures(int widgetId, const SignatureRow& row);
+  // The record kept for the widget called name. -1 when the registry could
+  // not be read, 0 when no widget has the name, 1 when one has it but
+  // nothing was kept, 2 with *record filled.
+  int readSignatures(const std::string& name, std::string* record);
+
   // Reads. Records are newly allocated; the caller deletes them.
   std::vector<WidgetsData*> selectWidgets(std::string sql);
   // ok, when given, tells whether the read ran to its end: a read that
@@ -106,6 +125,10 @@ class SqlLite3 {
   int findInCache(std::string& url, const std::vector<std::string>& locales,
                   time_t second);
   void ensureIndexes();
+  // Whether an installation under a signature policy made its table.
+  bool hasSignaturesTable();
+  // Runs one statement with name bound as ?1; the SQLite result code.
+  int runWithName(const char* sql, const std::string& name);
   int insertWidgetRows(WidgetsData* widget, bool ownTransaction);
   std::vector<WidgetsData*> readWidgets(int statement, const std::string* key,
                                         bool* complete = nullptr);

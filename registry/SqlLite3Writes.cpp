@@ -145,12 +145,39 @@ int SqlLite3::deleteWidgetByName(const std::string& name) {
   PublishOnExit<Impl> publish(impl.get());
   if (!impl->db) return SQLITE_MISUSE;
   if (!quotable(name, '\'')) return impl->resultCode = SQLITE_ERROR;
+  // A widget whose signatures were recorded takes its record along, in the
+  // same transaction: no record may outlive its widget, nor a widget lose
+  // its record while it stays.
+  const bool withRecord =
+      sqlite3_get_autocommit(impl->db) && hasSignaturesTable();
+  if (withRecord) {
+    impl->resultCode = impl->exec(statements::kBeginImmediate);
+    if (impl->resultCode != SQLITE_OK) return impl->resultCode;
+    impl->resultCode = runWithName(statements::kDeleteSignaturesByName, name);
+    if (impl->resultCode != SQLITE_OK) {
+      impl->exec(statements::kRollback);
+      return impl->resultCode;
+    }
+  }
   sqlite3_stmt* remove = impl->statement(kDeleteWidgetByNameStatement);
-  if (!remove) return impl->resultCode = sqlite3_errcode(impl->db);
-  ResetOnExit reset(remove);
-  bindText(remove, 1, name);
-  int rc = sqlite3_step(remove);
-  impl->resultCode = rc == SQLITE_DONE ? SQLITE_OK : rc;
+  int rc = SQLITE_ERROR;
+  if (!remove) {
+    rc = sqlite3_errcode(impl->db);
+  } else {
+    ResetOnExit reset(remove);
+    bindText(remove, 1, name);
+    rc = sqlite3_step(remove);
+    if (rc == SQLITE_DONE) rc = SQLITE_OK;
+  }
+  if (withRecord) {
+    if (rc != SQLITE_OK) {
+      impl->exec(statements::kRollback);
+    } else if (!impl->commit()) {
+      rc = sqlite3_extended_errcode(impl->db);
+      if (rc == SQLITE_OK) rc = SQLITE_ERROR;
+    }
+  }
+  impl->resultCode = rc;
   return impl->resultCode;
 }
 
@@ -198,6 +225,12 @@ bool SqlLite3::forgetRowsOfRemovedWidgets() {
   for (const char* sql : {statements::kDeleteFilesOfRemovedWidgets,
                           statements::kDeleteItemsOfRemovedWidgets}) {
     impl->resultCode = impl->exec(sql);
+    if (impl->resultCode != SQLITE_OK) return false;
+  }
+  // A widget removed by an engine that knew nothing of signatures left its
+  // record behind.
+  if (hasSignaturesTable()) {
+    impl->resultCode = impl->exec(statements::kDeleteSignaturesOfRemovedWidgets);
     if (impl->resultCode != SQLITE_OK) return false;
   }
   return true;

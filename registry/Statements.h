@@ -89,6 +89,34 @@ constexpr const char kDeleteItemsOfRemovedWidgets[] =
     "DELETE FROM localizedItem WHERE widgetID > "
     "(SELECT IFNULL(MAX(id), 0) FROM Widgets)";
 
+// What installations under a signature policy learnt of each widget's
+// signatures. The table is made by the first such installation, so a
+// registry that never saw one keeps its three tables; every statement on it
+// first asks whether it is there.
+constexpr const char kHasSignaturesTable[] =
+    "SELECT 1 FROM sqlite_master WHERE type='table' AND "
+    "name='widgetSignatures'";
+constexpr const char kCreateWidgetSignatures[] =
+    "CREATE TABLE IF NOT EXISTS widgetSignatures (widgetID INTEGER PRIMARY "
+    "KEY NOT NULL,policy TEXT NOT NULL,signed INTEGER NOT NULL,"
+    "valid INTEGER NOT NULL,authorSubject TEXT NOT NULL,"
+    "authorFingerprint TEXT NOT NULL,anchor TEXT NOT NULL,"
+    "record TEXT NOT NULL)";
+constexpr const char kInsertWidgetSignatures[] =
+    "INSERT OR REPLACE INTO widgetSignatures VALUES (?1,?2,?3,?4,?5,?6,?7,?8)";
+constexpr const char kDeleteSignaturesByName[] =
+    "DELETE FROM widgetSignatures WHERE widgetID IN "
+    "(SELECT id FROM Widgets WHERE name=?1)";
+constexpr const char kDeleteSignaturesOfRemovedWidgets[] =
+    "DELETE FROM widgetSignatures WHERE widgetID > "
+    "(SELECT IFNULL(MAX(id), 0) FROM Widgets)";
+constexpr const char kSignaturesOfWidget[] =
+    "SELECT Widgets.id, widgetSignatures.record FROM Widgets LEFT JOIN "
+    "widgetSignatures ON widgetSignatures.widgetID=Widgets.id "
+    "WHERE Widgets.name=?1";
+constexpr const char kWidgetIdByName[] =
+    "SELECT id FROM Widgets WHERE name=?1";
+
 // Reads of whole Widgets rows.
 constexpr const char kSelectAllWidgets[] = "SELECT * FROM Widgets";
 constexpr const char kSelectWidgetsByName[] =

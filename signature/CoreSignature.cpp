@@ -2,9 +2,11 @@
 #include "signature/CoreSignature.h"
 
 #include <errno.h>
+#include <libxml/xmlstring.h>
 #include <openssl/evp.h>
 #include <openssl/x509.h>
 #include <unistd.h>
+#include <xmlsec/base64.h>
 #include <xmlsec/crypto.h>
 #include <xmlsec/errors.h>
 #include <xmlsec/io.h>
@@ -19,8 +21,11 @@
 #include <mutex>
 #include <set>
 
+#include "base/ScopedFd.h"
+#include "config/XmlText.h"
 #include "signature/PackageTree.h"
 #include "signature/ReferenceUri.h"
+#include "signature/Vocabulary.h"
 
 namespace {
 
@@ -214,6 +219,204 @@ std::string pathOfUri(const xmlChar* uri) {
   return ReferenceUri::toPath(text, &path) ? path : text;
 }
 
+// What checking a signature's values came to.
+struct Values {
+  bool processed = false;  // false with error when it could not be done
+  std::string error;
+  std::string mismatch;    // the first reference whose digest differs
+  bool valueValid = false;
+};
+
+// libxmlsec checks every reference and the value on its own.
+Values checkByLibrary(xmlSecDSigCtx* ctx, xmlNode* signature, int folderFd,
+                      const std::set<std::string>& files) {
+  Values values;
+  values.processed =
+      run(xmlSecDSigCtxVerify, ctx, signature, folderFd, files, &values.error);
+  if (!values.processed || ctx->status == xmlSecDSigStatusSucceeded) {
+    values.valueValid = values.processed;
+    return values;
+  }
+  // A reference whose digest differs stops the check there; the value over
+  // SignedInfo is only checked once every reference matched.
+  const xmlSecSize count = xmlSecPtrListGetSize(&ctx->signedInfoReferences);
+  for (xmlSecSize i = 0; i < count; ++i) {
+    xmlSecDSigReferenceCtx* reference = static_cast<xmlSecDSigReferenceCtx*>(
+        xmlSecPtrListGetItem(&ctx->signedInfoReferences, i));
+    if (reference && reference->status != xmlSecDSigStatusSucceeded) {
+      values.mismatch = pathOfUri(reference->uri);
+      return values;
+    }
+  }
+  return values;
+}
+
+xmlNode* elementFrom(xmlNode* node) {
+  while (node && node->type != XML_ELEMENT_NODE) node = node->next;
+  return node;
+}
+
+bool isDsig(xmlNode* node, const char* name) {
+  return node && node->ns &&
+         xmlStrEqual(node->ns->href, BAD_CAST signatureVocabulary::kDsigNamespace) &&
+         xmlStrEqual(node->name, BAD_CAST name);
+}
+
+// Compares the file reference's DigestValue with the digest of the file at
+// path: the one written, or else the file's as it is read now. False with
+// *error when it cannot be compared; *matches says whether they are equal.
+bool compareFile(xmlNode* reference, const std::string& path, int folderFd,
+                 const CoreSignature::WrittenDigests& written, bool* matches,
+                 std::string* error) {
+  xmlNode* method = elementFrom(reference->children);
+  xmlNode* value = method ? elementFrom(method->next) : nullptr;
+  if (!isDsig(method, "DigestMethod") || !isDsig(value, "DigestValue") ||
+      elementFrom(value->next)) {
+    *error = "the reference to " + path + " is not a digest method and value";
+    return false;
+  }
+  // The one digest a file reference may use, whatever was checked before.
+  if (xmltext::getRawAttribute(method, "Algorithm") != signatureVocabulary::kSha256) {
+    *error = "the digest of " + path + " is not SHA-256";
+    return false;
+  }
+  Sha256::Digest digest;
+  const auto known = written.find(path);
+  if (known != written.end()) {
+    digest = known->second;
+  } else {
+    ScopedFd fd(PackageTree::openFile(folderFd, path));
+    if (fd.get() < 0 || !Sha256::ofFile(fd.get(), &digest)) {
+      *error = "cannot read " + path + ": " + strerror(errno);
+      return false;
+    }
+  }
+  xmlChar* text = xmlNodeGetContent(value);
+  if (!text) {
+    *error = "out of memory";
+    return false;
+  }
+  std::vector<xmlSecByte> given(static_cast<size_t>(xmlStrlen(text)) + 1);
+  xmlSecSize size = 0;
+  const int decoded = xmlSecBase64Decode_ex(
+      text, given.data(), static_cast<xmlSecSize>(given.size()), &size);
+  xmlFree(text);
+  if (decoded < 0) {
+    if (error->empty()) *error = "the digest value of " + path + " is not base64";
+    return false;
+  }
+  *matches = size == digest.size() && memcmp(given.data(), digest.data(), size) == 0;
+  return true;
+}
+
+// Reads SignedInfo's canonicalization and signature methods into the
+// context's transforms (which go with it) and gives the signature method
+// the context's key, as libxmlsec does before it digests any reference.
+// The signature method, or null with the complaint kept.
+xmlSecTransform* readMethods(xmlSecDSigCtx* ctx, xmlNode* canonicalization,
+                             xmlNode* method) {
+  xmlSecTransformCtx* transforms = &ctx->transformCtx;
+  if (!xmlSecTransformCtxNodeRead(transforms, canonicalization,
+                                  xmlSecTransformUsageC14NMethod))
+    return nullptr;
+  xmlSecTransform* sign =
+      xmlSecTransformCtxNodeRead(transforms, method, xmlSecTransformUsageSignatureMethod);
+  if (!sign) return nullptr;
+  sign->operation = xmlSecTransformOperationVerify;
+  xmlSecKeyReq wanted;
+  if (xmlSecKeyReqInitialize(&wanted) < 0) return nullptr;
+  const bool suits = xmlSecTransformSetKeyReq(sign, &wanted) >= 0 &&
+                     xmlSecKeyMatch(ctx->signKey, nullptr, &wanted) == 1;
+  xmlSecKeyReqFinalize(&wanted);
+  if (!suits) {
+    // In the words libxmlsec's own check has for it.
+    xmlSecError(XMLSEC_ERRORS_HERE, nullptr, nullptr, XMLSEC_ERRORS_R_KEY_NOT_FOUND,
+                "details=%s", "NULL");
+    return nullptr;
+  }
+  return xmlSecTransformSetKey(sign, ctx->signKey) < 0 ? nullptr : sign;
+}
+
+// Checks the signature value over SignedInfo, canonicalized, with the
+// signature method readMethods() gave. False when it cannot be checked.
+bool checkValue(xmlSecDSigCtx* ctx, xmlNode* signedInfo, xmlSecTransform* sign,
+                xmlNode* signatureValue, bool* valid) {
+  xmlSecNodeSet* nodes = xmlSecNodeSetGetChildren(signedInfo->doc, signedInfo, 1, 0);
+  if (!nodes) return false;
+  const int executed = xmlSecTransformCtxXmlExecute(&ctx->transformCtx, nodes);
+  xmlSecNodeSetDestroy(nodes);
+  if (executed < 0 ||
+      xmlSecTransformVerifyNodeContent(sign, signatureValue, &ctx->transformCtx) < 0)
+    return false;
+  *valid = sign->status == xmlSecTransformStatusOk;
+  return true;
+}
+
+// The check of values when the files' digests as written are known, in
+// libxmlsec's own order and on the structure it insists on: the
+// signature's and SignedInfo's elements, the methods and the key, every
+// reference in order (stopping at the first that differs), then the value
+// over SignedInfo. The properties' reference is libxmlsec's to digest;
+// files are compared with their written digests.
+Values checkWithWritten(xmlSecDSigCtx* ctx, xmlNode* signature, int folderFd,
+                        const std::set<std::string>& files,
+                        const CoreSignature::WrittenDigests& written) {
+  Values values;
+  std::string& error = values.error;
+  CoreSignature::Quiet quiet(&error);
+  FolderScope scope(folderFd, files);
+  ctx->operation = xmlSecTransformOperationVerify;
+
+  xmlNode* signedInfo = elementFrom(signature->children);
+  xmlNode* signatureValue = signedInfo ? elementFrom(signedInfo->next) : nullptr;
+  xmlNode* rest = signatureValue ? elementFrom(signatureValue->next) : nullptr;
+  if (isDsig(rest, "KeyInfo")) rest = elementFrom(rest->next);
+  while (isDsig(rest, "Object")) rest = elementFrom(rest->next);
+  xmlNode* canonicalization = signedInfo ? elementFrom(signedInfo->children) : nullptr;
+  xmlNode* method = canonicalization ? elementFrom(canonicalization->next) : nullptr;
+  xmlNode* firstReference = method ? elementFrom(method->next) : nullptr;
+  xmlNode* afterReferences = firstReference;
+  while (isDsig(afterReferences, "Reference"))
+    afterReferences = elementFrom(afterReferences->next);
+  if (!isDsig(signedInfo, "SignedInfo") || !isDsig(signatureValue, "SignatureValue") ||
+      rest || !isDsig(canonicalization, "CanonicalizationMethod") ||
+      !isDsig(method, "SignatureMethod") || !isDsig(firstReference, "Reference") ||
+      afterReferences) {
+    error = "the signature's elements are not those of an XML signature";
+    return values;
+  }
+  xmlSecTransform* sign = readMethods(ctx, canonicalization, method);
+  if (!sign) return values;
+
+  for (xmlNode* reference = firstReference; reference;
+       reference = elementFrom(reference->next)) {
+    const std::string uri = xmltext::getRawAttribute(reference, "URI");
+    std::string path;
+    bool matches = false;
+    if (!uri.empty() && uri[0] == '#') {
+      xmlSecDSigReferenceCtx* same =
+          xmlSecDSigReferenceCtxCreate(ctx, xmlSecDSigReferenceOriginSignedInfo);
+      if (!same) return values;
+      const bool done = xmlSecDSigReferenceCtxProcessNode(same, reference) >= 0;
+      matches = same->status == xmlSecDSigStatusSucceeded;
+      xmlSecDSigReferenceCtxDestroy(same);
+      if (!done) return values;
+    } else if (!ReferenceUri::toPath(uri, &path) || !files.count(path)) {
+      error = "a reference names no file of the package";
+      return values;
+    } else if (!compareFile(reference, path, folderFd, written, &matches, &error)) {
+      return values;
+    }
+    if (!matches) {
+      values.processed = true;
+      values.mismatch = path.empty() ? uri : path;
+      return values;
+    }
+  }
+  values.processed = checkValue(ctx, signedInfo, sign, signatureValue, &values.valueValid);
+  return values;
+}
+
 }  // namespace
 
 CoreSignature::Quiet::Quiet(std::string* complaint) : previous_(currentError) {
@@ -231,6 +434,7 @@ bool CoreSignature::ready(std::string* reason) {
 
 bool CoreSignature::verify(xmlNode* signature, EVP_PKEY* key, int folderFd,
                            const std::set<std::string>& files,
+                           const WrittenDigests* written,
                            std::vector<std::string>* failures) {
   std::string reason;
   if (!ready(&reason)) {
@@ -242,25 +446,23 @@ bool CoreSignature::verify(xmlNode* signature, EVP_PKEY* key, int folderFd,
     failures->push_back("internal: out of memory");
     return false;
   }
-  std::string error;
-  if (!run(xmlSecDSigCtxVerify, ctx.get(), signature, folderFd, files, &error)) {
-    failures->push_back("signature-not-processed: " + error);
+  const Values values =
+      written ? checkWithWritten(ctx.get(), signature, folderFd, files, *written)
+              : checkByLibrary(ctx.get(), signature, folderFd, files);
+  if (!values.processed) {
+    failures->push_back("signature-not-processed: " +
+                        (values.error.empty() ? std::string("failed") : values.error));
     return false;
   }
-  if (ctx->status == xmlSecDSigStatusSucceeded) return true;
-  // A reference whose digest differs stops the check there; the value over
-  // SignedInfo is only checked once every reference matched.
-  const xmlSecSize count = xmlSecPtrListGetSize(&ctx->signedInfoReferences);
-  for (xmlSecSize i = 0; i < count; ++i) {
-    xmlSecDSigReferenceCtx* reference = static_cast<xmlSecDSigReferenceCtx*>(
-        xmlSecPtrListGetItem(&ctx->signedInfoReferences, i));
-    if (reference && reference->status != xmlSecDSigStatusSucceeded) {
-      failures->push_back("digest-mismatch: " + pathOfUri(reference->uri));
-      return false;
-    }
+  if (!values.mismatch.empty()) {
+    failures->push_back("digest-mismatch: " + values.mismatch);
+    return false;
   }
-  failures->push_back("signature-value-invalid");
-  return false;
+  if (!values.valueValid) {
+    failures->push_back("signature-value-invalid");
+    return false;
+  }
+  return true;
 }
 
 bool CoreSignature::sign(xmlNode* signature, EVP_PKEY* pkey,

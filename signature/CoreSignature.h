@@ -5,6 +5,11 @@
 // and a reference reaches only files below the package folder it is given,
 // read a block at a time, through no link.
 //
+// When the digests of the package's files as they were written are known,
+// the file references are compared with those instead of being read again;
+// the properties' reference and the signature value over SignedInfo are
+// still libxmlsec's to compute.
+//
 // libxmlsec is readied once per process, on first use, and never shut down
 // (its tables are process-wide and a host may be using them still). Any
 // number of threads may check signatures at the same time: each check has
@@ -15,9 +20,12 @@
 
 #include <libxml/tree.h>
 
+#include <map>
 #include <set>
 #include <string>
 #include <vector>
+
+#include "signature/Sha256.h"
 
 typedef struct x509_st X509;
 typedef struct evp_pkey_st EVP_PKEY;
@@ -40,11 +48,16 @@ class CoreSignature {
     std::string* previous_;
   };
 
+  // The digest of each package path's bytes as they were written.
+  typedef std::map<std::string, Sha256::Digest> WrittenDigests;
+
   // Checks the signature element with key; a reference reads the file of
-  // files (package paths) it names below folderFd. Each failed rule goes on
-  // *failures; true when none did.
+  // files (package paths) it names below folderFd, unless written (when
+  // not null) holds its digest. Each failed rule goes on *failures; true
+  // when none did.
   static bool verify(xmlNode* signature, EVP_PKEY* key, int folderFd,
                      const std::set<std::string>& files,
+                     const WrittenDigests* written,
                      std::vector<std::string>* failures);
 
   // Fills in the digests and the signature value of the signature element,

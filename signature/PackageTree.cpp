@@ -26,6 +26,7 @@ struct DirClose {
 
 bool PackageTree::read(int folderFd, std::string* reason) {
   files_.clear();
+  inodes_.clear();
   const int fd = openat(folderFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (fd < 0) {
     *reason = std::string("the package folder cannot be read: ") + strerror(errno);
@@ -63,6 +64,7 @@ bool PackageTree::readFolder(int fd, const std::string& prefix, int depth,
         return false;
       }
       files_.insert(path);
+      inodes_[path] = std::make_pair(st.st_dev, st.st_ino);
     } else if (S_ISDIR(st.st_mode)) {
       const int child = openat(dirfd(dir.get()), name.c_str(),
                                O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);

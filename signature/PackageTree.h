@@ -7,8 +7,12 @@
 #ifndef WIDGETENGINE_SIGNATURE_PACKAGETREE_H_
 #define WIDGETENGINE_SIGNATURE_PACKAGETREE_H_
 
+#include <sys/types.h>
+
+#include <map>
 #include <set>
 #include <string>
+#include <utility>
 
 class PackageTree {
  public:
@@ -20,6 +24,10 @@ class PackageTree {
 
   // Every plain file, by its path relative to the root ("js/app.js").
   const std::set<std::string>& files() const { return files_; }
+  // The device and inode of each of them, as the tree was read.
+  const std::map<std::string, std::pair<dev_t, ino_t>>& inodes() const {
+    return inodes_;
+  }
 
   // Opens the file at path below folderFd for reading, one name at a time,
   // refusing links on the way and at the end and anything but a plain file.
@@ -31,6 +39,7 @@ class PackageTree {
                   std::string* reason);
 
   std::set<std::string> files_;
+  std::map<std::string, std::pair<dev_t, ino_t>> inodes_;
 };
 
 #endif  // WIDGETENGINE_SIGNATURE_PACKAGETREE_H_

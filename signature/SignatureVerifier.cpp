@@ -11,7 +11,7 @@
 
 #include "base/ScopedFd.h"
 #include "signature/CertificateChain.h"
-#include "signature/CoreSignature.h"
+#include "signature/FileDigests.h"
 #include "signature/PackageTree.h"
 #include "signature/SignatureDocument.h"
 #include "signature/SignatureFiles.h"
@@ -54,17 +54,18 @@ bool readDocument(int folderFd, const std::string& file, std::string* bytes,
 
 }  // namespace
 
-Verdict SignatureVerifier::verify(const std::string& path) const {
+Verdict SignatureVerifier::verify(const std::string& path,
+                                  const FileDigests* written) const {
   ScopedFd fd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (fd.get() < 0) {
     Verdict verdict;
     verdict.failures.push_back("package-not-readable: " + path + ": " + strerror(errno));
     return verdict;
   }
-  return verify(fd.get());
+  return verify(fd.get(), written);
 }
 
-Verdict SignatureVerifier::verify(int folderFd) const {
+Verdict SignatureVerifier::verify(int folderFd, const FileDigests* written) const {
   Verdict verdict;
   std::string reason;
   if (!CoreSignature::ready(&reason)) {
@@ -80,13 +81,25 @@ Verdict SignatureVerifier::verify(int folderFd) const {
   for (const std::string& path : tree.files()) {
     if (path.find('/') == std::string::npos) rootFiles.push_back(path);
   }
-  for (const std::string& file : SignatureFiles::inProcessingOrder(rootFiles))
-    verdict.signatures.push_back(verifyOne(folderFd, file, tree.files()));
+  // The written digests by package path. A file the unpacking did not
+  // write (none of its inodes) has none and is read.
+  CoreSignature::WrittenDigests byPath;
+  if (written) {
+    for (const auto& file : tree.inodes()) {
+      const Sha256::Digest* digest = written->find(file.second.first, file.second.second);
+      if (digest) byPath[file.first] = *digest;
+    }
+  }
+  for (const std::string& file : SignatureFiles::inProcessingOrder(rootFiles)) {
+    verdict.signatures.push_back(
+        verifyOne(folderFd, file, tree.files(), written ? &byPath : nullptr));
+  }
   return verdict;
 }
 
 SignatureVerdict SignatureVerifier::verifyOne(
-    int folderFd, const std::string& file, const std::set<std::string>& files) const {
+    int folderFd, const std::string& file, const std::set<std::string>& files,
+    const CoreSignature::WrittenDigests* written) const {
   SignatureVerdict verdict;
   verdict.file = file;
   verdict.author = SignatureFiles::kindOf(file) == SignatureFiles::kAuthor;
@@ -113,7 +126,7 @@ SignatureVerdict SignatureVerifier::verifyOne(
       verdict.anchorSubject = chain.anchorSubject();
     if (document.readyForValues())
       CoreSignature::verify(document.signatureElement(), chain.signerKey(),
-                            folderFd, files, &failures);
+                            folderFd, files, written, &failures);
   }
   verdict.valid = failures.empty();
   return verdict;

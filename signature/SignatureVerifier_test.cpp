@@ -134,6 +134,55 @@ TEST_F(SignatureVerifierTest, AChangedFileIsADigestMismatch) {
   EXPECT_EQ(std::vector<std::string>{"digest-mismatch: index.html"}, onlyFailures());
 }
 
+TEST_F(SignatureVerifierTest, TheWrittenBytesDecideNotWhatLiesThereLater) {
+  sign(pki.author, SignatureMaker::kAuthor);
+  const FileDigests written = SignedPackage::digestsOf(package());
+  // The same file, changed in place after it was written.
+  TempDir::writeFile(file("index.html"), "<!DOCTYPE html><p>changed</p>\n");
+  const SignatureVerifier verifier(anchors);
+  const Verdict onWritten = verifier.verify(package(), &written);
+  EXPECT_TRUE(onWritten.allValid()) << joined(onWritten.allFailures());
+  EXPECT_EQ(std::vector<std::string>{"author-signature.xml: digest-mismatch: index.html"},
+            verifier.verify(package()).allFailures());
+}
+
+TEST_F(SignatureVerifierTest, WrittenBytesThatDifferFromTheSignedOnesAreAMismatch) {
+  // Signed as the package is now; written, as far as the table says,
+  // with other bytes in index.html.
+  TempDir::writeFile(file("index.html"), "<!DOCTYPE html><p>written</p>\n");
+  const FileDigests written = SignedPackage::digestsOf(package());
+  TempDir::writeFile(file("index.html"), "<!DOCTYPE html><p>clock</p>\n");
+  sign(pki.author, SignatureMaker::kAuthor);
+  const Verdict verdict = SignatureVerifier(anchors).verify(package(), &written);
+  EXPECT_EQ(std::vector<std::string>{"author-signature.xml: digest-mismatch: index.html"},
+            verdict.allFailures());
+}
+
+TEST_F(SignatureVerifierTest, AFileTheTableDoesNotKnowIsRead) {
+  const FileDigests written = SignedPackage::digestsOf(package());
+  // Not written by the unpacking: a file of its own, with its own inode.
+  TempDir::writeFile(file("late.js"), "late();\n");
+  sign(pki.author, SignatureMaker::kAuthor);
+  const SignatureVerifier verifier(anchors);
+  const Verdict verdict = verifier.verify(package(), &written);
+  EXPECT_TRUE(verdict.allValid()) << joined(verdict.allFailures());
+  TempDir::writeFile(file("late.js"), "later();\n");
+  EXPECT_EQ(std::vector<std::string>{"author-signature.xml: digest-mismatch: late.js"},
+            verifier.verify(package(), &written).allFailures());
+}
+
+TEST_F(SignatureVerifierTest, AKeyThatDoesNotSuitTheMethodIsFoundBeforeAnyDigest) {
+  // An EC signer's document that names RSA, over a file changed since.
+  sign(pki.distributor, SignatureMaker::kAuthor);
+  std::string document = TempDir::readFile(file("author-signature.xml"));
+  replaceOnce(&document, "xmldsig-more#ecdsa-sha256", "xmldsig-more#rsa-sha256");
+  TempDir::writeFile(file("author-signature.xml"), document);
+  TempDir::writeFile(file("index.html"), "<!DOCTYPE html><p>changed</p>\n");
+  const std::vector<std::string> failures = onlyFailures();
+  ASSERT_EQ(1u, failures.size()) << joined(failures);
+  EXPECT_EQ(0u, failures[0].find("signature-not-processed: ")) << failures[0];
+}
+
 TEST_F(SignatureVerifierTest, AChangedPropertyIsADigestMismatch) {
   sign(pki.author, SignatureMaker::kAuthor);
   std::string document = TempDir::readFile(file("author-signature.xml"));

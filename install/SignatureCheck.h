@@ -1,0 +1,50 @@
+// SPDX-License-Identifier: Apache-2.0
+// SignatureCheck is the signature step of one installation: under the
+// policy in force it checks the unpacked package against the device's trust
+// anchors, says whether the policy lets the package in, and makes the row
+// the registry keeps of what it found. With the policy off it does nothing.
+#ifndef WIDGETENGINE_SIGNATURECHECK_H_
+#define WIDGETENGINE_SIGNATURECHECK_H_
+
+#include <string>
+
+#include "base/Outcome.h"
+#include "base/Settings.h"
+#include "registry/SqlLite3.h"
+#include "signature/FileDigests.h"
+
+class SignatureCheck {
+ public:
+  // Takes the policy and the anchors' folder in force now, so that one
+  // installation is judged by one policy from start to end.
+  SignatureCheck();
+
+  // The host's choice (widgetengine_set_signature_policy) or else
+  // WIDGETENGINE_SIGNATURES; the host's folder or else the settings'.
+  static settings::SignaturePolicy policy();
+  static std::string anchorsFolder();
+
+  // Whether the policy asks for anything at all.
+  bool active() const { return policy_ != settings::kSignaturesOff; }
+
+  // Where the unpacking puts the digests of the files it writes, when the
+  // policy is on (null when it is off, so that nothing is digested).
+  FileDigests* written() { return active() ? &written_ : nullptr; }
+
+  // Checks the package unpacked in folder, on the digests written() was
+  // given as far as they go. A refusal, whose reason names the first rule
+  // that failed, when the policy requires signatures and they do not hold;
+  // ok otherwise.
+  Outcome check(const std::string& folder);
+
+  // What check() found, for the registry.
+  const SqlLite3::SignatureRow& row() const { return row_; }
+
+ private:
+  settings::SignaturePolicy policy_;
+  std::string anchorsFolder_;
+  FileDigests written_;
+  SqlLite3::SignatureRow row_;
+};
+
+#endif  // WIDGETENGINE_SIGNATURECHECK_H_
