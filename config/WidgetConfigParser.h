@@ -50,6 +50,14 @@ class WidgetConfigParser {
   // check more, so a megabyte keeps a hostile package's cost to a few
   // megabytes and some milliseconds.
   static constexpr size_t kLargestDocument = 1u << 20;
+  // The update description named by the installed config.xml at
+  // configPath: the href of the root's first update-description element,
+  // when it is a valid IRI; "" when there is none. The file is read as
+  // parse() reads it (same bounds, no entities loaded, no link followed),
+  // without the schema check the installation already made and without a
+  // line of output. A refusal when the file cannot be read or parsed.
+  static Outcome readUpdateDescription(const std::string& configPath,
+                                       std::string* href);
   // True for a document far larger than any real one, which parse() refuses
   // as invalid without handing it to the validator.
   WIDGETENGINE_TOOLS_EXPORT static bool isTooLargeToValidate(xmlNode* root);

@@ -23,6 +23,7 @@
 #include "base/EngineOutput.h"
 #include "base/Progress.h"
 #include "base/Settings.h"
+#include "install/Transfer.h"
 
 namespace {
 
@@ -116,41 +117,6 @@ constexpr char kAllowedProtocols[] = "http,https,file";
 
 bool allowedScheme(const std::string& scheme) {
   return scheme == "http" || scheme == "https" || scheme == "file";
-}
-
-// The scheme libcurl would use for url, in lower case: the one it names, or
-// the one libcurl guesses for an address without one. Empty when libcurl
-// cannot read the address at all (then the transfer fails on its own).
-std::string schemeOf(const std::string& url) {
-  CURLU* parsed = curl_url();
-  if (parsed == nullptr) return std::string();
-  std::string scheme;
-  char* part = nullptr;
-  if (curl_url_set(parsed, CURLUPART_URL, url.c_str(),
-                   CURLU_GUESS_SCHEME | CURLU_NON_SUPPORT_SCHEME) == CURLUE_OK &&
-      curl_url_get(parsed, CURLUPART_SCHEME, &part, 0) == CURLUE_OK) {
-    scheme = part;
-    for (char& c : scheme) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
-  }
-  curl_free(part);
-  curl_url_cleanup(parsed);
-  return scheme;
-}
-
-// Restricts the transfer, and any redirect should one ever be followed, to
-// the allowed protocols. False when libcurl refuses the restriction: then
-// the transfer must not run at all.
-bool restrictProtocols(CURL* curl) {
-#if LIBCURL_VERSION_NUM >= 0x075500  // 7.85.0 has the string options
-  return curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, kAllowedProtocols) ==
-             CURLE_OK &&
-         curl_easy_setopt(curl, CURLOPT_REDIR_PROTOCOLS_STR,
-                          kAllowedProtocols) == CURLE_OK;
-#else
-  const long allowed = CURLPROTO_HTTP | CURLPROTO_HTTPS | CURLPROTO_FILE;
-  return curl_easy_setopt(curl, CURLOPT_PROTOCOLS, allowed) == CURLE_OK &&
-         curl_easy_setopt(curl, CURLOPT_REDIR_PROTOCOLS, allowed) == CURLE_OK;
-#endif
 }
 
 // Keeps next as the reason, unless an earlier step gave one.
@@ -255,7 +221,7 @@ Downloader::~Downloader() { clean(); }
 int Downloader::download() {
   outcome_ = Outcome();
   // Refused before anything is created or any connection made.
-  const std::string scheme = schemeOf(url);
+  const std::string scheme = transfer::schemeOf(url);
   if (!scheme.empty() && !allowedScheme(scheme)) {
     outcome_ = sayRefused(url, scheme);
     return -1;
@@ -296,7 +262,7 @@ int Downloader::download() {
   out.reserve = settings::downloadReserveBytes();
   out.maximum = settings::maxPackageBytes();
   out.measure();
-  if (!restrictProtocols(curl)) {
+  if (!transfer::restrictProtocols(curl, kAllowedProtocols)) {
     engineOut() << "Refusing to download " << url
                 << ": this libcurl cannot be limited to http, https and file"
                 << std::endl;
@@ -319,10 +285,7 @@ int Downloader::download() {
     curl_easy_setopt(curl, CURLOPT_MAXFILESIZE_LARGE,
                      static_cast<curl_off_t>(announcedLimit));
   }
-  const long stall = settings::stallSeconds();
-  curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, 1L);
-  curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, stall);
-  curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, stall);
+  transfer::boundSilence(curl);
   if (progress::wanted()) {
     curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, reportProgress);
     curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 0L);

@@ -75,6 +75,22 @@ class SqlLite3 {
   // about to be given again (see statements::kDeleteFilesOfRemovedWidgets).
   bool forgetRowsOfRemovedWidgets();
 
+  // The last full answer a widget's update description gave: what a
+  // conditional request sends back, and what a 304 stands for.
+  struct UpdateAnswer {
+    std::string etag;
+    std::string lastModified;
+    std::string document;
+  };
+  // The answer kept for the widget and href; false when none is.
+  bool readUpdateAnswer(int widgetId, const std::string& href,
+                        UpdateAnswer* answer);
+  // Keeps answer for the widget and href in a transaction of its own,
+  // making the table first when the registry has none, and forgets the
+  // answers of widgets that are gone; false when it could not.
+  bool keepUpdateAnswer(int widgetId, const std::string& href,
+                        const UpdateAnswer& answer);
+
   // Reads. Records are newly allocated; the caller deletes them.
   std::vector<WidgetsData*> selectWidgets(std::string sql);
   // ok, when given, tells whether the read ran to its end: a read that
