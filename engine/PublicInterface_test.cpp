@@ -248,6 +248,8 @@ TEST_F(PublicInterfaceTest, LibraryExportsOnlyTheEngineInterface) {
       "widgetengine_accept_language",
       "widgetengine_set_progress_callback",
       "widgetengine_set_verify_entries",
+      "widgetengine_check_update",
+      "widgetengine_check_updates",
   };
   // The calls exported for the tools built from this tree
   // (base/ToolsExport.h), by the name before their parameters. A new one is
@@ -349,8 +351,9 @@ int main(void) {
   int code = widgetengine_last_refusal(&reason);
   widgetengine_set_log_sink(sink, NULL);
   widgetengine_set_progress_callback(progress, NULL);
-  printf("%s %d [%s] %d\n", list, code, reason,
-         widgetengine_set_log_destination(WIDGETENGINE_LOG_TO_QUIET));
+  printf("%s %d [%s] %d %d\n", list, code, reason,
+         widgetengine_set_log_destination(WIDGETENGINE_LOG_TO_QUIET),
+         widgetengine_check_update(NULL, NULL) == NULL);
   free(list);
   return 0;
 }
@@ -375,7 +378,7 @@ int main(void) {
                           &output))
       << output;
   ASSERT_EQ(0, runCommand(shellQuoted(program), &output)) << output;
-  EXPECT_EQ("en-US,fr,de 0 [] 0\n", output);
+  EXPECT_EQ("en-US,fr,de 0 [] 0 1\n", output);
 }
 
 namespace {
