@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <cstring>
 #include <iostream>
+#include <string>
 #include <memory>
 #include <utility>
 
@@ -108,6 +109,85 @@ size_t writeBounded(char* data, size_t size, size_t count, void* target) {
   }
   out->written += bytes;
   return fwrite(data, 1, bytes, out->file);
+}
+
+// What the head of each answer says that resuming needs: the status, the
+// validators of the body being stored and, for a 206, where it starts. At
+// the end of a head, an answer to a Range request is checked against what
+// was asked, and a whole body (200) starts the file over.
+struct AnswerHead {
+  BoundedFile* out;
+  uint64_t askedFrom = 0;  // 0 unless the request asked for a range
+  long status = 0;
+  std::string etag;          // of the body being stored
+  std::string lastModified;  // of the body being stored
+  std::string nextEtag;
+  std::string nextLastModified;
+  std::string rangeStart;
+  bool wrongRange = false;
+
+  // The validator If-Range may carry: a strong ETag, else Last-Modified.
+  std::string validator() const {
+    if (!etag.empty() && etag.compare(0, 2, "W/") != 0) return etag;
+    return lastModified;
+  }
+};
+
+std::string headerValue(const char* data, size_t size, const char* name) {
+  const size_t length = strlen(name);
+  if (size < length || strncasecmp(data, name, length) != 0) return std::string();
+  size_t start = length;
+  while (start < size && (data[start] == ' ' || data[start] == '\t')) ++start;
+  while (size > start && isspace(static_cast<unsigned char>(data[size - 1]))) --size;
+  return std::string(data + start, size - start);
+}
+
+size_t noteHead(char* data, size_t size, size_t count, void* target) {
+  AnswerHead* head = static_cast<AnswerHead*>(target);
+  const size_t bytes = size * count;
+  if (bytes >= 5 && strncmp(data, "HTTP/", 5) == 0) {
+    const char* space = static_cast<const char*>(memchr(data, ' ', bytes));
+    head->status = space ? strtol(space + 1, nullptr, 10) : 0;
+    head->nextEtag.clear();
+    head->nextLastModified.clear();
+    head->rangeStart.clear();
+    return bytes;
+  }
+  std::string value = headerValue(data, bytes, "etag:");
+  if (!value.empty()) head->nextEtag = value;
+  value = headerValue(data, bytes, "last-modified:");
+  if (!value.empty()) head->nextLastModified = value;
+  value = headerValue(data, bytes, "content-range:");
+  if (value.compare(0, 6, "bytes ") == 0) head->rangeStart = value.substr(6, value.find('-') - 6);
+  if (bytes > 2 || (data[0] != '\r' && data[0] != '\n')) return bytes;
+
+  // The end of the head.
+  if (head->askedFrom > 0 && head->status == 206) {
+    if (head->rangeStart != std::to_string(head->askedFrom)) {
+      head->wrongRange = true;
+      return 0;
+    }
+    return bytes;
+  }
+  if (head->askedFrom > 0 && head->status == 200) {
+    // The whole body again: what was stored goes.
+    BoundedFile* out = head->out;
+    if (fflush(out->file) != 0 || ftruncate(fileno(out->file), 0) != 0) return 0;
+    rewind(out->file);
+    out->written = 0;
+    out->measure();
+  }
+  if (head->status == 200) {
+    head->etag = head->nextEtag;
+    head->lastModified = head->nextLastModified;
+  }
+  return bytes;
+}
+
+// A transfer that ended this way was cut off, and may be taken up again.
+bool wasCut(CURLcode result) {
+  return result == CURLE_PARTIAL_FILE || result == CURLE_RECV_ERROR ||
+         result == CURLE_OPERATION_TIMEDOUT || result == CURLE_GOT_NOTHING;
 }
 
 // A package comes over the web or from a local file, nothing else: libcurl
@@ -291,7 +371,35 @@ int Downloader::download() {
     curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 0L);
   }
 
+  AnswerHead head;
+  head.out = &out;
+  if (resumeAttempts > 0) {
+    curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, noteHead);
+    curl_easy_setopt(curl, CURLOPT_HEADERDATA, &head);
+  }
   CURLcode result = curl_easy_perform(curl);
+  std::unique_ptr<curl_slist, void (*)(curl_slist*)> ifRange(nullptr,
+                                                             curl_slist_free_all);
+  for (int attempt = 0; attempt < resumeAttempts && wasCut(result) &&
+                        out.why == nullptr && out.written > 0 &&
+                        !head.validator().empty() &&
+                        (head.status == 200 || head.status == 206);
+       ++attempt) {
+    engineOut() << "Resuming the download of " << url << " at byte "
+                << out.written << std::endl;
+    ifRange.reset(curl_slist_append(nullptr, ("If-Range: " + head.validator()).c_str()));
+    const std::string range = std::to_string(out.written) + "-";
+    curl_easy_setopt(curl, CURLOPT_RANGE, range.c_str());
+    curl_easy_setopt(curl, CURLOPT_HTTPHEADER, ifRange.get());
+    head.askedFrom = out.written;
+    result = curl_easy_perform(curl);
+  }
+  if (head.wrongRange) {
+    keepFirst(&outcome_, Outcome(WIDGETENGINE_REFUSAL_DOWNLOAD,
+                                 "the server resumed " + url +
+                                     " elsewhere than at byte " +
+                                     std::to_string(head.askedFrom)));
+  }
   // An error page is stored and refused later, when it is not unpacked; the
   // reason given to the host is the status, not what the page holds.
   long status = 0;
