@@ -15,6 +15,7 @@
 #include <widgetengine/WidgetEngineExtensions.h>
 
 #include "base/Settings.h"
+#include "engine/UserAgentLocales.h"
 #include "registry/SqlLite3.h"
 #include "registry/WidgetsData.h"
 #include "update/UpdateChecker.h"
@@ -49,6 +50,11 @@ char* release(const nlohmann::json& answer) {
   return strdup(text.c_str());
 }
 
+UpdateChecker checkerFor(SqlLite3* database, const char* languages) {
+  const std::string given = languages ? languages : "";
+  return UpdateChecker(database, given, UserAgentLocales(given).getLocales());
+}
+
 // Waits up to the jitter setting, a random time, so that devices whose
 // checks one clock starts do not all ask at once.
 void waitJitter() {
@@ -77,7 +83,7 @@ extern "C" char* widgetengine_check_update(const char* name,
     Rows rows;
     rows.widgets = database.selectWidgetsByName(name);
     if (rows.widgets.empty()) return nullptr;
-    UpdateChecker checker(&database, languages ? languages : "");
+    UpdateChecker checker = checkerFor(&database, languages);
     return release(describe(checker.check(*rows.widgets.front())));
   } catch (...) {
     // Memory ran out.
@@ -94,7 +100,7 @@ extern "C" char* widgetengine_check_updates(const char* languages) {
     rows.widgets = database.selectAllWidgets(&complete);
     if (!complete) return nullptr;
     if (!rows.widgets.empty()) waitJitter();
-    UpdateChecker checker(&database, languages ? languages : "");
+    UpdateChecker checker = checkerFor(&database, languages);
     nlohmann::json answers = nlohmann::json::array();
     for (const WidgetsData* widget : rows.widgets)
       answers.push_back(describe(checker.check(*widget)));

@@ -13,7 +13,6 @@
 
 #include "base/EngineOutput.h"
 #include "config/WidgetConfigParser.h"
-#include "engine/UserAgentLocales.h"
 #include "install/Transfer.h"
 #include "registry/SqlLite3.h"
 #include "registry/WidgetsData.h"
@@ -170,10 +169,9 @@ Outcome settle(const std::string& url, const Reply& reply,
 
 }  // namespace
 
-UpdateChecker::UpdateChecker(SqlLite3* registry, const std::string& languages)
-    : registry_(registry),
-      languages_(languages),
-      locales_(UserAgentLocales(languages).getLocales()) {}
+UpdateChecker::UpdateChecker(SqlLite3* registry, const std::string& languages,
+                             const std::vector<std::string>& locales)
+    : registry_(registry), languages_(languages), locales_(locales) {}
 
 UpdateCheck UpdateChecker::check(const WidgetsData& widget) {
   UpdateCheck check;

@@ -5,7 +5,7 @@
 // registry, go back as If-None-Match and If-Modified-Since, and a 304 is
 // answered from the document kept with them, without a body.
 //
-//   UpdateChecker checker(&registry, "fr-CA,en");
+//   UpdateChecker checker(&registry, "fr-CA,en", {"fr-ca", "fr", "en"});
 //   UpdateCheck check = checker.check(*widget);
 //   if (check.outcome.ok() && check.available) ...
 #ifndef WIDGETENGINE_UPDATECHECKER_H_
@@ -41,9 +41,11 @@ struct UpdateCheck {
 
 class UpdateChecker {
  public:
-  // languages is a reader's language list as getInfo() takes it ("fr-CA,en");
-  // it picks the details and is sent as Accept-Language.
-  UpdateChecker(SqlLite3* registry, const std::string& languages);
+  // languages is a reader's language list as getInfo() takes it ("fr-CA,en"),
+  // sent as Accept-Language; locales are the same as UserAgentLocales makes
+  // them, and pick the details.
+  UpdateChecker(SqlLite3* registry, const std::string& languages,
+                const std::vector<std::string>& locales);
 
   UpdateChecker(const UpdateChecker&) = delete;
   UpdateChecker& operator=(const UpdateChecker&) = delete;
