@@ -53,15 +53,22 @@ inline std::string formatTime(double seconds) {
   return text;
 }
 
+// The two medians of ours and theirs, when both were measured; else a
+// line that says so.
+inline bool medians(const MedianReporter& r, const std::string& ours,
+                    const std::string& theirs, double* a, double* b) {
+  *a = r.median(ours);
+  *b = r.median(theirs);
+  if (*a > 0 && *b > 0) return true;
+  printf("%-28s %-28s not measured\n", ours.c_str(), theirs.c_str());
+  return false;
+}
+
 // ours / theirs, which must stay at most limit.
 inline bool printAtMost(const MedianReporter& r, const std::string& ours,
-                 const std::string& theirs, double limit) {
-  const double a = r.median(ours);
-  const double b = r.median(theirs);
-  if (a <= 0 || b <= 0) {
-    printf("%-28s %-28s not measured\n", ours.c_str(), theirs.c_str());
-    return false;
-  }
+                        const std::string& theirs, double limit) {
+  double a, b;
+  if (!medians(r, ours, theirs, &a, &b)) return false;
   const bool met = a / b <= limit;
   printf("%-28s %12s  %-28s %12s  ratio %8.3f  target <= %.2f  %s\n",
          ours.c_str(), formatTime(a).c_str(), theirs.c_str(),
@@ -71,13 +78,9 @@ inline bool printAtMost(const MedianReporter& r, const std::string& ours,
 
 // theirs / ours, which must reach at least limit.
 inline bool printAtLeast(const MedianReporter& r, const std::string& ours,
-                  const std::string& theirs, double limit) {
-  const double a = r.median(ours);
-  const double b = r.median(theirs);
-  if (a <= 0 || b <= 0) {
-    printf("%-28s %-28s not measured\n", ours.c_str(), theirs.c_str());
-    return false;
-  }
+                         const std::string& theirs, double limit) {
+  double a, b;
+  if (!medians(r, ours, theirs, &a, &b)) return false;
   const bool met = b / a >= limit;
   printf("%-28s %12s  %-28s %12s  %8.1fx faster  target >= %.0fx  %s\n",
          ours.c_str(), formatTime(a).c_str(), theirs.c_str(),

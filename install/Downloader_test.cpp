@@ -89,6 +89,9 @@ class DownloaderTest : public ::testing::Test {
     return ::testing::AssertionSuccess();
   }
 
+  ::testing::AssertionResult resumes(const HttpServer::Resource& package,
+                                     const std::string& expected);
+
   TempDir dir;
   std::unique_ptr<HttpServer> server;
   std::string packagePath;
@@ -441,6 +444,8 @@ TEST_F(DownloaderTest, LocalFileIsStillFetched) {
 
 namespace {
 
+const char kCutPath[] = "/w/cut.wgt";
+
 HttpServer::Resource cutPackage(const std::string& body, const std::string& etag) {
   HttpServer::Resource package;
   package.body = body;
@@ -452,18 +457,33 @@ HttpServer::Resource cutPackage(const std::string& body, const std::string& etag
 
 }  // namespace
 
+// Passes when package, served at kCutPath, is downloaded whole with one
+// resumption allowed, and the file then holds exactly expected.
+::testing::AssertionResult DownloaderTest::resumes(
+    const HttpServer::Resource& package, const std::string& expected) {
+  server->serveResource(kCutPath, package);
+  Downloader downloader(server->url(kCutPath), packagePath);
+  downloader.resumeCutTransfers(1);
+  std::string output;
+  if (download(downloader, &output) != 0)
+    return ::testing::AssertionFailure() << "download() failed: " << output;
+  if (TempDir::readFile(packagePath) != expected)
+    return ::testing::AssertionFailure() << "the bytes stored differ";
+  return ::testing::AssertionSuccess();
+}
+
 TEST_F(DownloaderTest, CutDownloadFailsUnlessResumingIsAsked) {
   const std::string body = randomBytes(300 * 1024);
-  server->serveResource("/w/cut.wgt", cutPackage(body, "\"p1\""));
-  EXPECT_TRUE(failsToDownload(server->url("/w/cut.wgt")));
-  EXPECT_EQ(0, server->rangeRequests("/w/cut.wgt"));
-  EXPECT_EQ(1, server->requestCount("/w/cut.wgt"));
+  server->serveResource(kCutPath, cutPackage(body, "\"p1\""));
+  EXPECT_TRUE(failsToDownload(server->url(kCutPath)));
+  EXPECT_EQ(0, server->rangeRequests(kCutPath));
+  EXPECT_EQ(1, server->requestCount(kCutPath));
 }
 
 TEST_F(DownloaderTest, CutDownloadResumesWhereItStopped) {
   const std::string body = randomBytes(300 * 1024);
-  server->serveResource("/w/cut.wgt", cutPackage(body, "\"p1\""));
-  const std::string url = server->url("/w/cut.wgt");
+  server->serveResource(kCutPath, cutPackage(body, "\"p1\""));
+  const std::string url = server->url(kCutPath);
   Downloader downloader(url, packagePath);
   downloader.resumeCutTransfers(2);
   std::string output;
@@ -473,8 +493,8 @@ TEST_F(DownloaderTest, CutDownloadResumesWhereItStopped) {
                 " to " + packagePath + "\n",
             output);
   EXPECT_TRUE(TempDir::readFile(packagePath) == body);
-  EXPECT_EQ(1, server->rangeRequests("/w/cut.wgt"));
-  const std::string request = server->lastRequest("/w/cut.wgt");
+  EXPECT_EQ(1, server->rangeRequests(kCutPath));
+  const std::string request = server->lastRequest(kCutPath);
   EXPECT_NE(std::string::npos,
             request.find("Range: bytes=" + std::to_string(body.size() / 2) + "-\r\n"));
   EXPECT_NE(std::string::npos, request.find("If-Range: \"p1\"\r\n"));
@@ -484,13 +504,8 @@ TEST_F(DownloaderTest, LastModifiedServesAsTheValidatorWithoutAnEtag) {
   const std::string body = randomBytes(200 * 1024);
   HttpServer::Resource package = cutPackage(body, "");
   package.lastModified = "Tue, 24 Nov 2026 10:00:00 GMT";
-  server->serveResource("/w/cut.wgt", package);
-  Downloader downloader(server->url("/w/cut.wgt"), packagePath);
-  downloader.resumeCutTransfers(1);
-  std::string output;
-  ASSERT_EQ(0, download(downloader, &output)) << output;
-  EXPECT_TRUE(TempDir::readFile(packagePath) == body);
-  EXPECT_NE(std::string::npos, server->lastRequest("/w/cut.wgt")
+  EXPECT_TRUE(resumes(package, body));
+  EXPECT_NE(std::string::npos, server->lastRequest(kCutPath)
                                    .find("If-Range: " + package.lastModified));
 }
 
@@ -498,14 +513,9 @@ TEST_F(DownloaderTest, WholeAnswerToARangeRequestStartsTheFileOver) {
   const std::string body = randomBytes(200 * 1024);
   HttpServer::Resource package = cutPackage(body, "\"p1\"");
   package.ignoreRange = true;
-  server->serveResource("/w/cut.wgt", package);
-  Downloader downloader(server->url("/w/cut.wgt"), packagePath);
-  downloader.resumeCutTransfers(1);
-  std::string output;
-  ASSERT_EQ(0, download(downloader, &output)) << output;
-  EXPECT_TRUE(TempDir::readFile(packagePath) == body);
-  EXPECT_EQ(1, server->rangeRequests("/w/cut.wgt"));
-  EXPECT_EQ(2, server->bodiesSent("/w/cut.wgt"));
+  EXPECT_TRUE(resumes(package, body));
+  EXPECT_EQ(1, server->rangeRequests(kCutPath));
+  EXPECT_EQ(2, server->bodiesSent(kCutPath));
 }
 
 TEST_F(DownloaderTest, PackageChangedBetweenAttemptsIsFetchedAnew) {
@@ -514,25 +524,20 @@ TEST_F(DownloaderTest, PackageChangedBetweenAttemptsIsFetchedAnew) {
   HttpServer::Resource package = cutPackage(first, "\"p1\"");
   package.bodyAfterCut = second;
   package.etagAfterCut = "\"p2\"";
-  server->serveResource("/w/cut.wgt", package);
-  Downloader downloader(server->url("/w/cut.wgt"), packagePath);
-  downloader.resumeCutTransfers(1);
-  std::string output;
-  ASSERT_EQ(0, download(downloader, &output)) << output;
-  EXPECT_TRUE(TempDir::readFile(packagePath) == second);
+  EXPECT_TRUE(resumes(package, second));
   EXPECT_NE(std::string::npos,
-            server->lastRequest("/w/cut.wgt").find("If-Range: \"p1\"\r\n"));
+            server->lastRequest(kCutPath).find("If-Range: \"p1\"\r\n"));
 }
 
 TEST_F(DownloaderTest, PartialAnswerFromTheWrongPlaceFailsTheDownload) {
   HttpServer::Resource package = cutPackage(randomBytes(200 * 1024), "\"p1\"");
   package.wrongRange = true;
-  server->serveResource("/w/cut.wgt", package);
-  Downloader downloader(server->url("/w/cut.wgt"), packagePath);
+  server->serveResource(kCutPath, package);
+  Downloader downloader(server->url(kCutPath), packagePath);
   downloader.resumeCutTransfers(3);
   std::string output;
   EXPECT_EQ(-1, download(downloader, &output));
   EXPECT_NE(std::string::npos, downloader.outcome().reason().find("elsewhere"));
-  EXPECT_EQ(1, server->rangeRequests("/w/cut.wgt"));
+  EXPECT_EQ(1, server->rangeRequests(kCutPath));
   EXPECT_FALSE(TempDir::exists(packagePath));
 }
