@@ -15,8 +15,8 @@
 #include <cstdio>
 #include <cstring>
 #include <iostream>
-#include <string>
 #include <memory>
+#include <string>
 #include <utility>
 
 #include <widgetengine/WidgetEngineExtensions.h>
@@ -133,15 +133,6 @@ struct AnswerHead {
   }
 };
 
-std::string headerValue(const char* data, size_t size, const char* name) {
-  const size_t length = strlen(name);
-  if (size < length || strncasecmp(data, name, length) != 0) return std::string();
-  size_t start = length;
-  while (start < size && (data[start] == ' ' || data[start] == '\t')) ++start;
-  while (size > start && isspace(static_cast<unsigned char>(data[size - 1]))) --size;
-  return std::string(data + start, size - start);
-}
-
 size_t noteHead(char* data, size_t size, size_t count, void* target) {
   AnswerHead* head = static_cast<AnswerHead*>(target);
   const size_t bytes = size * count;
@@ -153,11 +144,11 @@ size_t noteHead(char* data, size_t size, size_t count, void* target) {
     head->rangeStart.clear();
     return bytes;
   }
-  std::string value = headerValue(data, bytes, "etag:");
+  std::string value = transfer::headerValue(data, bytes, "etag:");
   if (!value.empty()) head->nextEtag = value;
-  value = headerValue(data, bytes, "last-modified:");
+  value = transfer::headerValue(data, bytes, "last-modified:");
   if (!value.empty()) head->nextLastModified = value;
-  value = headerValue(data, bytes, "content-range:");
+  value = transfer::headerValue(data, bytes, "content-range:");
   if (value.compare(0, 6, "bytes ") == 0) head->rangeStart = value.substr(6, value.find('-') - 6);
   if (bytes > 2 || (data[0] != '\r' && data[0] != '\n')) return bytes;
 

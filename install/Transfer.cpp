@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "install/Transfer.h"
 
+#include <strings.h>
+
 #include <cctype>
 #include <cstring>
 
@@ -35,6 +37,15 @@ bool restrictProtocols(CURL* curl, const char* protocols) {
   return curl_easy_setopt(curl, CURLOPT_PROTOCOLS, allowed) == CURLE_OK &&
          curl_easy_setopt(curl, CURLOPT_REDIR_PROTOCOLS, allowed) == CURLE_OK;
 #endif
+}
+
+std::string headerValue(const char* data, size_t size, const char* name) {
+  const size_t length = strlen(name);
+  if (size < length || strncasecmp(data, name, length) != 0) return std::string();
+  size_t start = length;
+  while (start < size && isspace(static_cast<unsigned char>(data[start]))) ++start;
+  while (size > start && isspace(static_cast<unsigned char>(data[size - 1]))) --size;
+  return std::string(data + start, size - start);
 }
 
 void boundSilence(CURL* curl) {

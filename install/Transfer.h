@@ -22,6 +22,11 @@ std::string schemeOf(const std::string& url);
 // the restriction: then the transfer must not run at all.
 bool restrictProtocols(CURL* curl, const char* protocols);
 
+// The value of the header line data (as libcurl hands a header function
+// one, line end included) when its name is name ("etag:", matched without
+// regard to case), without the blanks around it; "" for any other line.
+std::string headerValue(const char* data, size_t size, const char* name);
+
 // A server that sends nothing for the stall time (base/Settings), or does
 // not accept the connection within it, fails the transfer.
 void boundSilence(CURL* curl);

@@ -4,15 +4,15 @@
 #include <curl/curl.h>
 #include <strings.h>
 
-#include <cctype>
-#include <cstring>
 #include <iostream>
 #include <memory>
+#include <utility>
 
 #include <widgetengine/WidgetEngineExtensions.h>
 
 #include "base/EngineOutput.h"
 #include "config/WidgetConfigParser.h"
+#include "config/XmlText.h"
 #include "install/Transfer.h"
 #include "registry/SqlLite3.h"
 #include "registry/WidgetsData.h"
@@ -46,13 +46,6 @@ size_t keepBody(char* data, size_t size, size_t count, void* target) {
   return bytes;
 }
 
-std::string trimmed(const char* data, size_t size) {
-  size_t start = 0;
-  while (start < size && isspace(static_cast<unsigned char>(data[start]))) ++start;
-  while (size > start && isspace(static_cast<unsigned char>(data[size - 1]))) --size;
-  return std::string(data + start, size - start);
-}
-
 // Keeps the validators and the media type of the answer's head.
 size_t keepHeader(char* data, size_t size, size_t count, void* target) {
   Reply* reply = static_cast<Reply*>(target);
@@ -64,10 +57,8 @@ size_t keepHeader(char* data, size_t size, size_t count, void* target) {
               {"last-modified:", &Reply::lastModified},
               {"content-type:", &Reply::contentType}};
   for (const auto& header : kept) {
-    const size_t length = strlen(header.name);
-    if (bytes >= length && strncasecmp(data, header.name, length) == 0) {
-      reply->*header.field = trimmed(data + length, bytes - length);
-    }
+    std::string value = transfer::headerValue(data, bytes, header.name);
+    if (!value.empty()) reply->*header.field = std::move(value);
   }
   return bytes;
 }
@@ -76,7 +67,7 @@ size_t keepHeader(char* data, size_t size, size_t count, void* target) {
 // something else (an error page behind a 200, a captive portal's form).
 bool isXml(const std::string& contentType) {
   const std::string type = contentType.substr(0, contentType.find(';'));
-  const std::string bare = trimmed(type.data(), type.size());
+  const std::string bare = xmltext::normalizeSpace(type);
   return strcasecmp(bare.c_str(), "application/xml") == 0 ||
          strcasecmp(bare.c_str(), "text/xml") == 0;
 }
