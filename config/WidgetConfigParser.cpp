@@ -19,6 +19,7 @@
 #include <widgetengine/WidgetEngineExtensions.h>
 
 #include "base/EngineOutput.h"
+#include "base/TrustedPath.h"
 #include "config/DocumentGuards.h"
 #include "config/SchemaValidator.h"
 #include "config/WidgetConfig.h"
@@ -183,12 +184,32 @@ Outcome WidgetConfigParser::readUpdateDescription(const std::string& configPath,
   href->clear();
   xmltext::ErrorRoute quiet(xmltext::ignoreError, nullptr,
                             xmltext::ErrorRoute::kQuiet);
-  std::string bytes;
-  const int fd = open(configPath.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+  // The widget's folder and its config.xml are read only when they are the
+  // calling user's and no one else can change them, and through no link.
+  const size_t slash = configPath.rfind('/');
+  const std::string folder =
+      slash == std::string::npos ? "." : configPath.substr(0, slash + 1);
+  std::string why;
+  const int folderFd = TrustedPath::openDirectory(folder, &why);
+  if (folderFd < 0) {
+    return Outcome(errno == EPERM ? WIDGETENGINE_REFUSAL_UNTRUSTED
+                                  : WIDGETENGINE_REFUSAL_NO_CONFIG,
+                   why, errno);
+  }
+  const int fd = openat(folderFd, configPath.c_str() + (slash + 1),
+                        O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+  const int openError = errno;
+  close(folderFd);
   if (fd < 0) {
     return Outcome(WIDGETENGINE_REFUSAL_NO_CONFIG,
-                   "cannot read " + configPath + ": " + strerror(errno), errno);
+                   "cannot read " + configPath + ": " + strerror(openError),
+                   openError);
   }
+  if (!TrustedPath::opened(fd, configPath, &why)) {
+    close(fd);
+    return Outcome(WIDGETENGINE_REFUSAL_UNTRUSTED, why);
+  }
+  std::string bytes;
   struct stat info;
   const bool regular = fstat(fd, &info) == 0 && S_ISREG(info.st_mode);
   if (regular && static_cast<uint64_t>(info.st_size) <= kLargestDocument) {

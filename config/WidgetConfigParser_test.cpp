@@ -1010,3 +1010,19 @@ TEST_F(WidgetConfigParserTest, InstalledUpdateDescriptionRefusesWhatIsNoConfig) 
             WidgetConfigParser::readUpdateDescription(widget.path("none.xml"),
                                                       &href).code());
 }
+
+TEST_F(WidgetConfigParserTest, InstalledUpdateDescriptionIsNotReadFromAFolderOthersWrite) {
+  widget.write("config.xml", configXml("<update-description href=\"http://u.test/\"/>"));
+  std::string href;
+  ASSERT_EQ(0, chmod(widget.storage().c_str(), 0777));
+  const Outcome read =
+      WidgetConfigParser::readUpdateDescription(widget.path("config.xml"), &href);
+  chmod(widget.storage().c_str(), 0755);
+  EXPECT_EQ(WIDGETENGINE_REFUSAL_UNTRUSTED, read.code());
+  EXPECT_NE(std::string::npos, read.reason().find(widget.storage())) << read.reason();
+  EXPECT_EQ("", href);
+  ASSERT_EQ(0, chmod(widget.path("config.xml").c_str(), 0666));
+  EXPECT_EQ(WIDGETENGINE_REFUSAL_UNTRUSTED,
+            WidgetConfigParser::readUpdateDescription(widget.path("config.xml"),
+                                                      &href).code());
+}
