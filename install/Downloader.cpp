@@ -126,10 +126,13 @@ struct AnswerHead {
   std::string rangeStart;
   bool wrongRange = false;
 
-  // The validator If-Range may carry: a strong ETag, else Last-Modified.
+  // The validator If-Range may carry: a strong ETag, else Last-Modified;
+  // "" when neither can be sent back.
   std::string validator() const {
-    if (!etag.empty() && etag.compare(0, 2, "W/") != 0) return etag;
-    return lastModified;
+    if (!etag.empty() && etag.compare(0, 2, "W/") != 0 &&
+        transfer::isHeaderValue(etag))
+      return etag;
+    return transfer::isHeaderValue(lastModified) ? lastModified : std::string();
   }
 };
 

@@ -48,6 +48,14 @@ std::string headerValue(const char* data, size_t size, const char* name) {
   return std::string(data + start, size - start);
 }
 
+bool isHeaderValue(const std::string& text) {
+  for (char c : text) {
+    const unsigned char byte = static_cast<unsigned char>(c);
+    if ((byte < 0x20 && byte != '\t') || byte == 0x7f) return false;
+  }
+  return true;
+}
+
 void boundSilence(CURL* curl) {
   const long stall = settings::stallSeconds();
   curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, 1L);

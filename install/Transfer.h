@@ -27,6 +27,10 @@ bool restrictProtocols(CURL* curl, const char* protocols);
 // regard to case), without the blanks around it; "" for any other line.
 std::string headerValue(const char* data, size_t size, const char* name);
 
+// Whether text may be sent as a header's value: no control character (a
+// tab aside), so that no line end can add a header of its own.
+bool isHeaderValue(const std::string& text);
+
 // A server that sends nothing for the stall time (base/Settings), or does
 // not accept the connection within it, fails the transfer.
 void boundSilence(CURL* curl);

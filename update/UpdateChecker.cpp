@@ -95,17 +95,20 @@ Outcome fetch(const std::string& url, const SqlLite3::UpdateAnswer* kept,
                    "cannot fetch " + url + ": libcurl cannot be set up");
   }
   std::unique_ptr<curl_slist, ListFree> headers;
-  const auto add = [&headers](const std::string& line) {
-    curl_slist* longer = curl_slist_append(headers.get(), line.c_str());
+  // A value that could end its line is not sent at all.
+  const auto add = [&headers](const std::string& name, const std::string& value) {
+    if (value.empty() || !transfer::isHeaderValue(value)) return;
+    curl_slist* longer = curl_slist_append(headers.get(), (name + value).c_str());
     if (longer != nullptr) {
       headers.release();
       headers.reset(longer);
     }
   };
-  if (kept != nullptr && !kept->etag.empty()) add("If-None-Match: " + kept->etag);
-  if (kept != nullptr && !kept->lastModified.empty())
-    add("If-Modified-Since: " + kept->lastModified);
-  if (!languages.empty()) add("Accept-Language: " + languages);
+  if (kept != nullptr) {
+    add("If-None-Match: ", kept->etag);
+    add("If-Modified-Since: ", kept->lastModified);
+  }
+  add("Accept-Language: ", languages);
   CURL* handle = curl.get();
   curl_easy_setopt(handle, CURLOPT_URL, url.c_str());
   curl_easy_setopt(handle, CURLOPT_HTTPHEADER, headers.get());

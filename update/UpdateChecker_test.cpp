@@ -246,6 +246,15 @@ TEST_F(UpdateCheckerTest, DetailsAreInTheReadersLanguage) {
   EXPECT_EQ(1, server.bodiesSent(kDescription));
 }
 
+TEST_F(UpdateCheckerTest, LanguagesThatWouldEndTheirLineAreNotSent) {
+  installClock();
+  server.serveResource(kDescription, resource(description("2.0"), "\"v2\""));
+  ASSERT_TRUE(check("clock", "fr\r\nX-Added: 1").outcome.ok());
+  const std::string request = server.lastRequest(kDescription);
+  EXPECT_EQ(std::string::npos, request.find("X-Added")) << request;
+  EXPECT_EQ(std::string::npos, request.find("Accept-Language")) << request;
+}
+
 TEST_F(UpdateCheckerTest, WidgetWithoutDescriptionAsksNothing) {
   install("plain", "");
   UpdateCheck result = check("plain");
