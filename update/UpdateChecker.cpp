@@ -11,6 +11,7 @@
 #include <widgetengine/WidgetEngineExtensions.h>
 
 #include "base/EngineOutput.h"
+#include "base/Settings.h"
 #include "config/WidgetConfigParser.h"
 #include "config/XmlText.h"
 #include "install/Transfer.h"
@@ -119,6 +120,9 @@ Outcome fetch(const std::string& url, const SqlLite3::UpdateAnswer* kept,
   curl_easy_setopt(handle, CURLOPT_MAXFILESIZE_LARGE,
                    static_cast<curl_off_t>(UpdateDescription::kLargestDocument));
   transfer::boundSilence(handle);
+  // A description is small: a server that trickles it a byte at a time,
+  // never quite silent, is cut off too.
+  curl_easy_setopt(handle, CURLOPT_TIMEOUT, 2 * settings::stallSeconds());
   const CURLcode result = curl_easy_perform(handle);
   curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &reply->status);
   if (reply->overlong || result == CURLE_FILESIZE_EXCEEDED) {

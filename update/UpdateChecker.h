@@ -51,7 +51,8 @@ class UpdateChecker {
   UpdateChecker& operator=(const UpdateChecker&) = delete;
 
   // Checks widget, a row of registry. A refusal leaves one line that says
-  // why.
+  // why. The request ends within twice the stall time
+  // (WIDGETENGINE_STALL_SECONDS) whatever the server does.
   UpdateCheck check(const WidgetsData& widget);
 
  private:

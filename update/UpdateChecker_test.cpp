@@ -18,6 +18,7 @@
 #include "testing/CaptureStdout.h"
 #include "testing/ConfigXml.h"
 #include "testing/HttpServer.h"
+#include "testing/ScopedEnv.h"
 #include "testing/WidgetSandbox.h"
 #include "testing/ZipBuilder.h"
 
@@ -220,6 +221,15 @@ TEST_F(UpdateCheckerTest, ErrorStatusAndNoServerAreRefused) {
   UpdateCheck result = check("other");
   EXPECT_EQ(WIDGETENGINE_REFUSAL_DOWNLOAD, result.outcome.code());
   EXPECT_NE(std::string::npos, result.outcome.reason().find(closed.url("/d.xml")));
+}
+
+TEST_F(UpdateCheckerTest, SilentServerEndsTheCheck) {
+  installClock();
+  ScopedEnv stall("WIDGETENGINE_STALL_SECONDS", "1");
+  server.serveStalled(kDescription, description("2.0"), 10);
+  UpdateCheck result = check("clock");
+  EXPECT_EQ(WIDGETENGINE_REFUSAL_DOWNLOAD, result.outcome.code());
+  EXPECT_FALSE(result.available);
 }
 
 TEST_F(UpdateCheckerTest, FileAddressIsNeverRead) {
