@@ -30,6 +30,10 @@ constexpr uint64_t kMaxPackageMiB = 512;
 // short one.
 constexpr long kBusyTimeoutMs = 5000;
 
+// A day: a fleet that checks daily spreads its checks over the whole day
+// at most, and a mistyped value cannot hold a host for longer.
+constexpr long kLongestJitterSeconds = 24 * 60 * 60;
+
 }  // namespace
 
 namespace settings {
@@ -57,6 +61,11 @@ uint64_t downloadReserveBytes() {
 uint64_t maxPackageBytes() {
   return environment::mebibytes("WIDGETENGINE_MAX_PACKAGE_MB",
                                 kMaxPackageMiB * kMiB);
+}
+
+long updateJitterSeconds() {
+  return environment::count("WIDGETENGINE_UPDATE_JITTER", 0,
+                            kLongestJitterSeconds, 0);
 }
 
 int busyTimeoutMs() {

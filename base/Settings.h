@@ -47,6 +47,11 @@ long stallSeconds();
 uint64_t downloadReserveBytes();
 uint64_t maxPackageBytes();
 
+// The longest random wait before a check of every widget's update, in
+// seconds: a fleet that checks at one hour spreads its requests over this
+// much time. 0, the default, waits not at all.
+long updateJitterSeconds();
+
 // How long a registry statement waits for a lock another connection holds.
 int busyTimeoutMs();
 

@@ -167,3 +167,17 @@ TEST(SettingsTest, TrustAnchorsAreTheBuiltInFolderUnlessSet) {
 }
 
 }  // namespace
+
+TEST(SettingsTest, UpdateJitterIsSecondsUpToADay) {
+  const struct {
+    const char* value;
+    long expected;
+  } cases[] = {{"", 0},           {"0", 0},   {"900", 900}, {"86400", 86400},
+               {"86401", 0},      {"-5", 0},  {"15m", 0}};
+  for (const auto& c : cases) {
+    ScopedEnv set("WIDGETENGINE_UPDATE_JITTER", c.value);
+    EXPECT_EQ(c.expected, settings::updateJitterSeconds()) << "\"" << c.value << "\"";
+  }
+  ScopedEnv unset("WIDGETENGINE_UPDATE_JITTER");
+  EXPECT_EQ(0, settings::updateJitterSeconds());
+}

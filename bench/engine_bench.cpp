@@ -43,6 +43,7 @@
 #include <zip.h>
 
 #include "bench/BenchPackages.h"
+#include "bench/BenchReport.h"
 #include "bench/BenchRuns.h"
 #include "install/Extractor.h"
 #include "registry/SqlLite3.h"
@@ -493,75 +494,9 @@ void BM_CurlBsdtar(benchmark::State& state, const std::string& scheme) {
 
 // Keeps the real time per iteration of every run, in seconds, by benchmark
 // name without the decorations that the registration adds.
-class MedianReporter : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    for (const Run& run : runs) {
-      if (run.run_type != Run::RT_Iteration || run.error_occurred) continue;
-      std::string name = run.run_name.function_name;
-      if (!run.run_name.args.empty()) name += "/" + run.run_name.args;
-      seconds_[name].push_back(run.GetAdjustedRealTime() /
-                               benchmark::GetTimeUnitMultiplier(run.time_unit));
-    }
-    ConsoleReporter::ReportRuns(runs);
-  }
-
-  double median(const std::string& name) const {
-    auto it = seconds_.find(name);
-    if (it == seconds_.end() || it->second.empty()) return 0;
-    std::vector<double> values = it->second;
-    std::sort(values.begin(), values.end());
-    const size_t n = values.size();
-    return n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
-  }
-
- private:
-  std::map<std::string, std::vector<double>> seconds_;
-};
-
-std::string formatTime(double seconds) {
-  char text[32];
-  if (seconds >= 1e-3) {
-    snprintf(text, sizeof text, "%.2f ms", seconds * 1e3);
-  } else if (seconds >= 1e-6) {
-    snprintf(text, sizeof text, "%.2f us", seconds * 1e6);
-  } else {
-    snprintf(text, sizeof text, "%.1f ns", seconds * 1e9);
-  }
-  return text;
-}
-
-// ours / theirs, which must stay at most limit.
-bool printAtMost(const MedianReporter& r, const std::string& ours,
-                 const std::string& theirs, double limit) {
-  const double a = r.median(ours);
-  const double b = r.median(theirs);
-  if (a <= 0 || b <= 0) {
-    printf("%-28s %-28s not measured\n", ours.c_str(), theirs.c_str());
-    return false;
-  }
-  const bool met = a / b <= limit;
-  printf("%-28s %12s  %-28s %12s  ratio %8.3f  target <= %.2f  %s\n",
-         ours.c_str(), formatTime(a).c_str(), theirs.c_str(),
-         formatTime(b).c_str(), a / b, limit, met ? "met" : "MISSED");
-  return met;
-}
-
-// theirs / ours, which must reach at least limit.
-bool printAtLeast(const MedianReporter& r, const std::string& ours,
-                  const std::string& theirs, double limit) {
-  const double a = r.median(ours);
-  const double b = r.median(theirs);
-  if (a <= 0 || b <= 0) {
-    printf("%-28s %-28s not measured\n", ours.c_str(), theirs.c_str());
-    return false;
-  }
-  const bool met = b / a >= limit;
-  printf("%-28s %12s  %-28s %12s  %8.1fx faster  target >= %.0fx  %s\n",
-         ours.c_str(), formatTime(a).c_str(), theirs.c_str(),
-         formatTime(b).c_str(), b / a, limit, met ? "met" : "MISSED");
-  return met;
-}
+using benchreport::MedianReporter;
+using benchreport::printAtLeast;
+using benchreport::printAtMost;
 
 int envInt(const char* name, int fallback) {
   const char* value = getenv(name);

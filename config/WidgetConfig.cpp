@@ -80,6 +80,10 @@ void WidgetConfig::setAuthorHref(const std::string& text) {
   if (isValidIRI(text)) assign(authorHref, text);
 }
 
+void WidgetConfig::setUpdateDescription(const std::string& text) {
+  if (!updateDescription && isValidIRI(text)) assign(updateDescription, text);
+}
+
 void WidgetConfig::setWidth(int32_t n) { assignPositive(width, n); }
 
 void WidgetConfig::setHeight(int32_t n) { assignPositive(height, n); }

@@ -47,6 +47,11 @@ class WidgetConfig {
   const std::string* getSpareText() const { return spareText.get(); }
   const std::string* getVersion() const { return version.get(); }
   const std::string* getStartFile() const { return startFile.get(); }
+  // Where the widget's update description document is (update-description's
+  // href); null when config.xml names none.
+  const std::string* getUpdateDescription() const {
+    return updateDescription.get();
+  }
   const LocalizedMap& getNames() const { return names; }
   const LocalizedMap& getShortNames() const { return shortNames; }
   const LocalizedMap& getDescriptions() const { return descriptions; }
@@ -71,6 +76,8 @@ class WidgetConfig {
   // Stored only when the text is a valid IRI.
   void setId(const std::string& text);
   void setAuthorHref(const std::string& text);
+  // Stored only when the text is a valid IRI; the first one stored is kept.
+  void setUpdateDescription(const std::string& text);
   // Stored only when n > 0.
   void setWidth(int32_t n);
   void setHeight(int32_t n);
@@ -108,6 +115,7 @@ class WidgetConfig {
   std::unique_ptr<std::string> spareText;
   std::unique_ptr<std::string> version;
   std::unique_ptr<std::string> startFile;
+  std::unique_ptr<std::string> updateDescription;
   LocalizedMap names;
   LocalizedMap shortNames;
   LocalizedMap descriptions;

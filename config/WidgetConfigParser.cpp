@@ -1,10 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "config/WidgetConfigParser.h"
 
+#include <fcntl.h>
 #include <libxml/parser.h>
 #include <libxml/tree.h>
 #include <libxml/xmlerror.h>
 #include <libxml/xmlschemastypes.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
 
 #include <cstdint>
 #include <iostream>
@@ -13,6 +19,7 @@
 #include <widgetengine/WidgetEngineExtensions.h>
 
 #include "base/EngineOutput.h"
+#include "base/TrustedPath.h"
 #include "config/DocumentGuards.h"
 #include "config/SchemaValidator.h"
 #include "config/WidgetConfig.h"
@@ -47,32 +54,9 @@ void rememberFirstError(void* context, xmlErrorPtr error) {
   if (first->text.empty()) first->text = describe(error);
 }
 
-// The document is read as it stands: entities are not substituted, no
-// external entity or DTD is loaded and nothing is fetched from the network.
-// libxml2's own limits (element depth, text size, entity loops) stay on.
-const int kReadOptions = XML_PARSE_NONET | XML_PARSE_NOERROR |
-                         XML_PARSE_NOWARNING;
-
-bool isSpace(unsigned char c) { return c == ' ' || (c >= 9 && c <= 13); }
-
-// Removes leading and trailing white space and cuts every inner run down to
-// its first character, which is kept as it is (a tab stays a tab).
-std::string normalizeSpace(const std::string& text) {
-  std::string result;
-  result.reserve(text.size());
-  bool inRun = false;
-  for (char c : text) {
-    if (isSpace(static_cast<unsigned char>(c))) {
-      if (!inRun && !result.empty()) result.push_back(c);
-      inRun = true;
-    } else {
-      result.push_back(c);
-      inRun = false;
-    }
-  }
-  if (inRun && !result.empty()) result.pop_back();
-  return result;
-}
+using xmltext::kReadOptions;
+using xmltext::isSpace;
+using xmltext::normalizeSpace;
 
 using xmltext::getRawAttribute;
 using xmltext::hasAttribute;
@@ -81,6 +65,18 @@ using xmltext::isElement;
 // An attribute's value with its white space normalized.
 std::string getAttribute(xmlNode* node, const char* name) {
   return normalizeSpace(getRawAttribute(node, name));
+}
+
+// The href of root's first update-description element, when it is a valid
+// IRI; "". A later element is never looked at, as with the other elements
+// that a widget has only one of.
+std::string updateDescriptionIn(xmlNode* root) {
+  for (xmlNode* child = root->children; child; child = child->next) {
+    if (!isElement(child, "update-description")) continue;
+    const std::string href = getAttribute(child, "href");
+    return WidgetConfig::isValidIRI(href) ? href : std::string();
+  }
+  return std::string();
 }
 
 // A document refused for no reason of its own to give.
@@ -183,6 +179,71 @@ Outcome WidgetConfigParser::read() {
   return Outcome();
 }
 
+Outcome WidgetConfigParser::readUpdateDescription(const std::string& configPath,
+                                                  std::string* href) {
+  href->clear();
+  xmltext::ErrorRoute quiet(xmltext::ignoreError, nullptr,
+                            xmltext::ErrorRoute::kQuiet);
+  // The widget's folder and its config.xml are read only when they are the
+  // calling user's and no one else can change them, and through no link.
+  const size_t slash = configPath.rfind('/');
+  const std::string folder =
+      slash == std::string::npos ? "." : configPath.substr(0, slash + 1);
+  std::string why;
+  const int folderFd = TrustedPath::openDirectory(folder, &why);
+  if (folderFd < 0) {
+    return Outcome(errno == EPERM ? WIDGETENGINE_REFUSAL_UNTRUSTED
+                                  : WIDGETENGINE_REFUSAL_NO_CONFIG,
+                   why, errno);
+  }
+  const int fd = openat(folderFd, configPath.c_str() + (slash + 1),
+                        O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+  const int openError = errno;
+  close(folderFd);
+  if (fd < 0) {
+    return Outcome(WIDGETENGINE_REFUSAL_NO_CONFIG,
+                   "cannot read " + configPath + ": " + strerror(openError),
+                   openError);
+  }
+  if (!TrustedPath::opened(fd, configPath, &why)) {
+    close(fd);
+    return Outcome(WIDGETENGINE_REFUSAL_UNTRUSTED, why);
+  }
+  std::string bytes;
+  struct stat info;
+  const bool regular = fstat(fd, &info) == 0 && S_ISREG(info.st_mode);
+  if (regular && static_cast<uint64_t>(info.st_size) <= kLargestDocument) {
+    bytes.resize(static_cast<size_t>(info.st_size));
+    size_t done = 0;
+    while (done < bytes.size()) {
+      const ssize_t n = ::read(fd, &bytes[done], bytes.size() - done);
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) break;
+      done += static_cast<size_t>(n);
+    }
+    bytes.resize(done);
+  }
+  close(fd);
+  if (!regular) {
+    return Outcome(WIDGETENGINE_REFUSAL_NO_CONFIG,
+                   configPath + " is not a regular file");
+  }
+  xmltext::DocPtr document(
+      documentGuards::refusesText(bytes, kLargestDocument) ||
+              bytes.size() > static_cast<size_t>(INT32_MAX)
+          ? nullptr
+          : xmlReadMemory(bytes.data(), static_cast<int>(bytes.size()),
+                          nullptr, nullptr, kReadOptions));
+  xmlNode* root = document ? xmlDocGetRootElement(document.get()) : nullptr;
+  if (!root || !documentGuards::expandsWithinBounds(document.get(), root) ||
+      !isElement(root, "widget")) {
+    return Outcome(WIDGETENGINE_REFUSAL_INVALID_CONFIG,
+                   "invalid config.xml: " + configPath);
+  }
+  *href = updateDescriptionIn(root);
+  return Outcome();
+}
+
 std::string WidgetConfigParser::getText(xmlNode* element, int collapse) {
   xmlChar* text = xmlNodeListGetString(doc, element->children, 1);
   if (!text) return std::string();
@@ -245,6 +306,11 @@ void WidgetConfigParser::walk() {
     engineOut() << "Empty widget configuration" << std::endl;
     return;
   }
+
+  // Kept without a line: the lines of an installation stay as they were.
+  const std::string updateDescription = updateDescriptionIn(node);
+  if (!updateDescription.empty())
+    config->setUpdateDescription(updateDescription);
 
   for (xmlNode* child = node->children; child; child = child->next) {
     // Text, comments and the like are skipped; so is an unknown element.

@@ -49,6 +49,16 @@ class WidgetConfigParser {
   // check more, so a megabyte keeps a hostile package's cost to a few
   // megabytes and some milliseconds.
   static constexpr size_t kLargestDocument = 1u << 20;
+  // The update description named by the installed config.xml at
+  // configPath: the href of the root's first update-description element,
+  // when it is a valid IRI; "" when there is none. The file is read as
+  // parse() reads it (same bounds, no entities loaded), without the schema
+  // check the installation already made and without a line of output, and
+  // only when it and its folder are trusted (base/TrustedPath) and no link
+  // another user made leads to them. A refusal when the file cannot be
+  // trusted, read or parsed.
+  static Outcome readUpdateDescription(const std::string& configPath,
+                                       std::string* href);
   // True for a document far larger than any real one, which parse() refuses
   // as invalid without handing it to the validator.
   static bool isTooLargeToValidate(xmlNode* root);

@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include <widgetengine/WidgetEngineExtensions.h>
+
 #include "testing/TestWidget.h"
 #include "config/WidgetConfig.h"
 #include "testing/CaptureStdout.h"
@@ -949,4 +951,78 @@ TEST_F(WidgetConfigParserTest, CorpusDocumentsEachEndWithOneResult) {
     }
   }
   EXPECT_GT(parsed, 0);
+}
+
+TEST_F(WidgetConfigParserTest, UpdateDescriptionIsKeptWithoutALine) {
+  ASSERT_EQ(0, parse(configXml(
+                   "<update-description href=\" http://u.test/clock.xml \"/>"
+                   "<name>n</name>")));
+  EXPECT_EQ("Parsing name...\n", out);
+  ASSERT_NE(nullptr, config.getUpdateDescription());
+  EXPECT_EQ("http://u.test/clock.xml", *config.getUpdateDescription());
+}
+
+TEST_F(WidgetConfigParserTest, OnlyTheFirstUpdateDescriptionCounts) {
+  ASSERT_EQ(0, parse(configXml("<update-description href=\"not an iri\"/>"
+                               "<update-description href=\"http://u.test/\"/>")));
+  EXPECT_EQ(nullptr, config.getUpdateDescription());
+  ASSERT_EQ(0, parse(configXml("<update-description/>"
+                               "<update-description href=\"http://u.test/\"/>")));
+  EXPECT_EQ(nullptr, config.getUpdateDescription());
+}
+
+TEST_F(WidgetConfigParserTest, InstalledUpdateDescriptionIsReadQuietly) {
+  widget.write("config.xml",
+               configXml("<name>n</name><update-description "
+                         "href=\"https://u.test/d.xml\"/>"));
+  std::string href = "left over";
+  CaptureStdout capture;
+  const Outcome read =
+      WidgetConfigParser::readUpdateDescription(widget.path("config.xml"), &href);
+  EXPECT_EQ("", capture.text());
+  EXPECT_TRUE(read.ok()) << read.reason();
+  EXPECT_EQ("https://u.test/d.xml", href);
+
+  widget.write("config.xml", configXml("<name>n</name>"));
+  EXPECT_TRUE(WidgetConfigParser::readUpdateDescription(widget.path("config.xml"),
+                                                        &href).ok());
+  EXPECT_EQ("", href);
+}
+
+TEST_F(WidgetConfigParserTest, InstalledUpdateDescriptionRefusesWhatIsNoConfig) {
+  std::string href;
+  widget.write("other.xml", configXml("<update-description href=\"http://u.test/\"/>"));
+  ASSERT_EQ(0, symlink("other.xml", widget.path("config.xml").c_str()));
+  EXPECT_EQ(WIDGETENGINE_REFUSAL_NO_CONFIG,
+            WidgetConfigParser::readUpdateDescription(widget.path("config.xml"),
+                                                      &href).code());
+  EXPECT_EQ("", href);
+  unlink(widget.path("config.xml").c_str());
+  widget.write("config.xml", "<widgets/>");
+  EXPECT_EQ(WIDGETENGINE_REFUSAL_INVALID_CONFIG,
+            WidgetConfigParser::readUpdateDescription(widget.path("config.xml"),
+                                                      &href).code());
+  widget.write("config.xml", "not xml");
+  EXPECT_EQ(WIDGETENGINE_REFUSAL_INVALID_CONFIG,
+            WidgetConfigParser::readUpdateDescription(widget.path("config.xml"),
+                                                      &href).code());
+  EXPECT_EQ(WIDGETENGINE_REFUSAL_NO_CONFIG,
+            WidgetConfigParser::readUpdateDescription(widget.path("none.xml"),
+                                                      &href).code());
+}
+
+TEST_F(WidgetConfigParserTest, InstalledUpdateDescriptionIsNotReadFromAFolderOthersWrite) {
+  widget.write("config.xml", configXml("<update-description href=\"http://u.test/\"/>"));
+  std::string href;
+  ASSERT_EQ(0, chmod(widget.storage().c_str(), 0777));
+  const Outcome read =
+      WidgetConfigParser::readUpdateDescription(widget.path("config.xml"), &href);
+  chmod(widget.storage().c_str(), 0755);
+  EXPECT_EQ(WIDGETENGINE_REFUSAL_UNTRUSTED, read.code());
+  EXPECT_NE(std::string::npos, read.reason().find(widget.storage())) << read.reason();
+  EXPECT_EQ("", href);
+  ASSERT_EQ(0, chmod(widget.path("config.xml").c_str(), 0666));
+  EXPECT_EQ(WIDGETENGINE_REFUSAL_UNTRUSTED,
+            WidgetConfigParser::readUpdateDescription(widget.path("config.xml"),
+                                                      &href).code());
 }

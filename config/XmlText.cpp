@@ -6,6 +6,25 @@
 
 namespace xmltext {
 
+bool isSpace(unsigned char c) { return c == ' ' || (c >= 9 && c <= 13); }
+
+std::string normalizeSpace(const std::string& text) {
+  std::string result;
+  result.reserve(text.size());
+  bool inRun = false;
+  for (char c : text) {
+    if (isSpace(static_cast<unsigned char>(c))) {
+      if (!inRun && !result.empty()) result.push_back(c);
+      inRun = true;
+    } else {
+      result.push_back(c);
+      inRun = false;
+    }
+  }
+  if (inRun && !result.empty()) result.pop_back();
+  return result;
+}
+
 namespace {
 
 const xmlChar* X(const char* text) {

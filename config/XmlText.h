@@ -6,6 +6,7 @@
 #ifndef WIDGETENGINE_XMLTEXT_H_
 #define WIDGETENGINE_XMLTEXT_H_
 
+#include <libxml/parser.h>
 #include <libxml/tree.h>
 #include <libxml/xmlerror.h>
 
@@ -13,6 +14,20 @@
 #include <string>
 
 namespace xmltext {
+
+// How this tree reads every document that comes from a package or the
+// network: entities are not substituted, no external entity or DTD is loaded
+// and nothing is fetched. libxml2's own limits (element depth, text size,
+// entity loops) stay on.
+constexpr int kReadOptions =
+    XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING;
+
+// XML's white space and the other C0 spacing characters (9 to 13).
+bool isSpace(unsigned char c);
+
+// Removes leading and trailing white space and cuts every inner run down to
+// its first character, which is kept as it is (a tab stays a tab).
+std::string normalizeSpace(const std::string& text);
 
 // True for an element node of that name. Only the local name counts: the
 // namespace is not looked at.

@@ -2,7 +2,8 @@
 // What WidgetEngineExtensions.h gives a host, through real installations: the
 // reason of each refusal on the calling thread, progress reports of a real
 // HTTP download and unpacking, the host's own log sink, and the
-// Accept-Language helper feeding the engine's locale lookups.
+// Accept-Language helper feeding the engine's locale lookups, and update
+// checks against a real HTTP server.
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -18,6 +19,8 @@
 #include <thread>
 #include <utility>
 #include <vector>
+
+#include <nlohmann/json.hpp>
 
 #include "engine/ToolsFacade.h"
 #include "testing/CaptureStdout.h"
@@ -610,4 +613,74 @@ TEST_F(ExtensionsTest, ASignaturePolicyRefusesThroughTheHostInterface) {
             std::string(info.get()).find("\"subject\":\"" +
                                          TestPki::get().author.subject + "\""))
       << info.get();
+}
+
+namespace {
+
+nlohmann::json parsed(const EngineString& text) {
+  return text ? nlohmann::json::parse(text.get()) : nlohmann::json();
+}
+
+}  // namespace
+
+TEST_F(ExtensionsTest, UpdateCheckAnswersInJson) {
+  ZipBuilder zip;
+  zip.addFile("config.xml",
+              configXml("<name>Clock</name><update-description href=\"" +
+                            server.url("/u/clock.xml") + "\"/>",
+                        "version=\"1.0\""));
+  zip.addFile("index.html", "<p>clock</p>");
+  ASSERT_TRUE(receive(served("clock.wgt", zip)));
+  ZipBuilder plain;
+  addClock(plain);
+  ASSERT_TRUE(receive(served("plain.wgt", plain)));
+  HttpServer::Resource description;
+  description.body =
+      "<update-info xmlns=\"http://www.w3.org/ns/widgets\" version=\"1.1\" "
+      "src=\"clock-1.1.wgt\"><details>Faster.</details>"
+      "<details xml:lang=\"fr\">Plus vite.</details></update-info>";
+  description.etag = "\"1.1\"";
+  server.serveResource("/u/clock.xml", description);
+
+  std::string output;
+  const nlohmann::json clock = captured(&output, [] {
+    return parsed(EngineString(widgetengine_check_update("clock", "fr-CA")));
+  });
+  EXPECT_EQ(nlohmann::json({{"name", "clock"},
+                            {"installed", "1.0"},
+                            {"updateDescription", server.url("/u/clock.xml")},
+                            {"checked", true},
+                            {"notModified", false},
+                            {"available", true},
+                            {"version", "1.1"},
+                            {"src", server.url("/u/clock-1.1.wgt")},
+                            {"details", "Plus vite."}}),
+            clock);
+
+  const nlohmann::json all = captured(&output, [] {
+    return parsed(EngineString(widgetengine_check_updates(nullptr)));
+  });
+  ASSERT_TRUE(all.is_array());
+  ASSERT_EQ(2u, all.size());
+  EXPECT_EQ("clock", all[0]["name"]);
+  EXPECT_EQ(true, all[0]["notModified"]);
+  EXPECT_EQ("Faster.", all[0]["details"]);
+  EXPECT_EQ(nlohmann::json({{"name", "plain"},
+                            {"installed", ""},
+                            {"updateDescription", nullptr}}),
+            all[1]);
+  EXPECT_EQ(1, server.bodiesSent("/u/clock.xml"));
+
+  server.serve("/u/clock.xml", 404, "gone");
+  const nlohmann::json refused = captured(&output, [] {
+    return parsed(EngineString(widgetengine_check_update("clock", nullptr)));
+  });
+  EXPECT_EQ(false, refused["checked"]);
+  EXPECT_EQ(WIDGETENGINE_REFUSAL_HTTP_STATUS, refused["refusal"]);
+  EXPECT_EQ("HTTP status 404 from " + server.url("/u/clock.xml"), refused["reason"]);
+  EXPECT_NE(std::string::npos,
+            output.find("Update check of clock failed: HTTP status 404"));
+
+  EXPECT_EQ(nullptr, EngineString(widgetengine_check_update("none", nullptr)));
+  EXPECT_EQ(nullptr, EngineString(widgetengine_check_update(nullptr, "en")));
 }

@@ -252,6 +252,8 @@ TEST_F(PublicInterfaceTest, LibraryExportsOnlyTheEngineInterface) {
       "widgetengine_set_signature_policy",
       "widgetengine_set_trust_anchors",
       "widgetengine_signature_info",
+      "widgetengine_check_update",
+      "widgetengine_check_updates",
   };
   // The tools' facade (engine/ToolsFacade.h), the one surface exported for
   // the tools built from this tree, by the name before its parameters. A
@@ -340,10 +342,11 @@ int main(void) {
   widgetengine_set_log_sink(sink, NULL);
   widgetengine_set_progress_callback(progress, NULL);
   widgetengine_set_trust_anchors(NULL);
-  printf("%s %d [%s] %d %d %d\n", list, code, reason,
+  printf("%s %d [%s] %d %d %d %d\n", list, code, reason,
          widgetengine_set_log_destination(WIDGETENGINE_LOG_TO_QUIET),
          widgetengine_set_signature_policy(WIDGETENGINE_SIGNATURES_REPORT),
-         widgetengine_signature_info(NULL) == NULL);
+         widgetengine_signature_info(NULL) == NULL,
+         widgetengine_check_update(NULL, NULL) == NULL);
   free(list);
   return 0;
 }
@@ -368,7 +371,7 @@ int main(void) {
                           &output))
       << output;
   ASSERT_EQ(0, runCommand(shellQuoted(program), &output)) << output;
-  EXPECT_EQ("en-US,fr,de 0 [] 0 0 1\n", output);
+  EXPECT_EQ("en-US,fr,de 0 [] 0 0 1 1\n", output);
 }
 
 namespace {

@@ -173,6 +173,38 @@ WIDGETENGINE_EXPORT void widgetengine_set_trust_anchors(const char* folder);
  * that name, the registry cannot be read or memory runs out. */
 WIDGETENGINE_EXPORT char* widgetengine_signature_info(const char* name);
 
+/* ---- Update checks ---------------------------------------------------- */
+
+/* Asks the update description that the config.xml of the widget called name
+ * points at (<update-description href="..."/>) whether another version is on
+ * offer: one HTTP GET, conditional on the ETag and Last-Modified of that
+ * description's last full answer (If-None-Match, If-Modified-Since), with
+ * languages (as getInfo() takes them, "fr-CA,en"; null or "" for none) as
+ * its Accept-Language. A 304 is answered from the document kept in the
+ * registry with them. Redirects are not followed. Returns a JSON object the
+ * caller releases with free():
+ *   {"name": "clock", "installed": "1.0", "updateDescription": null}
+ * when config.xml names none, else
+ *   {"name", "installed", "updateDescription": "http://...",
+ *    "checked": true, "notModified": bool, "available": bool,
+ *    "version": "2.0", "src": "http://.../clock.wgt", "details": "..."}
+ * or, when no answer could be had,
+ *   {"name", "installed", "updateDescription", "checked": false,
+ *    "refusal": code (WIDGETENGINE_REFUSAL_...), "reason": "..."}
+ * "available" is true when the offered version differs from the installed
+ * one; "details" is the description's text for the best of languages. Null
+ * when name is null, no widget has that name, the registry cannot be read
+ * or memory runs out. */
+WIDGETENGINE_EXPORT char* widgetengine_check_update(const char* name,
+                                                    const char* languages);
+
+/* The same check for every installed widget: a JSON array of the objects
+ * above, in the registry's order. When WIDGETENGINE_UPDATE_JITTER is a
+ * number of seconds, the call first waits a random time up to that long,
+ * so that a fleet started by one clock spreads its requests. Null when the
+ * registry cannot be read or memory runs out. */
+WIDGETENGINE_EXPORT char* widgetengine_check_updates(const char* languages);
+
 #ifdef __cplusplus
 }
 #endif

@@ -110,9 +110,26 @@ int main(int argc, char** argv) {
   if (argc != 2) return 2;
   const std::string out = argv[1];
   for (const char* target : {"", "/config_parser", "/downloader", "/extractor",
-                             "/install", "/locales", "/registry", "/signature"}) {
+                             "/install", "/locales", "/registry", "/signature",
+                             "/update_description"}) {
     mkdir((out + target).c_str(), 0755);
   }
+
+  const std::vector<std::string> descriptions = {
+      "<update-info xmlns=\"http://www.w3.org/ns/widgets\" version=\"1.1\" "
+      "src=\"clock-1.1.wgt\"/>",
+      "<?xml version=\"1.0\"?>\n<update-info xmlns=\"http://www.w3.org/ns/widgets\" "
+      "version=\" 2.0 beta \" src=\"https://cdn.test/clock.wgt\" xml:lang=\"de\">"
+      "<details>Schneller.</details><details xml:lang=\"fr\">Plus <b>vite</b>."
+      "</details><details xml:lang=\"fr-CA\">Plus vite.</details></update-info>",
+      "<update-info xmlns=\"http://www.w3.org/ns/widgets\" version=\"3\" "
+      "src=\"../../p/c.wgt?x=1#f\"><other/></update-info>",
+      "<?xml version=\"1.0\"?><!DOCTYPE u [<!ENTITY e \"x\">]><update-info "
+      "xmlns=\"http://www.w3.org/ns/widgets\" version=\"&e;\" src=\"a.wgt\">"
+      "<details>&e;</details></update-info>",
+  };
+  for (size_t i = 0; i < descriptions.size(); ++i)
+    write(out + "/update_description/seed" + std::to_string(i), descriptions[i]);
 
   const std::vector<std::string> configs = {
       config("<name>Clock</name>"),

@@ -30,7 +30,7 @@ for program in "$build"/*_fuzzer; do
   mkdir -p "$corpus" "$findings" "$(dirname "$log")"
   dict=()
   case "$target" in
-    config_parser) dict=(-dict="$source_dir/xml.dict") ;;
+    config_parser|update_description) dict=(-dict="$source_dir/xml.dict") ;;
     extractor|install) dict=(-dict="$source_dir/zip.dict") ;;
     downloader) dict=(-dict="$source_dir/http.dict") ;;
     signature) dict=(-dict="$source_dir/xmldsig.dict") ;;

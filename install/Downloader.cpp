@@ -16,6 +16,7 @@
 #include <cstring>
 #include <iostream>
 #include <memory>
+#include <string>
 #include <utility>
 
 #include <widgetengine/WidgetEngineExtensions.h>
@@ -23,6 +24,7 @@
 #include "base/EngineOutput.h"
 #include "base/Progress.h"
 #include "base/Settings.h"
+#include "install/Transfer.h"
 
 namespace {
 
@@ -109,6 +111,79 @@ size_t writeBounded(char* data, size_t size, size_t count, void* target) {
   return fwrite(data, 1, bytes, out->file);
 }
 
+// What the head of each answer says that resuming needs: the status, the
+// validators of the body being stored and, for a 206, where it starts. At
+// the end of a head, an answer to a Range request is checked against what
+// was asked, and a whole body (200) starts the file over.
+struct AnswerHead {
+  BoundedFile* out;
+  uint64_t askedFrom = 0;  // 0 unless the request asked for a range
+  long status = 0;
+  std::string etag;          // of the body being stored
+  std::string lastModified;  // of the body being stored
+  std::string nextEtag;
+  std::string nextLastModified;
+  std::string rangeStart;
+  bool wrongRange = false;
+
+  // The validator If-Range may carry: a strong ETag, else Last-Modified;
+  // "" when neither can be sent back.
+  std::string validator() const {
+    if (!etag.empty() && etag.compare(0, 2, "W/") != 0 &&
+        transfer::isHeaderValue(etag))
+      return etag;
+    return transfer::isHeaderValue(lastModified) ? lastModified : std::string();
+  }
+};
+
+size_t noteHead(char* data, size_t size, size_t count, void* target) {
+  AnswerHead* head = static_cast<AnswerHead*>(target);
+  const size_t bytes = size * count;
+  if (bytes >= 5 && strncmp(data, "HTTP/", 5) == 0) {
+    const char* space = static_cast<const char*>(memchr(data, ' ', bytes));
+    head->status = space ? strtol(space + 1, nullptr, 10) : 0;
+    head->nextEtag.clear();
+    head->nextLastModified.clear();
+    head->rangeStart.clear();
+    return bytes;
+  }
+  std::string value = transfer::headerValue(data, bytes, "etag:");
+  if (!value.empty()) head->nextEtag = value;
+  value = transfer::headerValue(data, bytes, "last-modified:");
+  if (!value.empty()) head->nextLastModified = value;
+  value = transfer::headerValue(data, bytes, "content-range:");
+  if (value.compare(0, 6, "bytes ") == 0) head->rangeStart = value.substr(6, value.find('-') - 6);
+  if (bytes > 2 || (data[0] != '\r' && data[0] != '\n')) return bytes;
+
+  // The end of the head.
+  if (head->askedFrom > 0 && head->status == 206) {
+    if (head->rangeStart != std::to_string(head->askedFrom)) {
+      head->wrongRange = true;
+      return 0;
+    }
+    return bytes;
+  }
+  if (head->askedFrom > 0 && head->status == 200) {
+    // The whole body again: what was stored goes.
+    BoundedFile* out = head->out;
+    if (fflush(out->file) != 0 || ftruncate(fileno(out->file), 0) != 0) return 0;
+    rewind(out->file);
+    out->written = 0;
+    out->measure();
+  }
+  if (head->status == 200) {
+    head->etag = head->nextEtag;
+    head->lastModified = head->nextLastModified;
+  }
+  return bytes;
+}
+
+// A transfer that ended this way was cut off, and may be taken up again.
+bool wasCut(CURLcode result) {
+  return result == CURLE_PARTIAL_FILE || result == CURLE_RECV_ERROR ||
+         result == CURLE_OPERATION_TIMEDOUT || result == CURLE_GOT_NOTHING;
+}
+
 // A package comes over the web or from a local file, nothing else: libcurl
 // speaks many protocols (gopher, dict, telnet, smtp...) that would send the
 // address's bytes to whatever service listens at its host and port.
@@ -116,41 +191,6 @@ constexpr char kAllowedProtocols[] = "http,https,file";
 
 bool allowedScheme(const std::string& scheme) {
   return scheme == "http" || scheme == "https" || scheme == "file";
-}
-
-// The scheme libcurl would use for url, in lower case: the one it names, or
-// the one libcurl guesses for an address without one. Empty when libcurl
-// cannot read the address at all (then the transfer fails on its own).
-std::string schemeOf(const std::string& url) {
-  CURLU* parsed = curl_url();
-  if (parsed == nullptr) return std::string();
-  std::string scheme;
-  char* part = nullptr;
-  if (curl_url_set(parsed, CURLUPART_URL, url.c_str(),
-                   CURLU_GUESS_SCHEME | CURLU_NON_SUPPORT_SCHEME) == CURLUE_OK &&
-      curl_url_get(parsed, CURLUPART_SCHEME, &part, 0) == CURLUE_OK) {
-    scheme = part;
-    for (char& c : scheme) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
-  }
-  curl_free(part);
-  curl_url_cleanup(parsed);
-  return scheme;
-}
-
-// Restricts the transfer, and any redirect should one ever be followed, to
-// the allowed protocols. False when libcurl refuses the restriction: then
-// the transfer must not run at all.
-bool restrictProtocols(CURL* curl) {
-#if LIBCURL_VERSION_NUM >= 0x075500  // 7.85.0 has the string options
-  return curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, kAllowedProtocols) ==
-             CURLE_OK &&
-         curl_easy_setopt(curl, CURLOPT_REDIR_PROTOCOLS_STR,
-                          kAllowedProtocols) == CURLE_OK;
-#else
-  const long allowed = CURLPROTO_HTTP | CURLPROTO_HTTPS | CURLPROTO_FILE;
-  return curl_easy_setopt(curl, CURLOPT_PROTOCOLS, allowed) == CURLE_OK &&
-         curl_easy_setopt(curl, CURLOPT_REDIR_PROTOCOLS, allowed) == CURLE_OK;
-#endif
 }
 
 // Keeps next as the reason, unless an earlier step gave one.
@@ -255,7 +295,7 @@ Downloader::~Downloader() { clean(); }
 int Downloader::download() {
   outcome_ = Outcome();
   // Refused before anything is created or any connection made.
-  const std::string scheme = schemeOf(url);
+  const std::string scheme = transfer::schemeOf(url);
   if (!scheme.empty() && !allowedScheme(scheme)) {
     outcome_ = sayRefused(url, scheme);
     return -1;
@@ -296,7 +336,7 @@ int Downloader::download() {
   out.reserve = settings::downloadReserveBytes();
   out.maximum = settings::maxPackageBytes();
   out.measure();
-  if (!restrictProtocols(curl)) {
+  if (!transfer::restrictProtocols(curl, kAllowedProtocols)) {
     engineOut() << "Refusing to download " << url
                 << ": this libcurl cannot be limited to http, https and file"
                 << std::endl;
@@ -319,16 +359,41 @@ int Downloader::download() {
     curl_easy_setopt(curl, CURLOPT_MAXFILESIZE_LARGE,
                      static_cast<curl_off_t>(announcedLimit));
   }
-  const long stall = settings::stallSeconds();
-  curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, 1L);
-  curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, stall);
-  curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, stall);
+  transfer::boundSilence(curl);
   if (progress::wanted()) {
     curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, reportProgress);
     curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 0L);
   }
 
+  AnswerHead head;
+  head.out = &out;
+  if (resumeAttempts > 0) {
+    curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, noteHead);
+    curl_easy_setopt(curl, CURLOPT_HEADERDATA, &head);
+  }
   CURLcode result = curl_easy_perform(curl);
+  std::unique_ptr<curl_slist, void (*)(curl_slist*)> ifRange(nullptr,
+                                                             curl_slist_free_all);
+  for (int attempt = 0; attempt < resumeAttempts && wasCut(result) &&
+                        out.why == nullptr && out.written > 0 &&
+                        !head.validator().empty() &&
+                        (head.status == 200 || head.status == 206);
+       ++attempt) {
+    engineOut() << "Resuming the download of " << url << " at byte "
+                << out.written << std::endl;
+    ifRange.reset(curl_slist_append(nullptr, ("If-Range: " + head.validator()).c_str()));
+    const std::string range = std::to_string(out.written) + "-";
+    curl_easy_setopt(curl, CURLOPT_RANGE, range.c_str());
+    curl_easy_setopt(curl, CURLOPT_HTTPHEADER, ifRange.get());
+    head.askedFrom = out.written;
+    result = curl_easy_perform(curl);
+  }
+  if (head.wrongRange) {
+    keepFirst(&outcome_, Outcome(WIDGETENGINE_REFUSAL_DOWNLOAD,
+                                 "the server resumed " + url +
+                                     " elsewhere than at byte " +
+                                     std::to_string(head.askedFrom)));
+  }
   // An error page is stored and refused later, when it is not unpacked; the
   // reason given to the host is the status, not what the page holds.
   long status = 0;

@@ -25,12 +25,21 @@ class Downloader {
   const Outcome& outcome() const { return outcome_; }
   // Removes filePath and says so.
   void clean();
+  // Lets download() take up a transfer that was cut off (the connection
+  // lost, or silent for the stall time) up to attempts more times, from the
+  // bytes already stored: a Range request with If-Range naming the ETag (or
+  // Last-Modified) of the answer those bytes came from. A 200 answer starts
+  // the file over; a 206 from anywhere else than asked fails the download.
+  // The size, reserve and stall bounds hold for the whole. Off by default:
+  // an installation fails at the first cut, as it always has.
+  void resumeCutTransfers(int attempts) { resumeAttempts = attempts; }
 
  private:
   std::string url;
   std::string filePath;
   // Set once download() has created filePath; clean() removes only then.
   bool createdFile;
+  int resumeAttempts = 0;
   Outcome outcome_;
 };
 

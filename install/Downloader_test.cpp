@@ -89,6 +89,9 @@ class DownloaderTest : public ::testing::Test {
     return ::testing::AssertionSuccess();
   }
 
+  ::testing::AssertionResult resumes(const HttpServer::Resource& package,
+                                     const std::string& expected);
+
   TempDir dir;
   std::unique_ptr<HttpServer> server;
   std::string packagePath;
@@ -438,3 +441,103 @@ TEST_F(DownloaderTest, LocalFileIsStillFetched) {
 }
 
 }  // namespace
+
+namespace {
+
+const char kCutPath[] = "/w/cut.wgt";
+
+HttpServer::Resource cutPackage(const std::string& body, const std::string& etag) {
+  HttpServer::Resource package;
+  package.body = body;
+  package.etag = etag;
+  package.contentType = "application/widget";
+  package.cutFirstAt = body.size() / 2;
+  return package;
+}
+
+}  // namespace
+
+// Passes when package, served at kCutPath, is downloaded whole with one
+// resumption allowed, and the file then holds exactly expected.
+::testing::AssertionResult DownloaderTest::resumes(
+    const HttpServer::Resource& package, const std::string& expected) {
+  server->serveResource(kCutPath, package);
+  Downloader downloader(server->url(kCutPath), packagePath);
+  downloader.resumeCutTransfers(1);
+  std::string output;
+  if (download(downloader, &output) != 0)
+    return ::testing::AssertionFailure() << "download() failed: " << output;
+  if (TempDir::readFile(packagePath) != expected)
+    return ::testing::AssertionFailure() << "the bytes stored differ";
+  return ::testing::AssertionSuccess();
+}
+
+TEST_F(DownloaderTest, CutDownloadFailsUnlessResumingIsAsked) {
+  const std::string body = randomBytes(300 * 1024);
+  server->serveResource(kCutPath, cutPackage(body, "\"p1\""));
+  EXPECT_TRUE(failsToDownload(server->url(kCutPath)));
+  EXPECT_EQ(0, server->rangeRequests(kCutPath));
+  EXPECT_EQ(1, server->requestCount(kCutPath));
+}
+
+TEST_F(DownloaderTest, CutDownloadResumesWhereItStopped) {
+  const std::string body = randomBytes(300 * 1024);
+  server->serveResource(kCutPath, cutPackage(body, "\"p1\""));
+  const std::string url = server->url(kCutPath);
+  Downloader downloader(url, packagePath);
+  downloader.resumeCutTransfers(2);
+  std::string output;
+  ASSERT_EQ(0, download(downloader, &output)) << output;
+  EXPECT_EQ("Resuming the download of " + url + " at byte " +
+                std::to_string(body.size() / 2) + "\nDownloaded from " + url +
+                " to " + packagePath + "\n",
+            output);
+  EXPECT_TRUE(TempDir::readFile(packagePath) == body);
+  EXPECT_EQ(1, server->rangeRequests(kCutPath));
+  const std::string request = server->lastRequest(kCutPath);
+  EXPECT_NE(std::string::npos,
+            request.find("Range: bytes=" + std::to_string(body.size() / 2) + "-\r\n"));
+  EXPECT_NE(std::string::npos, request.find("If-Range: \"p1\"\r\n"));
+}
+
+TEST_F(DownloaderTest, LastModifiedServesAsTheValidatorWithoutAnEtag) {
+  const std::string body = randomBytes(200 * 1024);
+  HttpServer::Resource package = cutPackage(body, "");
+  package.lastModified = "Tue, 24 Nov 2026 10:00:00 GMT";
+  EXPECT_TRUE(resumes(package, body));
+  EXPECT_NE(std::string::npos, server->lastRequest(kCutPath)
+                                   .find("If-Range: " + package.lastModified));
+}
+
+TEST_F(DownloaderTest, WholeAnswerToARangeRequestStartsTheFileOver) {
+  const std::string body = randomBytes(200 * 1024);
+  HttpServer::Resource package = cutPackage(body, "\"p1\"");
+  package.ignoreRange = true;
+  EXPECT_TRUE(resumes(package, body));
+  EXPECT_EQ(1, server->rangeRequests(kCutPath));
+  EXPECT_EQ(2, server->bodiesSent(kCutPath));
+}
+
+TEST_F(DownloaderTest, PackageChangedBetweenAttemptsIsFetchedAnew) {
+  const std::string first = randomBytes(200 * 1024);
+  const std::string second = std::string(150 * 1024, 'n');
+  HttpServer::Resource package = cutPackage(first, "\"p1\"");
+  package.bodyAfterCut = second;
+  package.etagAfterCut = "\"p2\"";
+  EXPECT_TRUE(resumes(package, second));
+  EXPECT_NE(std::string::npos,
+            server->lastRequest(kCutPath).find("If-Range: \"p1\"\r\n"));
+}
+
+TEST_F(DownloaderTest, PartialAnswerFromTheWrongPlaceFailsTheDownload) {
+  HttpServer::Resource package = cutPackage(randomBytes(200 * 1024), "\"p1\"");
+  package.wrongRange = true;
+  server->serveResource(kCutPath, package);
+  Downloader downloader(server->url(kCutPath), packagePath);
+  downloader.resumeCutTransfers(3);
+  std::string output;
+  EXPECT_EQ(-1, download(downloader, &output));
+  EXPECT_NE(std::string::npos, downloader.outcome().reason().find("elsewhere"));
+  EXPECT_EQ(1, server->rangeRequests(kCutPath));
+  EXPECT_FALSE(TempDir::exists(packagePath));
+}

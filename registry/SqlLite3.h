@@ -92,6 +92,21 @@ class SqlLite3 {
   // not be read, 0 when no widget has the name, 1 when one has it but
   // nothing was kept, 2 with *record filled.
   int readSignatures(const std::string& name, std::string* record);
+  // The last full answer a widget's update description gave: what a
+  // conditional request sends back, and what a 304 stands for.
+  struct UpdateAnswer {
+    std::string etag;
+    std::string lastModified;
+    std::string document;
+  };
+  // The answer kept for the widget and href; false when none is.
+  bool readUpdateAnswer(int widgetId, const std::string& href,
+                        UpdateAnswer* answer);
+  // Keeps answer for the widget and href in a transaction of its own,
+  // making the table first when the registry has none, and forgets the
+  // answers of widgets that are gone; false when it could not.
+  bool keepUpdateAnswer(int widgetId, const std::string& href,
+                        const UpdateAnswer& answer);
 
   // Reads. Records are newly allocated; the caller deletes them.
   std::vector<WidgetsData*> selectWidgets(std::string sql);

@@ -130,6 +130,24 @@ class ResetOnExit {
   sqlite3_stmt* stmt_;
 };
 
+// A statement prepared for one call, for the tables that are written and
+// read once per installation, removal or update check: far too seldom for
+// their statements to be kept.
+class OneStatement {
+ public:
+  OneStatement(sqlite3* db, const char* sql) {
+    if (db) sqlite3_prepare_v2(db, sql, -1, &stmt_, nullptr);
+  }
+  ~OneStatement() { sqlite3_finalize(stmt_); }
+  OneStatement(const OneStatement&) = delete;
+  OneStatement& operator=(const OneStatement&) = delete;
+
+  sqlite3_stmt* get() const { return stmt_; }
+
+ private:
+  sqlite3_stmt* stmt_ = nullptr;
+};
+
 inline bool sameText(const unsigned char* text, int length, const char* s,
               size_t size) {
   return static_cast<size_t>(length) == size &&

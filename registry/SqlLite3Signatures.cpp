@@ -11,27 +11,6 @@
 
 using namespace sqlite3impl;
 
-namespace {
-
-// A statement prepared for one call: these run once per installation,
-// removal or question, far too seldom to be kept.
-class OneStatement {
- public:
-  OneStatement(sqlite3* db, const char* sql) {
-    if (db) sqlite3_prepare_v2(db, sql, -1, &stmt_, nullptr);
-  }
-  ~OneStatement() { sqlite3_finalize(stmt_); }
-  OneStatement(const OneStatement&) = delete;
-  OneStatement& operator=(const OneStatement&) = delete;
-
-  sqlite3_stmt* get() const { return stmt_; }
-
- private:
-  sqlite3_stmt* stmt_ = nullptr;
-};
-
-}  // namespace
-
 bool SqlLite3::hasSignaturesTable() {
   OneStatement probe(impl->db, statements::kHasSignaturesTable);
   return probe.get() && sqlite3_step(probe.get()) == SQLITE_ROW;

@@ -116,6 +116,26 @@ constexpr const char kSignaturesOfWidget[] =
     "WHERE Widgets.name=?1";
 constexpr const char kWidgetIdByName[] =
     "SELECT id FROM Widgets WHERE name=?1";
+// The last answer each widget's update description gave, kept for the
+// conditional request of the next check (its ETag and Last-Modified) and
+// for answering a 304 (the document). The table is made by the first check
+// that keeps an answer, so a registry never checked keeps its three tables;
+// every statement on it first asks whether it is there. Rows of removed
+// widgets go at the next check that keeps one.
+constexpr const char kHasUpdateChecksTable[] =
+    "SELECT 1 FROM sqlite_master WHERE type='table' AND "
+    "name='updateChecks'";
+constexpr const char kCreateUpdateChecks[] =
+    "CREATE TABLE IF NOT EXISTS updateChecks (widgetID INTEGER NOT NULL,"
+    "href TEXT NOT NULL,etag TEXT NOT NULL,lastModified TEXT NOT NULL,"
+    "document BLOB NOT NULL,PRIMARY KEY (widgetID, href))";
+constexpr const char kInsertUpdateCheck[] =
+    "INSERT OR REPLACE INTO updateChecks VALUES (?1,?2,?3,?4,?5)";
+constexpr const char kDeleteUpdateChecksOfRemovedWidgets[] =
+    "DELETE FROM updateChecks WHERE widgetID NOT IN (SELECT id FROM Widgets)";
+constexpr const char kUpdateCheckOfWidget[] =
+    "SELECT etag, lastModified, document FROM updateChecks "
+    "WHERE widgetID=?1 AND href=?2";
 
 // Reads of whole Widgets rows.
 constexpr const char kSelectAllWidgets[] = "SELECT * FROM Widgets";

@@ -10,10 +10,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <strings.h>
 
 namespace {
 
@@ -28,6 +30,28 @@ bool sendAll(int fd, const char* data, size_t size) {
     size -= static_cast<size_t>(n);
   }
   return true;
+}
+
+// The value of the request header name (case-insensitive), trimmed; "" when
+// the request has none.
+std::string headerOf(const std::string& request, const std::string& name) {
+  size_t line = request.find("\r\n");
+  while (line != std::string::npos) {
+    line += 2;
+    const size_t end = request.find("\r\n", line);
+    if (end == std::string::npos || end == line) break;
+    const std::string text = request.substr(line, end - line);
+    const size_t colon = text.find(':');
+    if (colon == name.size() && strncasecmp(text.c_str(), name.c_str(), colon) == 0) {
+      size_t start = colon + 1;
+      while (start < text.size() && text[start] == ' ') ++start;
+      size_t stop = text.size();
+      while (stop > start && text[stop - 1] == ' ') --stop;
+      return text.substr(start, stop - start);
+    }
+    line = end;
+  }
+  return std::string();
 }
 
 }  // namespace
@@ -103,6 +127,92 @@ void HttpServer::serveStalled(const std::string& path, const std::string& body,
   routes_[path] = route;
 }
 
+void HttpServer::serveResource(const std::string& path,
+                               const Resource& resource) {
+  Route route;
+  route.isResource = true;
+  route.resource = resource;
+  std::lock_guard<std::mutex> lock(mutex_);
+  routes_[path] = route;
+}
+
+int HttpServer::bodiesSent(const std::string& path) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  auto found = bodies_.find(path);
+  return found == bodies_.end() ? 0 : found->second;
+}
+
+int HttpServer::rangeRequests(const std::string& path) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  auto found = ranges_.find(path);
+  return found == ranges_.end() ? 0 : found->second;
+}
+
+std::string HttpServer::lastRequest(const std::string& path) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  auto found = lastRequests_.find(path);
+  return found == lastRequests_.end() ? std::string() : found->second;
+}
+
+void HttpServer::answerResource(int client, const std::string& path,
+                                const std::string& request,
+                                const Route& route) {
+  const Resource& r = route.resource;
+  const std::string noneMatch = headerOf(request, "If-None-Match");
+  const std::string modifiedSince = headerOf(request, "If-Modified-Since");
+  const std::string range = headerOf(request, "Range");
+  const std::string ifRange = headerOf(request, "If-Range");
+  const bool notModified =
+      !noneMatch.empty() ? (!r.etag.empty() && noneMatch == r.etag)
+                         : (!modifiedSince.empty() && modifiedSince == r.lastModified);
+  size_t from = 0;
+  bool partial = false;
+  if (range.compare(0, 6, "bytes=") == 0 && !r.ignoreRange &&
+      (ifRange.empty() || ifRange == r.etag || ifRange == r.lastModified)) {
+    from = static_cast<size_t>(strtoull(range.c_str() + 6, nullptr, 10));
+    if (r.wrongRange) ++from;
+    partial = from < r.body.size();
+    if (!partial) from = 0;
+  }
+
+  std::string head;
+  if (notModified) {
+    head = "HTTP/1.1 304 Not Modified\r\n";
+  } else if (partial) {
+    head = "HTTP/1.1 206 Partial Content\r\nContent-Range: bytes " +
+           std::to_string(from) + "-" + std::to_string(r.body.size() - 1) + "/" +
+           std::to_string(r.body.size()) + "\r\n";
+  } else {
+    head = "HTTP/1.1 200 OK\r\n";
+  }
+  if (!r.etag.empty()) head += "ETag: " + r.etag + "\r\n";
+  if (!r.lastModified.empty()) head += "Last-Modified: " + r.lastModified + "\r\n";
+  const std::string payload = notModified ? std::string() : r.body.substr(from);
+  if (!notModified) {
+    head += "Content-Type: " + r.contentType + "\r\nAccept-Ranges: bytes\r\n";
+    head += "Content-Length: " + std::to_string(payload.size()) + "\r\n";
+  }
+  head += "Connection: close\r\n\r\n";
+
+  size_t sent = payload.size();
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (!range.empty()) ++ranges_[path];
+    if (!notModified) ++bodies_[path];
+    Route& kept = routes_[path];
+    if (!notModified && kept.resource.cutFirstAt != static_cast<size_t>(-1)) {
+      sent = std::min(sent, kept.resource.cutFirstAt);
+      kept.resource.cutFirstAt = static_cast<size_t>(-1);
+      if (!kept.resource.bodyAfterCut.empty()) {
+        kept.resource.body = kept.resource.bodyAfterCut;
+        kept.resource.etag = kept.resource.etagAfterCut;
+      }
+    }
+  }
+  if (sendAll(client, head.data(), head.size())) sendAll(client, payload.data(), sent);
+  shutdown(client, SHUT_WR);
+}
+
 std::string HttpServer::url(const std::string& path) const {
   return listener_.url(path);
 }
@@ -173,6 +283,7 @@ void HttpServer::answer(int client) {
     std::lock_guard<std::mutex> lock(mutex_);
     ++total_;
     ++counts_[path];
+    lastRequests_[path] = request;
     auto found = routes_.find(path);
     known = found != routes_.end();
     if (known) route = found->second;
@@ -180,6 +291,11 @@ void HttpServer::answer(int client) {
   if (!known) {
     route.status = 404;
     route.body = "<html><body>Not Found</body></html>\n";
+  }
+
+  if (route.isResource) {
+    answerResource(client, path, request, route);
+    return;
   }
 
   if (route.endless) {

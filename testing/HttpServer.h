@@ -54,6 +54,35 @@ class HttpServer {
   void serveStalled(const std::string& path, const std::string& body,
                     size_t sentBytes);
 
+  // A resource that answers as an HTTP cache or CDN would: 200 with its
+  // validators (ETag, Last-Modified, when not empty), 304 without a body to
+  // a request whose If-None-Match names its ETag or, without that header,
+  // whose If-Modified-Since is its Last-Modified, and 206 from N to a
+  // "Range: bytes=N-" whose If-Range, when sent, names a validator.
+  struct Resource {
+    std::string body;
+    std::string etag;
+    std::string lastModified;
+    std::string contentType = "application/xml";
+    // The first answer with a body closes the connection after this many
+    // bytes of it; then, when bodyAfterCut is not empty, the resource
+    // becomes bodyAfterCut with etagAfterCut, as if republished meanwhile.
+    size_t cutFirstAt = static_cast<size_t>(-1);
+    std::string bodyAfterCut;
+    std::string etagAfterCut;
+    // Range requests get the whole body with 200, as from a server that
+    // knows no ranges.
+    bool ignoreRange = false;
+    // 206 answers claim to start one byte later than asked, and do.
+    bool wrongRange = false;
+  };
+  void serveResource(const std::string& path, const Resource& resource);
+  // For a resource: the answers that carried a body (200 or 206), the
+  // requests that asked for a range, and the head of the last request.
+  int bodiesSent(const std::string& path) const;
+  int rangeRequests(const std::string& path) const;
+  std::string lastRequest(const std::string& path) const;
+
   int port() const { return listener_.port(); }
   // "http://127.0.0.1:<port>" + path.
   std::string url(const std::string& path) const;
@@ -71,7 +100,13 @@ class HttpServer {
     bool endless = false;
     uint64_t announced = 0;
     bool stall = false;
+    bool isResource = false;
+    Resource resource;
   };
+  // Answers a request for a Resource route; the route's state moves on
+  // after a cut.
+  void answerResource(int client, const std::string& path,
+                      const std::string& request, const Route& route);
 
   void run();
   void answer(int client);
@@ -83,6 +118,9 @@ class HttpServer {
   mutable std::mutex mutex_;
   std::map<std::string, Route> routes_;
   std::map<std::string, int> counts_;
+  std::map<std::string, int> bodies_;
+  std::map<std::string, int> ranges_;
+  std::map<std::string, std::string> lastRequests_;
   int total_ = 0;
   std::thread thread_;
 };

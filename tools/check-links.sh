@@ -62,7 +62,7 @@ while IFS= read -r page; do
       echo "check-links: $page names $place, which does not exist" >&2
       status=1
     fi
-  done < <(grep -o '`\(base\|engine\|registry\|install\|config\|query\|signature\|host\|tools\|bench\|fuzz\|testing\|docs\|packaging\|cmake\)/[A-Za-z0-9_./-]*`' "$page" |
+  done < <(grep -o '`\(base\|engine\|registry\|install\|config\|query\|signature\|update\|host\|tools\|bench\|fuzz\|testing\|docs\|packaging\|cmake\)/[A-Za-z0-9_./-]*`' "$page" |
            tr -d '`' | sort -u)
   while IFS= read -r symbol; do
     case "$allowed" in *" $symbol "*) continue ;; esac
