@@ -181,7 +181,8 @@ std::string WidgetInstaller::getMimeTypeFromContent(FILE* file) {
 
 FILE* WidgetInstaller::openWidgetFile(const std::string& fileName) {
   if (leavesDirectory(fileName)) return nullptr;
-  return fopen((storagePath + fileName).c_str(), "r");
+  const std::string& folder = unpackPath.empty() ? storagePath : unpackPath;
+  return fopen((folder + fileName).c_str(), "r");
 }
 
 PackageFiles* WidgetInstaller::getPackageFiles() const {
@@ -213,12 +214,10 @@ std::string WidgetInstaller::buildDownloadPath() {
   return path;
 }
 
-int WidgetInstaller::abandonParsed(int status,
-                                   std::unique_ptr<WidgetsData>& record) {
+int WidgetInstaller::abandonParsed(int status) {
   parser.reset();
   extractor.reset();
   downloader.reset();
-  record.reset();
   launchURL = "about:blank";
   return status;
 }
@@ -381,6 +380,56 @@ int WidgetInstaller::runHoldingName() {
                       lock->root());
   }
 
+  const int status = unpackPackage(downloadPath, storagePath, record.get());
+  if (status != 0) {
+    record.reset();
+    return status;
+  }
+
+  // The write lock is taken before the id is: the rows a removed widget
+  // left under the id this widget is about to get are cleared in the same
+  // transaction.
+  bool registered = database->beginWriteJob() &&
+                    database->forgetRowsOfRemovedWidgets();
+  const int widgetId = registered ? database->insertWidget(record.get()) : -1;
+  if (widgetId <= 0) {
+    outcome_ = Outcome(WIDGETENGINE_REFUSAL_REGISTRY,
+                       "cannot write to the widget registry: " +
+                           database->lastError());
+    if (widgetId < 0 && !registered) {
+      engineError() << "Cannot write to the widget registry: "
+                << database->lastError() << std::endl;
+    }
+    database->rollbackJob();
+    record.reset();
+    return abandonParsed(10);
+  }
+  writeLocalizedItems(*database, widgetId);
+  // Nothing is installed until its rows are committed: a commit that fails
+  // (a full disk, an I/O error) takes the unpacked files with it.
+  if (!database->endJob()) {
+    outcome_ = Outcome(WIDGETENGINE_REFUSAL_REGISTRY,
+                       "cannot commit the widget to the registry: " +
+                           database->lastError());
+    engineError() << "Cannot commit the widget to the registry: "
+              << database->lastError() << std::endl;
+    record.reset();
+    return abandonParsed(10);
+  }
+
+  extractor->setKeepFiles(true);
+  installed = true;
+  parser.reset();
+  extractor.reset();
+  downloader.reset();
+  record.reset();
+  return 0;
+}
+
+int WidgetInstaller::unpackPackage(const std::string& downloadPath,
+                                   const std::string& folder,
+                                   WidgetsData* record) {
+  unpackPath = folder;
   engineOut() << "[Downloading...]" << std::endl << std::endl;
   downloader.reset(new Downloader(sourceURL, downloadPath));
   const bool downloaded = downloader->download() == 0;
@@ -389,18 +438,20 @@ int WidgetInstaller::runHoldingName() {
   if (!downloaded) {
     const int status = refuse(5, downloader->outcome(), "Error while downloading");
     downloader.reset();
-    record.reset();
     return status;
   }
 
   engineOut() << std::endl << "[Extracting...]" << std::endl << std::endl;
-  extractor.reset(new Extractor(downloadPath, storagePath));
+  // An update's folder was made for it, empty and exclusively, a moment ago.
+  extractor.reset(new Extractor(downloadPath, unpackPath,
+                                keepUnpacked_ ? Extractor::kFreshFolder
+                                              : Extractor::kWipeTarget));
+  if (keepUnpacked_) extractor->setKeepFiles(true);
   files.clear();
   if (extractor->extract(files) == -1) {
     const int status = refuse(6, extractor->outcome(), "Error while extracting");
     extractor.reset();
     downloader.reset();
-    record.reset();
     return status;
   }
 
@@ -412,14 +463,13 @@ int WidgetInstaller::runHoldingName() {
   if (remove(downloadPath.c_str()) != 0) {
     // The launch URL is deliberately left as it was here.
     engineError() << "Error while removing" << std::endl;
-    record.reset();
     downloader.reset();
     extractor.reset();
     return 11;
   }
 
   engineOut() << std::endl << "[Parsing config.xml...]" << std::endl << std::endl;
-  const std::string configPath = storagePath + "config.xml";
+  const std::string configPath = unpackPath + "config.xml";
   FILE* configFile = fopen(configPath.c_str(), "r");
   if (!configFile) {
     outcome_ = Outcome(WIDGETENGINE_REFUSAL_NO_CONFIG,
@@ -427,7 +477,6 @@ int WidgetInstaller::runHoldingName() {
     engineError() << "Could not find config.xml" << std::endl;
     extractor.reset();
     downloader.reset();
-    record.reset();
     launchURL = "about:blank";
     return 7;
   }
@@ -438,7 +487,7 @@ int WidgetInstaller::runHoldingName() {
   if (parser->parse() == -1) {
     outcome_ = parser->outcome();
     engineError() << "Error while parsing" << std::endl;
-    return abandonParsed(8, record);
+    return abandonParsed(8);
   }
 
   // A content element is only recorded once its file was found, so without
@@ -453,7 +502,7 @@ int WidgetInstaller::runHoldingName() {
                        "no start file: config.xml names none and no index.htm, "
                        "index.html, index.svg, index.xhtml or index.xht is there");
     engineError() << "No start file found" << std::endl;
-    return abandonParsed(9, record);
+    return abandonParsed(9);
   }
 
   launchURL = "file://" + storagePath + *config->getStartFile();
@@ -488,52 +537,20 @@ int WidgetInstaller::runHoldingName() {
   if (config->getHeight()) record->setHeight(*config->getHeight());
   if (config->getWidth()) record->setWidth(*config->getWidth());
   if (config->getVersion()) record->setVersion(*config->getVersion());
-
-  // The write lock is taken before the id is: the rows a removed widget
-  // left under the id this widget is about to get are cleared in the same
-  // transaction.
-  bool registered = database->beginWriteJob() &&
-                    database->forgetRowsOfRemovedWidgets();
-  const int widgetId = registered ? database->insertWidget(record.get()) : -1;
-  if (widgetId <= 0) {
-    outcome_ = Outcome(WIDGETENGINE_REFUSAL_REGISTRY,
-                       "cannot write to the widget registry: " +
-                           database->lastError());
-    if (widgetId < 0 && !registered) {
-      engineError() << "Cannot write to the widget registry: "
-                << database->lastError() << std::endl;
-    }
-    database->rollbackJob();
-    return abandonParsed(10, record);
-  }
-  database->insertLocalizedItems(widgetId, localizeditems::kName,
-                                 config->getNames());
-  database->insertLocalizedItems(widgetId, localizeditems::kShortName,
-                                 config->getShortNames());
-  database->insertLocalizedItems(widgetId, localizeditems::kDescription,
-                                 config->getDescriptions());
-  database->insertLocalizedItems(widgetId, localizeditems::kLicense,
-                                 config->getLicenses());
-  database->insertLocalizedItems(widgetId, localizeditems::kLicenseHref,
-                                 config->getLicenseHrefs());
-  // Nothing is installed until its rows are committed: a commit that fails
-  // (a full disk, an I/O error) takes the unpacked files with it.
-  if (!database->endJob()) {
-    outcome_ = Outcome(WIDGETENGINE_REFUSAL_REGISTRY,
-                       "cannot commit the widget to the registry: " +
-                           database->lastError());
-    engineError() << "Cannot commit the widget to the registry: "
-              << database->lastError() << std::endl;
-    return abandonParsed(10, record);
-  }
-
-  extractor->setKeepFiles(true);
-  installed = true;
-  parser.reset();
-  extractor.reset();
-  downloader.reset();
-  record.reset();
   return 0;
+}
+
+void WidgetInstaller::writeLocalizedItems(SqlLite3& registry, int widgetId) const {
+  registry.insertLocalizedItems(widgetId, localizeditems::kName,
+                                config->getNames());
+  registry.insertLocalizedItems(widgetId, localizeditems::kShortName,
+                                config->getShortNames());
+  registry.insertLocalizedItems(widgetId, localizeditems::kDescription,
+                                config->getDescriptions());
+  registry.insertLocalizedItems(widgetId, localizeditems::kLicense,
+                                config->getLicenses());
+  registry.insertLocalizedItems(widgetId, localizeditems::kLicenseHref,
+                                config->getLicenseHrefs());
 }
 
 void WidgetInstaller::clean() {

@@ -56,6 +56,27 @@ class WidgetInstaller {
   // by the system's temporary folder, with a "/" at the end.
   static std::string downloadFolder();
 
+  // The steps an installation and an update share, for a package that is to
+  // become the widget living in the storage directory: downloads it to
+  // downloadPath, unpacks it into folder (made afresh; the storage directory
+  // itself for an installation, a folder beside it for an update), reads
+  // config.xml there, chooses the start file and icons, and fills record as
+  // a widget of the storage directory. 0, or the status of the step that
+  // failed, with its line printed and its outcome kept; what the failed run
+  // made is gone then, and so is the unpacked folder unless kept
+  // (keepUnpacked()).
+  int unpackPackage(const std::string& downloadPath, const std::string& folder,
+                    WidgetsData* record);
+  // Writes the texts of every language that the last unpackPackage() read
+  // as the widget's localized items.
+  void writeLocalizedItems(SqlLite3& registry, int widgetId) const;
+  // The unpacked folder stays when the installer goes, whatever happened:
+  // an update moves it, and removes it itself.
+  void keepUnpacked() { keepUnpacked_ = true; }
+  // The storage directory the widget lives in, as the registry spells it,
+  // for a widget that is already installed.
+  void setStoragePath(const std::string& path) { storagePath = path; }
+
   const std::string& getName() const { return name; }
   const std::string& getStoragePath() const { return storagePath; }
   // What the last run read from config.xml and chose (start file, icons);
@@ -90,11 +111,15 @@ class WidgetInstaller {
   // Ends a run that got as far as parsing config.xml with a failure: its
   // objects go, last made first (so their clean-up lines come in that
   // order), and the launch URL is "about:blank".
-  int abandonParsed(int status, std::unique_ptr<WidgetsData>& record);
+  int abandonParsed(int status);
 
   std::string sourceURL;
   std::string basePath;
   std::string storagePath;
+  // Where unpackPackage() puts and reads the files; the storage directory
+  // unless an update unpacks beside it.
+  std::string unpackPath;
+  bool keepUnpacked_ = false;
   std::string launchURL;
   std::string name;
   bool installed;
