@@ -19,6 +19,7 @@
 #ifndef WIDGETENGINE_INSTALLLOCK_H_
 #define WIDGETENGINE_INSTALLLOCK_H_
 
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -52,6 +53,18 @@ class InstallLock {
   // Records what the installation is about to create. False when the
   // journal cannot be written (then nothing should be created).
   bool note(const std::string& packagePath, const std::string& storagePath);
+  // For an update: notes the package file and a new folder of the root
+  // (".update-" and eight letters or digits), then makes that folder, empty
+  // and exclusively. Its path, "/" at the end; empty when the journal or
+  // the folder could not be written (then nothing was made).
+  std::string makeStagingFolder(const std::string& packagePath);
+  // Notes, just before the update exchanges that folder with the widget's
+  // directory storagePath, what tells afterwards whether the exchange was
+  // made (the folder's identity) and whether the rows were committed (a
+  // file row of widgetId above fileMark). Appended, so that the journal
+  // never stands empty in between.
+  bool noteSwitch(int widgetId, int64_t fileMark, const std::string& storagePath);
+
   // The installation has ended: what it created is registered or removed.
   WIDGETENGINE_TOOLS_EXPORT void clear();
 
@@ -76,6 +89,14 @@ class InstallLock {
   // True when nothing named in the journal is left to remove.
   static bool cleanJournal(int fd, const std::string& root,
                            const std::string& name, SqlLite3& registry);
+  // Puts back what a dead update left: the widget's own directory when the
+  // exchange was made but the rows were not committed, and removes the
+  // update's folder, whichever files it holds then. True when done.
+  static bool settleUpdate(const std::string& root, const std::string& name,
+                           const std::string& stagingPath,
+                           const std::string& switchLine, SqlLite3& registry);
+  // Appends text to the journal.
+  bool append(const std::string& text);
 
   std::string widgetRoot_;
   std::string name_;

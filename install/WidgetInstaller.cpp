@@ -241,18 +241,31 @@ int WidgetInstaller::run() {
   outcome_ = Outcome();
   noticed_ = Outcome();
   const int status = attempt();
-  if (status == 0 || status == 2) {
-    outcome_ = Outcome();
-  } else if (!noticed_.ok()) {
-    outcome_ = noticed_;
-  } else if (outcome_.ok()) {
-    // A step that gives no reason of its own.
-    outcome_ = Outcome(WIDGETENGINE_REFUSAL_INTERNAL,
-                       "the installation failed (status " +
-                           std::to_string(status) + ")");
-  }
-  outcome_ = refusal::settle(outcome_);
+  outcome_ = refusal::settle(outcomeOf(status));
   return status;
+}
+
+Outcome WidgetInstaller::outcomeOf(int status) const {
+  if (status == 0 || status == 2) return Outcome();
+  if (!noticed_.ok()) return noticed_;
+  if (!outcome_.ok()) return outcome_;
+  // A step that gives no reason of its own.
+  return Outcome(WIDGETENGINE_REFUSAL_INTERNAL,
+                 "the installation failed (status " + std::to_string(status) +
+                     ")");
+}
+
+bool WidgetInstaller::downloadFolderTrusted(std::string* untrusted) {
+  if (!settings::widgetPath()) return true;
+  std::string folder = downloadFolder();
+  for (size_t twice; (twice = folder.find("//")) != std::string::npos;)
+    folder.erase(twice, 1);
+  const int fd = TrustedPath::openDirectory(folder, untrusted);
+  if (fd >= 0) {
+    close(fd);
+    return true;
+  }
+  return errno != EPERM;
 }
 
 int WidgetInstaller::attempt() {
@@ -357,19 +370,11 @@ int WidgetInstaller::runHoldingName() {
   // link, could read it or swap it. The shared system folder is used as it
   // is, its files made exclusively and nobody else's to replace. A folder
   // that is missing fails the download, as it always has.
-  if (settings::widgetPath()) {
-    std::string folder = downloadFolder();
-    for (size_t twice; (twice = folder.find("//")) != std::string::npos;)
-      folder.erase(twice, 1);
-    std::string untrusted;
-    const int fd = TrustedPath::openDirectory(folder, &untrusted);
-    if (fd >= 0) {
-      close(fd);
-    } else if (errno == EPERM) {
-      return refuse(3, unusableRegistry(),
-                    "Cannot install " + sourceURL +
-                        ": the download folder is not safe: " + untrusted);
-    }
+  std::string untrusted;
+  if (!downloadFolderTrusted(&untrusted)) {
+    return refuse(3, unusableRegistry(),
+                  "Cannot install " + sourceURL +
+                      ": the download folder is not safe: " + untrusted);
   }
 
   const std::string downloadPath = buildDownloadPath();

@@ -39,6 +39,9 @@ class WidgetInstaller {
   // Why the last run failed, from the step that failed; ok after a run that
   // installed the widget or found it installed.
   const Outcome& outcome() const { return outcome_; }
+  // The outcome that a run ending with status has: the reason of the step
+  // that failed, or of what an earlier step noticed.
+  Outcome outcomeOf(int status) const;
   WIDGETENGINE_TOOLS_EXPORT std::string getLaunchURL();
   void clean();
 
@@ -55,6 +58,12 @@ class WidgetInstaller {
   // The folder the package files go to: $WIDGET_PATH (or nothing) followed
   // by the system's temporary folder, with a "/" at the end.
   static std::string downloadFolder();
+  // False when the download folder under a widget root of the user's own
+  // is one that others could write or swap; *untrusted says which.
+  static bool downloadFolderTrusted(std::string* untrusted);
+  // Where the package is downloaded: $WIDGET_PATH (or nothing) followed by a
+  // fresh temporary file name.
+  static std::string buildDownloadPath();
 
   // The steps an installation and an update share, for a package that is to
   // become the widget living in the storage directory: downloads it to
@@ -96,9 +105,6 @@ class WidgetInstaller {
   PackageFiles* getPackageFiles() const;
 
  private:
-  // Where the package is downloaded: $WIDGET_PATH (or nothing) followed by a
-  // fresh temporary file name.
-  static std::string buildDownloadPath();
   // run() without settling the outcome.
   int attempt();
   // attempt() without the taking and giving back of the widget's name.
