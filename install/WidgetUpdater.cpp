@@ -222,6 +222,10 @@ Outcome WidgetUpdater::update(const WidgetsData& installed) {
   }
   reached(kExchanged);
 
+  // Lookups that answer from memory could go on answering the old rows for
+  // a moment after the commit, beside the new files: they are sent to the
+  // registry now, where they wait for the commit.
+  database_->announceChange();
   if (!database_->endJob()) {
     const std::string error = database_->lastError();
     // The old files go back to the rows that stayed; should that fail, the

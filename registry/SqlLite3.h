@@ -73,6 +73,10 @@ class SqlLite3 {
   // A job that holds the registry against readers too, from its start:
   // until it ends, every other connection's read waits.
   bool beginExclusiveJob();
+  // Inside a job: tells every engine's lookups, before the commit, that the
+  // registry is about to change, so that they read it again, waiting for
+  // the commit, rather than answer from memory until they notice it.
+  void announceChange();
   // Ends the job, undoing its writes.
   void rollbackJob();
   // Inside a job: the widget's Widgets row takes what widget says of its

@@ -183,6 +183,10 @@ bool SqlLite3::beginExclusiveJob() {
   return impl->jobOpen;
 }
 
+void SqlLite3::announceChange() {
+  if (impl->db && impl->jobOpen) impl->sharedCounter()->bump();
+}
+
 namespace {
 
 // Runs one statement of an update with the widget's id bound first and the
