@@ -10,7 +10,10 @@
 //    (file:// and HTTP on 127.0.0.1) against `curl -s -o` followed by
 //    `bsdtar -xf`, each run into a directory never used before; once as the
 //    engine chooses (two threads unpack on a machine with two processors)
-//    and once kept to one thread.
+//    and once kept to one thread;
+//  - widgetengine_update_widget of that package over an installed copy of
+//    it (download, unpacking beside it, the switch, the removal of the old
+//    files) against the fresh receiveWidget of the same round.
 // Every benchmark runs once per round and the rounds follow one another, so
 // that a figure and its twin share the machine's load; the summary at the
 // end gives the medians over the rounds and the ratios the targets are
@@ -37,6 +40,7 @@
 #include <vector>
 
 #include <widgetengine/WidgetEngineDelegate.h>
+#include <widgetengine/WidgetEngineExtensions.h>
 
 #include "bench/BenchPackages.h"
 #include "bench/BenchRuns.h"
@@ -388,6 +392,38 @@ void BM_Install(benchmark::State& state, const std::string& scheme,
   }
 }
 
+// One update in place of the typical widget with the same package, over a
+// copy installed into a fresh widget root out of the timing; unregistered
+// afterwards as BM_Install's is.
+void BM_Update(benchmark::State& state, const std::string& scheme) {
+  const std::string url = packageURL(scheme);
+  InstallPlace& place = installPlace();
+  const std::string root = freshRunPath("update");
+  mkdir((root + "tmp").c_str(), 0755);
+  setenv("WIDGET_PATH", root.c_str(), 1);
+  QuietStdout quiet;
+  char* launch = place.engine->receiveWidget(url.c_str(), nullptr);
+  const bool installed = launch != nullptr;
+  free(launch);
+  if (!installed) {
+    state.SkipWithError("receiveWidget failed");
+    for (auto _ : state) {
+    }
+    return;
+  }
+  for (auto _ : state) {
+    if (widgetengine_update_widget("typical", url.c_str()) != 0) {
+      state.SkipWithError("widgetengine_update_widget failed");
+      break;
+    }
+  }
+  rename((root + "widget_typical").c_str(), (root + "updated").c_str());
+  mkdir((root + "widget_typical").c_str(), 0755);
+  if (place.engine->deleteWidget("typical", nullptr) != 1) {
+    state.SkipWithError("deleteWidget failed");
+  }
+}
+
 // The same package fetched by the curl program and unpacked by bsdtar.
 void BM_CurlBsdtar(benchmark::State& state, const std::string& scheme) {
   const std::string url = packageURL(scheme);
@@ -533,6 +569,11 @@ int main(int argc, char** argv) {
           ->Iterations(1)
           ->Unit(benchmark::kMillisecond)
           ->UseRealTime();
+      benchmark::RegisterBenchmark(("BM_Update/" + s).c_str(),
+                                   [s](benchmark::State& st) { BM_Update(st, s); })
+          ->Iterations(1)
+          ->Unit(benchmark::kMillisecond)
+          ->UseRealTime();
       benchmark::RegisterBenchmark(("BM_CurlBsdtar/" + s).c_str(),
                                    [s](benchmark::State& st) { BM_CurlBsdtar(st, s); })
           ->Iterations(1)
@@ -554,6 +595,8 @@ int main(int argc, char** argv) {
     // For a device with one processor, where the install stays on one thread.
     missed += !printAtMost(reporter, "BM_InstallOneThread/" + s,
                            "BM_CurlBsdtar/" + s, 1.1);
+    // An update does an installation's work and removes the old files.
+    missed += !printAtMost(reporter, "BM_Update/" + s, "BM_Install/" + s, 2.0);
   }
   for (const char* op : {"GetInfo", "GetAll"}) {
     const std::string ours = std::string("BM_") + op;

@@ -248,6 +248,7 @@ TEST_F(PublicInterfaceTest, LibraryExportsOnlyTheEngineInterface) {
       "widgetengine_accept_language",
       "widgetengine_set_progress_callback",
       "widgetengine_set_verify_entries",
+      "widgetengine_update_widget",
   };
   // The calls exported for the tools built from this tree
   // (base/ToolsExport.h), by the name before their parameters. A new one is
