@@ -359,11 +359,28 @@ class ScopedThreads {
   bool set_;
 };
 
-// One receiveWidget into a fresh widget root. The package is downloaded to
-// <widget root>/tmp/, which the installer expects to exist. Afterwards, out
-// of the timing, the widget is unregistered through the delegate so that the
-// next round installs again; its tree is first moved aside, leaving an
-// empty directory to remove, so that nothing is deleted while measuring.
+// A fresh widget root for one installation of the typical package, with the
+// tmp/ folder the installer downloads to; WIDGET_PATH names it.
+std::string freshWidgetRoot(const char* kind) {
+  const std::string root = freshRunPath(kind);
+  mkdir((root + "tmp").c_str(), 0755);
+  setenv("WIDGET_PATH", root.c_str(), 1);
+  return root;
+}
+
+// Unregisters the typical widget out of the timing, so that the next round
+// installs it again: its tree is first moved aside, leaving an empty
+// directory to remove, so that nothing is deleted while measuring.
+void unregisterTypical(benchmark::State& state, InstallPlace& place,
+                       const std::string& root) {
+  rename((root + "widget_typical").c_str(), (root + "kept").c_str());
+  mkdir((root + "widget_typical").c_str(), 0755);
+  if (place.engine->deleteWidget("typical", nullptr) != 1) {
+    state.SkipWithError("deleteWidget failed");
+  }
+}
+
+// One receiveWidget into a fresh widget root, unregistered afterwards.
 // threads "1" keeps the unpacking on the calling thread, as on a machine with
 // one processor; "" leaves the engine's own choice.
 void BM_Install(benchmark::State& state, const std::string& scheme,
@@ -371,9 +388,7 @@ void BM_Install(benchmark::State& state, const std::string& scheme,
   ScopedThreads keep(threads);
   const std::string url = packageURL(scheme);
   InstallPlace& place = installPlace();
-  const std::string root = freshRunPath("install");
-  mkdir((root + "tmp").c_str(), 0755);
-  setenv("WIDGET_PATH", root.c_str(), 1);
+  const std::string root = freshWidgetRoot("install");
   const std::string expected = "file://" + root + "widget_typical/index.html";
   QuietStdout quiet;
   for (auto _ : state) {
@@ -385,43 +400,31 @@ void BM_Install(benchmark::State& state, const std::string& scheme,
       break;
     }
   }
-  rename((root + "widget_typical").c_str(), (root + "installed").c_str());
-  mkdir((root + "widget_typical").c_str(), 0755);
-  if (place.engine->deleteWidget("typical", nullptr) != 1) {
-    state.SkipWithError("deleteWidget failed");
-  }
+  unregisterTypical(state, place, root);
 }
 
 // One update in place of the typical widget with the same package, over a
-// copy installed into a fresh widget root out of the timing; unregistered
-// afterwards as BM_Install's is.
+// copy installed into a fresh widget root out of the timing: the download,
+// the unpacking beside it, the switch and the removal of the old files.
 void BM_Update(benchmark::State& state, const std::string& scheme) {
   const std::string url = packageURL(scheme);
   InstallPlace& place = installPlace();
-  const std::string root = freshRunPath("update");
-  mkdir((root + "tmp").c_str(), 0755);
-  setenv("WIDGET_PATH", root.c_str(), 1);
+  const std::string root = freshWidgetRoot("update");
   QuietStdout quiet;
   char* launch = place.engine->receiveWidget(url.c_str(), nullptr);
   const bool installed = launch != nullptr;
   free(launch);
-  if (!installed) {
-    state.SkipWithError("receiveWidget failed");
-    for (auto _ : state) {
-    }
-    return;
-  }
   for (auto _ : state) {
+    if (!installed) {
+      state.SkipWithError("receiveWidget failed");
+      break;
+    }
     if (widgetengine_update_widget("typical", url.c_str()) != 0) {
       state.SkipWithError("widgetengine_update_widget failed");
       break;
     }
   }
-  rename((root + "widget_typical").c_str(), (root + "updated").c_str());
-  mkdir((root + "widget_typical").c_str(), 0755);
-  if (place.engine->deleteWidget("typical", nullptr) != 1) {
-    state.SkipWithError("deleteWidget failed");
-  }
+  unregisterTypical(state, place, root);
 }
 
 // The same package fetched by the curl program and unpacked by bsdtar.

@@ -4,7 +4,6 @@
 #include <dirent.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -27,6 +26,7 @@
 #include "testing/ConfigXml.h"
 #include "testing/HttpServer.h"
 #include "testing/ScopedEnv.h"
+#include "testing/ScopedTmpfs.h"
 #include "testing/TempDir.h"
 #include "testing/WidgetSandbox.h"
 #include "testing/ZipBuilder.h"
@@ -365,18 +365,11 @@ TEST_F(WidgetUpdaterTest, KilledUpdatesLeaveTheOldOrTheNewWidgetWhole) {
 }
 
 TEST_F(WidgetUpdaterTest, FullDiskKeepsTheOldWidget) {
-  if (geteuid() != 0) {
-    std::printf("update full-disk skipped: mounting a tmpfs needs root\n");
-    GTEST_SKIP() << "mounting a tmpfs needs root";
+  ScopedTmpfs full(root, "size=1m,mode=0755");
+  if (!full.mounted()) {
+    std::printf("update full-disk skipped: %s\n", full.whyNot().c_str());
+    GTEST_SKIP() << full.whyNot();
   }
-  if (mount("tmpfs", root.c_str(), "tmpfs", 0, "size=1m,mode=0755") != 0) {
-    std::printf("update full-disk skipped: the tmpfs cannot be mounted here\n");
-    GTEST_SKIP() << "the tmpfs cannot be mounted here";
-  }
-  struct Unmount {
-    std::string path;
-    ~Unmount() { umount2(path.c_str(), MNT_DETACH); }
-  } unmount{root};
   ASSERT_EQ(0, mkdir((root + "tmp").c_str(), 0755));
   ScopedEnv reserve("WIDGETENGINE_DOWNLOAD_RESERVE_MB", "0");
   const std::string launch = install(clock("1.0"));

@@ -125,6 +125,8 @@ class SqlLite3 {
   int findInCache(std::string& url, const std::vector<std::string>& locales,
                   time_t second);
   void ensureIndexes();
+  // Opens a job with begin, a statement that takes a lock at once.
+  bool beginLockedJob(const char* begin);
   int insertWidgetRows(WidgetsData* widget, bool ownTransaction);
   std::vector<WidgetsData*> readWidgets(int statement, const std::string* key,
                                         bool* complete = nullptr);

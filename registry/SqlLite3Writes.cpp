@@ -149,12 +149,20 @@ void SqlLite3::beginJob() {
 }
 
 bool SqlLite3::beginWriteJob() {
+  // The write lock is taken at once: a deferred transaction that read first
+  // and then met another writer could only fail, never wait.
+  return beginLockedJob(statements::kBeginImmediate);
+}
+
+bool SqlLite3::beginExclusiveJob() {
+  return beginLockedJob(statements::kBeginExclusive);
+}
+
+bool SqlLite3::beginLockedJob(const char* begin) {
   if (!impl->db || impl->jobOpen || !sqlite3_get_autocommit(impl->db)) {
     return false;
   }
-  // The write lock is taken at once: a deferred transaction that read first
-  // and then met another writer could only fail, never wait.
-  impl->resultCode = impl->exec(statements::kBeginImmediate);
+  impl->resultCode = impl->exec(begin);
   impl->jobOpen = impl->resultCode == SQLITE_OK;
   return impl->jobOpen;
 }
@@ -172,15 +180,6 @@ bool SqlLite3::endJob() {
   const bool committed = impl->commit();
   if (!committed) impl->resultCode = sqlite3_extended_errcode(impl->db);
   return committed;
-}
-
-bool SqlLite3::beginExclusiveJob() {
-  if (!impl->db || impl->jobOpen || !sqlite3_get_autocommit(impl->db)) {
-    return false;
-  }
-  impl->resultCode = impl->exec(statements::kBeginExclusive);
-  impl->jobOpen = impl->resultCode == SQLITE_OK;
-  return impl->jobOpen;
 }
 
 void SqlLite3::announceChange() {
