@@ -364,6 +364,55 @@ TEST_F(WidgetUpdaterTest, KilledUpdatesLeaveTheOldOrTheNewWidgetWhole) {
   EXPECT_GT(seen["new"], 0);
 }
 
+TEST_F(WidgetUpdaterTest, AnUpdateKilledAtEachStepIsSettledByEveryKindOfNextCall) {
+  const std::string v1 = clock("1.0", 5);
+  const std::string v2 = clock("2.0", 5);
+  ZipBuilder otherZip;
+  otherZip.addFile("config.xml", configXml("<name>Other</name>")).addFile("index.html", "<p/>");
+  const std::string other = serve("o/other.wgt", otherZip);
+  RefPtr<WebWidgetEngineDelegate> engine = WidgetEngineDelegate::createInstance();
+  for (int step = WidgetUpdater::kStaged; step <= WidgetUpdater::kOldRemoved; ++step) {
+    for (const std::string next : {"install", "remove", "update"}) {
+      SCOPED_TRACE("killed at step " + std::to_string(step) + ", then " + next);
+      std::unique_ptr<WidgetsData> info(engine->getInfo("clock", nullptr, ""));
+      if (!info) {
+        ASSERT_FALSE(install(v1).empty());
+      } else if (info->getVersion() != "1.0") {
+        ASSERT_EQ(0, widgetengine_update_widget("clock", v1.c_str()));
+      }
+      const std::string launch = "file://" + storage + "index.html";
+      gKillStep = step;
+      ChildProcess child;
+      child.start([&] {
+        quiet();
+        WidgetUpdater::setStepHook(killAtStep);
+        return widgetengine_update_widget("clock", v2.c_str());
+      });
+      child.wait();
+      ASSERT_TRUE(WIFSIGNALED(child.status()));
+      const std::string expected = step < WidgetUpdater::kCommitted ? "1.0" : "2.0";
+      bool whole = false;
+      EXPECT_EQ(expected, answeredVersion("1.0", "2.0", launch, &whole));
+      EXPECT_TRUE(whole);
+      if (next == "install") {
+        EXPECT_FALSE(install(other).empty());
+        EXPECT_TRUE(filesAre(expected, expected == "1.0" ? "2.0" : "1.0"));
+        EXPECT_TRUE(rootHoldsOnly({"tmp", "widget_clock", "widget_other"}));
+        EXPECT_EQ(1, engine->deleteWidget("other", nullptr));
+      } else if (next == "remove") {
+        EXPECT_EQ(1, engine->deleteWidget("clock", nullptr));
+        EXPECT_TRUE(nothingLeft());
+      } else {
+        EXPECT_EQ(0, widgetengine_update_widget("clock", v2.c_str()));
+        EXPECT_EQ("2.0", answeredVersion("1.0", "2.0", launch, &whole));
+        EXPECT_TRUE(whole);
+        EXPECT_TRUE(filesAre("2.0", "1.0"));
+        EXPECT_TRUE(rootHoldsOnly({"tmp", "widget_clock"}));
+      }
+    }
+  }
+}
+
 TEST_F(WidgetUpdaterTest, FullDiskKeepsTheOldWidget) {
   ScopedTmpfs full(root, "size=1m,mode=0755");
   if (!full.mounted()) {
