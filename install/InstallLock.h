@@ -8,7 +8,10 @@
 // lock. A link that another user made on the way to the root is refused. While held, the file is the installation's journal: it names
 // the package file and the directory the installation is about to create, so
 // that when the process dies half-way, the next installation finds what it
-// left (the lock is free, the journal is not empty) and removes it.
+// left (the lock is free, the journal is not empty) and removes it. An
+// update's journal names the folder it unpacks into beside the widget's
+// directory and, before it exchanges the two, what tells the next
+// installation whether to exchange them back (see settleUpdate()).
 //
 //   InstallLock lock(root, name);
 //   if (!lock.acquire()) ...;       // waits for a running installation
