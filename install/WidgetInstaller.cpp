@@ -302,13 +302,16 @@ int WidgetInstaller::attempt() {
                   "Cannot install " + sourceURL + ": " + reason);
   }
   const int status = runHoldingName();
-  lock->clear();
+  // A journal a dead run left and that could not be settled yet (an
+  // update's, whose folders may stand exchanged) stays for the next call,
+  // unless this run wrote its own over it.
+  if (journalSettled_ || journalWritten_) lock->clear();
   lock.reset();
   return status;
 }
 
 int WidgetInstaller::runHoldingName() {
-  lock->removeLeftovers(*database);
+  journalSettled_ = lock->removeLeftovers(*database);
   InstallLock::sweep(basePath, *database);
 
   {
@@ -378,7 +381,8 @@ int WidgetInstaller::runHoldingName() {
   }
 
   const std::string downloadPath = buildDownloadPath();
-  if (!lock->note(downloadPath, storagePath)) {
+  journalWritten_ = lock->note(downloadPath, storagePath);
+  if (!journalWritten_) {
     return refuse(3, unusableRegistry(),
                   "Cannot install " + sourceURL +
                       ": cannot write the installation journal in " +

@@ -126,6 +126,10 @@ class WidgetInstaller {
   // unless an update unpacks beside it.
   std::string unpackPath;
   bool keepUnpacked_ = false;
+  // Whether what a dead run of the name left was settled when the lock was
+  // taken, and whether this run wrote its own journal since.
+  bool journalSettled_ = false;
+  bool journalWritten_ = false;
   std::string launchURL;
   std::string name;
   bool installed;

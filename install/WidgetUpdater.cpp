@@ -102,7 +102,16 @@ Outcome WidgetUpdater::attempt() {
     return refuse(Outcome(WIDGETENGINE_REFUSAL_BUSY, reason),
                   "Cannot update " + name_ + ": " + reason);
   }
-  lock_->removeLeftovers(*database_);
+  // What a dead update of the name left is settled first: its journal is
+  // the only record of folders that may stand exchanged.
+  if (!lock_->removeLeftovers(*database_)) {
+    lock_.reset();
+    const std::string why =
+        "what an interrupted update or installation of it left cannot be "
+        "settled yet: " + database_->lastError();
+    return refuse(Outcome(WIDGETENGINE_REFUSAL_REGISTRY, why),
+                  "Cannot update " + name_ + ": " + why);
+  }
   InstallLock::sweep(basePath_, *database_);
 
   bool read = false;
