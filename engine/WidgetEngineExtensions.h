@@ -140,9 +140,10 @@ WIDGETENGINE_EXPORT void widgetengine_set_verify_entries(int on);
  * together, so that every lookup, in this process or another, sees the
  * whole old widget or the whole new one. The address must give the widget's
  * own name, as an installation derives it (.../clock.wgt for clock), and
- * the package the same start page. A failed, refused or interrupted update
- * leaves the widget as it was; what an interrupted one left is cleaned by
- * the next installation, removal or update of any widget.
+ * the package the same start page. A failed or refused update leaves the
+ * widget as it was; an interrupted one leaves it whole, old or (once its
+ * rows were committed) new, and what it left is cleaned by the next
+ * installation or update of any widget, or removal of that one.
  * Returns WIDGETENGINE_REFUSAL_NONE (0) once updated, else the refusal's
  * code, which widgetengine_last_refusal() then gives with its reason. */
 WIDGETENGINE_EXPORT int widgetengine_update_widget(const char* name,
