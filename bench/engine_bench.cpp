@@ -10,7 +10,10 @@
 //    (file:// and HTTP on 127.0.0.1) against `curl -s -o` followed by
 //    `bsdtar -xf`, each run into a directory never used before; once as the
 //    engine chooses (two threads unpack on a machine with two processors)
-//    and once kept to one thread.
+//    and once kept to one thread;
+//  - widgetengine_update_widget of that package over an installed copy of
+//    it (download, unpacking beside it, the switch, the removal of the old
+//    files) against the fresh receiveWidget of the same round.
 // Every benchmark runs once per round and the rounds follow one another, so
 // that a figure and its twin share the machine's load; the summary at the
 // end gives the medians over the rounds and the ratios the targets are
@@ -363,11 +366,28 @@ class ScopedThreads {
   bool set_;
 };
 
-// One receiveWidget into a fresh widget root. The package is downloaded to
-// <widget root>/tmp/, which the installer expects to exist. Afterwards, out
-// of the timing, the widget is unregistered through the delegate so that the
-// next round installs again; its tree is first moved aside, leaving an
-// empty directory to remove, so that nothing is deleted while measuring.
+// A fresh widget root for one installation of the typical package, with the
+// tmp/ folder the installer downloads to; WIDGET_PATH names it.
+std::string freshWidgetRoot(const char* kind) {
+  const std::string root = freshRunPath(kind);
+  mkdir((root + "tmp").c_str(), 0755);
+  setenv("WIDGET_PATH", root.c_str(), 1);
+  return root;
+}
+
+// Unregisters the typical widget out of the timing, so that the next round
+// installs it again: its tree is first moved aside, leaving an empty
+// directory to remove, so that nothing is deleted while measuring.
+void unregisterTypical(benchmark::State& state, InstallPlace& place,
+                       const std::string& root) {
+  rename((root + "widget_typical").c_str(), (root + "kept").c_str());
+  mkdir((root + "widget_typical").c_str(), 0755);
+  if (place.engine->deleteWidget("typical", nullptr) != 1) {
+    state.SkipWithError("deleteWidget failed");
+  }
+}
+
+// One receiveWidget into a fresh widget root, unregistered afterwards.
 // threads "1" keeps the unpacking on the calling thread, as on a machine with
 // one processor; "" leaves the engine's own choice.
 // The typical package with an author signature added, its entries
@@ -450,9 +470,7 @@ void BM_Install(benchmark::State& state, const std::string& scheme,
     widgetengine_set_trust_anchors(benchAnchors().c_str());
   }
   InstallPlace& place = installPlace();
-  const std::string root = freshRunPath("install");
-  mkdir((root + "tmp").c_str(), 0755);
-  setenv("WIDGET_PATH", root.c_str(), 1);
+  const std::string root = freshWidgetRoot("install");
   const std::string expected = "file://" + root + "widget_typical/index.html";
   QuietStdout quiet;
   for (auto _ : state) {
@@ -464,13 +482,33 @@ void BM_Install(benchmark::State& state, const std::string& scheme,
       break;
     }
   }
-  rename((root + "widget_typical").c_str(), (root + "installed").c_str());
-  mkdir((root + "widget_typical").c_str(), 0755);
-  if (place.engine->deleteWidget("typical", nullptr) != 1) {
-    state.SkipWithError("deleteWidget failed");
-  }
+  unregisterTypical(state, place, root);
   widgetengine_set_signature_policy(WIDGETENGINE_SIGNATURES_DEFAULT);
   widgetengine_set_trust_anchors(nullptr);
+}
+
+// One update in place of the typical widget with the same package, over a
+// copy installed into a fresh widget root out of the timing: the download,
+// the unpacking beside it, the switch and the removal of the old files.
+void BM_Update(benchmark::State& state, const std::string& scheme) {
+  const std::string url = packageURL(scheme);
+  InstallPlace& place = installPlace();
+  const std::string root = freshWidgetRoot("update");
+  QuietStdout quiet;
+  char* launch = place.engine->receiveWidget(url.c_str(), nullptr);
+  const bool installed = launch != nullptr;
+  free(launch);
+  for (auto _ : state) {
+    if (!installed) {
+      state.SkipWithError("receiveWidget failed");
+      break;
+    }
+    if (widgetengine_update_widget("typical", url.c_str()) != 0) {
+      state.SkipWithError("widgetengine_update_widget failed");
+      break;
+    }
+  }
+  unregisterTypical(state, place, root);
 }
 
 // The same package fetched by the curl program and unpacked by bsdtar.
@@ -560,6 +598,11 @@ int main(int argc, char** argv) {
             ->Unit(benchmark::kMillisecond)
             ->UseRealTime();
       }
+      benchmark::RegisterBenchmark(("BM_Update/" + s).c_str(),
+                                   [s](benchmark::State& st) { BM_Update(st, s); })
+          ->Iterations(1)
+          ->Unit(benchmark::kMillisecond)
+          ->UseRealTime();
       benchmark::RegisterBenchmark(("BM_CurlBsdtar/" + s).c_str(),
                                    [s](benchmark::State& st) { BM_CurlBsdtar(st, s); })
           ->Iterations(1)
@@ -581,6 +624,8 @@ int main(int argc, char** argv) {
     // For a device with one processor, where the install stays on one thread.
     missed += !printAtMost(reporter, "BM_InstallOneThread/" + s,
                            "BM_CurlBsdtar/" + s, 1.1);
+    // An update does an installation's work and removes the old files.
+    missed += !printAtMost(reporter, "BM_Update/" + s, "BM_Install/" + s, 2.0);
   }
   // Checking the author signature of the typical package, under the policy
   // that requires one, against the same installation without.

@@ -254,6 +254,7 @@ TEST_F(PublicInterfaceTest, LibraryExportsOnlyTheEngineInterface) {
       "widgetengine_signature_info",
       "widgetengine_check_update",
       "widgetengine_check_updates",
+      "widgetengine_update_widget",
   };
   // The tools' facade (engine/ToolsFacade.h), the one surface exported for
   // the tools built from this tree, by the name before its parameters. A

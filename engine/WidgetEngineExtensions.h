@@ -85,12 +85,14 @@ WIDGETENGINE_EXPORT void widgetengine_set_log_sink(widgetengine_log_sink sink,
                                                   on the way to one */
 #define WIDGETENGINE_REFUSAL_SIGNATURE 22      /* the signature policy
                                                   refuses the package */
+#define WIDGETENGINE_REFUSAL_NOT_AN_UPDATE 23  /* the package cannot replace
+                                                  that widget in place */
 
-/* The outcome of the calling thread's last receiveWidget or deleteWidget:
- * WIDGETENGINE_REFUSAL_NONE after a success (or before any call), else the
- * code of the refusal. When reason is not null, *reason receives one line
- * that says why ("" after a success), valid on this thread until its next
- * receiveWidget or deleteWidget. */
+/* The outcome of the calling thread's last receiveWidget, deleteWidget or
+ * widgetengine_update_widget: WIDGETENGINE_REFUSAL_NONE after a success (or
+ * before any call), else the code of the refusal. When reason is not null,
+ * *reason receives one line that says why ("" after a success), valid on
+ * this thread until its next such call. */
 WIDGETENGINE_EXPORT int widgetengine_last_refusal(const char** reason);
 
 /* ---- Accept-Language -------------------------------------------------- */
@@ -204,6 +206,25 @@ WIDGETENGINE_EXPORT char* widgetengine_check_update(const char* name,
  * so that a fleet started by one clock spreads its requests. Null when the
  * registry cannot be read or memory runs out. */
 WIDGETENGINE_EXPORT char* widgetengine_check_updates(const char* languages);
+/* ---- Updates in place ------------------------------------------------- */
+
+/* Replaces the installed widget called name with the package at packageUrl
+ * (http, https or file, as receiveWidget takes), in place: the widget keeps
+ * its name, its directory and its launch URL, and so the browser's
+ * addresses; its files and what its config.xml says become the package's.
+ * The package is checked as an installation checks it and unpacked beside
+ * the widget's directory; then the widget's rows and its directory change
+ * together, so that every lookup, in this process or another, sees the
+ * whole old widget or the whole new one. The address must give the widget's
+ * own name, as an installation derives it (.../clock.wgt for clock), and
+ * the package the same start page. A failed or refused update leaves the
+ * widget as it was; an interrupted one leaves it whole, old or (once its
+ * rows were committed) new, and what it left is cleaned by the next
+ * installation or update of any widget, or removal of that one.
+ * Returns WIDGETENGINE_REFUSAL_NONE (0) once updated, else the refusal's
+ * code, which widgetengine_last_refusal() then gives with its reason. */
+WIDGETENGINE_EXPORT int widgetengine_update_widget(const char* name,
+                                                   const char* packageUrl);
 
 #ifdef __cplusplus
 }

@@ -27,13 +27,14 @@
 #include "install/zip/ZipHandles.h"
 #include "install/zip/ZipReader.h"
 
-Extractor::Extractor(const std::string& zipPath, const std::string& targetDir)
+Extractor::Extractor(const std::string& zipPath, const std::string& targetDir,
+                     Target target)
     : zipPath(zipPath),
       targetDir(targetDir),
       keepFiles(false),
       workers(UnpackWorkers::defaultCount()) {
   // Leftovers of an earlier installation must never mix with this package.
-  removeDirectoryTree(targetDir);
+  if (target == kWipeTarget) removeDirectoryTree(targetDir);
 }
 
 Extractor::~Extractor() {

@@ -16,8 +16,12 @@ class FileDigests;
 
 class Extractor {
  public:
-  // Wipes whatever is at targetDir (which must end with "/").
-  Extractor(const std::string& zipPath, const std::string& targetDir);
+  // What is at targetDir (which must end with "/") when the extractor is
+  // made: anything (it is wiped), or an empty folder the caller has just
+  // made exclusively, which is used as it is.
+  enum Target { kWipeTarget, kFreshFolder };
+  Extractor(const std::string& zipPath, const std::string& targetDir,
+            Target target = kWipeTarget);
   ~Extractor();
 
   Extractor(const Extractor&) = delete;

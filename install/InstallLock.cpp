@@ -7,12 +7,15 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <stdio.h>  // renameat2
+
 #include <cerrno>
 #include <cinttypes>
 #include <climits>
 #include <cstdlib>
 #include <cstdint>
 #include <cstring>
+#include <random>
 #include <vector>
 
 #include "base/Strings.h"
@@ -28,6 +31,13 @@ const char kLockPrefix[] = ".widget_";
 const char kLockSuffix[] = ".lock";
 const char kPackageLine[] = "package ";
 const char kStorageLine[] = "storage ";
+// An update's lines: the folder it unpacks into beside the widget's
+// directory, and, once it is about to exchange the two, what tells how far
+// it came ("switch <widget id> <file row mark> <device> <inode> <directory>").
+const char kStagingLine[] = "staging ";
+const char kSwitchLine[] = "switch ";
+const char kStagingPrefix[] = ".update-";
+constexpr size_t kStagingLetters = 8;
 
 // Names longer than this are shortened in the lock file's name (and made
 // unique again with a hash), so that the lock file's name fits wherever the
@@ -48,6 +58,24 @@ bool endsWith(const std::string& text, const char* suffix) {
   return text.size() >= n && text.compare(text.size() - n, n, suffix) == 0;
 }
 
+bool isLetterOrDigit(unsigned char c) {
+  return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') ||
+         (c >= '0' && c <= '9');
+}
+
+// An update's folder: ".update-" and eight letters or digits.
+bool isStagingName(const std::string& base) {
+  const size_t prefix = strlen(kStagingPrefix);
+  if (base.size() != prefix + kStagingLetters ||
+      base.compare(0, prefix, kStagingPrefix) != 0) {
+    return false;
+  }
+  for (size_t i = prefix; i < base.size(); ++i) {
+    if (!isLetterOrDigit(static_cast<unsigned char>(base[i]))) return false;
+  }
+  return true;
+}
+
 // The downloader's temporary files are "file" and six letters or digits.
 bool isPackageFileName(const std::string& path) {
   const size_t slash = path.rfind('/');
@@ -55,11 +83,7 @@ bool isPackageFileName(const std::string& path) {
       slash == std::string::npos ? path : path.substr(slash + 1);
   if (base.size() != 10 || base.compare(0, 4, "file") != 0) return false;
   for (size_t i = 4; i < base.size(); ++i) {
-    const unsigned char c = static_cast<unsigned char>(base[i]);
-    if (!((c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') ||
-          (c >= '0' && c <= '9'))) {
-      return false;
-    }
+    if (!isLetterOrDigit(static_cast<unsigned char>(base[i]))) return false;
   }
   return true;
 }
@@ -82,6 +106,28 @@ std::string readAll(int fd) {
 std::string parentOf(const std::string& path) {
   const size_t slash = path.rfind('/');
   return slash == std::string::npos ? std::string(".") : path.substr(0, slash + 1);
+}
+
+// The last component of path, without the "/" that may end it, and the
+// folder that holds it.
+void splitEntry(const std::string& path, std::string* parent, std::string* base) {
+  std::string bare = path;
+  while (bare.size() > 1 && bare.back() == '/') bare.pop_back();
+  const size_t slash = bare.rfind('/');
+  *parent = parentOf(bare);
+  *base = slash == std::string::npos ? bare : bare.substr(slash + 1);
+}
+
+// Whether path is the directory "widget_<name>/" directly in root (any
+// "widget_" directory there when the name is not known).
+bool isWidgetDirectoryOf(const std::string& path, const std::string& root,
+                         const std::string& name) {
+  std::string parent;
+  std::string base;
+  splitEntry(path, &parent, &base);
+  const bool ownName = name.empty() ? base.compare(0, 7, "widget_") == 0
+                                    : base == "widget_" + name;
+  return ownName && realDirectory(parent) == root;
 }
 
 // Whether the lock taken on fd is the lock of the file name in the folder
@@ -200,20 +246,69 @@ bool InstallLock::removeLeftovers(SqlLite3& registry) {
 
 bool InstallLock::note(const std::string& packagePath,
                        const std::string& storagePath) {
-  if (fd_ < 0) return false;
-  const std::string journal = kPackageLine + packagePath + "\n" +
-                              kStorageLine + storagePath + "\n";
-  if (ftruncate(fd_, 0) != 0) return false;
+  if (fd_ < 0 || ftruncate(fd_, 0) != 0) return false;
+  return append(kPackageLine + packagePath + "\n" + kStorageLine +
+                storagePath + "\n");
+}
+
+bool InstallLock::append(const std::string& text) {
+  struct stat status;
+  if (fd_ < 0 || fstat(fd_, &status) != 0) return false;
+  const off_t end = status.st_size;
   size_t written = 0;
-  while (written < journal.size()) {
-    const ssize_t n = pwrite(fd_, journal.data() + written,
-                             journal.size() - written,
-                             static_cast<off_t>(written));
+  while (written < text.size()) {
+    const ssize_t n = pwrite(fd_, text.data() + written, text.size() - written,
+                             end + static_cast<off_t>(written));
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) return false;
     written += static_cast<size_t>(n);
   }
   return true;
+}
+
+std::string InstallLock::makeStagingFolder(const std::string& packagePath) {
+  if (fd_ < 0) return std::string();
+  static const char kLetters[] =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
+  std::random_device random;
+  for (int attempt = 0; attempt < 100; ++attempt) {
+    std::string name = kStagingPrefix;
+    for (size_t i = 0; i < kStagingLetters; ++i)
+      name += kLetters[random() % (sizeof(kLetters) - 1)];
+    // Named in the journal before it exists, so that no folder of an
+    // update is ever left that the journal does not name.
+    if (ftruncate(fd_, 0) != 0 ||
+        !append(kPackageLine + packagePath + "\n" + kStagingLine + root_ +
+                name + "/\n")) {
+      return std::string();
+    }
+    if (mkdirat(rootFd_, name.c_str(), 0755) == 0) return root_ + name + "/";
+    if (errno != EEXIST) break;
+  }
+  static_cast<void>(ftruncate(fd_, 0) == 0);
+  return std::string();
+}
+
+bool InstallLock::noteSwitch(int widgetId, int64_t fileMark,
+                             const std::string& storagePath) {
+  // The folder is the one of the journal's staging line: the last one made.
+  const std::string journal = fd_ >= 0 ? readAll(fd_) : std::string();
+  const size_t line = journal.find(kStagingLine);
+  if (line == std::string::npos) return false;
+  const size_t start = line + strlen(kStagingLine);
+  const size_t end = journal.find('\n', start);
+  if (end == std::string::npos) return false;
+  std::string parent;
+  std::string base;
+  splitEntry(journal.substr(start, end - start), &parent, &base);
+  struct stat status;
+  if (fstatat(rootFd_, base.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0)
+    return false;
+  char numbers[128];
+  snprintf(numbers, sizeof numbers, "%d %" PRId64 " %" PRIu64 " %" PRIu64 " ",
+           widgetId, fileMark, static_cast<uint64_t>(status.st_dev),
+           static_cast<uint64_t>(status.st_ino));
+  return append(kSwitchLine + std::string(numbers) + storagePath + "\n");
 }
 
 void InstallLock::clear() {
@@ -226,6 +321,8 @@ bool InstallLock::cleanJournal(int fd, const std::string& root,
   if (journal.empty()) return true;
   std::string packagePath;
   std::string storagePath;
+  std::string stagingPath;
+  std::string switchLine;
   size_t start = 0;
   while (start < journal.size()) {
     size_t end = journal.find('\n', start);
@@ -235,6 +332,10 @@ bool InstallLock::cleanJournal(int fd, const std::string& root,
       packagePath = line.substr(strlen(kPackageLine));
     } else if (line.compare(0, strlen(kStorageLine), kStorageLine) == 0) {
       storagePath = line.substr(strlen(kStorageLine));
+    } else if (line.compare(0, strlen(kStagingLine), kStagingLine) == 0) {
+      stagingPath = line.substr(strlen(kStagingLine));
+    } else if (line.compare(0, strlen(kSwitchLine), kSwitchLine) == 0) {
+      switchLine = line.substr(strlen(kSwitchLine));
     }
     start = end + 1;
   }
@@ -257,13 +358,7 @@ bool InstallLock::cleanJournal(int fd, const std::string& root,
   if (!storagePath.empty()) {
     std::string bare = storagePath;
     while (bare.size() > 1 && bare.back() == '/') bare.pop_back();
-    const size_t slash = bare.rfind('/');
-    const std::string parent = parentOf(bare);
-    const std::string base =
-        slash == std::string::npos ? bare : bare.substr(slash + 1);
-    const bool ownName = name.empty() ? base.compare(0, 7, "widget_") == 0
-                                      : base == "widget_" + name;
-    if (ownName && realDirectory(parent) == root &&
+    if (isWidgetDirectoryOf(storagePath, root, name) &&
         lstat(bare.c_str(), &status) == 0) {
       bool ok = false;
       std::unique_ptr<WidgetsData> owner = ownerOf(storagePath, registry, &ok);
@@ -271,7 +366,59 @@ bool InstallLock::cleanJournal(int fd, const std::string& root,
       if (!ok) return false;  // tried again by the next installation
     }
   }
+  if (!stagingPath.empty() &&
+      !settleUpdate(root, name, stagingPath, switchLine, registry)) {
+    return false;
+  }
   return ftruncate(fd, 0) == 0;
+}
+
+bool InstallLock::settleUpdate(const std::string& root, const std::string& name,
+                               const std::string& stagingPath,
+                               const std::string& switchLine,
+                               SqlLite3& registry) {
+  // Only a folder of the update's own form, directly in this very root.
+  std::string parent;
+  std::string base;
+  splitEntry(stagingPath, &parent, &base);
+  if (!isStagingName(base) || realDirectory(parent) != root) return true;
+  const std::string staging = root + base;
+  struct stat status;
+  if (lstat(staging.c_str(), &status) != 0) return true;
+
+  int widgetId = 0;
+  int64_t mark = 0;
+  uint64_t device = 0;
+  uint64_t inode = 0;
+  int consumed = 0;
+  if (!switchLine.empty() &&
+      sscanf(switchLine.c_str(), "%d %" SCNd64 " %" SCNu64 " %" SCNu64 " %n",
+             &widgetId, &mark, &device, &inode, &consumed) == 4 &&
+      consumed > 0) {
+    const std::string storagePath = switchLine.substr(static_cast<size_t>(consumed));
+    std::string bare = storagePath;
+    while (bare.size() > 1 && bare.back() == '/') bare.pop_back();
+    struct stat current;
+    // The exchange was made when the widget's directory is the folder that
+    // was unpacked; the rows are the new ones when the update's file rows
+    // are there. Exchanged without them, the old files go back in place.
+    const bool exchanged =
+        isWidgetDirectoryOf(storagePath, root, name) &&
+        lstat(bare.c_str(), &current) == 0 && S_ISDIR(current.st_mode) &&
+        static_cast<uint64_t>(current.st_dev) == device &&
+        static_cast<uint64_t>(current.st_ino) == inode;
+    if (exchanged) {
+      bool read = false;
+      const bool committed = registry.hasFilesWrittenAfter(widgetId, mark, &read);
+      if (!read) return false;  // tried again by the next engine call
+      if (!committed &&
+          renameat2(AT_FDCWD, staging.c_str(), AT_FDCWD, bare.c_str(),
+                    RENAME_EXCHANGE) != 0) {
+        return false;
+      }
+    }
+  }
+  return WidgetUnInstaller::removeWidgetDirectory(staging);
 }
 
 void InstallLock::sweep(const std::string& widgetRoot, SqlLite3& registry) {

@@ -8,7 +8,10 @@
 // lock. A link that another user made on the way to the root is refused. While held, the file is the installation's journal: it names
 // the package file and the directory the installation is about to create, so
 // that when the process dies half-way, the next installation finds what it
-// left (the lock is free, the journal is not empty) and removes it.
+// left (the lock is free, the journal is not empty) and removes it. An
+// update's journal names the folder it unpacks into beside the widget's
+// directory and, before it exchanges the two, what tells the next
+// installation whether to exchange them back (see settleUpdate()).
 //
 //   InstallLock lock(root, name);
 //   if (!lock.acquire()) ...;       // waits for a running installation
@@ -19,6 +22,7 @@
 #ifndef WIDGETENGINE_INSTALLLOCK_H_
 #define WIDGETENGINE_INSTALLLOCK_H_
 
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -50,6 +54,18 @@ class InstallLock {
   // Records what the installation is about to create. False when the
   // journal cannot be written (then nothing should be created).
   bool note(const std::string& packagePath, const std::string& storagePath);
+  // For an update: notes the package file and a new folder of the root
+  // (".update-" and eight letters or digits), then makes that folder, empty
+  // and exclusively. Its path, "/" at the end; empty when the journal or
+  // the folder could not be written (then nothing was made).
+  std::string makeStagingFolder(const std::string& packagePath);
+  // Notes, just before the update exchanges that folder with the widget's
+  // directory storagePath, what tells afterwards whether the exchange was
+  // made (the folder's identity) and whether the rows were committed (a
+  // file row of widgetId above fileMark). Appended, so that the journal
+  // never stands empty in between.
+  bool noteSwitch(int widgetId, int64_t fileMark, const std::string& storagePath);
+
   // The installation has ended: what it created is registered or removed.
   void clear();
 
@@ -74,6 +90,14 @@ class InstallLock {
   // True when nothing named in the journal is left to remove.
   static bool cleanJournal(int fd, const std::string& root,
                            const std::string& name, SqlLite3& registry);
+  // Puts back what a dead update left: the widget's own directory when the
+  // exchange was made but the rows were not committed, and removes the
+  // update's folder, whichever files it holds then. True when done.
+  static bool settleUpdate(const std::string& root, const std::string& name,
+                           const std::string& stagingPath,
+                           const std::string& switchLine, SqlLite3& registry);
+  // Appends text to the journal.
+  bool append(const std::string& text);
 
   std::string widgetRoot_;
   std::string name_;

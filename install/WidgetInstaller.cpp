@@ -182,7 +182,8 @@ std::string WidgetInstaller::getMimeTypeFromContent(FILE* file) {
 
 FILE* WidgetInstaller::openWidgetFile(const std::string& fileName) {
   if (leavesDirectory(fileName)) return nullptr;
-  return fopen((storagePath + fileName).c_str(), "r");
+  const std::string& folder = unpackPath.empty() ? storagePath : unpackPath;
+  return fopen((folder + fileName).c_str(), "r");
 }
 
 PackageFiles* WidgetInstaller::getPackageFiles() const {
@@ -214,12 +215,10 @@ std::string WidgetInstaller::buildDownloadPath() {
   return path;
 }
 
-int WidgetInstaller::abandonParsed(int status,
-                                   std::unique_ptr<WidgetsData>& record) {
+int WidgetInstaller::abandonParsed(int status) {
   parser.reset();
   extractor.reset();
   downloader.reset();
-  record.reset();
   launchURL = "about:blank";
   return status;
 }
@@ -244,18 +243,31 @@ int WidgetInstaller::run() {
   outcome_ = Outcome();
   noticed_ = Outcome();
   const int status = attempt();
-  if (status == 0 || status == 2) {
-    outcome_ = Outcome();
-  } else if (!noticed_.ok()) {
-    outcome_ = noticed_;
-  } else if (outcome_.ok()) {
-    // A step that gives no reason of its own.
-    outcome_ = Outcome(WIDGETENGINE_REFUSAL_INTERNAL,
-                       "the installation failed (status " +
-                           std::to_string(status) + ")");
-  }
-  outcome_ = refusal::settle(outcome_);
+  outcome_ = refusal::settle(outcomeOf(status));
   return status;
+}
+
+Outcome WidgetInstaller::outcomeOf(int status) const {
+  if (status == 0 || status == 2) return Outcome();
+  if (!noticed_.ok()) return noticed_;
+  if (!outcome_.ok()) return outcome_;
+  // A step that gives no reason of its own.
+  return Outcome(WIDGETENGINE_REFUSAL_INTERNAL,
+                 "the installation failed (status " + std::to_string(status) +
+                     ")");
+}
+
+bool WidgetInstaller::downloadFolderTrusted(std::string* untrusted) {
+  if (!settings::widgetPath()) return true;
+  std::string folder = downloadFolder();
+  for (size_t twice; (twice = folder.find("//")) != std::string::npos;)
+    folder.erase(twice, 1);
+  const int fd = TrustedPath::openDirectory(folder, untrusted);
+  if (fd >= 0) {
+    close(fd);
+    return true;
+  }
+  return errno != EPERM;
 }
 
 int WidgetInstaller::attempt() {
@@ -292,13 +304,16 @@ int WidgetInstaller::attempt() {
                   "Cannot install " + sourceURL + ": " + reason);
   }
   const int status = runHoldingName();
-  lock->clear();
+  // A journal a dead run left and that could not be settled yet (an
+  // update's, whose folders may stand exchanged) stays for the next call,
+  // unless this run wrote its own over it.
+  if (journalSettled_ || journalWritten_) lock->clear();
   lock.reset();
   return status;
 }
 
 int WidgetInstaller::runHoldingName() {
-  lock->removeLeftovers(*database);
+  journalSettled_ = lock->removeLeftovers(*database);
   InstallLock::sweep(basePath, *database);
 
   {
@@ -360,29 +375,88 @@ int WidgetInstaller::runHoldingName() {
   // link, could read it or swap it. The shared system folder is used as it
   // is, its files made exclusively and nobody else's to replace. A folder
   // that is missing fails the download, as it always has.
-  if (settings::widgetPath()) {
-    std::string folder = downloadFolder();
-    for (size_t twice; (twice = folder.find("//")) != std::string::npos;)
-      folder.erase(twice, 1);
-    std::string untrusted;
-    const int fd = TrustedPath::openDirectory(folder, &untrusted);
-    if (fd >= 0) {
-      close(fd);
-    } else if (errno == EPERM) {
-      return refuse(3, unusableRegistry(),
-                    "Cannot install " + sourceURL +
-                        ": the download folder is not safe: " + untrusted);
-    }
+  std::string untrusted;
+  if (!downloadFolderTrusted(&untrusted)) {
+    return refuse(3, unusableRegistry(),
+                  "Cannot install " + sourceURL +
+                      ": the download folder is not safe: " + untrusted);
   }
 
   const std::string downloadPath = buildDownloadPath();
-  if (!lock->note(downloadPath, storagePath)) {
+  journalWritten_ = lock->note(downloadPath, storagePath);
+  if (!journalWritten_) {
     return refuse(3, unusableRegistry(),
                   "Cannot install " + sourceURL +
                       ": cannot write the installation journal in " +
                       lock->root());
   }
 
+  const int status = unpackPackage(downloadPath, storagePath, record.get());
+  if (status != 0) {
+    record.reset();
+    return status;
+  }
+
+  // The write lock is taken before the id is: the rows a removed widget
+  // left under the id this widget is about to get are cleared in the same
+  // transaction.
+  bool registered = database->beginWriteJob() &&
+                    database->forgetRowsOfRemovedWidgets();
+  const int widgetId = registered ? database->insertWidget(record.get()) : -1;
+  if (widgetId <= 0) {
+    outcome_ = Outcome(WIDGETENGINE_REFUSAL_REGISTRY,
+                       "cannot write to the widget registry: " +
+                           database->lastError());
+    if (widgetId < 0 && !registered) {
+      const std::string line =
+          "Cannot write to the widget registry: " + database->lastError();
+      engineError() << line << std::endl;
+      refusal::state(line);
+    }
+    database->rollbackJob();
+    record.reset();
+    return abandonParsed(10);
+  }
+  writeLocalizedItems(*database, widgetId);
+  // What the signature check found is kept with the rows, or nothing is.
+  if (signatures_->active() &&
+      !database->writeSignatures(widgetId, signatures_->row())) {
+    outcome_ = Outcome(WIDGETENGINE_REFUSAL_REGISTRY,
+                       "cannot record the widget's signatures: " +
+                           database->lastError());
+    engineError() << "Cannot record the widget's signatures in the registry: "
+                  << database->lastError() << std::endl;
+    database->rollbackJob();
+    record.reset();
+    return abandonParsed(10);
+  }
+  // Nothing is installed until its rows are committed: a commit that fails
+  // (a full disk, an I/O error) takes the unpacked files with it.
+  if (!database->endJob()) {
+    outcome_ = Outcome(WIDGETENGINE_REFUSAL_REGISTRY,
+                       "cannot commit the widget to the registry: " +
+                           database->lastError());
+    const std::string line =
+        "Cannot commit the widget to the registry: " + database->lastError();
+    engineError() << line << std::endl;
+    refusal::state(line);
+    record.reset();
+    return abandonParsed(10);
+  }
+
+  extractor->setKeepFiles(true);
+  installed = true;
+  parser.reset();
+  extractor.reset();
+  downloader.reset();
+  record.reset();
+  return 0;
+}
+
+int WidgetInstaller::unpackPackage(const std::string& downloadPath,
+                                   const std::string& folder,
+                                   WidgetsData* record) {
+  unpackPath = folder;
   engineOut() << "[Downloading...]" << std::endl << std::endl;
   downloader.reset(new Downloader(sourceURL, downloadPath));
   const bool downloaded = downloader->download() == 0;
@@ -391,24 +465,27 @@ int WidgetInstaller::runHoldingName() {
   if (!downloaded) {
     const int status = refuse(5, downloader->outcome(), "Error while downloading");
     downloader.reset();
-    record.reset();
     return status;
   }
 
   engineOut() << std::endl << "[Extracting...]" << std::endl << std::endl;
-  extractor.reset(new Extractor(downloadPath, storagePath));
+  // An update's folder was made for it, empty and exclusively, a moment ago.
+  extractor.reset(new Extractor(downloadPath, unpackPath,
+                                keepUnpacked_ ? Extractor::kFreshFolder
+                                              : Extractor::kWipeTarget));
+  if (keepUnpacked_) extractor->setKeepFiles(true);
   files.clear();
   // Under a signature policy the package is judged on the bytes as they were
   // written (the unpacking digests each file on its way out), before
   // anything of it, config.xml first, is trusted. A package the policy
   // refuses goes as one that could not be unpacked.
-  SignatureCheck signatures;
-  extractor->setDigests(signatures.written());
+  signatures_.reset(new SignatureCheck());
+  extractor->setDigests(signatures_->written());
   std::optional<Outcome> unpackRefusal;
   if (extractor->extract(files) == -1) {
     unpackRefusal = extractor->outcome();
-  } else if (signatures.active()) {
-    Outcome judged = signatures.check(storagePath);
+  } else if (signatures_->active()) {
+    Outcome judged = signatures_->check(unpackPath);
     if (!judged.ok()) {
       engineError() << "Cannot install " << sourceURL
                     << ": its signatures do not hold: " << judged.reason()
@@ -420,7 +497,6 @@ int WidgetInstaller::runHoldingName() {
     const int status = refuse(6, std::move(*unpackRefusal), "Error while extracting");
     extractor.reset();
     downloader.reset();
-    record.reset();
     return status;
   }
 
@@ -432,14 +508,13 @@ int WidgetInstaller::runHoldingName() {
   if (remove(downloadPath.c_str()) != 0) {
     // The launch URL is deliberately left as it was here.
     engineError() << "Error while removing" << std::endl;
-    record.reset();
     downloader.reset();
     extractor.reset();
     return 11;
   }
 
   engineOut() << std::endl << "[Parsing config.xml...]" << std::endl << std::endl;
-  const std::string configPath = storagePath + "config.xml";
+  const std::string configPath = unpackPath + "config.xml";
   FILE* configFile = fopen(configPath.c_str(), "r");
   if (!configFile) {
     outcome_ = Outcome(WIDGETENGINE_REFUSAL_NO_CONFIG,
@@ -447,7 +522,6 @@ int WidgetInstaller::runHoldingName() {
     engineError() << "Could not find config.xml" << std::endl;
     extractor.reset();
     downloader.reset();
-    record.reset();
     launchURL = "about:blank";
     return 7;
   }
@@ -458,7 +532,7 @@ int WidgetInstaller::runHoldingName() {
   if (parser->parse() == -1) {
     outcome_ = parser->outcome();
     engineError() << "Error while parsing" << std::endl;
-    return abandonParsed(8, record);
+    return abandonParsed(8);
   }
 
   // A content element is only recorded once its file was found, so without
@@ -473,7 +547,7 @@ int WidgetInstaller::runHoldingName() {
                        "no start file: config.xml names none and no index.htm, "
                        "index.html, index.svg, index.xhtml or index.xht is there");
     engineError() << "No start file found" << std::endl;
-    return abandonParsed(9, record);
+    return abandonParsed(9);
   }
 
   launchURL = "file://" + storagePath + *config->getStartFile();
@@ -508,67 +582,20 @@ int WidgetInstaller::runHoldingName() {
   if (config->getHeight()) record->setHeight(*config->getHeight());
   if (config->getWidth()) record->setWidth(*config->getWidth());
   if (config->getVersion()) record->setVersion(*config->getVersion());
-
-  // The write lock is taken before the id is: the rows a removed widget
-  // left under the id this widget is about to get are cleared in the same
-  // transaction.
-  bool registered = database->beginWriteJob() &&
-                    database->forgetRowsOfRemovedWidgets();
-  const int widgetId = registered ? database->insertWidget(record.get()) : -1;
-  if (widgetId <= 0) {
-    outcome_ = Outcome(WIDGETENGINE_REFUSAL_REGISTRY,
-                       "cannot write to the widget registry: " +
-                           database->lastError());
-    if (widgetId < 0 && !registered) {
-      const std::string line =
-          "Cannot write to the widget registry: " + database->lastError();
-      engineError() << line << std::endl;
-      refusal::state(line);
-    }
-    database->rollbackJob();
-    return abandonParsed(10, record);
-  }
-  database->insertLocalizedItems(widgetId, localizeditems::kName,
-                                 config->getNames());
-  database->insertLocalizedItems(widgetId, localizeditems::kShortName,
-                                 config->getShortNames());
-  database->insertLocalizedItems(widgetId, localizeditems::kDescription,
-                                 config->getDescriptions());
-  database->insertLocalizedItems(widgetId, localizeditems::kLicense,
-                                 config->getLicenses());
-  database->insertLocalizedItems(widgetId, localizeditems::kLicenseHref,
-                                 config->getLicenseHrefs());
-  // What the signature check found is kept with the rows, or nothing is.
-  if (signatures.active() &&
-      !database->writeSignatures(widgetId, signatures.row())) {
-    outcome_ = Outcome(WIDGETENGINE_REFUSAL_REGISTRY,
-                       "cannot record the widget's signatures: " +
-                           database->lastError());
-    engineError() << "Cannot record the widget's signatures in the registry: "
-                  << database->lastError() << std::endl;
-    database->rollbackJob();
-    return abandonParsed(10, record);
-  }
-  // Nothing is installed until its rows are committed: a commit that fails
-  // (a full disk, an I/O error) takes the unpacked files with it.
-  if (!database->endJob()) {
-    outcome_ = Outcome(WIDGETENGINE_REFUSAL_REGISTRY,
-                       "cannot commit the widget to the registry: " +
-                           database->lastError());
-    const std::string line =
-        "Cannot commit the widget to the registry: " + database->lastError();
-    engineError() << line << std::endl;
-    refusal::state(line);
-    return abandonParsed(10, record);
-  }
-
-  extractor->setKeepFiles(true);
-  installed = true;
-  parser.reset();
-  extractor.reset();
-  downloader.reset();
-  record.reset();
   return 0;
+}
+
+void WidgetInstaller::writeLocalizedItems(SqlLite3& registry, int widgetId) const {
+  registry.insertLocalizedItems(widgetId, localizeditems::kName,
+                                config->getNames());
+  registry.insertLocalizedItems(widgetId, localizeditems::kShortName,
+                                config->getShortNames());
+  registry.insertLocalizedItems(widgetId, localizeditems::kDescription,
+                                config->getDescriptions());
+  registry.insertLocalizedItems(widgetId, localizeditems::kLicense,
+                                config->getLicenses());
+  registry.insertLocalizedItems(widgetId, localizeditems::kLicenseHref,
+                                config->getLicenseHrefs());
 }
 
 void WidgetInstaller::clean() {

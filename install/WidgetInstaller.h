@@ -17,6 +17,7 @@ class Downloader;
 class Extractor;
 class InstallLock;
 class PackageFiles;
+class SignatureCheck;
 class SqlLite3;
 class WidgetConfig;
 class WidgetConfigParser;
@@ -38,6 +39,9 @@ class WidgetInstaller {
   // Why the last run failed, from the step that failed; ok after a run that
   // installed the widget or found it installed.
   const Outcome& outcome() const { return outcome_; }
+  // The outcome that a run ending with status has: the reason of the step
+  // that failed, or of what an earlier step noticed.
+  Outcome outcomeOf(int status) const;
   std::string getLaunchURL();
   void clean();
 
@@ -54,6 +58,36 @@ class WidgetInstaller {
   // The folder the package files go to: $WIDGET_PATH (or nothing) followed
   // by the system's temporary folder, with a "/" at the end.
   static std::string downloadFolder();
+  // False when the download folder under a widget root of the user's own
+  // is one that others could write or swap; *untrusted says which.
+  static bool downloadFolderTrusted(std::string* untrusted);
+  // Where the package is downloaded: $WIDGET_PATH (or nothing) followed by a
+  // fresh temporary file name.
+  static std::string buildDownloadPath();
+
+  // The steps an installation and an update share, for a package that is to
+  // become the widget living in the storage directory: downloads it to
+  // downloadPath, unpacks it into folder (made afresh; the storage directory
+  // itself for an installation, a folder beside it for an update), reads
+  // config.xml there, chooses the start file and icons, and fills record as
+  // a widget of the storage directory. 0, or the status of the step that
+  // failed, with its line printed and its outcome kept; what the failed run
+  // made is gone then, and so is the unpacked folder unless kept
+  // (keepUnpacked()).
+  int unpackPackage(const std::string& downloadPath, const std::string& folder,
+                    WidgetsData* record);
+  // Writes the texts of every language that the last unpackPackage() read
+  // as the widget's localized items.
+  void writeLocalizedItems(SqlLite3& registry, int widgetId) const;
+  // The unpacked folder stays when the installer goes, whatever happened:
+  // an update moves it, and removes it itself.
+  void keepUnpacked() { keepUnpacked_ = true; }
+  // The signature check of the last unpackPackage(), with what it found;
+  // null before one ran.
+  const SignatureCheck* signatures() const { return signatures_.get(); }
+  // The storage directory the widget lives in, as the registry spells it,
+  // for a widget that is already installed.
+  void setStoragePath(const std::string& path) { storagePath = path; }
 
   const std::string& getName() const { return name; }
   const std::string& getStoragePath() const { return storagePath; }
@@ -74,9 +108,6 @@ class WidgetInstaller {
   PackageFiles* getPackageFiles() const;
 
  private:
-  // Where the package is downloaded: $WIDGET_PATH (or nothing) followed by a
-  // fresh temporary file name.
-  static std::string buildDownloadPath();
   // run() without settling the outcome.
   int attempt();
   // attempt() without the taking and giving back of the widget's name.
@@ -89,11 +120,22 @@ class WidgetInstaller {
   // Ends a run that got as far as parsing config.xml with a failure: its
   // objects go, last made first (so their clean-up lines come in that
   // order), and the launch URL is "about:blank".
-  int abandonParsed(int status, std::unique_ptr<WidgetsData>& record);
+  int abandonParsed(int status);
 
   std::string sourceURL;
   std::string basePath;
   std::string storagePath;
+  // Where unpackPackage() puts and reads the files; the storage directory
+  // unless an update unpacks beside it.
+  std::string unpackPath;
+  bool keepUnpacked_ = false;
+  // The policy and findings of this installation's signature check, made
+  // when the package is unpacked.
+  std::unique_ptr<SignatureCheck> signatures_;
+  // Whether what a dead run of the name left was settled when the lock was
+  // taken, and whether this run wrote its own journal since.
+  bool journalSettled_ = false;
+  bool journalWritten_ = false;
   std::string launchURL;
   std::string name;
   bool installed;

@@ -81,11 +81,13 @@ WidgetsData* WidgetQuery::getInfo(const std::vector<std::string>& locales) {
   }
   if (database->isOpen() != 1) return nullptr;
 
+  // The row and the texts are read in one transaction: an update that
+  // commits in between would otherwise give the new texts to the old row.
+  database->beginJob();
   std::vector<WidgetsData*> records = database->selectWidgetsByName(name);
-  if (records.size() == 1) {
-    database->loadLocalizedItems(records[0], locales);
-    return records[0];
-  }
+  if (records.size() == 1) database->loadLocalizedItems(records[0], locales);
+  database->endJob();
+  if (records.size() == 1) return records[0];
   if (records.empty()) {
     engineError() << "No widget with this name" << std::endl;
     return nullptr;

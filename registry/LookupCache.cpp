@@ -53,6 +53,10 @@ bool LookupCache::look(sqlite3* db, ChangeCounter* shared, time_t second) {
   // Read before the header: a commit after this read moves the counter
   // again, and the next call looks at the header again.
   const uint32_t seen = shared ? shared->read() : 0;
+  // An engine moves the counter just before some commits too (an update,
+  // whose files change with its rows): the header does not show those yet,
+  // and the rows are read again, which waits for that commit.
+  const bool moved = shared && shared->attached() && seen != seen_;
   uint32_t header = 0;
   if (!header_.readCounter(db, header)) {
     lookedAt_ = -1;
@@ -60,7 +64,7 @@ bool LookupCache::look(sqlite3* db, ChangeCounter* shared, time_t second) {
   }
   seen_ = seen;
   lookedAt_ = second;
-  if (header == counter_) {
+  if (header == counter_ && !moved) {
     if (state_ == kLoaded) return true;
     if (state_ == kUnusable) return false;
   }

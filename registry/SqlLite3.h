@@ -9,6 +9,7 @@
 
 #include <time.h>
 
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <string>
@@ -68,8 +69,25 @@ class SqlLite3 {
   // A job that holds the write lock from its start; false when it could not
   // be had within the busy timeout.
   bool beginWriteJob();
+  // A job that holds the registry against readers too, from its start:
+  // until it ends, every other connection's read waits.
+  bool beginExclusiveJob();
+  // Inside a job: tells every engine's lookups, before the commit, that the
+  // registry is about to change, so that they read it again, waiting for
+  // the commit, rather than answer from memory until they notice it.
+  void announceChange();
   // Ends the job, undoing its writes.
   void rollbackJob();
+  // Inside a job: the widget's Widgets row takes what widget says of its
+  // package (its id, name, addresses and directory stay), and its file and
+  // text rows go, its new file rows are written. False, the job given up by
+  // the caller, when a statement failed.
+  bool replaceWidgetRows(int widgetId, const WidgetsData& widget);
+  // The highest file row id so far; rows written later have higher ids.
+  bool lastFileRow(int64_t* id);
+  // Whether a file row of the widget was written after the one numbered
+  // mark; *ok tells whether the registry could be read.
+  bool hasFilesWrittenAfter(int widgetId, int64_t mark, bool* ok);
   // Deletes the file and text rows left by removed widgets whose ids are
   // about to be given again (see statements::kDeleteFilesOfRemovedWidgets).
   bool forgetRowsOfRemovedWidgets();
@@ -144,6 +162,8 @@ class SqlLite3 {
   bool hasSignaturesTable();
   // Runs one statement with name bound as ?1; the SQLite result code.
   int runWithName(const char* sql, const std::string& name);
+  // Opens a job with begin, a statement that takes a lock at once.
+  bool beginLockedJob(const char* begin);
   int insertWidgetRows(WidgetsData* widget, bool ownTransaction);
   std::vector<WidgetsData*> readWidgets(int statement, const std::string* key,
                                         bool* complete = nullptr);

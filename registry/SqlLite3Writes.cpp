@@ -187,12 +187,20 @@ void SqlLite3::beginJob() {
 }
 
 bool SqlLite3::beginWriteJob() {
+  // The write lock is taken at once: a deferred transaction that read first
+  // and then met another writer could only fail, never wait.
+  return beginLockedJob(statements::kBeginImmediate);
+}
+
+bool SqlLite3::beginExclusiveJob() {
+  return beginLockedJob(statements::kBeginExclusive);
+}
+
+bool SqlLite3::beginLockedJob(const char* begin) {
   if (!impl->db || impl->jobOpen || !sqlite3_get_autocommit(impl->db)) {
     return false;
   }
-  // The write lock is taken at once: a deferred transaction that read first
-  // and then met another writer could only fail, never wait.
-  impl->resultCode = impl->exec(statements::kBeginImmediate);
+  impl->resultCode = impl->exec(begin);
   impl->jobOpen = impl->resultCode == SQLITE_OK;
   return impl->jobOpen;
 }
@@ -210,6 +218,97 @@ bool SqlLite3::endJob() {
   const bool committed = impl->commit();
   if (!committed) impl->resultCode = sqlite3_extended_errcode(impl->db);
   return committed;
+}
+
+void SqlLite3::announceChange() {
+  if (impl->db && impl->jobOpen) impl->sharedCounter()->bump();
+}
+
+namespace {
+
+// Runs one statement of an update with the widget's id bound first and the
+// texts after it; the SQLite result code.
+int runWithId(sqlite3* db, const char* sql, int widgetId,
+              const std::vector<const std::string*>& texts = {},
+              const std::vector<int>& numbers = {}) {
+  sqlite3_stmt* stmt = nullptr;
+  int rc = sqlite3_prepare_v2(db, sql, -1, &stmt, nullptr);
+  if (rc != SQLITE_OK) return rc;
+  sqlite3_bind_int(stmt, 1, widgetId);
+  int index = 2;
+  for (const int number : numbers) sqlite3_bind_int(stmt, index++, number);
+  for (const std::string* text : texts) bindText(stmt, index++, *text);
+  rc = sqlite3_step(stmt);
+  sqlite3_finalize(stmt);
+  return rc == SQLITE_DONE ? SQLITE_OK : rc;
+}
+
+}  // namespace
+
+bool SqlLite3::replaceWidgetRows(int widgetId, const WidgetsData& widget) {
+  if (!impl->db || !impl->jobOpen) return false;
+  const std::vector<const std::string*> texts = {
+      &widget.getVersion(),    &widget.getWidgetName(),
+      &widget.getWidgetShorName(), &widget.getViewMode(),
+      &widget.getIcon(),       &widget.getAuthor(),
+      &widget.getAuthorEmail(), &widget.getAuthorHref()};
+  for (const std::string* text : texts) {
+    if (!quotable(*text, '\'')) {
+      impl->resultCode = SQLITE_ERROR;
+      return false;
+    }
+  }
+  impl->resultCode = runWithId(impl->db, statements::kUpdateWidget, widgetId,
+                               texts, {widget.getWidth(), widget.getHeight()});
+  if (impl->resultCode == SQLITE_OK)
+    impl->resultCode =
+        runWithId(impl->db, statements::kDeleteFilesOfWidget, widgetId);
+  if (impl->resultCode == SQLITE_OK)
+    impl->resultCode =
+        runWithId(impl->db, statements::kDeleteItemsOfWidget, widgetId);
+  sqlite3_stmt* insertFile = impl->statement(kInsertWidgetFileStatement);
+  for (const std::string& path : widget.getFiles()) {
+    if (impl->resultCode != SQLITE_OK) break;
+    // A name the installation would have left out is left out here too.
+    if (!insertFile || !quotable(path, '"')) continue;
+    ResetOnExit reset(insertFile);
+    sqlite3_bind_int(insertFile, 1, widgetId);
+    bindText(insertFile, 2, path);
+    const int rc = sqlite3_step(insertFile);
+    impl->resultCode = rc == SQLITE_DONE ? SQLITE_OK : rc;
+  }
+  return impl->resultCode == SQLITE_OK && !sqlite3_get_autocommit(impl->db);
+}
+
+bool SqlLite3::lastFileRow(int64_t* id) {
+  if (!impl->db) return false;
+  sqlite3_stmt* stmt = nullptr;
+  impl->resultCode =
+      sqlite3_prepare_v2(impl->db, statements::kLastFileRow, -1, &stmt, nullptr);
+  bool read = false;
+  if (impl->resultCode == SQLITE_OK) {
+    impl->resultCode = sqlite3_step(stmt);
+    read = impl->resultCode == SQLITE_ROW;
+    if (read) *id = sqlite3_column_int64(stmt, 0);
+  }
+  sqlite3_finalize(stmt);
+  return read;
+}
+
+bool SqlLite3::hasFilesWrittenAfter(int widgetId, int64_t mark, bool* ok) {
+  *ok = false;
+  if (!impl->db) return false;
+  sqlite3_stmt* stmt = nullptr;
+  if (sqlite3_prepare_v2(impl->db, statements::kFilesWrittenAfter, -1, &stmt,
+                         nullptr) != SQLITE_OK) {
+    return false;
+  }
+  sqlite3_bind_int(stmt, 1, widgetId);
+  sqlite3_bind_int64(stmt, 2, mark);
+  const int rc = sqlite3_step(stmt);
+  sqlite3_finalize(stmt);
+  *ok = rc == SQLITE_ROW || rc == SQLITE_DONE;
+  return rc == SQLITE_ROW;
 }
 
 void SqlLite3::rollbackJob() {

@@ -67,6 +67,9 @@ constexpr const char kBegin[] = "BEGIN";
 constexpr const char kBeginImmediate[] = "BEGIN IMMEDIATE";
 constexpr const char kCommit[] = "COMMIT";
 constexpr const char kRollback[] = "ROLLBACK";
+// An update's: readers of every connection wait while the widget's rows
+// and its directory change together.
+constexpr const char kBeginExclusive[] = "BEGIN EXCLUSIVE";
 
 // Writes.
 constexpr const char kInsertWidget[] =
@@ -136,6 +139,22 @@ constexpr const char kDeleteUpdateChecksOfRemovedWidgets[] =
 constexpr const char kUpdateCheckOfWidget[] =
     "SELECT etag, lastModified, document FROM updateChecks "
     "WHERE widgetID=?1 AND href=?2";
+// An update's writes: the widget keeps its id, name, addresses and
+// directory; what its package says, its file rows and its texts are new.
+constexpr const char kUpdateWidget[] =
+    "UPDATE Widgets SET width=?2,height=?3,version=?4,widgetName=?5,"
+    "widgetShorName=?6,viewMode=?7,icon=?8,author=?9,authorEmail=?10,"
+    "authorHref=?11 WHERE id=?1";
+constexpr const char kDeleteFilesOfWidget[] =
+    "DELETE FROM widgetFiles WHERE widgetID=?1";
+constexpr const char kDeleteItemsOfWidget[] =
+    "DELETE FROM localizedItem WHERE widgetID=?1";
+// File rows are AUTOINCREMENT: every row written later has a higher id, so
+// an update that noted this value before its writes knows afterwards, from
+// the widget's rows alone, whether they were committed.
+constexpr const char kLastFileRow[] = "SELECT IFNULL(MAX(id), 0) FROM widgetFiles";
+constexpr const char kFilesWrittenAfter[] =
+    "SELECT 1 FROM widgetFiles WHERE widgetID=?1 AND id>?2 LIMIT 1";
 
 // Reads of whole Widgets rows.
 constexpr const char kSelectAllWidgets[] = "SELECT * FROM Widgets";

@@ -10,7 +10,6 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sqlite3.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -28,6 +27,7 @@
 #include "testing/ChildProcess.h"
 #include "testing/ConfigXml.h"
 #include "testing/FileWatch.h"
+#include "testing/ScopedTmpfs.h"
 #include "testing/TempDir.h"
 #include "testing/WidgetSandbox.h"
 #include "testing/ZipBuilder.h"
@@ -431,15 +431,10 @@ TEST_F(FaultTest, KilledInstallsLeaveNothingForEver) {
 }
 
 TEST_F(FaultTest, FullFileSystemUnderTheRegistryNeverReportsALostInstall) {
-  if (geteuid() != 0) {
-    std::printf("faults: full-disk skipped: mounting a tmpfs needs root\n");
-    GTEST_SKIP() << "mounting a tmpfs needs root";
-  }
-  // A tmpfs is world-writable unless told otherwise, and the engine trusts
-  // no registry directory that others can write.
-  if (mount("tmpfs", conf.c_str(), "tmpfs", 0, "size=256k,mode=0755") != 0) {
-    std::printf("faults: full-disk skipped: mount failed\n");
-    GTEST_SKIP() << "mount failed";
+  ScopedTmpfs full(conf, "size=256k,mode=0755");
+  if (!full.mounted()) {
+    std::printf("faults: full-disk skipped: %s\n", full.whyNot().c_str());
+    GTEST_SKIP() << full.whyNot();
   }
   Tally t;
   // Each widget adds a few hundred file rows; the registry fills the small
@@ -456,7 +451,7 @@ TEST_F(FaultTest, FullFileSystemUnderTheRegistryNeverReportsALostInstall) {
       t.count("leftovers", "refused-but-registered:" + name);
     audit(t);
   }
-  umount2(conf.c_str(), MNT_DETACH);
+  full.unmount();
   EXPECT_GT(t["refused"], 0) << "the file system never filled";
   EXPECT_EQ(t.trials, t["installed"] + t["refused"]);
   report("full-disk", t, {{"installed", t["installed"]}, {"refused", t["refused"]}});

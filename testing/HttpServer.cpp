@@ -5,6 +5,8 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/sendfile.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -240,6 +242,14 @@ const char* HttpServer::reason(int status) {
 }
 
 void HttpServer::run() {
+  // sendfile() has no MSG_NOSIGNAL: a client killed in the middle of a
+  // package would otherwise end the whole test process with SIGPIPE. Blocked
+  // on this thread alone, the signal stays pending here and the call fails
+  // with EPIPE.
+  sigset_t pipe;
+  sigemptyset(&pipe);
+  sigaddset(&pipe, SIGPIPE);
+  pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
   for (;;) {
     pollfd fds[2] = {{wakeRead_, POLLIN, 0}, {listener_.fd(), POLLIN, 0}};
     if (poll(fds, 2, -1) < 0) {
