@@ -67,6 +67,12 @@ std::string firstFailure(const Verdict& verdict) {
 SignatureCheck::SignatureCheck()
     : policy_(policy()), anchorsFolder_(active() ? anchorsFolder() : "") {}
 
+void SignatureCheck::atLeastReport() {
+  if (active()) return;
+  policy_ = settings::kSignaturesReport;
+  anchorsFolder_ = anchorsFolder();
+}
+
 settings::SignaturePolicy SignatureCheck::policy() {
   switch (gPolicy.load(std::memory_order_relaxed)) {
     case WIDGETENGINE_SIGNATURES_OFF:
@@ -123,6 +129,7 @@ Outcome SignatureCheck::check(const std::string& folder) {
   row_.authorSubject = author ? author->signerSubject : "";
   row_.authorFingerprint = author ? author->signerFingerprint : "";
   row_.anchor = author ? author->anchorSubject : "";
+  validAuthor_ = author && author->valid;
   // Subjects and identifiers come from the package: bytes that are not
   // UTF-8 are replaced rather than refused.
   row_.record =

@@ -24,6 +24,11 @@ class SignatureCheck {
   static settings::SignaturePolicy policy();
   static std::string anchorsFolder();
 
+  // Checks as report does when the policy is off: an update of a widget
+  // whose installed version is signed is judged by its signer whatever the
+  // policy. Called before the unpacking starts.
+  void atLeastReport();
+
   // Whether the policy asks for anything at all.
   bool active() const { return policy_ != settings::kSignaturesOff; }
 
@@ -39,12 +44,16 @@ class SignatureCheck {
 
   // What check() found, for the registry.
   const SqlLite3::SignatureRow& row() const { return row_; }
+  // Whether check() found a valid author signature (whose signer is
+  // row().authorSubject, row().authorFingerprint).
+  bool validAuthor() const { return validAuthor_; }
 
  private:
   settings::SignaturePolicy policy_;
   std::string anchorsFolder_;
   FileDigests written_;
   SqlLite3::SignatureRow row_;
+  bool validAuthor_ = false;
 };
 
 #endif  // WIDGETENGINE_SIGNATURECHECK_H_

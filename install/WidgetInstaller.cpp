@@ -480,6 +480,7 @@ int WidgetInstaller::unpackPackage(const std::string& downloadPath,
   // anything of it, config.xml first, is trusted. A package the policy
   // refuses goes as one that could not be unpacked.
   signatures_.reset(new SignatureCheck());
+  if (checkSignatures_) signatures_->atLeastReport();
   extractor->setDigests(signatures_->written());
   std::optional<Outcome> unpackRefusal;
   if (extractor->extract(files) == -1) {

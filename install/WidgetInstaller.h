@@ -82,6 +82,9 @@ class WidgetInstaller {
   // The unpacked folder stays when the installer goes, whatever happened:
   // an update moves it, and removes it itself.
   void keepUnpacked() { keepUnpacked_ = true; }
+  // The package's signatures are checked whatever the policy (as the report
+  // policy checks them), refusing nothing the policy would not refuse.
+  void checkSignatures() { checkSignatures_ = true; }
   // The signature check of the last unpackPackage(), with what it found;
   // null before one ran.
   const SignatureCheck* signatures() const { return signatures_.get(); }
@@ -129,6 +132,7 @@ class WidgetInstaller {
   // unless an update unpacks beside it.
   std::string unpackPath;
   bool keepUnpacked_ = false;
+  bool checkSignatures_ = false;
   // The policy and findings of this installation's signature check, made
   // when the package is unpacked.
   std::unique_ptr<SignatureCheck> signatures_;

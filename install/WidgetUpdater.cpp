@@ -12,11 +12,14 @@
 #include <iostream>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 #include <widgetengine/WidgetEngineExtensions.h>
 
 #include "base/EngineOutput.h"
 #include "base/Refusal.h"
 #include "install/InstallLock.h"
+#include "install/SignatureCheck.h"
 #include "install/WidgetInstaller.h"
 #include "install/WidgetUnInstaller.h"
 #include "registry/SqlLite3.h"
@@ -177,9 +180,19 @@ Outcome WidgetUpdater::update(const WidgetsData& installed) {
   // The live directory is the one the row names, under the root's real
   // path, so that the exchange is made within one folder.
   const std::string live = lock_->root() + lastComponent(storagePath) + "/";
+  // A widget whose installed version has a valid author signature takes
+  // updates from that author only, whatever the policy.
+  Signer signer;
+  if (!installedSigner(&signer)) {
+    const std::string error = database_->lastError();
+    return refuse(Outcome(WIDGETENGINE_REFUSAL_REGISTRY,
+                          "cannot read the widget registry: " + error),
+                  "Cannot read the widget registry: " + error);
+  }
   WidgetInstaller installer(packageURL_);
   installer.setStoragePath(storagePath);
   installer.keepUnpacked();
+  if (!signer.fingerprint.empty()) installer.checkSignatures();
   WidgetsData record;
   record.setSourceURL(installed.getSourceURL());
   record.setName(name_);
@@ -195,9 +208,18 @@ Outcome WidgetUpdater::update(const WidgetsData& installed) {
     return refuse(Outcome(WIDGETENGINE_REFUSAL_NOT_AN_UPDATE, why),
                   "Cannot update " + name_ + ": " + why);
   }
-  // Where signatures are kept with a widget, an update signed by another
-  // author than the installed version is refused here, before any row or
-  // folder changes.
+  const SignatureCheck& signatures = *installer.signatures();
+  if (!signer.fingerprint.empty() &&
+      !(signatures.validAuthor() &&
+        signatures.row().authorFingerprint == signer.fingerprint)) {
+    const std::string why =
+        "another-author: the installed version is signed by " + signer.subject +
+        (signatures.validAuthor()
+             ? ", the package by " + signatures.row().authorSubject
+             : ", the package has no valid author signature");
+    return refuse(Outcome(WIDGETENGINE_REFUSAL_SIGNATURE, why),
+                  "Cannot update " + name_ + ": " + why);
+  }
 
   const int widgetId = installed.getId();
   int64_t fileMark = 0;
@@ -210,6 +232,17 @@ Outcome WidgetUpdater::update(const WidgetsData& installed) {
                   "Cannot write the update to the widget registry: " + error);
   }
   installer.writeLocalizedItems(*database_, widgetId);
+  // The record of the old package's signatures goes with its rows; the new
+  // package's takes its place when it was checked.
+  if (!(signatures.active()
+            ? database_->writeSignatures(widgetId, signatures.row())
+            : database_->forgetSignatures(name_))) {
+    const std::string error = database_->lastError();
+    database_->rollbackJob();
+    return refuse(Outcome(WIDGETENGINE_REFUSAL_REGISTRY,
+                          "cannot write the update to the widget registry: " + error),
+                  "Cannot write the update to the widget registry: " + error);
+  }
   reached(kRowsWritten);
 
   if (!lock_->noteSwitch(widgetId, fileMark, live)) {
@@ -258,6 +291,23 @@ Outcome WidgetUpdater::update(const WidgetsData& installed) {
               << (record.getVersion().empty() ? "(none)" : record.getVersion())
               << std::endl;
   return Outcome();
+}
+
+bool WidgetUpdater::installedSigner(Signer* signer) {
+  std::string kept;
+  const int found = database_->readSignatures(name_, &kept);
+  if (found < 0) return false;
+  if (found < 2) return true;
+  const nlohmann::json record = nlohmann::json::parse(kept, nullptr, false);
+  if (!record.is_object()) return true;
+  const auto author = record.find("author");
+  if (author == record.end() || !author->is_object() ||
+      author->value("valid", false) != true) {
+    return true;
+  }
+  signer->fingerprint = author->value("fingerprint", "");
+  signer->subject = author->value("subject", "");
+  return true;
 }
 
 extern "C" int widgetengine_update_widget(const char* name,

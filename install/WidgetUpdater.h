@@ -51,6 +51,14 @@ class WidgetUpdater {
   Outcome attempt();
   // attempt() once the name's lock is held and the installed widget read.
   Outcome update(const WidgetsData& installed);
+  // The signer of the installed version's valid author signature, as its
+  // record keeps it; empty when there is none. False when the registry
+  // cannot be read.
+  struct Signer {
+    std::string subject;
+    std::string fingerprint;
+  };
+  bool installedSigner(Signer* signer);
   // Prints the line of a refusal and returns it.
   Outcome refuse(Outcome why, const std::string& line);
 

@@ -16,6 +16,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <memory>
 #include <random>
 #include <string>
@@ -27,6 +28,7 @@
 #include "testing/HttpServer.h"
 #include "testing/ScopedEnv.h"
 #include "testing/ScopedTmpfs.h"
+#include "testing/SignedPackage.h"
 #include "testing/TempDir.h"
 #include "testing/WidgetSandbox.h"
 #include "testing/ZipBuilder.h"
@@ -97,6 +99,30 @@ class WidgetUpdaterTest : public WidgetSandbox {
       zip.addFile("fill/" + std::to_string(i) + ".txt",
                   std::string(2000, static_cast<char>('a' + i % 26)) + version);
     return serve(version + "/clock.wgt", zip);
+  }
+
+  // A clock of the given version, unpacked in a folder of that name and
+  // signed as its author by signer (by no one when signer is null); its
+  // address.
+  std::string signedClock(const std::string& folder, const std::string& version,
+                          const TestSigner* signer) {
+    SignedPackage unpacked(dir.file(folder));
+    TempDir::writeFile(unpacked.file("config.xml"),
+                       configXml("<name>Clock " + version + "</name>",
+                                 "version=\"" + version + "\""));
+    TempDir::writeFile(unpacked.file("index.html"), "<p>" + version + "</p>");
+    TempDir::writeFile(unpacked.file("only-" + version + ".txt"), version);
+    EXPECT_EQ(0, mkdir(unpacked.file("locales").c_str(), 0700));
+    EXPECT_EQ(0, mkdir(unpacked.file("locales/fr").c_str(), 0700));
+    TempDir::writeFile(unpacked.file("locales/fr/only-" + version + ".txt"), version);
+    std::vector<std::string> names = {"config.xml", "index.html", "js/app.js",
+                                      "only-" + version + ".txt",
+                                      "locales/fr/only-" + version + ".txt"};
+    if (signer) names.push_back(unpacked.sign(*signer, SignatureMaker::kAuthor));
+    ZipBuilder zip;
+    for (const std::string& name : names)
+      zip.addFile(name, TempDir::readFile(unpacked.file(name)));
+    return serve(folder + "/clock.wgt", zip);
   }
 
   std::string serve(const std::string& path, const ZipBuilder& zip) {
@@ -259,6 +285,76 @@ TEST_F(WidgetUpdaterTest, RefusedPackagesLeaveTheWidgetAsItWas) {
     EXPECT_TRUE(rootHoldsOnly({"tmp", "widget_clock"}));
   }
   widgetengine_set_verify_entries(0);
+}
+
+TEST_F(WidgetUpdaterTest, AnUpdateComesFromTheInstalledVersionsAuthorOnly) {
+  const TestPki& pki = TestPki::get();
+  const std::string anchors = dir.file("anchors");
+  ASSERT_EQ(0, mkdir(anchors.c_str(), 0700));
+  TempDir::writeFile(anchors + "/root.pem", pki.root);
+  ASSERT_EQ(0, chmod((anchors + "/root.pem").c_str(), 0600));
+  widgetengine_set_trust_anchors(anchors.c_str());
+  ASSERT_EQ(0, widgetengine_set_signature_policy(WIDGETENGINE_SIGNATURES_REPORT));
+  const std::string launch = install(signedClock("1.0", "1.0", &pki.author));
+  ASSERT_FALSE(launch.empty());
+  const std::string tree = treeDigest(storage);
+
+  // Whatever the policy now: the installed version's signer decides.
+  ASSERT_EQ(0, widgetengine_set_signature_policy(WIDGETENGINE_SIGNATURES_OFF));
+  struct Case {
+    const char* what;
+    std::string url;
+    std::string reason;
+  } cases[] = {
+      {"another author", signedClock("other", "2.0", &pki.distributor),
+       "another-author: the installed version is signed by " + pki.author.subject +
+           ", the package by " + pki.distributor.subject},
+      {"unsigned", signedClock("unsigned", "2.0", nullptr),
+       "another-author: the installed version is signed by " + pki.author.subject +
+           ", the package has no valid author signature"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    EXPECT_EQ(WIDGETENGINE_REFUSAL_SIGNATURE,
+              widgetengine_update_widget("clock", c.url.c_str()));
+    std::string reason;
+    EXPECT_EQ(WIDGETENGINE_REFUSAL_SIGNATURE, lastRefusal(&reason));
+    EXPECT_EQ(c.reason, reason);
+    EXPECT_EQ(tree, treeDigest(storage));
+    bool whole = false;
+    EXPECT_EQ("1.0", answeredVersion("1.0", "2.0", launch, &whole));
+    EXPECT_TRUE(whole);
+    EXPECT_TRUE(rootHoldsOnly({"tmp", "widget_clock"}));
+  }
+
+  const std::string same = signedClock("same", "2.0", &pki.author);
+  EXPECT_EQ(WIDGETENGINE_REFUSAL_NONE, widgetengine_update_widget("clock", same.c_str()));
+  bool whole = false;
+  EXPECT_EQ("2.0", answeredVersion("1.0", "2.0", launch, &whole));
+  EXPECT_TRUE(whole);
+  // The record is the new package's, checked as report checks.
+  std::unique_ptr<char, decltype(&free)> info(widgetengine_signature_info("clock"), &free);
+  ASSERT_TRUE(info);
+  const nlohmann::json record = nlohmann::json::parse(info.get());
+  EXPECT_EQ("report", record["policy"]);
+  EXPECT_EQ(true, record["valid"]);
+  EXPECT_EQ(pki.author.subject, record["author"]["subject"]);
+  EXPECT_EQ(1, count("SELECT COUNT(*) FROM widgetSignatures"));
+
+  widgetengine_set_signature_policy(WIDGETENGINE_SIGNATURES_DEFAULT);
+  widgetengine_set_trust_anchors(nullptr);
+}
+
+TEST_F(WidgetUpdaterTest, AnUnsignedWidgetTakesAnyUpdateAndForgetsNoRecord) {
+  const std::string launch = install(clock("1.0"));
+  ASSERT_FALSE(launch.empty());
+  const std::string url = signedClock("any", "2.0", &TestPki::get().distributor);
+  EXPECT_EQ(WIDGETENGINE_REFUSAL_NONE, widgetengine_update_widget("clock", url.c_str()));
+  bool whole = false;
+  EXPECT_EQ("2.0", answeredVersion("1.0", "2.0", launch, &whole));
+  EXPECT_TRUE(whole);
+  // The policy is off: nothing was checked, and the registry has no table.
+  EXPECT_EQ(0, count("SELECT COUNT(*) FROM sqlite_master WHERE name='widgetSignatures'"));
 }
 
 TEST_F(WidgetUpdaterTest, NullArgumentsAreRefused) {

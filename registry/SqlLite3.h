@@ -110,6 +110,9 @@ class SqlLite3 {
   // not be read, 0 when no widget has the name, 1 when one has it but
   // nothing was kept, 2 with *record filled.
   int readSignatures(const std::string& name, std::string* record);
+  // Forgets the record kept for the widget called name, inside the running
+  // job; true also when there is none.
+  bool forgetSignatures(const std::string& name);
   // The last full answer a widget's update description gave: what a
   // conditional request sends back, and what a 304 stands for.
   struct UpdateAnswer {

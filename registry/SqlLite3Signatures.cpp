@@ -47,6 +47,13 @@ bool SqlLite3::writeSignatures(int widgetId, const SignatureRow& row) {
   return rc == SQLITE_DONE;
 }
 
+bool SqlLite3::forgetSignatures(const std::string& name) {
+  if (!impl->db || !impl->jobOpen) return false;
+  if (!hasSignaturesTable()) return true;
+  impl->resultCode = runWithName(statements::kDeleteSignaturesByName, name);
+  return impl->resultCode == SQLITE_OK;
+}
+
 int SqlLite3::readSignatures(const std::string& name, std::string* record) {
   if (!impl->db) return -1;
   // One read transaction, so that the table cannot appear or go between
