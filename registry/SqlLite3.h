@@ -61,6 +61,19 @@ class SqlLite3 {
   // Removes the Widgets row called name; the SQLite result code.
   int deleteWidgetByName(const std::string& name);
 
+  // The identity of the installation of the widget called name (see
+  // SqlLite3Installations.cpp); with create, made for an installed widget
+  // that has none yet. Empty when there is none, or it cannot be made.
+  std::string installationToken(const std::string& name, bool create);
+  // Marks name's installation as removed, inside the removal's job; true
+  // when done or when no installation was ever asked for.
+  bool retireInstallation(const std::string& name);
+  // The tokens of removed installations, those of widgets that went
+  // without their removal marking them included.
+  std::vector<std::string> retiredInstallations();
+  // Forgets a removed installation once nothing of it is left.
+  bool forgetInstallation(const std::string& token);
+
   // Groups a job's writes into one transaction. A statement that fails inside
   // still fails alone. endJob() commits; false when nothing was committed
   // (the commit failed, or SQLite had already given the transaction up).

@@ -89,6 +89,34 @@ constexpr const char kDeleteItemsOfRemovedWidgets[] =
     "DELETE FROM localizedItem WHERE widgetID > "
     "(SELECT IFNULL(MAX(id), 0) FROM Widgets)";
 
+// Installations: what stays of a widget across updates in place and is new
+// after removal and a new installation under the same name. The table is
+// made only when a host first asks for an installation's identity; a row
+// whose name is NULL is an installation that was removed and whose web
+// data may still be on disk.
+constexpr const char kCreateInstallations[] =
+    "CREATE TABLE IF NOT EXISTS widgetInstallations("
+    "token TEXT PRIMARY KEY NOT NULL,name TEXT UNIQUE)";
+constexpr const char kHasInstallations[] =
+    "SELECT 1 FROM sqlite_master WHERE type='table' AND "
+    "name='widgetInstallations'";
+constexpr const char kInstallationOfWidget[] =
+    "SELECT token FROM widgetInstallations WHERE name=?1";
+// Only a widget that is installed gets one.
+constexpr const char kInsertInstallation[] =
+    "INSERT INTO widgetInstallations(token,name) "
+    "SELECT ?1,name FROM Widgets WHERE name=?2";
+constexpr const char kRetireInstallation[] =
+    "UPDATE widgetInstallations SET name=NULL WHERE name=?1";
+// Rows whose widget went without its removal retiring them.
+constexpr const char kRetireOrphanInstallations[] =
+    "UPDATE widgetInstallations SET name=NULL WHERE name IS NOT NULL AND "
+    "name NOT IN (SELECT name FROM Widgets WHERE name IS NOT NULL)";
+constexpr const char kRetiredInstallations[] =
+    "SELECT token FROM widgetInstallations WHERE name IS NULL";
+constexpr const char kForgetInstallation[] =
+    "DELETE FROM widgetInstallations WHERE token=?1 AND name IS NULL";
+
 // Reads of whole Widgets rows.
 constexpr const char kSelectAllWidgets[] = "SELECT * FROM Widgets";
 constexpr const char kSelectWidgetsByName[] =
