@@ -150,9 +150,9 @@ TEST_F(WidgetDataTest, AnotherWidgetOfTheSameNameFindsNothingAfterRemoval) {
   EXPECT_NE(data, folder(WIDGETENGINE_WEB_DATA));
 }
 
-// What an update in place does to the registry: the widget's rows are
-// replaced (here under a new id, with a new version) and its files with
-// them, in one transaction; the installation's row is left as it is.
+// What an update in place does to the registry: the widget keeps its
+// Widgets row, whose columns take the new package's values, and its file
+// rows are written again, in one transaction, while its files change.
 TEST_F(WidgetDataTest, UpdateInPlaceKeepsTheData) {
   installWithEngine(notesPackage("first secret"));
   ASSERT_EQ("null", showNotes().value("storage", ""));
@@ -162,15 +162,12 @@ TEST_F(WidgetDataTest, UpdateInPlaceKeepsTheData) {
   sqlite3* db = nullptr;
   ASSERT_EQ(SQLITE_OK, sqlite3_open((conf + "widget.db").c_str(), &db));
   const char* const update =
-      "BEGIN IMMEDIATE;"
-      "CREATE TEMP TABLE old AS SELECT * FROM Widgets WHERE name='notes';"
-      "DELETE FROM Widgets WHERE name='notes';"
-      "UPDATE old SET id=id+100, version='2.0';"
-      "INSERT INTO Widgets SELECT * FROM old;"
-      "UPDATE widgetFiles SET widgetID=widgetID+100 WHERE widgetID="
-      "(SELECT id-100 FROM old);"
-      "UPDATE localizedItem SET widgetID=widgetID+100 WHERE widgetID="
-      "(SELECT id-100 FROM old);"
+      "BEGIN EXCLUSIVE;"
+      "UPDATE Widgets SET version='2.0' WHERE name='notes';"
+      "CREATE TEMP TABLE files AS SELECT widgetID, path FROM widgetFiles "
+      "WHERE widgetID=(SELECT id FROM Widgets WHERE name='notes');"
+      "DELETE FROM widgetFiles WHERE widgetID=(SELECT widgetID FROM files);"
+      "INSERT INTO widgetFiles(widgetID, path) SELECT * FROM files;"
       "COMMIT;";
   EXPECT_EQ(SQLITE_OK, sqlite3_exec(db, update, nullptr, nullptr, nullptr))
       << sqlite3_errmsg(db);

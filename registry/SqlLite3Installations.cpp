@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// The registry's record of installations. A widget keeps its name across an
-// update in place, and so its row here and its token; a removal retires the
-// row in the same transaction as the widget's own, so that a later widget of
-// the same name, from anywhere, gets a token of its own, and with it none of
-// the first one's web data. Retired rows stay until the data is gone
+// The registry's record of installations. An update in place keeps the
+// widget's row, and so its token; a removal deletes the row, which retires
+// the token in the same statement (a trigger), so that a later widget of the
+// same name, from anywhere, gets a token of its own, and with it none of the
+// first one's web data. Retired rows stay until the data is gone
 // (install/WebData.cpp).
 #include "registry/SqlLite3.h"
 
@@ -77,9 +77,11 @@ std::string SqlLite3::installationToken(const std::string& name, bool create) {
   if (!create) return token;
   // The write lock first: two hosts asking at once get the same token.
   if (!beginWriteJob()) return std::string();
-  bool ok = succeeded(runStatement(impl->db, statements::kCreateInstallations, {})) &&
-            succeeded(runStatement(impl->db,
-                                   statements::kRetireOrphanInstallations, {}));
+  bool ok = true;
+  for (const char* sql : {statements::kCreateInstallations,
+                          statements::kCreateInstallationsTrigger,
+                          statements::kRetireOrphanInstallations})
+    ok = ok && succeeded(runStatement(impl->db, sql, {}));
   if (ok && runStatement(impl->db, statements::kInstallationOfWidget, {&name},
                          &token) != SQLITE_ROW) {
     token = randomToken();
@@ -93,15 +95,6 @@ std::string SqlLite3::installationToken(const std::string& name, bool create) {
     return std::string();
   }
   return endJob() ? token : std::string();
-}
-
-bool SqlLite3::retireInstallation(const std::string& name) {
-  PublishOnExit<Impl> publish(impl.get());
-  if (!impl->db) return false;
-  if (runStatement(impl->db, statements::kHasInstallations, {}) != SQLITE_ROW)
-    return true;
-  return succeeded(
-      runStatement(impl->db, statements::kRetireInstallation, {&name}));
 }
 
 std::vector<std::string> SqlLite3::retiredInstallations() {

@@ -89,14 +89,20 @@ constexpr const char kDeleteItemsOfRemovedWidgets[] =
     "DELETE FROM localizedItem WHERE widgetID > "
     "(SELECT IFNULL(MAX(id), 0) FROM Widgets)";
 
-// Installations: what stays of a widget across updates in place and is new
-// after removal and a new installation under the same name. The table is
-// made only when a host first asks for an installation's identity; a row
-// whose name is NULL is an installation that was removed and whose web
-// data may still be on disk.
+// Installations: what stays of a widget across updates in place (which
+// keep its Widgets row) and is new after removal and a new installation
+// under the same name. The table is made only when a host first asks for an
+// installation's identity; a row whose name is NULL is an installation that
+// was removed and whose web data may still be on disk. Whatever deletes a
+// Widgets row (a removal, in any process, of any version of the engine)
+// retires its installation in the same statement.
 constexpr const char kCreateInstallations[] =
     "CREATE TABLE IF NOT EXISTS widgetInstallations("
     "token TEXT PRIMARY KEY NOT NULL,name TEXT UNIQUE)";
+constexpr const char kCreateInstallationsTrigger[] =
+    "CREATE TRIGGER IF NOT EXISTS widgetInstallations_retire "
+    "AFTER DELETE ON Widgets BEGIN "
+    "UPDATE widgetInstallations SET name=NULL WHERE name=old.name; END";
 constexpr const char kHasInstallations[] =
     "SELECT 1 FROM sqlite_master WHERE type='table' AND "
     "name='widgetInstallations'";
@@ -106,9 +112,8 @@ constexpr const char kInstallationOfWidget[] =
 constexpr const char kInsertInstallation[] =
     "INSERT INTO widgetInstallations(token,name) "
     "SELECT ?1,name FROM Widgets WHERE name=?2";
-constexpr const char kRetireInstallation[] =
-    "UPDATE widgetInstallations SET name=NULL WHERE name=?1";
-// Rows whose widget went without its removal retiring them.
+// Rows whose widget went before the trigger was there (a registry restored
+// from an older copy, say).
 constexpr const char kRetireOrphanInstallations[] =
     "UPDATE widgetInstallations SET name=NULL WHERE name IS NOT NULL AND "
     "name NOT IN (SELECT name FROM Widgets WHERE name IS NOT NULL)";
