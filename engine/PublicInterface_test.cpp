@@ -248,6 +248,9 @@ TEST_F(PublicInterfaceTest, LibraryExportsOnlyTheEngineInterface) {
       "widgetengine_accept_language",
       "widgetengine_set_progress_callback",
       "widgetengine_set_verify_entries",
+      "widgetengine_installation_id",
+      "widgetengine_web_data_folder",
+      "widgetengine_sweep_web_data",
   };
   // The calls exported for the tools built from this tree
   // (base/ToolsExport.h), by the name before their parameters. A new one is
