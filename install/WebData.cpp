@@ -151,7 +151,7 @@ bool WebData::remove(const std::string& token, bool* removed,
   return data && cache;
 }
 
-int WebData::sweep(SqlLite3& database) {
+int WebData::sweep(SqlLite3& database, bool forget) {
   int forgotten = 0;
   for (const std::string& token : database.retiredInstallations()) {
     bool removed = false;
@@ -161,7 +161,7 @@ int WebData::sweep(SqlLite3& database) {
                     << reason << std::endl;
       continue;
     }
-    if (!removed && database.forgetInstallation(token)) ++forgotten;
+    if (forget && !removed && database.forgetInstallation(token)) ++forgotten;
   }
   return forgotten;
 }
@@ -222,7 +222,7 @@ extern "C" int widgetengine_sweep_web_data(void) {
     if (stat(SqlLite3::databasePath().c_str(), &status) != 0) return 0;
     SqlLite3 database;
     if (!database.isOpen()) return -1;
-    return WebData::sweep(database);
+    return WebData::sweep(database, true);
   } catch (const std::bad_alloc&) {
     return -1;
   }

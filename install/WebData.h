@@ -36,11 +36,14 @@ class WebData {
                      std::string* reason);
 
   // Removes the folders of every installation the registry holds as
-  // removed, and forgets an installation once its folders were found gone:
-  // a browser that still showed it may have written them again meanwhile,
-  // and the next sweep takes that too. The number of installations
-  // forgotten; a line for each folder that could not be removed.
-  static int sweep(SqlLite3& database);
+  // removed. With forget, an installation whose folders were found already
+  // gone is forgotten: a browser that still showed it may have written them
+  // again after an earlier sweep, and this one took that too. A removal
+  // does not forget: the user who removes a widget need not be the one who
+  // showed it, whose next browser still has to find the installation. The
+  // number of installations forgotten; a line for each folder that could
+  // not be removed.
+  static int sweep(SqlLite3& database, bool forget);
 
   // Whether text is a token: 32 lower-case hex digits.
   static bool isToken(const std::string& text);

@@ -192,7 +192,7 @@ Outcome WidgetUnInstaller::attempt() {
   // Deleting the row retired the widget's installation, if a host ever
   // asked for one. The widget is gone whatever becomes of its web data; a
   // folder that cannot go now is said, and taken by a later sweep.
-  WebData::sweep(*database);
+  WebData::sweep(*database, false);
   return Outcome();
 }
 
