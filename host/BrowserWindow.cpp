@@ -45,8 +45,9 @@ BrowserWindow::BrowserWindow(WebWidgetEngineDelegate* engine,
 // keep their data in its installation's folders, which WebKit takes only
 // when the context is made.
 void BrowserWindow::build(WebKitWebsiteDataManager* data) {
-  context_ = data != nullptr ? webkit_web_context_new_with_website_data_manager(data)
-                             : webkit_web_context_new();
+  context_ = data != nullptr
+                 ? webkit_web_context_new_with_website_data_manager(data)
+                 : webkit_web_context_new();
   scheme_.registerWith(context_);
   // Widgets fetch their own files with fetch and XHR: same-origin requests
   // of the scheme must be allowed, as they are for http.

@@ -15,6 +15,7 @@
 
 #include "host/WidgetBrowserTest.h"
 #include "testing/ScopedEnv.h"
+#include "testing/WebDataFolder.h"
 
 namespace {
 
@@ -84,17 +85,7 @@ class WidgetDataTest : public WidgetBrowserTest {
   }
 
   // The installation's folders as the engine names them.
-  std::string folder(int kind) {
-    char* path = widgetengine_web_data_folder("notes", kind);
-    const std::string result = path ? path : "";
-    free(path);
-    return result;
-  }
-
-  static bool exists(const std::string& path) {
-    struct stat status;
-    return lstat(path.c_str(), &status) == 0;
-  }
+  static std::string folder(int kind) { return webdatatest::folder("notes", kind); }
 
   std::string dataPlace() const {
     return dir.path() + "/home/data/widgetengine/web-data/";
@@ -136,8 +127,8 @@ TEST_F(WidgetDataTest, AnotherWidgetOfTheSameNameFindsNothingAfterRemoval) {
         WidgetEngineDelegate::createInstance();
     ASSERT_EQ(1, engine->deleteWidget("notes", nullptr));
   }
-  EXPECT_FALSE(exists(data)) << data;
-  EXPECT_FALSE(exists(cache)) << cache;
+  EXPECT_FALSE(TempDir::exists(data)) << data;
+  EXPECT_FALSE(TempDir::exists(cache)) << cache;
 
   second.serveFile("/notes.wgt", notesPackage("second secret"));
   Browse stranger =
@@ -194,8 +185,8 @@ TEST_F(WidgetDataTest, RemovalByWidgetctlDeletesTheDataFolders) {
   showNotes();
   const std::string data = folder(WIDGETENGINE_WEB_DATA);
   const std::string cache = folder(WIDGETENGINE_WEB_CACHE);
-  ASSERT_TRUE(exists(data)) << data;
-  ASSERT_TRUE(exists(cache)) << cache;
+  ASSERT_TRUE(TempDir::exists(data)) << data;
+  ASSERT_TRUE(TempDir::exists(cache)) << cache;
 
   ChildProcess widgetctl;
   ASSERT_TRUE(widgetctl.start({WIDGETENGINE_BINARY_DIR "/widgetctl", "remove",
@@ -204,8 +195,8 @@ TEST_F(WidgetDataTest, RemovalByWidgetctlDeletesTheDataFolders) {
   ASSERT_TRUE(WIFEXITED(widgetctl.status())) << widgetctl.err();
   EXPECT_EQ(0, WEXITSTATUS(widgetctl.status()))
       << widgetctl.out() << widgetctl.err();
-  EXPECT_FALSE(exists(data)) << data;
-  EXPECT_FALSE(exists(cache)) << cache;
+  EXPECT_FALSE(TempDir::exists(data)) << data;
+  EXPECT_FALSE(TempDir::exists(cache)) << cache;
   // Nothing else of the place is touched.
   EXPECT_TRUE(TempDir::isDirectory(dataPlace()));
 }
@@ -217,7 +208,7 @@ TEST_F(WidgetDataTest, BrowserDeletesTheDataOfWidgetsGoneMeanwhile) {
   installWithEngine(notesPackage("first secret"));
   showNotes();
   const std::string data = folder(WIDGETENGINE_WEB_DATA);
-  ASSERT_TRUE(exists(data)) << data;
+  ASSERT_TRUE(TempDir::exists(data)) << data;
   ASSERT_EQ(1, count("SELECT COUNT(*) FROM widgetInstallations "
                      "WHERE name='notes'"));
   // Another installation's folder, which no registry of this test knows,
@@ -235,8 +226,8 @@ TEST_F(WidgetDataTest, BrowserDeletesTheDataOfWidgetsGoneMeanwhile) {
   TempDir::writeFile(plain, "<!DOCTYPE html><title>plain</title>");
   Browse run = browse({"--exit-after-load", "file://" + plain});
   EXPECT_EQ(0, run.status) << run.out << run.err;
-  EXPECT_FALSE(exists(data)) << data;
-  EXPECT_TRUE(exists(stranger));
+  EXPECT_FALSE(TempDir::exists(data)) << data;
+  EXPECT_TRUE(TempDir::exists(stranger));
   // Found gone, the installation is forgotten.
   EXPECT_EQ(0, count("SELECT COUNT(*) FROM widgetInstallations"));
 }

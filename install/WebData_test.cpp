@@ -9,7 +9,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <string>
 
 #include <widgetengine/WidgetEngineExtensions.h>
@@ -19,6 +18,10 @@
 #include "testing/CaptureStdout.h"
 #include "testing/ScopedEnv.h"
 #include "testing/TempDir.h"
+#include "testing/WebDataFolder.h"
+
+using webdatatest::folder;
+using webdatatest::installationId;
 
 namespace {
 
@@ -46,19 +49,6 @@ class WebDataTest : public ::testing::Test {
     ASSERT_LT(0, db.insertWidget(&widget));
   }
 
-  // The folder of kind the engine gives name; "" for none.
-  static std::string folder(const char* name, int kind) {
-    char* path = widgetengine_web_data_folder(name, kind);
-    const std::string result = path ? path : "";
-    free(path);
-    return result;
-  }
-
-  static bool exists(const std::string& path) {
-    struct stat status;
-    return lstat(path.c_str(), &status) == 0;
-  }
-
   static mode_t mode(const std::string& path) {
     struct stat status;
     return lstat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
@@ -82,10 +72,7 @@ class WebDataTest : public ::testing::Test {
 
 TEST_F(WebDataTest, FoldersAreMadeForTheUserAloneUnderTheXdgHomes) {
   addWidget("notes");
-  char* id = widgetengine_installation_id("notes");
-  ASSERT_NE(nullptr, id);
-  const std::string token = id;
-  free(id);
+  const std::string token = installationId("notes");
   EXPECT_TRUE(WebData::isToken(token)) << token;
 
   const std::string data = folder("notes", WIDGETENGINE_WEB_DATA);
@@ -149,10 +136,7 @@ TEST_F(WebDataTest, PlaceThatAnotherUserCouldWriteIsRefusedWithAReason) {
 
 TEST_F(WebDataTest, LinkInAFoldersPlaceIsRefusedAndRemovedAlone) {
   addWidget("notes");
-  char* id = widgetengine_installation_id("notes");
-  ASSERT_NE(nullptr, id);
-  const std::string token = id;
-  free(id);
+  const std::string token = installationId("notes");
   ASSERT_NE("", folder("notes", WIDGETENGINE_WEB_DATA));
   const std::string target = dir_.path() + "/elsewhere";
   ASSERT_EQ(0, mkdir(target.c_str(), 0700));
@@ -170,8 +154,8 @@ TEST_F(WebDataTest, LinkInAFoldersPlaceIsRefusedAndRemovedAlone) {
   std::string reason;
   EXPECT_TRUE(WebData::remove(token, &removed, &reason)) << reason;
   EXPECT_TRUE(removed);
-  EXPECT_FALSE(exists(place("data") + token));
-  EXPECT_FALSE(exists(place("cache") + token));
+  EXPECT_FALSE(TempDir::exists(place("data") + token));
+  EXPECT_FALSE(TempDir::exists(place("cache") + token));
   EXPECT_EQ("kept", TempDir::readFile(target + "/keep"));
   // Nothing left to remove.
   EXPECT_TRUE(WebData::remove(token, &removed, &reason)) << reason;
@@ -196,8 +180,8 @@ TEST_F(WebDataTest, RemovalTakesTheFoldersAndTheNextSweepForgetsThem) {
 
   WidgetUnInstaller uninstaller("notes");
   EXPECT_EQ(1, uninstaller.run());
-  EXPECT_FALSE(exists(data)) << data;
-  EXPECT_FALSE(exists(cache)) << cache;
+  EXPECT_FALSE(TempDir::exists(data)) << data;
+  EXPECT_FALSE(TempDir::exists(cache)) << cache;
   EXPECT_TRUE(TempDir::isDirectory(kept)) << kept;
   EXPECT_EQ("outside", TempDir::readFile(dir_.path() + "/outside"));
 
@@ -227,7 +211,7 @@ TEST_F(WebDataTest, RemovalForAHostThatNeverAskedIsAsBefore) {
                 "widget_notes/\nDelete OK !!!\nDelete from database ...\n"
                 "Delete OK !!!\n",
             lines.substr(0, lines.find("Nothing to clean")));
-  EXPECT_FALSE(exists(dir_.path() + "/data"));
+  EXPECT_FALSE(TempDir::exists(dir_.path() + "/data"));
   SqlLite3 db;
   EXPECT_EQ("", db.installationToken("notes", false));
   EXPECT_TRUE(db.retiredInstallations().empty());
@@ -236,5 +220,5 @@ TEST_F(WebDataTest, RemovalForAHostThatNeverAskedIsAsBefore) {
 TEST_F(WebDataTest, SweepWithoutARegistryMakesNone) {
   ScopedEnv elsewhere("YRA_DATA_PATH", dir_.path() + "/none/");
   EXPECT_EQ(0, widgetengine_sweep_web_data());
-  EXPECT_FALSE(exists(dir_.path() + "/none/widget.db"));
+  EXPECT_FALSE(TempDir::exists(dir_.path() + "/none/widget.db"));
 }

@@ -65,8 +65,7 @@ class SqlLite3 {
   // SqlLite3Installations.cpp); with create, made for an installed widget
   // that has none yet. Empty when there is none, or it cannot be made.
   std::string installationToken(const std::string& name, bool create);
-  // The tokens of removed installations, those of widgets that went
-  // without their removal marking them included.
+  // The tokens of installations whose widget is gone.
   std::vector<std::string> retiredInstallations();
   // Forgets a removed installation once nothing of it is left.
   bool forgetInstallation(const std::string& token);
