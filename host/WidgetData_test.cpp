@@ -75,9 +75,11 @@ class WidgetDataTest : public WidgetBrowserTest {
     return widgetPackage("notes", "", {{"index.html", notesPage(secret)}});
   }
 
-  // Shows the installed notes; what its page found.
-  nlohmann::json showNotes() {
-    Browse run = browse({"--exit-after-load", "widget://notes/index.html"},
+  // Opens address (a package to install, or the installed notes); what the
+  // notes page found.
+  nlohmann::json showNotes(
+      const std::string& address = "widget://notes/index.html") {
+    Browse run = browse({"--exit-after-load", address},
                         {{"WIDGET_BROWSER_STEPS", "wait:#done"}});
     EXPECT_EQ(0, run.status) << run.out << run.err;
     EXPECT_EQ("widget://notes/index.html", url(run)) << run.out << run.err;
@@ -102,13 +104,9 @@ TEST_F(WidgetDataTest, AnotherWidgetOfTheSameNameFindsNothingAfterRemoval) {
   HttpServer first;
   HttpServer second;  // another address
   first.serveFile("/notes.wgt", notesPackage("first secret"));
-  Browse installed =
-      browse({"--exit-after-load", first.url("/notes.wgt")},
-             {{"WIDGET_BROWSER_STEPS", "wait:#done"}});
-  ASSERT_EQ(0, installed.status) << installed.out << installed.err;
-  EXPECT_EQ("null", results(installed).value("storage", "")) << text(installed);
-  EXPECT_EQ("undefined", results(installed).value("record", ""))
-      << text(installed);
+  const nlohmann::json installed = showNotes(first.url("/notes.wgt"));
+  EXPECT_EQ("null", installed.value("storage", ""));
+  EXPECT_EQ("undefined", installed.value("record", ""));
 
   // The data is kept from one start to the next, in the installation's
   // folders and not elsewhere.
@@ -131,13 +129,9 @@ TEST_F(WidgetDataTest, AnotherWidgetOfTheSameNameFindsNothingAfterRemoval) {
   EXPECT_FALSE(TempDir::exists(cache)) << cache;
 
   second.serveFile("/notes.wgt", notesPackage("second secret"));
-  Browse stranger =
-      browse({"--exit-after-load", second.url("/notes.wgt")},
-             {{"WIDGET_BROWSER_STEPS", "wait:#done"}});
-  ASSERT_EQ(0, stranger.status) << stranger.out << stranger.err;
-  EXPECT_EQ("null", results(stranger).value("storage", "")) << text(stranger);
-  EXPECT_EQ("undefined", results(stranger).value("record", ""))
-      << text(stranger);
+  const nlohmann::json stranger = showNotes(second.url("/notes.wgt"));
+  EXPECT_EQ("null", stranger.value("storage", ""));
+  EXPECT_EQ("undefined", stranger.value("record", ""));
   EXPECT_NE(data, folder(WIDGETENGINE_WEB_DATA));
 }
 
