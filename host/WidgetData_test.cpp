@@ -119,6 +119,8 @@ TEST_F(WidgetDataTest, AnotherWidgetOfTheSameNameFindsNothingAfterRemoval) {
   EXPECT_EQ(0u, cache.find(dir.path() + "/home/cache/widgetengine/web-data/"))
       << cache;
   EXPECT_NE("", filesNamed(data, {""})) << data;
+  // Cookies too: their store is the installation's.
+  EXPECT_TRUE(TempDir::exists(data + "cookies.sqlite")) << data;
   // WebKit's own folders of the program, shared by every page it shows,
   // were never made.
   EXPECT_FALSE(TempDir::exists(dir.path() + "/home/data/widget-browser"));
