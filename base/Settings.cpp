@@ -49,6 +49,24 @@ std::string registryDirectory() {
   return environment::path("YRA_DATA_PATH").value_or(WIDGETENGINE_DATABASE_DIR);
 }
 
+namespace {
+
+// A relative value is to be ignored, the rules say: it would name another
+// folder in each working directory.
+std::string userHome(const char* variable, const char* underHome) {
+  const std::string value = environment::text(variable, "");
+  if (!value.empty() && value[0] == '/') return value;
+  const std::string home = environment::text("HOME", "");
+  if (home.empty() || home[0] != '/') return std::string();
+  return home + underHome;
+}
+
+}  // namespace
+
+std::string userDataHome() { return userHome("XDG_DATA_HOME", "/.local/share"); }
+
+std::string userCacheHome() { return userHome("XDG_CACHE_HOME", "/.cache"); }
+
 long stallSeconds() {
   return environment::seconds("WIDGETENGINE_STALL_SECONDS", kStallSeconds);
 }

@@ -39,6 +39,13 @@ extern const char* const kBuiltInWidgetRoot;
 // else the built-in folder. Neither path gets a "/" added.
 std::string registryDirectory();
 
+// The user's folders for data and for caches, by the XDG base directory
+// rules: XDG_DATA_HOME (XDG_CACHE_HOME) when it is an absolute path, else
+// $HOME/.local/share ($HOME/.cache); empty when neither can be told. Read at
+// each call. Widgets' web data lives below them (install/WebData.h).
+std::string userDataHome();
+std::string userCacheHome();
+
 // How long a download may receive nothing before it fails.
 long stallSeconds();
 

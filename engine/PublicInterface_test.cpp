@@ -255,6 +255,9 @@ TEST_F(PublicInterfaceTest, LibraryExportsOnlyTheEngineInterface) {
       "widgetengine_check_update",
       "widgetengine_check_updates",
       "widgetengine_update_widget",
+      "widgetengine_installation_id",
+      "widgetengine_web_data_folder",
+      "widgetengine_sweep_web_data",
   };
   // The tools' facade (engine/ToolsFacade.h), the one surface exported for
   // the tools built from this tree, by the name before its parameters. A

@@ -4,7 +4,8 @@
  * under the host's control, tell why the last installation or removal was
  * refused, turn a browser's Accept-Language header into the engine's language
  * list and report an installation's progress. A host that uses none of them
- * sees the engine exactly as before. */
+ * sees the engine exactly as before. They also tell where a host keeps a
+ * widget's web data. */
 #ifndef WIDGETENGINE_WIDGETENGINEEXTENSIONS_H_
 #define WIDGETENGINE_WIDGETENGINEEXTENSIONS_H_
 
@@ -206,6 +207,7 @@ WIDGETENGINE_EXPORT char* widgetengine_check_update(const char* name,
  * so that a fleet started by one clock spreads its requests. Null when the
  * registry cannot be read or memory runs out. */
 WIDGETENGINE_EXPORT char* widgetengine_check_updates(const char* languages);
+
 /* ---- Updates in place ------------------------------------------------- */
 
 /* Replaces the installed widget called name with the package at packageUrl
@@ -225,6 +227,40 @@ WIDGETENGINE_EXPORT char* widgetengine_check_updates(const char* languages);
  * code, which widgetengine_last_refusal() then gives with its reason. */
 WIDGETENGINE_EXPORT int widgetengine_update_widget(const char* name,
                                                    const char* packageUrl);
+
+/* ---- A widget's web data ---------------------------------------------- */
+
+/* The identity of the installation of the widget called name: 32 lower-case
+ * hex digits, the same at every call for as long as the widget stays
+ * installed (an update in place keeps it), and a new one once it has been
+ * removed and a widget of that name installed again. Made when first asked,
+ * in a registry table of its own (a host that never asks has none). Null
+ * when no widget of that name is installed, or the registry cannot be
+ * written. The caller releases it with free(). */
+WIDGETENGINE_EXPORT char* widgetengine_installation_id(const char* name);
+
+/* Kinds of widgetengine_web_data_folder(). */
+#define WIDGETENGINE_WEB_DATA 1  /* local storage, IndexedDB, cookies... */
+#define WIDGETENGINE_WEB_CACHE 2 /* what may be fetched again */
+
+/* The folder, ending with "/", where a host keeps the web data of kind of
+ * the installation of name: $XDG_DATA_HOME/widgetengine/web-data/ID/ and
+ * $XDG_CACHE_HOME/widgetengine/web-data/ID/ ($HOME/.local/share and
+ * $HOME/.cache when those are not set), ID being its installation's
+ * identity. Both are made for the calling user alone (0700) when missing;
+ * one that another user owns or can write, or a link, is refused. They go
+ * with the widget: deleteWidget() removes the folders of the user who
+ * removes it, widgetengine_sweep_web_data() any left. Null, with a line that
+ * says why, when there is no such widget or the folders cannot be had. The
+ * caller releases it with free(). */
+WIDGETENGINE_EXPORT char* widgetengine_web_data_folder(const char* name,
+                                                       int kind);
+
+/* Removes the calling user's web data folders of removed installations
+ * (a widget removed by another process, a removal that could not finish
+ * its folders); the number of installations of which nothing is left now,
+ * or -1 when the registry cannot be opened. */
+WIDGETENGINE_EXPORT int widgetengine_sweep_web_data(void);
 
 #ifdef __cplusplus
 }

@@ -12,6 +12,7 @@
 #include <widgetengine/WidgetsData.h>
 
 #include "host/RefusalLines.h"
+#include "host/WidgetData.h"
 
 namespace {
 
@@ -38,8 +39,15 @@ BrowserWindow::BrowserWindow(WebWidgetEngineDelegate* engine,
     : engine_(engine),
       options_(std::move(options)),
       mapper_(options_.mapping ? engine : nullptr, options_.language),
-      scheme_(mapper_) {
-  context_ = webkit_web_context_new();
+      scheme_(mapper_) {}
+
+// The view is made once the window knows what it shows: a widget's pages
+// keep their data in its installation's folders, which WebKit takes only
+// when the context is made.
+void BrowserWindow::build(WebKitWebsiteDataManager* data) {
+  context_ = data != nullptr
+                 ? webkit_web_context_new_with_website_data_manager(data)
+                 : webkit_web_context_new();
   scheme_.registerWith(context_);
   // Widgets fetch their own files with fetch and XHR: same-origin requests
   // of the scheme must be allowed, as they are for http.
@@ -89,6 +97,7 @@ BrowserWindow::BrowserWindow(WebWidgetEngineDelegate* engine,
           options_.automation.repeat > 0);
   PageDriver::Window* driven = this;
   driver_ = std::make_unique<PageDriver>(driven, view_, options_.automation);
+  if (firstFrameFrom_) driver_->measureFirstFrameFrom(*firstFrameFrom_);
 
   window_ = gtk_window_new(GTK_WINDOW_TOPLEVEL);
   gtk_window_set_default_size(GTK_WINDOW(window_), options_.width,
@@ -110,6 +119,7 @@ BrowserWindow::~BrowserWindow() {
     g_signal_handlers_disconnect_by_data(view_, this);
     gtk_widget_destroy(window_);
   }
+  if (context_ == nullptr) return;
   g_signal_handlers_disconnect_by_data(context_, this);
   g_object_unref(context_);
 }
@@ -129,12 +139,19 @@ void BrowserWindow::onInitializeExtensions(WebKitWebContext* context,
 
 void BrowserWindow::open(const std::string& url) {
   std::string address = url;
-  if (!scheme_.bound() && bindToWidget(url, &address)) {
-    updateTitle();
-    if (!network_.confine(context_, webkit_web_view_get_settings(view_),
-                          scheme_.policy(), options_.gate)) {
-      finish(1);
-      return;
+  if (context_ == nullptr) {
+    if (!bindToWidget(url, &address)) {
+      build(nullptr);
+    } else {
+      WebKitWebsiteDataManager* data = WidgetData::managerFor(widgetName_);
+      build(data);
+      g_object_unref(data);
+      updateTitle();
+      if (!network_.confine(context_, webkit_web_view_get_settings(view_),
+                            scheme_.policy(), options_.gate)) {
+        finish(1);
+        return;
+      }
     }
   }
   url_ = address;
@@ -179,6 +196,7 @@ bool BrowserWindow::bindToWidget(const std::string& url, std::string* address) {
     delete widget;
   }
   if (name.empty()) return false;
+  widgetName_ = name;
   scheme_.bind(name, storage);
   if (authority.empty()) {
     // The query and fragment of the address stay as they were.
@@ -198,6 +216,7 @@ bool BrowserWindow::bindToWidget(const std::string& url, std::string* address) {
 
 void BrowserWindow::showRefusal(const std::string& url,
                                 const std::string& engineLines) {
+  if (context_ == nullptr) build(nullptr);
   refusal_ = true;
   driver_->loadRequested();
   char* where = g_markup_escape_text(url.c_str(), -1);

@@ -9,7 +9,9 @@
 #include <gtk/gtk.h>
 #include <webkit2/webkit2.h>
 
+#include <chrono>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include <widgetengine/WebWidgetEngineDelegate.h>
@@ -56,8 +58,11 @@ class BrowserWindow : private PageDriver::Window {
   // exitAfterLoad); the process's exit status.
   int run();
 
-  // What the tests and benchmarks drive the window with.
-  PageDriver& driver() { return *driver_; }
+  // Once the first page has loaded and a frame of it has been rendered,
+  // prints the milliseconds since start (a benchmark's hook).
+  void measureFirstFrameFrom(std::chrono::steady_clock::time_point start) {
+    firstFrameFrom_ = start;
+  }
 
  private:
   static gboolean onDecidePolicy(WebKitWebView*, WebKitPolicyDecision*,
@@ -71,6 +76,7 @@ class BrowserWindow : private PageDriver::Window {
   static void onSnapshot(GObject*, GAsyncResult*, gpointer self);
   static gboolean onTimeout(gpointer self);
 
+  void build(WebKitWebsiteDataManager* data);
   bool bindToWidget(const std::string& url, std::string* address);
   void refuseNavigation(WebKitPolicyDecision* decision, const std::string& url,
                         const char* why, bool loadStarted);
@@ -97,6 +103,7 @@ class BrowserWindow : private PageDriver::Window {
   std::string redirectedTo_;     // the localized document being loaded
   WidgetScheme scheme_;
   WidgetNetwork network_;        // the widget's only way out
+  std::string widgetName_;       // the widget shown, once bound
   std::string widgetTitle_;      // the localized name of the widget shown
   bool redirectPending_ = false;  // an ignored navigation is replaced
   bool navigationRefused_ = false;  // a started load was refused
@@ -109,6 +116,7 @@ class BrowserWindow : private PageDriver::Window {
   std::string widgetShown_;      // the widget's document shown last
   std::unique_ptr<PageRequests> requests_;  // dialogs and permissions
   std::unique_ptr<PageDriver> driver_;
+  std::optional<std::chrono::steady_clock::time_point> firstFrameFrom_;
 };
 
 #endif  // WIDGETENGINE_HOST_BROWSERWINDOW_H_

@@ -238,34 +238,42 @@ int main(int argc, char** argv) {
   // The engine reads YRA_DATA_PATH and WIDGET_PATH itself; the browser only
   // passes them on to its web processes (BrowserWindow.cpp).
   RefPtr<WebWidgetEngineDelegate> engine = WidgetEngineDelegate::createInstance();
-  BrowserWindow window(engine.get(), options);
+  // The web data of widgets that another host removed goes now; the window's
+  // own widget keeps its data in folders of its installation (WidgetData).
+  widgetengine_sweep_web_data();
+  int status = 0;
+  {
+    BrowserWindow window(engine.get(), options);
 
-  if (engine->isWidget(ResourceMapper::engineAddress(url).c_str()) == 1 ||
-      !looksLikePackage(url)) {
-    window.open(url);
-  } else {
-    const auto start = std::chrono::steady_clock::now();
-    // The engine's lines are caught here to be shown in the page if it
-    // refuses the package, and passed on to standard output.
-    OutputCapture capture(STDOUT_FILENO);
-    char* launch = engine->receiveWidget(url.c_str(), nullptr);
-    const std::string lines = capture.finish();
-    if (timing) {
-      printf("receive-ms: %.3f\n",
-             std::chrono::duration<double, std::milli>(
-                 std::chrono::steady_clock::now() - start)
-                 .count());
-      fflush(stdout);
-      window.driver().measureFirstFrameFrom(start);
-    }
-    if (launch == nullptr) {
-      window.showRefusal(url, lines);
+    if (engine->isWidget(ResourceMapper::engineAddress(url).c_str()) == 1 ||
+        !looksLikePackage(url)) {
+      window.open(url);
     } else {
-      window.open(launch);
-      free(launch);
+      const auto start = std::chrono::steady_clock::now();
+      // The engine's lines are caught here to be shown in the page if it
+      // refuses the package, and passed on to standard output.
+      OutputCapture capture(STDOUT_FILENO);
+      char* launch = engine->receiveWidget(url.c_str(), nullptr);
+      const std::string lines = capture.finish();
+      if (timing) {
+        printf("receive-ms: %.3f\n",
+               std::chrono::duration<double, std::milli>(
+                   std::chrono::steady_clock::now() - start)
+                   .count());
+        fflush(stdout);
+        window.measureFirstFrameFrom(start);
+      }
+      if (launch == nullptr) {
+        window.showRefusal(url, lines);
+      } else {
+        window.open(launch);
+        free(launch);
+      }
     }
+    status = window.run();
   }
-  const int status = window.run();
+  // A widget removed while it was shown: what WebKit wrote since goes too.
+  widgetengine_sweep_web_data();
   RefusalLines::flush();
   if (environment::flag("WIDGET_BROWSER_PEAK_MEMORY")) printPeakMemory();
   return status;

@@ -20,6 +20,7 @@
 #include "base/Refusal.h"
 #include "install/InstallLock.h"
 #include "install/UnInstallerLines.h"
+#include "install/WebData.h"
 #include "install/WidgetInstaller.h"
 #include "registry/SqlLite3.h"
 
@@ -189,6 +190,10 @@ Outcome WidgetUnInstaller::attempt() {
     return why;
   }
   engineOut() << "Delete OK !!!" << std::endl;
+  // Deleting the row retired the widget's installation, if a host ever
+  // asked for one. The widget is gone whatever becomes of its web data; a
+  // folder that cannot go now is said, and taken by a later sweep.
+  WebData::sweep(*database, false);
   return Outcome();
 }
 

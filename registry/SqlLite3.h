@@ -61,6 +61,15 @@ class SqlLite3 {
   // Removes the Widgets row called name; the SQLite result code.
   int deleteWidgetByName(const std::string& name);
 
+  // The identity of the installation of the widget called name (see
+  // SqlLite3Installations.cpp); with create, made for an installed widget
+  // that has none yet. Empty when there is none, or it cannot be made.
+  std::string installationToken(const std::string& name, bool create);
+  // The tokens of installations whose widget is gone.
+  std::vector<std::string> retiredInstallations();
+  // Forgets a removed installation once nothing of it is left.
+  bool forgetInstallation(const std::string& token);
+
   // Groups a job's writes into one transaction. A statement that fails inside
   // still fails alone. endJob() commits; false when nothing was committed
   // (the commit failed, or SQLite had already given the transaction up).

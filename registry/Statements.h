@@ -155,6 +155,38 @@ constexpr const char kDeleteItemsOfWidget[] =
 constexpr const char kLastFileRow[] = "SELECT IFNULL(MAX(id), 0) FROM widgetFiles";
 constexpr const char kFilesWrittenAfter[] =
     "SELECT 1 FROM widgetFiles WHERE widgetID=?1 AND id>?2 LIMIT 1";
+// Installations: what stays of a widget across updates in place (which
+// keep its Widgets row) and is new after removal and a new installation
+// under the same name. The table is made only when a host first asks for an
+// installation's identity; a row whose name is NULL is an installation that
+// was removed and whose web data may still be on disk. Whatever deletes a
+// Widgets row (a removal, in any process, of any version of the engine)
+// retires its installation in the same statement.
+constexpr const char kCreateInstallations[] =
+    "CREATE TABLE IF NOT EXISTS widgetInstallations("
+    "token TEXT PRIMARY KEY NOT NULL,name TEXT UNIQUE)";
+constexpr const char kCreateInstallationsTrigger[] =
+    "CREATE TRIGGER IF NOT EXISTS widgetInstallations_retire "
+    "AFTER DELETE ON Widgets BEGIN "
+    "UPDATE widgetInstallations SET name=NULL WHERE name=old.name; END";
+constexpr const char kHasInstallations[] =
+    "SELECT 1 FROM sqlite_master WHERE type='table' AND "
+    "name='widgetInstallations'";
+constexpr const char kInstallationOfWidget[] =
+    "SELECT token FROM widgetInstallations WHERE name=?1";
+// Only a widget that is installed gets one.
+constexpr const char kInsertInstallation[] =
+    "INSERT INTO widgetInstallations(token,name) "
+    "SELECT ?1,name FROM Widgets WHERE name=?2";
+// Rows whose widget went before the trigger was there (a registry restored
+// from an older copy, say).
+constexpr const char kRetireOrphanInstallations[] =
+    "UPDATE widgetInstallations SET name=NULL WHERE name IS NOT NULL AND "
+    "name NOT IN (SELECT name FROM Widgets WHERE name IS NOT NULL)";
+constexpr const char kRetiredInstallations[] =
+    "SELECT token FROM widgetInstallations WHERE name IS NULL";
+constexpr const char kForgetInstallation[] =
+    "DELETE FROM widgetInstallations WHERE token=?1 AND name IS NULL";
 
 // Reads of whole Widgets rows.
 constexpr const char kSelectAllWidgets[] = "SELECT * FROM Widgets";
