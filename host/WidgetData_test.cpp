@@ -141,38 +141,19 @@ TEST_F(WidgetDataTest, AnotherWidgetOfTheSameNameFindsNothingAfterRemoval) {
   EXPECT_NE(data, folder(WIDGETENGINE_WEB_DATA));
 }
 
-// What an update in place does to the registry: the widget keeps its
-// Widgets row, whose columns take the new package's values, and its file
-// rows are written again, in one transaction, while its files change.
+// An update in place, by the engine's own call, keeps the installation
+// and so its data: the new page finds what the old one stored.
 TEST_F(WidgetDataTest, UpdateInPlaceKeepsTheData) {
   installWithEngine(notesPackage("first secret"));
   ASSERT_EQ("null", showNotes().value("storage", ""));
   const std::string data = folder(WIDGETENGINE_WEB_DATA);
   ASSERT_NE("", data);
 
-  sqlite3* db = nullptr;
-  ASSERT_EQ(SQLITE_OK, sqlite3_open((conf + "widget.db").c_str(), &db));
-  const char* const update =
-      "BEGIN EXCLUSIVE;"
-      "UPDATE Widgets SET version='2.0' WHERE name='notes';"
-      "CREATE TEMP TABLE files AS SELECT widgetID, path FROM widgetFiles "
-      "WHERE widgetID=(SELECT id FROM Widgets WHERE name='notes');"
-      "DELETE FROM widgetFiles WHERE widgetID=(SELECT widgetID FROM files);"
-      "INSERT INTO widgetFiles(widgetID, path) SELECT * FROM files;"
-      "COMMIT;";
-  EXPECT_EQ(SQLITE_OK, sqlite3_exec(db, update, nullptr, nullptr, nullptr))
-      << sqlite3_errmsg(db);
-  sqlite3_close(db);
-  TempDir::writeFile(root + "widget_notes/index.html",
-                     notesPage("second secret"));
-  {
-    RefPtr<WebWidgetEngineDelegate> engine =
-        WidgetEngineDelegate::createInstance();
-    WidgetsData* info = engine->getInfo("notes", nullptr, "");
-    ASSERT_NE(nullptr, info);
-    EXPECT_EQ("2.0", info->getVersion());
-    delete info;
-  }
+  const std::string newer = notesPackage("second secret");
+  EXPECT_EQ(WIDGETENGINE_REFUSAL_NONE,
+            widgetengine_update_widget("notes", ("file://" + newer).c_str()));
+  EXPECT_NE(std::string::npos,
+            TempDir::readFile(root + "widget_notes/index.html").find("second secret"));
 
   const nlohmann::json updated = showNotes();
   EXPECT_EQ("first secret", updated.value("storage", ""));
