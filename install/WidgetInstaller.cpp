@@ -459,6 +459,7 @@ int WidgetInstaller::unpackPackage(const std::string& downloadPath,
   unpackPath = folder;
   engineOut() << "[Downloading...]" << std::endl << std::endl;
   downloader.reset(new Downloader(sourceURL, downloadPath));
+  downloader->resumeCutTransfers(resumeAttempts_);
   const bool downloaded = downloader->download() == 0;
   // Kept even when the body was stored: it is why the package is refused.
   if (downloaded) noticed_ = downloader->outcome();

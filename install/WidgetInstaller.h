@@ -85,6 +85,10 @@ class WidgetInstaller {
   // The package's signatures are checked whatever the policy (as the report
   // policy checks them), refusing nothing the policy would not refuse.
   void checkSignatures() { checkSignatures_ = true; }
+  // A download cut off is taken up where it stopped, up to attempts times
+  // (Downloader::resumeCutTransfers); an installation's fails at the first
+  // cut, as it always has.
+  void resumeCutDownloads(int attempts) { resumeAttempts_ = attempts; }
   // The signature check of the last unpackPackage(), with what it found;
   // null before one ran.
   const SignatureCheck* signatures() const { return signatures_.get(); }
@@ -133,6 +137,7 @@ class WidgetInstaller {
   std::string unpackPath;
   bool keepUnpacked_ = false;
   bool checkSignatures_ = false;
+  int resumeAttempts_ = 0;
   // The policy and findings of this installation's signature check, made
   // when the package is unpacked.
   std::unique_ptr<SignatureCheck> signatures_;

@@ -29,6 +29,11 @@ namespace {
 
 std::atomic<WidgetUpdater::StepHook> stepHook{nullptr};
 
+// How many times an update's download is taken up where a lost connection
+// or a stall cut it: enough for a bad link, few enough that a server which
+// always cuts cannot keep an update busy for long.
+constexpr int kResumeAttempts = 3;
+
 void reached(WidgetUpdater::Step step) {
   const WidgetUpdater::StepHook hook = stepHook.load();
   if (hook) hook(step);
@@ -192,6 +197,9 @@ Outcome WidgetUpdater::update(const WidgetsData& installed) {
   WidgetInstaller installer(packageURL_);
   installer.setStoragePath(storagePath);
   installer.keepUnpacked();
+  // An update is worth finishing: a device on a bad link takes up a cut
+  // download instead of starting it over.
+  installer.resumeCutDownloads(kResumeAttempts);
   if (!signer.fingerprint.empty()) installer.checkSignatures();
   WidgetsData record;
   record.setSourceURL(installed.getSourceURL());

@@ -357,6 +357,29 @@ TEST_F(WidgetUpdaterTest, AnUnsignedWidgetTakesAnyUpdateAndForgetsNoRecord) {
   EXPECT_EQ(0, count("SELECT COUNT(*) FROM sqlite_master WHERE name='widgetSignatures'"));
 }
 
+TEST_F(WidgetUpdaterTest, ACutDownloadIsTakenUpWhereItStopped) {
+  const std::string launch = install(clock("1.0"));
+  ASSERT_FALSE(launch.empty());
+  clock("2.0", 60);
+  HttpServer::Resource package;
+  package.body = TempDir::readFile(packages + "p" + std::to_string(served_) + ".wgt");
+  package.etag = "\"2.0\"";
+  package.contentType = "application/widget";
+  package.cutFirstAt = package.body.size() / 2;
+  server.serveResource("/cut/clock.wgt", package);
+
+  EXPECT_EQ(WIDGETENGINE_REFUSAL_NONE,
+            widgetengine_update_widget("clock", server.url("/cut/clock.wgt").c_str()));
+  EXPECT_EQ(1, server.rangeRequests("/cut/clock.wgt"));
+  EXPECT_NE(std::string::npos,
+            server.lastRequest("/cut/clock.wgt")
+                .find("Range: bytes=" + std::to_string(package.body.size() / 2) + "-\r\n"));
+  bool whole = false;
+  EXPECT_EQ("2.0", answeredVersion("1.0", "2.0", launch, &whole));
+  EXPECT_TRUE(whole);
+  EXPECT_TRUE(rootHoldsOnly({"tmp", "widget_clock"}));
+}
+
 TEST_F(WidgetUpdaterTest, NullArgumentsAreRefused) {
   EXPECT_EQ(WIDGETENGINE_REFUSAL_BAD_ARGUMENT, widgetengine_update_widget(nullptr, "x"));
   EXPECT_EQ(WIDGETENGINE_REFUSAL_BAD_ARGUMENT, widgetengine_update_widget("clock", nullptr));
