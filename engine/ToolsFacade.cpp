@@ -7,16 +7,25 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <nlohmann/json.hpp>
+
 #include "base/Environment.h"
 #include "base/Refusal.h"
 #include "base/TrustedPath.h"
 #include "config/WidgetConfigParser.h"
 #include "install/Downloader.h"
+#include "install/EntryName.h"
+#include "install/Extractor.h"
 #include "install/InstallLock.h"
+#include "install/SignatureCheck.h"
+#include "install/zip/ZipHandles.h"
 #include "install/WidgetInstaller.h"
 #include "install/WidgetUnInstaller.h"
 #include "lint/PackageLinter.h"
+#include "signature/SignatureFiles.h"
 #include "signature/SignatureMaker.h"
+#include "signature/SignatureVerifier.h"
+#include "signature/TrustAnchors.h"
 #include "registry/SqlLite3.h"
 
 namespace toolsfacade {
@@ -165,6 +174,57 @@ std::vector<LintFinding> lint(const std::string& packagePath,
                               const std::string& sourceURL) {
   PackageLinter linter(packagePath, sourceURL);
   return linter.run();
+}
+
+bool unpack(const std::string& packagePath, const std::string& folder,
+            std::string* reason) {
+  std::string target = folder;
+  if (target.empty() || target.back() != '/') target += '/';
+  Extractor extractor(packagePath, target);
+  std::vector<std::string> files;
+  if (extractor.extract(files) != 0) {
+    // The extractor removes what it wrote when it goes.
+    *reason = extractor.outcome().reason();
+    return false;
+  }
+  extractor.setKeepFiles(true);
+  return true;
+}
+
+std::string signaturePolicy() {
+  return SignatureCheck::policyName(SignatureCheck::policy());
+}
+
+std::vector<std::string> signatureDocuments(const std::string& packagePath) {
+  int error = 0;
+  ArchivePtr archive(zip_open(packagePath.c_str(), ZIP_RDONLY, &error));
+  if (!archive) return std::vector<std::string>();
+  std::vector<std::string> names;
+  const zip_int64_t count = zip_get_num_entries(archive.get(), 0);
+  for (zip_int64_t index = 0; index < count; ++index) {
+    zip_stat_t stat;
+    zip_stat_init(&stat);
+    if (zip_stat_index(archive.get(), static_cast<zip_uint64_t>(index), 0, &stat) == 0)
+      names.push_back(EntryName::of(stat));
+  }
+  return SignatureFiles::inProcessingOrder(names);
+}
+
+SignatureReport checkSignatures(const std::string& folder) {
+  SignatureReport report;
+  report.anchorsFolder = SignatureCheck::anchorsFolder();
+  TrustAnchors anchors;
+  std::string why;
+  if (!anchors.addFolder(report.anchorsFolder, &why)) report.anchorProblems.push_back(why);
+  for (const std::string& problem : anchors.problems())
+    report.anchorProblems.push_back(problem);
+  report.anchors = anchors.size();
+  const Verdict verdict = SignatureVerifier(anchors).verify(folder);
+  // Subjects and identifiers come from the package: bytes that are not
+  // UTF-8 are replaced, as in the record an installation keeps.
+  report.record = SignatureCheck::describe(verdict).dump(
+      -1, ' ', false, nlohmann::json::error_handler_t::replace);
+  return report;
 }
 
 bool signFolder(const std::string& folder, const std::string& keyPem,
