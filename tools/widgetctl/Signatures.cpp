@@ -1,7 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tools/widgetctl/Signatures.h"
 
+#include "engine/ToolsFacade.h"
+#include "tools/widgetctl/Reply.h"
+
 #include <string.h>
+
+#include <widgetengine/WidgetEngineExtensions.h>
 
 #include <set>
 
@@ -43,6 +48,17 @@ void describe(const json& signature, bool author, std::vector<std::string>& line
   }
 }
 
+// The names of the signature documents a record has a verdict on.
+std::set<std::string> documents(const json& record) {
+  std::set<std::string> files;
+  const auto author = record.find("author");
+  if (author != record.end() && author->is_object()) files.insert(text(*author, "file"));
+  for (const json& distributor : record.value("distributors", json::array())) {
+    if (distributor.is_object()) files.insert(text(distributor, "file"));
+  }
+  return files;
+}
+
 }  // namespace
 
 std::vector<std::string> signatureLines(const json& record) {
@@ -81,6 +97,30 @@ std::vector<std::string> fileFailures(const json& record) {
     if (aboutFiles) failures.push_back(line);
   }
   return failures;
+}
+
+std::vector<std::string> changesSinceInstalled(const std::string& name,
+                                               const std::string& folder) {
+  std::vector<std::string> changes;
+  EngineString kept(widgetengine_signature_info(name.c_str()));
+  if (!kept) return changes;
+  const json installed = json::parse(kept.get(), nullptr, false);
+  if (!installed.is_object() || !installed.value("checked", false) ||
+      !installed.value("signed", false)) {
+    return changes;
+  }
+  const json now = json::parse(toolsfacade::checkSignatures(folder).record, nullptr, false);
+  if (!now.is_object()) return changes;
+  const std::vector<std::string> before = fileFailures(installed);
+  const std::set<std::string> known(before.begin(), before.end());
+  for (const std::string& failure : fileFailures(now)) {
+    if (!known.count(failure)) changes.push_back(failure);
+  }
+  const std::set<std::string> there = documents(now);
+  for (const std::string& file : documents(installed)) {
+    if (!there.count(file)) changes.push_back(file + ": the signature document is gone");
+  }
+  return changes;
 }
 
 }  // namespace widgetctl

@@ -21,6 +21,14 @@ std::vector<std::string> signatureLines(const nlohmann::json& record);
 // depend on the trust anchors or the clock rather than on the files.
 std::vector<std::string> fileFailures(const nlohmann::json& record);
 
+// What no longer matches in folder, the directory of the installed widget
+// name, whose signatures were checked when it was installed: each rule about
+// its files that a check of the folder breaks now and that check did not
+// ("file: rule: detail"), and each signature document that is gone. Empty
+// for a widget installed unsigned or without a check.
+std::vector<std::string> changesSinceInstalled(const std::string& name,
+                                               const std::string& folder);
+
 }  // namespace widgetctl
 
 #endif  // WIDGETCTL_SIGNATURES_H_
