@@ -11,6 +11,7 @@
 
 #include "base/Environment.h"
 #include "base/Refusal.h"
+#include "base/ScopedFd.h"
 #include "base/TrustedPath.h"
 #include "config/WidgetConfigParser.h"
 #include "install/Downloader.h"
@@ -180,15 +181,26 @@ bool unpack(const std::string& packagePath, const std::string& folder,
             std::string* reason) {
   std::string target = folder;
   if (target.empty() || target.back() != '/') target += '/';
-  Extractor extractor(packagePath, target);
-  std::vector<std::string> files;
-  if (extractor.extract(files) != 0) {
-    // The extractor removes what it wrote when it goes.
-    *reason = extractor.outcome().reason();
+  // The extractor's removal of what it wrote leaves the process in the
+  // folder that held it; a tool keeps its working directory, from which
+  // the paths it was given are read.
+  ScopedFd here(open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  bool unpacked;
+  {
+    Extractor extractor(packagePath, target);
+    std::vector<std::string> files;
+    unpacked = extractor.extract(files) == 0;
+    if (unpacked) {
+      extractor.setKeepFiles(true);
+    } else {
+      *reason = extractor.outcome().reason();
+    }
+  }
+  if (here.get() >= 0 && fchdir(here.get()) != 0) {
+    *reason = "cannot return to the working directory";
     return false;
   }
-  extractor.setKeepFiles(true);
-  return true;
+  return unpacked;
 }
 
 std::string signaturePolicy() {

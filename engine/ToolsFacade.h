@@ -185,8 +185,9 @@ WIDGETENGINE_TOOLS_EXPORT std::vector<LintFinding> lint(
 
 // Unpacks the package file at packagePath into folder (whatever is there is
 // removed first) as an installation unpacks it, with the same checks of
-// every entry, and keeps the files. False with *reason, and nothing left in
-// folder, when the package cannot be unpacked.
+// every entry, and keeps the files; the working directory stays where it
+// is. False with *reason, and nothing left in folder, when the package
+// cannot be unpacked.
 WIDGETENGINE_TOOLS_EXPORT bool unpack(const std::string& packagePath,
                                       const std::string& folder, std::string* reason);
 

@@ -210,9 +210,14 @@ TEST_F(ToolsFacadeTest, AnUnpackedPackageIsJudgedAgainstTheAnchorsInstallationsU
   // What cannot be unpacked leaves nothing where it was to go.
   TempDir::writeFile(packages + "page.wgt", "<html/>");
   CaptureStdout quiet;
+  char before[4096];
+  ASSERT_NE(nullptr, getcwd(before, sizeof before));
   EXPECT_FALSE(toolsfacade::unpack(packages + "page.wgt", folder, &reason));
   EXPECT_NE("", reason);
   EXPECT_FALSE(TempDir::exists(folder));
+  char after[4096];
+  ASSERT_NE(nullptr, getcwd(after, sizeof after));
+  EXPECT_STREQ(before, after);
 }
 
 }  // namespace
