@@ -216,7 +216,6 @@ struct SignatureReport {
 // trust anchors, reading its files as they are now.
 WIDGETENGINE_TOOLS_EXPORT SignatureReport checkSignatures(const std::string& folder);
 
-
 // Signs the unpacked package in folder as its author, or as its next
 // distributor, with a PEM key and its certificate chain (the signer's
 // certificate first), both as text. The name of the document written in

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tools/widgetctl/Sign.h"
 
-#include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -14,7 +13,6 @@
 #include <iostream>
 #include <memory>
 #include <set>
-#include <sstream>
 #include <vector>
 
 #include "engine/ToolsFacade.h"
