@@ -1148,6 +1148,18 @@ TEST_F(WidgetctlSignatureTest, SignedPackageIsReplacedInPlaceAndInstallsUnderReq
   EXPECT_EQ(0, xmlsec1Verifies(root + "widget_clock", "signature1.xml", &output)) << output;
 }
 
+TEST_F(WidgetctlSignatureTest, SignReadsAndWritesPathsFromWhereItRuns) {
+  samplePackage("clock.wgt");
+  ChildProcess child;
+  child.setDirectory(packages);
+  start(child, {"sign", "--key", "author.key", "--cert", "author.pem", "clock.wgt"});
+  child.wait();
+  EXPECT_EQ(0, child.shellStatus()) << child.err();
+  EXPECT_EQ("signed clock.wgt: wrote author-signature.xml\n", child.out());
+  EXPECT_EQ("author-signature.xml", entries(packages + "clock.wgt").back());
+  EXPECT_EQ(0, runSigned({"install", packages + "clock.wgt"}, "require").status);
+}
+
 TEST_F(WidgetctlSignatureTest, SignRefusesWhatItCannotSignAndLeavesItAsItWas) {
   const std::string package = samplePackage("clock.wgt");
   const std::string before = TempDir::readFile(package);
