@@ -137,8 +137,8 @@ const Command kCommands[] = {
      "the engine would, and ends with the verdict: would install, or would be\n"
      "refused and why. Exit status 1 when any package would be refused (with\n"
      "--strict, also when any has an error or warning, or a signature that\n"
-     "does not hold). Nothing outside its\n"
-     "temporary folder is touched, which is removed on every path.\n"},
+     "does not hold). Nothing outside its temporary folder is touched,\n"
+     "which is removed on every path.\n"},
     {"doctor", 0,
      "Usage: widgetctl doctor [--repair [--reinstall] [--remove-orphans]]\n"
      "\n"
