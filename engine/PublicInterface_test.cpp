@@ -267,6 +267,7 @@ TEST_F(PublicInterfaceTest, LibraryExportsOnlyTheEngineInterface) {
       "toolsfacade::OrphanDirectory::claim",
       "toolsfacade::OrphanDirectory::remove",
       "toolsfacade::OrphanDirectory::~OrphanDirectory",
+      "toolsfacade::checkSignatures",
       "toolsfacade::deadInstallationLeftovers",
       "toolsfacade::download",
       "toolsfacade::environmentPath[abi:cxx11]",
@@ -283,8 +284,11 @@ TEST_F(PublicInterfaceTest, LibraryExportsOnlyTheEngineInterface) {
       "toolsfacade::removeTree",
       "toolsfacade::schemaPath[abi:cxx11]",
       "toolsfacade::signFolder",
+      "toolsfacade::signaturePolicy[abi:cxx11]",
+      "toolsfacade::signatureDocuments",
       "toolsfacade::sweepLeftovers",
       "toolsfacade::trustedDirectory",
+      "toolsfacade::unpack",
       "toolsfacade::widgetRoot[abi:cxx11]",
   };
   std::set<std::string> toolCallsSeen;

@@ -7,16 +7,26 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <nlohmann/json.hpp>
+
 #include "base/Environment.h"
 #include "base/Refusal.h"
+#include "base/ScopedFd.h"
 #include "base/TrustedPath.h"
 #include "config/WidgetConfigParser.h"
 #include "install/Downloader.h"
+#include "install/EntryName.h"
+#include "install/Extractor.h"
 #include "install/InstallLock.h"
+#include "install/SignatureCheck.h"
+#include "install/zip/ZipHandles.h"
 #include "install/WidgetInstaller.h"
 #include "install/WidgetUnInstaller.h"
 #include "lint/PackageLinter.h"
+#include "signature/SignatureFiles.h"
 #include "signature/SignatureMaker.h"
+#include "signature/SignatureVerifier.h"
+#include "signature/TrustAnchors.h"
 #include "registry/SqlLite3.h"
 
 namespace toolsfacade {
@@ -165,6 +175,68 @@ std::vector<LintFinding> lint(const std::string& packagePath,
                               const std::string& sourceURL) {
   PackageLinter linter(packagePath, sourceURL);
   return linter.run();
+}
+
+bool unpack(const std::string& packagePath, const std::string& folder,
+            std::string* reason) {
+  std::string target = folder;
+  if (target.empty() || target.back() != '/') target += '/';
+  // The extractor's removal of what it wrote leaves the process in the
+  // folder that held it; a tool keeps its working directory, from which
+  // the paths it was given are read.
+  ScopedFd here(open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  bool unpacked;
+  {
+    Extractor extractor(packagePath, target);
+    std::vector<std::string> files;
+    unpacked = extractor.extract(files) == 0;
+    if (unpacked) {
+      extractor.setKeepFiles(true);
+    } else {
+      *reason = extractor.outcome().reason();
+    }
+  }
+  if (here.get() >= 0 && fchdir(here.get()) != 0) {
+    *reason = "cannot return to the working directory";
+    return false;
+  }
+  return unpacked;
+}
+
+std::string signaturePolicy() {
+  return SignatureCheck::policyName(SignatureCheck::policy());
+}
+
+std::vector<std::string> signatureDocuments(const std::string& packagePath) {
+  int error = 0;
+  ArchivePtr archive(zip_open(packagePath.c_str(), ZIP_RDONLY, &error));
+  if (!archive) return std::vector<std::string>();
+  std::vector<std::string> names;
+  const zip_int64_t count = zip_get_num_entries(archive.get(), 0);
+  for (zip_int64_t index = 0; index < count; ++index) {
+    zip_stat_t stat;
+    zip_stat_init(&stat);
+    if (zip_stat_index(archive.get(), static_cast<zip_uint64_t>(index), 0, &stat) == 0)
+      names.push_back(EntryName::of(stat));
+  }
+  return SignatureFiles::inProcessingOrder(names);
+}
+
+SignatureReport checkSignatures(const std::string& folder) {
+  SignatureReport report;
+  report.anchorsFolder = SignatureCheck::anchorsFolder();
+  TrustAnchors anchors;
+  std::string why;
+  if (!anchors.addFolder(report.anchorsFolder, &why)) report.anchorProblems.push_back(why);
+  for (const std::string& problem : anchors.problems())
+    report.anchorProblems.push_back(problem);
+  report.anchors = anchors.size();
+  const Verdict verdict = SignatureVerifier(anchors).verify(folder);
+  // Subjects and identifiers come from the package: bytes that are not
+  // UTF-8 are replaced, as in the record an installation keeps.
+  report.record = SignatureCheck::describe(verdict).dump(
+      -1, ' ', false, nlohmann::json::error_handler_t::replace);
+  return report;
 }
 
 bool signFolder(const std::string& folder, const std::string& keyPem,

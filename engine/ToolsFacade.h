@@ -181,7 +181,40 @@ WIDGETENGINE_TOOLS_EXPORT bool download(const std::string& url,
 WIDGETENGINE_TOOLS_EXPORT std::vector<LintFinding> lint(
     const std::string& packagePath, const std::string& sourceURL);
 
-// ---- Signatures (widgetctl sign) -----------------------------------------
+// ---- Signatures (widgetctl sign, check, doctor) ----------------------------
+
+// Unpacks the package file at packagePath into folder (whatever is there is
+// removed first) as an installation unpacks it, with the same checks of
+// every entry, and keeps the files; the working directory stays where it
+// is. False with *reason, and nothing left in folder, when the package
+// cannot be unpacked.
+WIDGETENGINE_TOOLS_EXPORT bool unpack(const std::string& packagePath,
+                                      const std::string& folder, std::string* reason);
+
+// The signature policy installations follow now: "off", "report" or
+// "require".
+WIDGETENGINE_TOOLS_EXPORT std::string signaturePolicy();
+
+// The signature documents among the entries of the package file at
+// packagePath, in the order they are checked (the author's first); empty
+// when it has none or its list of entries cannot be read.
+WIDGETENGINE_TOOLS_EXPORT std::vector<std::string> signatureDocuments(
+    const std::string& packagePath);
+
+struct SignatureReport {
+  // The folder of trust anchors installations use now.
+  std::string anchorsFolder;
+  // How many anchors were read from it, and why any part of it was not.
+  size_t anchors = 0;
+  std::vector<std::string> anchorProblems;
+  // The verdict as JSON text, in the form an installation keeps it:
+  // "signed", "valid", "author", "distributors", "failures".
+  std::string record;
+};
+
+// Checks the signatures of the unpacked package in folder against those
+// trust anchors, reading its files as they are now.
+WIDGETENGINE_TOOLS_EXPORT SignatureReport checkSignatures(const std::string& folder);
 
 // Signs the unpacked package in folder as its author, or as its next
 // distributor, with a PEM key and its certificate chain (the signer's

@@ -12,7 +12,11 @@
 #include <string>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 #include "testing/CaptureStdout.h"
+#include "testing/ScopedEnv.h"
+#include "testing/TestPki.h"
 #include "testing/WidgetSandbox.h"
 #include "testing/ZipBuilder.h"
 
@@ -152,6 +156,68 @@ TEST_F(ToolsFacadeTest, AnUnreadableRegistryIsSaidSo) {
   TempDir::writeFile(conf + "widget.db", std::string(4096, 'x'));
   CaptureStdout quiet;
   EXPECT_FALSE(toolsfacade::readRegistry().read);
+}
+
+TEST_F(ToolsFacadeTest, SignatureDocumentsAreThoseAtTheRootInTheOrderTheyAreChecked) {
+  ZipBuilder zip;
+  for (const char* name : {"signature2.xml", "docs/author-signature.xml", "index.html",
+                           "signature10.xml", "author-signature.xml", "signature01.xml"})
+    zip.addFile(name, "x");
+  EXPECT_EQ(std::vector<std::string>(
+                {"author-signature.xml", "signature10.xml", "signature2.xml"}),
+            toolsfacade::signatureDocuments(writePackage("signed.wgt", zip)));
+  ZipBuilder plain;
+  plain.addFile("index.html", "x");
+  EXPECT_TRUE(toolsfacade::signatureDocuments(writePackage("plain.wgt", plain)).empty());
+  TempDir::writeFile(packages + "page.wgt", "<html/>");
+  EXPECT_TRUE(toolsfacade::signatureDocuments(packages + "page.wgt").empty());
+}
+
+TEST_F(ToolsFacadeTest, AnUnpackedPackageIsJudgedAgainstTheAnchorsInstallationsUse) {
+  const TestPki& pki = TestPki::get();
+  const std::string anchors = dir.file("anchors");
+  ASSERT_EQ(0, mkdir(anchors.c_str(), 0755));
+  TempDir::writeFile(anchors + "/root.pem", pki.root);
+  ScopedEnv anchorsVariable("WIDGETENGINE_TRUST_ANCHORS", anchors);
+
+  const std::string folder = dir.file("clock");
+  std::string reason;
+  {
+    CaptureStdout quiet;
+    ASSERT_TRUE(toolsfacade::unpack(clock("clock.wgt").substr(7), folder, &reason)) << reason;
+  }
+  EXPECT_EQ("<p>clock</p>", TempDir::readFile(folder + "/index.html"));
+  std::string written;
+  ASSERT_TRUE(toolsfacade::signFolder(folder, pki.author.key, pki.author.chain, false,
+                                      false, &written, &reason))
+      << reason;
+  const toolsfacade::SignatureReport report = toolsfacade::checkSignatures(folder);
+  EXPECT_EQ(anchors, report.anchorsFolder);
+  EXPECT_EQ(1u, report.anchors);
+  EXPECT_TRUE(report.anchorProblems.empty());
+  const nlohmann::json record = nlohmann::json::parse(report.record);
+  EXPECT_EQ(true, record["signed"]);
+  EXPECT_EQ(true, record["valid"]);
+  EXPECT_EQ(pki.author.subject, record["author"]["subject"]);
+  EXPECT_EQ(pki.rootSubject, record["author"]["anchor"]);
+
+  TempDir::writeFile(folder + "/index.html", "<p>changed</p>");
+  const nlohmann::json changed =
+      nlohmann::json::parse(toolsfacade::checkSignatures(folder).record);
+  EXPECT_EQ(nlohmann::json({"author-signature.xml: digest-mismatch: index.html"}),
+            changed["failures"]);
+
+  // What cannot be unpacked leaves nothing where it was to go.
+  TempDir::writeFile(packages + "page.wgt", "<html/>");
+  CaptureStdout quiet;
+  char before[4096];
+  ASSERT_NE(nullptr, getcwd(before, sizeof before));
+  EXPECT_FALSE(toolsfacade::unpack(packages + "page.wgt", folder, &reason));
+  EXPECT_NE("", reason);
+  EXPECT_FALSE(TempDir::exists(folder));
+  char after[4096];
+  ASSERT_NE(nullptr, getcwd(after, sizeof after));
+  EXPECT_STREQ(before, after);
 }
 
 }  // namespace

@@ -22,19 +22,7 @@ std::atomic<int> gPolicy{WIDGETENGINE_SIGNATURES_DEFAULT};
 std::mutex gAnchorsMutex;
 std::optional<std::string> gAnchorsFolder;
 
-const char* policyName(settings::SignaturePolicy policy) {
-  switch (policy) {
-    case settings::kSignaturesOff:
-      return "off";
-    case settings::kSignaturesReport:
-      return "report";
-    case settings::kSignaturesRequire:
-      return "require";
-  }
-  return "off";
-}
-
-nlohmann::json describe(const SignatureVerdict& signature) {
+nlohmann::json describeOne(const SignatureVerdict& signature) {
   return {{"file", signature.file},
           {"valid", signature.valid},
           {"subject", signature.signerSubject},
@@ -63,6 +51,31 @@ std::string firstFailure(const Verdict& verdict) {
 }
 
 }  // namespace
+
+const char* SignatureCheck::policyName(settings::SignaturePolicy policy) {
+  switch (policy) {
+    case settings::kSignaturesOff:
+      return "off";
+    case settings::kSignaturesReport:
+      return "report";
+    case settings::kSignaturesRequire:
+      return "require";
+  }
+  return "off";
+}
+
+nlohmann::json SignatureCheck::describe(const Verdict& verdict) {
+  const SignatureVerdict* author = verdict.author();
+  nlohmann::json distributors = nlohmann::json::array();
+  for (const SignatureVerdict& signature : verdict.signatures) {
+    if (!signature.author) distributors.push_back(describeOne(signature));
+  }
+  return {{"signed", verdict.isSigned()},
+          {"valid", verdict.allValid()},
+          {"author", author ? describeOne(*author) : nlohmann::json()},
+          {"distributors", distributors},
+          {"failures", verdict.allFailures()}};
+}
 
 SignatureCheck::SignatureCheck()
     : policy_(policy()), anchorsFolder_(active() ? anchorsFolder() : "") {}
@@ -110,18 +123,9 @@ Outcome SignatureCheck::check(const std::string& folder) {
   const Verdict verdict = SignatureVerifier(anchors).verify(folder, &written_);
   const SignatureVerdict* author = verdict.author();
 
-  nlohmann::json distributors = nlohmann::json::array();
-  for (const SignatureVerdict& signature : verdict.signatures) {
-    if (!signature.author) distributors.push_back(describe(signature));
-  }
-  const nlohmann::json record = {
-      {"checked", true},
-      {"policy", policyName(policy_)},
-      {"signed", verdict.isSigned()},
-      {"valid", verdict.allValid()},
-      {"author", author ? describe(*author) : nlohmann::json()},
-      {"distributors", distributors},
-      {"failures", verdict.allFailures()}};
+  nlohmann::json record = describe(verdict);
+  record["checked"] = true;
+  record["policy"] = policyName(policy_);
 
   row_.policy = policyName(policy_);
   row_.isSigned = verdict.isSigned();

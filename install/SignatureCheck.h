@@ -6,12 +6,15 @@
 #ifndef WIDGETENGINE_SIGNATURECHECK_H_
 #define WIDGETENGINE_SIGNATURECHECK_H_
 
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 
 #include "base/Outcome.h"
 #include "base/Settings.h"
 #include "registry/SqlLite3.h"
 #include "signature/FileDigests.h"
+
+struct Verdict;
 
 class SignatureCheck {
  public:
@@ -23,6 +26,11 @@ class SignatureCheck {
   // WIDGETENGINE_SIGNATURES; the host's folder or else the settings'.
   static settings::SignaturePolicy policy();
   static std::string anchorsFolder();
+  static const char* policyName(settings::SignaturePolicy policy);
+
+  // What a verdict says, as the registry keeps it: "signed", "valid",
+  // "author" (null or one signature), "distributors" and "failures".
+  static nlohmann::json describe(const Verdict& verdict);
 
   // Checks as report does when the policy is off: an update of a widget
   // whose installed version is signed is judged by its signer whatever the

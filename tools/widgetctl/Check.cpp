@@ -20,6 +20,7 @@
 #include "tools/widgetctl/Commands.h"
 #include "tools/widgetctl/EngineLines.h"
 #include "tools/widgetctl/Reply.h"
+#include "tools/widgetctl/Signatures.h"
 
 namespace widgetctl {
 
@@ -115,6 +116,47 @@ void clearTrial(const std::string& sandbox) {
   toolsfacade::removeTree(sandbox + "/conf/");
 }
 
+// The verdict on the signatures of the package file at path, unpacked for
+// it into folder, which is removed again; in the form of the record an
+// installation keeps, with the trust anchors it was judged against.
+json signatureSection(const std::string& path, const std::string& folder,
+                      const std::string& policy) {
+  // The unpacking's lines say nothing the trial does not say again.
+  std::vector<std::string> lines;
+  EngineLines quiet(&lines);
+  json section;
+  std::string reason;
+  if (!toolsfacade::unpack(path, folder, &reason)) {
+    section = {{"checked", false},
+               {"error", "the package cannot be unpacked: " + reason}};
+  } else {
+    const toolsfacade::SignatureReport report = toolsfacade::checkSignatures(folder);
+    toolsfacade::removeTree(folder);
+    section = json::parse(report.record, nullptr, false);
+    if (!section.is_object()) section = json::object();
+    section["checked"] = true;
+    section["trustAnchors"] = report.anchorsFolder;
+    section["trustAnchorCount"] = report.anchors;
+    section["trustAnchorProblems"] = report.anchorProblems;
+  }
+  section["policy"] = policy;
+  return section;
+}
+
+void printSignatureSection(const json& section) {
+  if (!section.value("checked", false)) {
+    std::cout << "signatures: not checked: " << section.value("error", "") << '\n';
+    return;
+  }
+  const size_t count = section.value("trustAnchorCount", size_t(0));
+  std::cout << "signatures: checked against " << count << " trust anchor"
+            << (count == 1 ? "" : "s") << " in "
+            << section.value("trustAnchors", "") << '\n';
+  for (const json& problem : section.value("trustAnchorProblems", json::array()))
+    std::cout << "  trust anchors: " << problem.get<std::string>() << '\n';
+  for (const std::string& line : signatureLines(section)) std::cout << "  " << line << '\n';
+}
+
 // One package: its findings, then the engine's verdict from a trial
 // installation in the sandbox. Returns whether it would install.
 bool checkOne(const std::string& argument, size_t index, json& result) {
@@ -161,6 +203,13 @@ bool checkOne(const std::string& argument, size_t index, json& result) {
                                   {"tag", f.tag},
                                   {"detail", f.detail},
                                   {"explanation", f.explanation}});
+  }
+
+  // Its signatures, when it carries any or installations look at them.
+  const std::string policy = toolsfacade::signaturePolicy();
+  if (policy != "off" || !toolsfacade::signatureDocuments(path).empty()) {
+    result["signatures"] =
+        signatureSection(path, sandbox + "/signatures" + std::to_string(index), policy);
   }
 
   // The trial: the package installed into the sandbox's own root and
@@ -220,6 +269,7 @@ int runCheck(const std::vector<std::string>& packages, bool strict) {
                   << f["detail"].get<std::string>() << '\n'
                   << "  " << f["explanation"].get<std::string>() << '\n';
       }
+      if (result.contains("signatures")) printSignatureSection(result["signatures"]);
       if (installs) {
         std::cout << package << ": would install" << std::endl;
       } else {
@@ -230,6 +280,10 @@ int runCheck(const std::vector<std::string>& packages, bool strict) {
     for (const json& f : result["findings"]) {
       if (f["level"] == "error" || f["level"] == "warning") anyFinding = true;
     }
+    // A signature that does not hold counts as an error.
+    const json signatures = result.value("signatures", json::object());
+    if (signatures.value("signed", false) && !signatures.value("valid", false))
+      anyFinding = true;
     gDocument["packages"].push_back(result);
   }
   removeSandbox();

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// The private folders of "widgetctl check" under the temporary directory: a
-// running check holds an flock() on a marker file inside its folder for as
-// long as it lives, so the folder of a check that was killed (and could not
-// remove it) is told apart by its free lock and removed by the next check.
+// The private folders of "widgetctl check" and "widgetctl sign" under the
+// temporary directory: a running command holds an flock() on a marker file
+// inside its folder for as long as it lives, so the folder of one that was
+// killed (and could not remove it) is told apart by its free lock and
+// removed by the next check or sign.
 #ifndef WIDGETCTL_CHECKFOLDERS_H_
 #define WIDGETCTL_CHECKFOLDERS_H_
 

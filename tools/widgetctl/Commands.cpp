@@ -16,6 +16,7 @@
 #include "tools/widgetctl/EngineLines.h"
 #include "tools/widgetctl/ProgressLine.h"
 #include "tools/widgetctl/Reply.h"
+#include "tools/widgetctl/Signatures.h"
 
 namespace widgetctl {
 
@@ -44,6 +45,16 @@ json recordJson(const WidgetsData& w) {
               {"launchURL", w.getLaunchURL()},
               {"sourceURL", w.getSourceURL()},
               {"storagePath", w.getStoragePath()}};
+}
+
+// What the installation of the widget learnt of its signatures, when it
+// looked at them (under a signature policy); null otherwise.
+json signatureRecord(const std::string& name) {
+  EngineString text(widgetengine_signature_info(name.c_str()));
+  if (!text) return nullptr;
+  json record = json::parse(text.get(), nullptr, false);
+  if (!record.is_object() || !record.value("checked", false)) return nullptr;
+  return record;
 }
 
 }  // namespace
@@ -103,6 +114,10 @@ std::string installReason(int status, const std::string& url) {
       return "the package could not be downloaded from " + url +
              "; check the address";
     case 6:
+      if (toolsfacade::lastRefusal().code == WIDGETENGINE_REFUSAL_SIGNATURE) {
+        return "its signatures do not hold, and WIDGETENGINE_SIGNATURES=require "
+               "refuses it; \"widgetctl check\" gives each signature's verdict";
+      }
       return "the package is not a valid widget archive; \"widgetctl check\" "
              "says why";
     case 7:
@@ -199,8 +214,14 @@ int runInfo(WebWidgetEngineDelegate* engine, const std::string& name,
     return finish(kNo, "no widget called " + name +
                            " is installed (\"widgetctl list\" lists them)");
   }
+  json signatures;
+  {
+    EngineLines capture(&lines);
+    signatures = signatureRecord(name);
+  }
   if (gJson) {
     gDocument["widget"] = recordJson(*widget);
+    if (!signatures.is_null()) gDocument["signatures"] = signatures;
     return finish(kOk);
   }
   const json record = recordJson(*widget);
@@ -226,6 +247,20 @@ int runInfo(WebWidgetEngineDelegate* engine, const std::string& name,
     std::cout << field(item.first, value.is_string() ? value.get<std::string>()
                                                      : value.dump())
               << '\n';
+  }
+  if (!signatures.is_null()) {
+    const bool isSigned = signatures.value("signed", false);
+    std::cout << field("signatures",
+                       std::string(!isSigned                           ? "not signed"
+                                   : signatures.value("valid", false) ? "valid"
+                                                                      : "invalid") +
+                           " (checked when installed, policy " +
+                           signatures.value("policy", "") + ")")
+              << '\n';
+    if (isSigned) {
+      for (const std::string& line : signatureLines(signatures))
+        std::cout << "  " << line << '\n';
+    }
   }
   return finish(kOk);
 }

@@ -11,6 +11,7 @@
 
 #include "engine/ToolsFacade.h"
 #include "tools/widgetctl/EngineLines.h"
+#include "tools/widgetctl/Signatures.h"
 
 namespace {
 
@@ -96,7 +97,32 @@ bool Doctor::run(std::vector<DoctorProblem>& problems,
     const std::string dir = widget->getStoragePath();
     const std::string real = realDirectory(dir);
     if (!real.empty()) owned.insert(real);
-    if (isDirectory(dir)) continue;
+    if (isDirectory(dir)) {
+      std::vector<std::string> changes;
+      {
+        EngineLines capture(&engineLines);
+        changes = widgetctl::changesSinceInstalled(widget->getName(), dir);
+      }
+      if (changes.empty()) continue;
+      // Not repaired: which copy is the right one, the signed package or
+      // the files as they are now, is for a person to say, and removing
+      // the widget would lose both.
+      DoctorProblem problem;
+      problem.kind = "signature-mismatch";
+      problem.name = widget->getName();
+      problem.path = cleanPath(dir);
+      std::string list;
+      for (size_t i = 0; i < changes.size() && i < 5; ++i)
+        list += (i ? "; " : "") + changes[i];
+      if (changes.size() > 5) list += "; and " + std::to_string(changes.size() - 5) + " more";
+      problem.detail = "the files of widget " + widget->getName() +
+                       " no longer match its signatures (" + list +
+                       "); doctor does not repair this: \"widgetctl remove " +
+                       widget->getName() + "\" and install it again from " +
+                       widget->getSourceURL();
+      problems.push_back(problem);
+      continue;
+    }
     if (isLink(dir)) {
       // The engine never follows it: lookups answer as before, but the
       // pages the browser opens are wherever the link points.

@@ -3,7 +3,8 @@
 // it finds: widgets whose directory is gone (made removable again, removed or
 // reinstalled), directories under the widget root that no widget owns, and
 // what a dead installation left (its package file, its half-unpacked
-// directory). A healthy widget is never touched.
+// directory), and reports signed widgets whose files no longer match their
+// signatures. A healthy widget is never touched.
 #ifndef WIDGETCTL_DOCTOR_H_
 #define WIDGETCTL_DOCTOR_H_
 
@@ -13,7 +14,7 @@
 struct DoctorProblem {
   std::string kind;    // "missing-directory" | "orphan-directory" |
                        // "leftover-installation" | "linked-directory" |
-                       // "outside-root"
+                       // "outside-root" | "signature-mismatch"
   std::string name;    // the widget's name, where there is one
   std::string path;    // the directory or file concerned
   std::string detail;  // one sentence: what it is and what to do

@@ -2,8 +2,8 @@
 // widgetctl is the command-line host of the widget engine. Integrators use it
 // to install, list, describe, map, recognise and remove widgets exactly as a
 // browser would; widget authors use "check" to lint a package and hear
-// whether the engine would install it; "doctor" compares the registry with
-// the disk and repairs what it can.
+// whether the engine would install it, and "sign" to sign it; "doctor"
+// compares the registry with the disk and repairs what it can.
 //
 // Exit status: 0 success; 1 the engine answered no (a package refused, no
 // such widget, not a widget); 2 usage; 3 the environment failed (registry
@@ -27,6 +27,7 @@
 #include "tools/widgetctl/Doctor.h"
 #include "tools/widgetctl/EngineLines.h"
 #include "tools/widgetctl/Reply.h"
+#include "tools/widgetctl/Sign.h"
 
 using nlohmann::json;
 using namespace widgetctl;
@@ -46,6 +47,7 @@ const char kUsageText[] =
     "  is-widget URL             whether URL is an installed widget's start page\n"
     "  remove NAME               remove the installed widget NAME\n"
     "  check PACKAGE...          lint packages and say whether they would install\n"
+    "  sign FOLDER|PACKAGE       sign a widget as its author or a distributor\n"
     "  doctor                    compare the registry with the disk; --repair\n"
     "  help [COMMAND]            this text, or one command's\n"
     "\n"
@@ -59,12 +61,20 @@ const char kUsageText[] =
     "  --repair          doctor: repair what it finds\n"
     "  --reinstall       doctor --repair: reinstall widgets whose files are gone\n"
     "  --remove-orphans  doctor --repair: remove directories no widget owns\n"
+    "  --key FILE        sign: the signer's private key (PEM)\n"
+    "  --cert FILE       sign: the signer's certificate, then its issuers' (PEM)\n"
+    "  --distributor     sign: as a distributor (signatureN.xml), not the author\n"
+    "  --exclusive-c14n  sign: exclusive XML canonicalization, not C14N 1.1\n"
     "  -V, --version     the library version and its compiled-in paths\n"
     "  -h, --help        this text\n"
     "\n"
     "Environment:\n"
     "  WIDGET_PATH    root of the installed widgets (ends with \"/\")\n"
     "  YRA_DATA_PATH  directory of the registry widget.db (ends with \"/\")\n"
+    "  WIDGETENGINE_SIGNATURES     off, report or require: what installations\n"
+    "                              do with signatures (default off)\n"
+    "  WIDGETENGINE_TRUST_ANCHORS  folder of the certificates signers must\n"
+    "                              chain to\n"
     "\n"
     "Exit status: 0 success; 1 the engine answered no (package refused, no\n"
     "such widget, not a widget); 2 usage; 3 the environment failed (registry\n"
@@ -120,11 +130,15 @@ const Command kCommands[] = {
      "\n"
      "Lints each package (a path or a URL) like lintian: one line per finding,\n"
      "\"LEVEL: TAG DETAIL\" and its explanation, every finding it can reach.\n"
+     "A signed package (or any, under WIDGETENGINE_SIGNATURES=report or\n"
+     "require) gets a section on its signatures: each one's verdict, signer\n"
+     "and the rules it broke, against the trust anchors installations use.\n"
      "Then installs the package into a private temporary folder, exactly as\n"
      "the engine would, and ends with the verdict: would install, or would be\n"
      "refused and why. Exit status 1 when any package would be refused (with\n"
-     "--strict, also when any has an error or warning). Nothing outside its\n"
-     "temporary folder is touched, which is removed on every path.\n"},
+     "--strict, also when any has an error or warning, or a signature that\n"
+     "does not hold). Nothing outside its temporary folder is touched,\n"
+     "which is removed on every path.\n"},
     {"doctor", 0,
      "Usage: widgetctl doctor [--repair [--reinstall] [--remove-orphans]]\n"
      "\n"
@@ -135,8 +149,20 @@ const Command kCommands[] = {
      "their source address), removes what dead installations left, and with\n"
      "--remove-orphans the directories no widget owns. Widget directories\n"
      "replaced by a link, and widgets placed outside the widget root, are\n"
-     "reported and never repaired. A healthy widget is never touched. Exit\n"
+     "reported and never repaired, as are signed widgets whose files no longer\n"
+     "match their signatures. A healthy widget is never touched. Exit\n"
      "status 1 when problems remain.\n"},
+    {"sign", 1,
+     "Usage: widgetctl sign [--distributor] [--exclusive-c14n] --key KEY.pem\n"
+     "                      --cert CHAIN.pem FOLDER|PACKAGE\n"
+     "\n"
+     "Signs the widget in FOLDER (unpacked) in place, or the package file\n"
+     "PACKAGE, as its author (author-signature.xml) or, with --distributor,\n"
+     "as its next distributor (signatureN.xml). KEY.pem is the signer's\n"
+     "private key (RSA or EC); CHAIN.pem its certificate followed by the rest\n"
+     "of its chain. A package is unpacked into a private temporary folder,\n"
+     "signed there and packed again, config.xml first, under a fresh name\n"
+     "beside it that then replaces it. Prints the document it wrote.\n"},
     {"help", -2,
      "Usage: widgetctl help [COMMAND]\n"
      "\n"
@@ -155,6 +181,10 @@ struct Options {
   bool repair = false;
   bool reinstall = false;
   bool removeOrphans = false;
+  bool distributor = false;
+  bool exclusiveC14n = false;
+  std::optional<std::string> key;
+  std::optional<std::string> certificates;
   bool help = false;
   bool version = false;
   bool hasLanguage = false;
@@ -248,6 +278,10 @@ int main(int argc, char** argv) {
       {"repair", no_argument, nullptr, 'r'},
       {"reinstall", no_argument, nullptr, 'R'},
       {"remove-orphans", no_argument, nullptr, 'o'},
+      {"key", required_argument, nullptr, 'k'},
+      {"cert", required_argument, nullptr, 'c'},
+      {"distributor", no_argument, nullptr, 'd'},
+      {"exclusive-c14n", no_argument, nullptr, 'x'},
       {"version", no_argument, nullptr, 'V'},
       {"help", no_argument, nullptr, 'h'},
       {nullptr, 0, nullptr, 0}};
@@ -269,6 +303,10 @@ int main(int argc, char** argv) {
       case 'r': options.repair = true; break;
       case 'R': options.reinstall = true; break;
       case 'o': options.removeOrphans = true; break;
+      case 'k': options.key = optarg; break;
+      case 'c': options.certificates = optarg; break;
+      case 'd': options.distributor = true; break;
+      case 'x': options.exclusiveC14n = true; break;
       case 'V': options.version = true; break;
       case 'h': options.help = true; break;
       default: {
@@ -276,7 +314,7 @@ int main(int argc, char** argv) {
         std::string option = argv[optind - 1];
         for (const struct option* known = kLong; optopt && known->name; ++known)
           if (known->val == optopt) option = std::string("--") + known->name;
-        return usageError(c == ':' || (optopt == 'l')
+        return usageError(c == ':' || optopt == 'l' || optopt == 'k' || optopt == 'c'
                               ? option + " needs a value"
                               : "unknown option " + option,
                           nullptr);
@@ -335,6 +373,13 @@ int main(int argc, char** argv) {
     return usageError("--reinstall and --remove-orphans go with --repair", command->name);
   if (options.strict && name != "check")
     return usageError("--strict is for check", command->name);
+  if ((options.key || options.certificates || options.distributor ||
+       options.exclusiveC14n) && name != "sign") {
+    return usageError("--key, --cert, --distributor and --exclusive-c14n are for sign",
+                      command->name);
+  }
+  if (name == "sign" && (!options.key || !options.certificates))
+    return usageError("sign needs --key and --cert", command->name);
 
   // The answers of these are data for scripts: the engine's lines stay
   // apart, on standard error.
@@ -352,6 +397,14 @@ int main(int argc, char** argv) {
 
   if (name == "check") return runCheck(words, options.strict);
   if (name == "install") return runInstall(words[0]);
+  if (name == "sign") {
+    SignOptions signOptions;
+    signOptions.keyPath = *options.key;
+    signOptions.certificatesPath = *options.certificates;
+    signOptions.distributor = options.distributor;
+    signOptions.exclusiveC14n = options.exclusiveC14n;
+    return runSign(words[0], signOptions);
+  }
   if (name == "doctor") {
     Doctor::Options doctorOptions;
     doctorOptions.repair = options.repair;

@@ -22,6 +22,7 @@
 
 #include <nlohmann/json.hpp>
 #include <sqlite3.h>
+#include <zip.h>
 
 #include <widgetengine/WidgetEngineDelegate.h>
 
@@ -32,6 +33,7 @@
 #include "testing/ManualPage.h"
 #include "testing/OutputChecks.h"
 #include "testing/TempDir.h"
+#include "testing/TestPki.h"
 #include "testing/WidgetSandbox.h"
 #include "testing/ZipBuilder.h"
 
@@ -129,10 +131,12 @@ class WidgetctlTest : public WidgetSandbox {
 };
 
 const char* const kCommandNames[] = {"install", "list",  "info",   "map", "is-widget",
-                                     "remove",  "check", "doctor", "help"};
+                                     "remove",  "check", "doctor", "sign", "help"};
 const char* const kOptionNames[] = {"--lang",   "--json",      "--quiet",
                                     "--strict", "--repair",    "--reinstall",
-                                    "--remove-orphans", "--version", "--help"};
+                                    "--remove-orphans", "--key", "--cert",
+                                    "--distributor", "--exclusive-c14n",
+                                    "--version", "--help"};
 
 TEST_F(WidgetctlTest, HelpDescribesTheToolEachCommandAndTheExitCodes) {
   Result help = run({"--help"});
@@ -991,3 +995,360 @@ TEST_F(WidgetctlTest, LangTakesABrowsersAcceptLanguageHeader) {
 }
 
 }  // namespace
+
+// Signed widgets: widgetctl signs them with keys and certificates of the
+// tests' own authority, and check, info and doctor judge them against a
+// folder of trust anchors that holds its root.
+class WidgetctlSignatureTest : public WidgetctlTest {
+ protected:
+  void SetUp() override {
+    WidgetctlTest::SetUp();
+    ASSERT_EQ(0, mkdir(anchors.c_str(), 0755));
+    TempDir::writeFile(anchors + "/root.pem", pki.root);
+    TempDir::writeFile(keys + "root.pem", pki.root);
+    for (const auto& signer : {std::make_pair("author", &pki.author),
+                               std::make_pair("distributor", &pki.distributor),
+                               std::make_pair("stranger", &pki.stranger)}) {
+      TempDir::writeFile(keys + signer.first + ".key", signer.second->key);
+      TempDir::writeFile(keys + signer.first + ".pem", signer.second->chain);
+    }
+  }
+
+  // widgetctl with the tests' trust anchors and the signature policy given
+  // ("" leaves it unset).
+  Result runSigned(const std::vector<std::string>& args, const std::string& policy = "") {
+    return runWith(args, {{"WIDGETENGINE_TRUST_ANCHORS", anchors},
+                          {"WIDGETENGINE_SIGNATURES", policy}});
+  }
+
+  Result sign(const std::string& target, const std::string& signer = "author",
+              const std::vector<std::string>& more = {}) {
+    std::vector<std::string> args = {"sign", "--key", keys + signer + ".key",
+                                     "--cert", keys + signer + ".pem"};
+    args.insert(args.end(), more.begin(), more.end());
+    args.push_back(target);
+    return run(args);
+  }
+
+  // The bundled sample widget, unpacked into a folder of the test; the
+  // folder's path.
+  std::string sampleFolder(const std::string& name) {
+    const std::string folder = dir.file(name);
+    for (const char* sub : {"", "/locales", "/locales/fr", "/locales/de"})
+      EXPECT_EQ(0, mkdir((folder + sub).c_str(), 0755));
+    for (const char* file : kSampleFiles)
+      TempDir::writeFile(folder + "/" + file, TempDir::readFile(std::string(kSample) + file));
+    return folder;
+  }
+
+  // The files of folder (its sample files and signature documents) packed
+  // under fileName, the document named last.
+  std::string pack(const std::string& folder, const std::string& fileName,
+                   const std::vector<std::string>& documents = {"author-signature.xml"}) {
+    ZipBuilder zip;
+    for (const char* file : kSampleFiles)
+      zip.addFile(file, TempDir::readFile(folder + "/" + file));
+    for (const std::string& document : documents)
+      zip.addFile(document, TempDir::readFile(folder + "/" + document));
+    return writePackage(fileName, zip);
+  }
+
+  // A sample package signed by its author (through a folder, by widgetctl).
+  std::string signedPackage(const std::string& fileName) {
+    const std::string folder = sampleFolder(fileName + ".d");
+    EXPECT_EQ(0, sign(folder).status);
+    return pack(folder, fileName);
+  }
+
+  // xmlsec1 verifies the document in folder against the tests' root; its
+  // exit status, with its output in *output.
+  int xmlsec1Verifies(const std::string& folder, const std::string& document,
+                      std::string* output) {
+    ChildProcess xmlsec1;
+    xmlsec1.mergeOutput();
+    xmlsec1.setDirectory(folder);
+    xmlsec1.start({"/usr/bin/xmlsec1", "--verify", "--trusted-pem", keys + "root.pem",
+                   "--id-attr:Id", "http://www.w3.org/2000/09/xmldsig#:Object", document});
+    xmlsec1.wait();
+    *output = xmlsec1.out();
+    return xmlsec1.shellStatus();
+  }
+
+  // The names of the package's entries, in their order.
+  static std::vector<std::string> entries(const std::string& package) {
+    std::vector<std::string> names;
+    int error = 0;
+    zip_t* archive = zip_open(package.c_str(), ZIP_RDONLY, &error);
+    if (!archive) return names;
+    for (zip_int64_t i = 0; i < zip_get_num_entries(archive, 0); ++i)
+      names.push_back(zip_get_name(archive, static_cast<zip_uint64_t>(i), 0));
+    zip_discard(archive);
+    return names;
+  }
+
+  static constexpr const char* kSampleFiles[] = {
+      "config.xml", "index.html", "style.css", "clock.js", "icon.png", "icon.svg",
+      "locales/fr/index.html", "locales/de/index.html"};
+
+  const TestPki& pki = TestPki::get();
+  const std::string anchors = dir.path() + "/anchors";
+  const std::string keys = packages;
+};
+
+TEST_F(WidgetctlSignatureTest, SignedFolderVerifiesWithXmlsec1) {
+  const std::string folder = sampleFolder("clock");
+  Result author = sign(folder);
+  EXPECT_EQ(0, author.status) << author.err;
+  EXPECT_EQ("signed " + folder + ": wrote author-signature.xml\n", author.out);
+  EXPECT_EQ("", author.err);
+  std::string output;
+  EXPECT_EQ(0, xmlsec1Verifies(folder, "author-signature.xml", &output)) << output;
+
+  Result distributor = sign(folder, "distributor", {"--distributor", "--exclusive-c14n"});
+  EXPECT_EQ(0, distributor.status) << distributor.err;
+  EXPECT_EQ("signed " + folder + ": wrote signature1.xml\n", distributor.out);
+  EXPECT_EQ(0, xmlsec1Verifies(folder, "signature1.xml", &output)) << output;
+  EXPECT_NE(std::string::npos,
+            TempDir::readFile(folder + "/signature1.xml").find("xml-exc-c14n#"));
+  Result again = sign(folder, "distributor", {"--distributor"});
+  EXPECT_EQ("signed " + folder + ": wrote signature2.xml\n", again.out);
+}
+
+TEST_F(WidgetctlSignatureTest, SignedPackageIsReplacedInPlaceAndInstallsUnderRequire) {
+  const std::string package = samplePackage("clock.wgt");
+  ASSERT_EQ(0, chmod(package.c_str(), 0640));
+  Result signedIt = sign(package);
+  EXPECT_EQ(0, signedIt.status) << signedIt.err;
+  EXPECT_EQ("signed " + package + ": wrote author-signature.xml\n", signedIt.out);
+  // config.xml first, the other entries in their order, the new document last.
+  std::vector<std::string> expected(std::begin(kSampleFiles), std::end(kSampleFiles));
+  expected.push_back("author-signature.xml");
+  EXPECT_EQ(expected, entries(package));
+  struct stat status;
+  ASSERT_EQ(0, stat(package.c_str(), &status));
+  EXPECT_EQ(0640u, status.st_mode & 0777);
+  // Nothing left beside it, nor in the temporary directory.
+  EXPECT_EQ(std::vector<std::string>({"author.key", "author.pem", "clock.wgt",
+                                      "distributor.key", "distributor.pem", "root.pem",
+                                      "stranger.key", "stranger.pem"}),
+            TempDir::listDirectory(packages));
+  EXPECT_TRUE(TempDir::listDirectory(tmp).empty());
+
+  Result distributor = sign(package, "distributor", {"--distributor"});
+  EXPECT_EQ(0, distributor.status) << distributor.err;
+  expected.push_back("signature1.xml");
+  EXPECT_EQ(expected, entries(package));
+
+  Result install = runSigned({"install", package}, "require");
+  EXPECT_EQ(0, install.status) << install.out << install.err;
+  // The installed widget is the package unpacked: xmlsec1 agrees.
+  std::string output;
+  EXPECT_EQ(0, xmlsec1Verifies(root + "widget_clock", "author-signature.xml", &output))
+      << output;
+  EXPECT_EQ(0, xmlsec1Verifies(root + "widget_clock", "signature1.xml", &output)) << output;
+}
+
+TEST_F(WidgetctlSignatureTest, SignReadsAndWritesPathsFromWhereItRuns) {
+  samplePackage("clock.wgt");
+  ChildProcess child;
+  child.setDirectory(packages);
+  start(child, {"sign", "--key", "author.key", "--cert", "author.pem", "clock.wgt"});
+  child.wait();
+  EXPECT_EQ(0, child.shellStatus()) << child.err();
+  EXPECT_EQ("signed clock.wgt: wrote author-signature.xml\n", child.out());
+  EXPECT_EQ("author-signature.xml", entries(packages + "clock.wgt").back());
+  EXPECT_EQ(0, runSigned({"install", packages + "clock.wgt"}, "require").status);
+}
+
+TEST_F(WidgetctlSignatureTest, SignRefusesWhatItCannotSignAndLeavesItAsItWas) {
+  const std::string package = samplePackage("clock.wgt");
+  const std::string before = TempDir::readFile(package);
+  Result noKey = run({"sign", "--cert", keys + "author.pem", package});
+  EXPECT_EQ(2, noKey.status);
+  EXPECT_EQ("widgetctl: sign needs --key and --cert (see \"widgetctl help sign\")\n",
+            noKey.err);
+  Result keyElsewhere = run({"check", "--key", keys + "author.key", package});
+  EXPECT_EQ(2, keyElsewhere.status);
+
+  Result missing = run({"sign", "--key", keys + "none.key", "--cert",
+                        keys + "author.pem", package});
+  EXPECT_EQ(1, missing.status);
+  EXPECT_EQ(0u, missing.err.find("widgetctl: cannot read the key " + keys + "none.key: "))
+      << missing.err;
+  // A key that is not the certificate's.
+  Result mismatch = run({"sign", "--key", keys + "stranger.key", "--cert",
+                         keys + "author.pem", package});
+  EXPECT_EQ(1, mismatch.status);
+  EXPECT_EQ(1u, lines(mismatch.err).size());
+  EXPECT_EQ(0u, mismatch.err.find("widgetctl: could not sign " + package + ": "));
+
+  const std::string notAZip = packages + "notes.wgt";
+  TempDir::writeFile(notAZip, "<html>not found</html>");
+  Result refused = sign(notAZip);
+  EXPECT_EQ(1, refused.status);
+  EXPECT_EQ(0u, refused.err.find("widgetctl: could not sign " + notAZip + ": "));
+  EXPECT_EQ("<html>not found</html>", TempDir::readFile(notAZip));
+
+  Result json = run({"--json", "sign", "--key", keys + "stranger.key", "--cert",
+                     keys + "author.pem", package});
+  const nlohmann::json answer = document(json);
+  EXPECT_EQ("sign", answer["command"]);
+  EXPECT_EQ(1, answer["exit"]);
+  EXPECT_TRUE(answer["written"].is_null());
+
+  EXPECT_EQ(before, TempDir::readFile(package));
+  EXPECT_EQ(std::vector<std::string>({"author.key", "author.pem", "clock.wgt",
+                                      "distributor.key", "distributor.pem", "notes.wgt",
+                                      "root.pem", "stranger.key", "stranger.pem"}),
+            TempDir::listDirectory(packages));
+  EXPECT_TRUE(TempDir::listDirectory(tmp).empty());
+}
+
+TEST_F(WidgetctlSignatureTest, CheckGivesEverySignaturesVerdict) {
+  const std::string good = signedPackage("good.wgt");
+  Result valid = runSigned({"check", good});
+  EXPECT_EQ(0, valid.status) << valid.out << valid.err;
+  EXPECT_TRUE(hasLinesInOrder(
+      valid.out, {"signatures: checked against 1 trust anchor in " + anchors,
+                  "  author-signature.xml: valid (author)",
+                  "    signed by:  " + pki.author.subject,
+                  "    anchor:     " + pki.rootSubject, good + ": would install"}))
+      << valid.out;
+  EXPECT_EQ(std::string::npos, valid.out.find("failed:"));
+
+  // A file changed after signing, and one added.
+  const std::string folder = dir.file("good.wgt.d");
+  TempDir::writeFile(folder + "/index.html", "<p>changed</p>");
+  TempDir::writeFile(folder + "/extra.js", "1");
+  ZipBuilder zip;
+  for (const char* file : kSampleFiles) zip.addFile(file, TempDir::readFile(folder + "/" + file));
+  zip.addFile("extra.js", "1");
+  zip.addFile("author-signature.xml", TempDir::readFile(folder + "/author-signature.xml"));
+  const std::string changed = writePackage("changed.wgt", zip);
+  Result invalid = runSigned({"check", changed});
+  EXPECT_EQ(0, invalid.status);  // the engine installs it while no policy asks
+  EXPECT_TRUE(hasLinesInOrder(invalid.out,
+                           {"  author-signature.xml: invalid (author)",
+                            "    failed:     signature-file-not-referenced: extra.js",
+                            "    failed:     digest-mismatch: index.html",
+                            changed + ": would install"}))
+      << invalid.out;
+  EXPECT_EQ(1, runSigned({"check", "--strict", changed}).status);
+  Result required = runSigned({"check", changed}, "require");
+  EXPECT_EQ(1, required.status);
+  EXPECT_EQ(changed + ": would be refused: its signatures do not hold, and "
+                      "WIDGETENGINE_SIGNATURES=require refuses it; \"widgetctl check\" "
+                      "gives each signature's verdict (signature-file-not-referenced: "
+                      "extra.js)",
+            lastLine(required.out));
+
+  // Under no trust anchor at all, the signer is no one the device trusts.
+  Result untrusted = runWith({"check", good}, {{"WIDGETENGINE_TRUST_ANCHORS", tmp}});
+  EXPECT_NE(std::string::npos,
+            untrusted.out.find("signatures: checked against 0 trust anchors in " + tmp))
+      << untrusted.out;
+  EXPECT_NE(std::string::npos, untrusted.out.find("failed:     untrusted-signer: "));
+
+  Result json = runSigned({"--json", "check", good, changed});
+  const nlohmann::json answer = document(json);
+  ASSERT_TRUE(answer.is_object()) << json.out;
+  const nlohmann::json& first = answer["packages"][0]["signatures"];
+  EXPECT_EQ(true, first["checked"]);
+  EXPECT_EQ("off", first["policy"]);
+  EXPECT_EQ(anchors, first["trustAnchors"]);
+  EXPECT_EQ(1, first["trustAnchorCount"]);
+  EXPECT_EQ(true, first["signed"]);
+  EXPECT_EQ(true, first["valid"]);
+  EXPECT_EQ("author-signature.xml", first["author"]["file"]);
+  EXPECT_EQ(pki.author.subject, first["author"]["subject"]);
+  EXPECT_EQ(95u, first["author"]["fingerprint"].get<std::string>().size());
+  EXPECT_EQ(pki.rootSubject, first["author"]["anchor"]);
+  const nlohmann::json& second = answer["packages"][1]["signatures"];
+  EXPECT_EQ(false, second["valid"]);
+  EXPECT_EQ(nlohmann::json({"author-signature.xml: signature-file-not-referenced: extra.js",
+                            "author-signature.xml: digest-mismatch: index.html"}),
+            second["failures"]);
+}
+
+TEST_F(WidgetctlSignatureTest, CheckOfAnUnsignedPackageSaysNothingOfSignaturesUnlessAsked) {
+  const std::string plain = samplePackage("plain.wgt");
+  Result quiet = runSigned({"check", plain});
+  EXPECT_EQ(plain + ": would install\n", quiet.out);
+  Result json = runSigned({"--json", "check", plain});
+  EXPECT_FALSE(document(json)["packages"][0].contains("signatures")) << json.out;
+
+  Result report = runSigned({"check", plain}, "report");
+  EXPECT_EQ("signatures: checked against 1 trust anchor in " + anchors +
+                "\n  not signed: the package carries no signature document\n" + plain +
+                ": would install\n",
+            report.out);
+  Result require = runSigned({"check", plain}, "require");
+  EXPECT_EQ(1, require.status);
+  EXPECT_NE(std::string::npos, lastLine(require.out).find("(not-signed: "));
+  // A signature document below the root is an ordinary file.
+  ZipBuilder zip;
+  for (const char* file : kSampleFiles)
+    zip.addFile(file, TempDir::readFile(std::string(kSample) + file));
+  zip.addFile("docs/author-signature.xml", "<not-a-signature/>");
+  const std::string sub = writePackage("sub.wgt", zip);
+  EXPECT_EQ(sub + ": would install\n", runSigned({"check", sub}).out);
+}
+
+TEST_F(WidgetctlSignatureTest, InfoShowsWhatTheInstallationFoundOfTheSignatures) {
+  const std::string package = signedPackage("clock.wgt");
+  ASSERT_EQ(0, sign(package, "distributor", {"--distributor"}).status);
+  ASSERT_EQ(0, runSigned({"install", package}, "report").status);
+  Result info = runSigned({"info", "clock"});
+  EXPECT_EQ(0, info.status) << info.err;
+  EXPECT_TRUE(hasLinesInOrder(
+      info.out, {"storage path:  " + root + "widget_clock/",
+                 "signatures:    valid (checked when installed, policy report)",
+                 "  author-signature.xml: valid (author)",
+                 "    signed by:  " + pki.author.subject,
+                 "  signature1.xml: valid (distributor)",
+                 "    signed by:  " + pki.distributor.subject}))
+      << info.out;
+  const nlohmann::json answer = document(runSigned({"--json", "info", "clock"}));
+  EXPECT_EQ(true, answer["signatures"]["valid"]);
+  EXPECT_EQ("report", answer["signatures"]["policy"]);
+  EXPECT_EQ(pki.author.subject, answer["signatures"]["author"]["subject"]);
+  EXPECT_EQ(pki.distributor.subject, answer["signatures"]["distributors"][0]["subject"]);
+
+  // Installed with the policy off: info is what it always was.
+  ASSERT_EQ(0, run({"install", samplePackage("plain.wgt")}).status);
+  Result plain = run({"info", "plain"});
+  EXPECT_EQ("storage path:  " + root + "widget_plain/", lastLine(plain.out));
+  EXPECT_FALSE(document(run({"--json", "info", "plain"})).contains("signatures"));
+}
+
+TEST_F(WidgetctlSignatureTest, DoctorFindsASignedWidgetWhoseFilesChangedAndLeavesIt) {
+  ASSERT_EQ(0, runSigned({"install", signedPackage("clock.wgt")}, "report").status);
+  ASSERT_EQ(0, runSigned({"install", samplePackage("plain.wgt")}, "report").status);
+  Result healthy = runSigned({"doctor"});
+  EXPECT_EQ(0, healthy.status) << healthy.out;
+  EXPECT_EQ("registry and disk agree\n", healthy.out);
+
+  const std::string folder = root + "widget_clock/";
+  TempDir::writeFile(folder + "clock.js", "alert(1)");
+  TempDir::writeFile(root + "widget_plain/clock.js", "alert(1)");  // never signed
+  Result found = runSigned({"doctor", "--repair"});
+  EXPECT_EQ(1, found.status);
+  EXPECT_EQ("signature-mismatch: clock " + folder +
+                "\n  the files of widget clock no longer match its signatures "
+                "(author-signature.xml: digest-mismatch: clock.js); doctor does not "
+                "repair this: \"widgetctl remove clock\" and install it again from file://" +
+                packages + "clock.wgt\nproblems found\n",
+            found.out);
+  EXPECT_EQ("alert(1)", TempDir::readFile(folder + "clock.js"));
+
+  // The trust anchors withdrawn say nothing about the files.
+  TempDir::writeFile(folder + "clock.js",
+                     TempDir::readFile(std::string(kSample) + "clock.js"));
+  Result withdrawn = runWith({"doctor"}, {{"WIDGETENGINE_TRUST_ANCHORS", tmp}});
+  EXPECT_EQ(0, withdrawn.status) << withdrawn.out;
+  TempDir::removeTree(folder + "author-signature.xml");
+  const nlohmann::json answer = document(runSigned({"--json", "doctor"}));
+  EXPECT_EQ("signature-mismatch", answer["problems"][0]["kind"]);
+  EXPECT_NE(std::string::npos, answer["problems"][0]["detail"].get<std::string>().find(
+                                   "author-signature.xml: the signature document is gone"));
+}
