@@ -446,7 +446,7 @@ TEST_F(ExtensionsTest, EveryKindOfLineArrivesWithItsLevel) {
   const std::string first = "file://" + writePackage("clock.wgt", clock);
   EXPECT_TRUE(receive(first));
   EXPECT_TRUE(receive(first));
-  ASSERT_EQ(0, system(("mkdir -p " + packages + "b").c_str()));
+  ASSERT_EQ(0, mkdir((packages + "b").c_str(), 0700));
   EXPECT_FALSE(receive("file://" + writePackage("b/clock.wgt", clock)));
   EXPECT_EQ(1, remove("clock"));
   EXPECT_EQ(0, remove("clock"));

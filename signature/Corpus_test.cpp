@@ -3,12 +3,11 @@
 // widget material (skipped when it is not on this machine).
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
-#include <cstdlib>
 #include <string>
 
 #include "signature/SignatureVerifier.h"
+#include "testing/ChildProcess.h"
 #include "testing/TempDir.h"
 
 namespace {
@@ -30,9 +29,10 @@ std::string joined(const std::vector<std::string>& list) {
 bool unpack(const TempDir& dir, const std::string& package) {
   struct stat st;
   if (stat(package.c_str(), &st) != 0) return false;
-  const std::string command = "unzip -q '" + package + "' -d '" + dir.file("package") + "'";
-  const int status = std::system(command.c_str());
-  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+  ChildProcess unzip;
+  unzip.start({"/usr/bin/unzip", "-q", package, "-d", dir.file("package")});
+  unzip.wait();
+  return unzip.exitedWith(0);
 }
 
 TEST(SignatureCorpusTest, ADistributorSignatureFromAnotherToolIsReadThrough) {

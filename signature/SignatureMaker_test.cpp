@@ -7,18 +7,19 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
 #include <string>
+#include <vector>
 
 #include "base/ScopedFd.h"
 #include "signature/CertificateChain.h"
 #include "signature/CoreSignature.h"
 #include "signature/SignatureDocument.h"
 #include "signature/SignatureVerifier.h"
+#include "testing/ChildProcess.h"
 #include "testing/SignedPackage.h"
 #include "testing/TempDir.h"
 #include "testing/TestPki.h"
@@ -43,7 +44,9 @@ std::vector<std::string> certificatesOf(const std::string& text) {
   return found;
 }
 
-const char kIdAttribute[] = "--id-attr:Id http://www.w3.org/2000/09/xmldsig#:Object";
+// Tells xmlsec1 that the Id of an Object is an ID, which no DTD says.
+const char* const kIdAttribute[] = {"--id-attr:Id",
+                                    "http://www.w3.org/2000/09/xmldsig#:Object"};
 
 class SignatureMakerTest : public ::testing::Test {
  protected:
@@ -60,13 +63,18 @@ class SignatureMakerTest : public ::testing::Test {
 
   // Runs xmlsec1 with arguments in the package folder, where the files its
   // references name are; its exit status, and its output in *output.
-  int xmlsec1(const std::string& arguments, std::string* output) {
-    const std::string log = dir.file("xmlsec1.log");
-    const std::string command = "cd '" + package() + "' && xmlsec1 " + arguments +
-                                " >'" + log + "' 2>&1";
-    const int status = std::system(command.c_str());
-    *output = TempDir::readFile(log);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  int xmlsec1(std::vector<std::string> arguments, std::string* output) {
+    ChildProcess xmlsec1;
+    xmlsec1.mergeOutput();
+    xmlsec1.setDirectory(package());
+    // The command (--sign, --verify) first, then the options.
+    arguments.insert(arguments.begin() + 1, std::begin(kIdAttribute),
+                     std::end(kIdAttribute));
+    arguments.insert(arguments.begin(), "/usr/bin/xmlsec1");
+    xmlsec1.start(arguments);
+    xmlsec1.wait();
+    *output = xmlsec1.out();
+    return xmlsec1.shellStatus();
   }
 
   void sign(const TestSigner& signer, SignatureMaker::Role role, bool exclusive) {
@@ -75,8 +83,7 @@ class SignatureMakerTest : public ::testing::Test {
 
   void expectXmlsec1Verifies(const std::string& name) {
     std::string output;
-    EXPECT_EQ(0, xmlsec1("--verify --trusted-pem '" + dir.file("root.pem") + "' " +
-                             kIdAttribute + " " + name,
+    EXPECT_EQ(0, xmlsec1({"--verify", "--trusted-pem", dir.file("root.pem"), name},
                          &output))
         << output;
   }
@@ -98,8 +105,8 @@ class SignatureMakerTest : public ::testing::Test {
       files += "," + file;
     }
     std::string output;
-    ASSERT_EQ(0, xmlsec1("--sign --privkey-pem '" + files + "' " + kIdAttribute +
-                             " --output " + name + " '" + dir.file("template.xml") + "'",
+    ASSERT_EQ(0, xmlsec1({"--sign", "--privkey-pem", files, "--output", name,
+                          dir.file("template.xml")},
                          &output))
         << output;
   }
@@ -123,8 +130,8 @@ TEST_F(SignatureMakerTest, Xmlsec1CatchesAChangedFileToo) {
   sign(pki.author, SignatureMaker::kAuthor, false);
   TempDir::writeFile(package() + "/index.html", "<p>changed</p>\n");
   std::string output;
-  EXPECT_NE(0, xmlsec1(std::string("--verify --trusted-pem '") + dir.file("root.pem") +
-                           "' " + kIdAttribute + " author-signature.xml",
+  EXPECT_NE(0, xmlsec1({"--verify", "--trusted-pem", dir.file("root.pem"),
+                        "author-signature.xml"},
                        &output));
 }
 
