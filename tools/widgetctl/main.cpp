@@ -28,6 +28,7 @@
 #include "tools/widgetctl/EngineLines.h"
 #include "tools/widgetctl/Reply.h"
 #include "tools/widgetctl/Sign.h"
+#include "tools/widgetctl/Update.h"
 
 using nlohmann::json;
 using namespace widgetctl;
@@ -49,11 +50,12 @@ const char kUsageText[] =
     "  check PACKAGE...          lint packages and say whether they would install\n"
     "  sign FOLDER|PACKAGE       sign a widget as its author or a distributor\n"
     "  doctor                    compare the registry with the disk; --repair\n"
+    "  update NAME...|--all      update widgets in place; --check only asks\n"
     "  help [COMMAND]            this text, or one command's\n"
     "\n"
     "Options:\n"
-    "  --lang LIST       the reader's accept-language (info, map; default: from\n"
-    "                    LANGUAGE or LANG)\n"
+    "  --lang LIST       the reader's accept-language (info, map, update; default:\n"
+    "                    from LANGUAGE or LANG)\n"
     "  --json            one JSON document on standard output; the engine's\n"
     "                    lines go to standard error\n"
     "  -q, --quiet       the engine's lines go to standard error; no progress\n"
@@ -65,6 +67,10 @@ const char kUsageText[] =
     "  --cert FILE       sign: the signer's certificate, then its issuers' (PEM)\n"
     "  --distributor     sign: as a distributor (signatureN.xml), not the author\n"
     "  --exclusive-c14n  sign: exclusive XML canonicalization, not C14N 1.1\n"
+    "  --check           update: only ask whether updates are on offer\n"
+    "  --all             update: every installed widget\n"
+    "  --from URL|PATH   update: the package to update the one NAME from\n"
+    "  --jitter SECONDS  update --all: first wait a random time up to SECONDS\n"
     "  -V, --version     the library version and its compiled-in paths\n"
     "  -h, --help        this text\n"
     "\n"
@@ -84,7 +90,7 @@ const char kUsageText[] =
 
 struct Command {
   const char* name;
-  int arguments;  // -1: one or more
+  int arguments;  // -1: one or more; below that, the command counts them
   const char* help;
 };
 
@@ -163,6 +169,7 @@ const Command kCommands[] = {
      "of its chain. A package is unpacked into a private temporary folder,\n"
      "signed there and packed again, config.xml first, under a fresh name\n"
      "beside it that then replaces it. Prints the document it wrote.\n"},
+    {"update", -3, kUpdateHelp},
     {"help", -2,
      "Usage: widgetctl help [COMMAND]\n"
      "\n"
@@ -189,6 +196,7 @@ struct Options {
   bool version = false;
   bool hasLanguage = false;
   std::string language;
+  UpdateOptions update;
 };
 
 // The compiled-in places, and where the environment moves them.
@@ -282,6 +290,10 @@ int main(int argc, char** argv) {
       {"cert", required_argument, nullptr, 'c'},
       {"distributor", no_argument, nullptr, 'd'},
       {"exclusive-c14n", no_argument, nullptr, 'x'},
+      {"check", no_argument, nullptr, 'C'},
+      {"all", no_argument, nullptr, 'a'},
+      {"from", required_argument, nullptr, 'f'},
+      {"jitter", required_argument, nullptr, 'J'},
       {"version", no_argument, nullptr, 'V'},
       {"help", no_argument, nullptr, 'h'},
       {nullptr, 0, nullptr, 0}};
@@ -291,6 +303,8 @@ int main(int argc, char** argv) {
   for (int i = 1; i < argc && strcmp(argv[i], "--") != 0; ++i) {
     const size_t length = strlen(argv[i]);
     if (length >= 3 && strncmp(argv[i], "--json", length) == 0) gJson = true;
+    // "--j" was --json before --jitter came, and stays so.
+    if (strcmp(argv[i], "--j") == 0) argv[i] = const_cast<char*>("--json");
   }
   opterr = 0;
   int c;
@@ -307,6 +321,10 @@ int main(int argc, char** argv) {
       case 'c': options.certificates = optarg; break;
       case 'd': options.distributor = true; break;
       case 'x': options.exclusiveC14n = true; break;
+      case 'C': options.update.check = true; break;
+      case 'a': options.update.all = true; break;
+      case 'f': options.update.from = optarg; options.update.hasFrom = true; break;
+      case 'J': options.update.jitter = optarg; options.update.hasJitter = true; break;
       case 'V': options.version = true; break;
       case 'h': options.help = true; break;
       default: {
@@ -314,7 +332,8 @@ int main(int argc, char** argv) {
         std::string option = argv[optind - 1];
         for (const struct option* known = kLong; optopt && known->name; ++known)
           if (known->val == optopt) option = std::string("--") + known->name;
-        return usageError(c == ':' || optopt == 'l' || optopt == 'k' || optopt == 'c'
+        return usageError(c == ':' || optopt == 'l' || optopt == 'k' || optopt == 'c' ||
+                                  optopt == 'f' || optopt == 'J'
                               ? option + " needs a value"
                               : "unknown option " + option,
                           nullptr);
@@ -364,7 +383,7 @@ int main(int argc, char** argv) {
   }
   if (command->arguments == -1 && words.empty())
     return usageError(name + " needs at least one package", command->name);
-  if (options.hasLanguage && name != "info" && name != "map")
+  if (options.hasLanguage && name != "info" && name != "map" && name != "update")
     return usageError("--lang is for info and map", command->name);
   if ((options.repair || options.reinstall || options.removeOrphans) && name != "doctor")
     return usageError("--repair, --reinstall and --remove-orphans are for doctor",
@@ -380,6 +399,10 @@ int main(int argc, char** argv) {
   }
   if (name == "sign" && (!options.key || !options.certificates))
     return usageError("sign needs --key and --cert", command->name);
+  if (options.update.any() && name != "update")
+    return usageError("--check, --all, --from and --jitter are for update", command->name);
+  if (name == "update" && !updateUsageError(options.update, words).empty())
+    return usageError(updateUsageError(options.update, words), command->name);
 
   // The answers of these are data for scripts: the engine's lines stay
   // apart, on standard error.
@@ -405,6 +428,7 @@ int main(int argc, char** argv) {
     signOptions.exclusiveC14n = options.exclusiveC14n;
     return runSign(words[0], signOptions);
   }
+  if (name == "update") return runUpdate(options.update, words, language);
   if (name == "doctor") {
     Doctor::Options doctorOptions;
     doctorOptions.repair = options.repair;

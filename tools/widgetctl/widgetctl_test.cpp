@@ -36,58 +36,14 @@
 #include "testing/TestPki.h"
 #include "testing/WidgetSandbox.h"
 #include "testing/ZipBuilder.h"
+#include "tools/widgetctl/WidgetctlRun.h"
 
 namespace {
 
-const char kWidgetctl[] = WIDGETENGINE_BINARY_DIR "/widgetctl";
 const char kSample[] = WIDGETENGINE_SOURCE_DIR "/tools/sample-widget/";
 
-struct Result {
-  int status;
-  std::string out;
-  std::string err;
-};
-
-// The program's temporary directory is in the sandbox too.
-class WidgetctlTest : public WidgetSandbox {
+class WidgetctlTest : public WidgetctlRun {
  protected:
-  void SetUp() override { ASSERT_EQ(0, mkdir(tmp.c_str(), 0755)); }
-
-  // Runs widgetctl with args, in the sandbox's environment; its exit status
-  // and both outputs.
-  Result run(const std::vector<std::string>& args) { return runWith(args, {}); }
-
-  // The same, with more variables in the child's environment (name=value;
-  // an empty value unsets the variable).
-  Result runWith(const std::vector<std::string>& args,
-                 const std::vector<std::pair<std::string, std::string>>& env) {
-    ChildProcess child;
-    start(child, args, env);
-    child.wait();
-    return {child.shellStatus(), child.out(), child.err()};
-  }
-
-  // Starts widgetctl with args in child, in the sandbox's environment.
-  void start(ChildProcess& child, const std::vector<std::string>& args,
-             const std::vector<std::pair<std::string, std::string>>& env = {}) {
-    child.setEnv("TMPDIR", tmp);
-    for (const char* name : {"LANGUAGE", "LC_ALL", "LC_MESSAGES", "LANG"})
-      child.unsetEnv(name);
-    for (const auto& variable : env) {
-      if (variable.second.empty())
-        child.unsetEnv(variable.first);
-      else
-        child.setEnv(variable.first, variable.second);
-    }
-    std::vector<std::string> argv;
-    // time(1) reports the peak of widgetctl alone: a child forked from
-    // this test would count the test's own pages in its peak too.
-    if (!peakFile.empty()) argv = {"/usr/bin/time", "-f", "%M", "-o", peakFile};
-    argv.push_back(kWidgetctl);
-    argv.insert(argv.end(), args.begin(), args.end());
-    child.start(argv);
-  }
-
   // Starts `widgetctl check package` in child; passes once the check has
   // made its folder in tmp and marked it as in use.
   ::testing::AssertionResult startCheckAndWaitForItsFolder(ChildProcess& child,
@@ -102,10 +58,6 @@ class WidgetctlTest : public WidgetSandbox {
     if (marked) return ::testing::AssertionSuccess();
     return ::testing::AssertionFailure() << "the check never made its folder";
   }
-
-  // When set, runs go through time(1), which writes the peak resident
-  // memory of widgetctl, in KiB, into this file.
-  std::string peakFile;
 
   // The bundled sample widget, packed; the package's path.
   std::string samplePackage(const std::string& fileName) {
@@ -122,12 +74,6 @@ class WidgetctlTest : public WidgetSandbox {
       zip.addFile(file, TempDir::readFile(std::string(kSample) + file));
     return writePackage(fileName, zip);
   }
-
-  nlohmann::json document(const Result& result) {
-    return nlohmann::json::parse(result.out, nullptr, false);
-  }
-
-  const std::string tmp = dir.path() + "/tmp";
 };
 
 const char* const kCommandNames[] = {"install", "list",  "info",   "map", "is-widget",
@@ -920,32 +866,6 @@ TEST_F(WidgetctlTest, DoctorReportsLinksAndRowsOutsideTheRootAndTouchesNeither) 
   EXPECT_EQ(0, run({"remove", "linked"}).status);
   EXPECT_EQ("keep", TempDir::readFile(elsewhere + "precious"));
   EXPECT_FALSE(TempDir::exists(root + "widget_linked"));
-}
-
-// Runs widgetctl with args on a pseudo-terminal (standard output and error
-// alike), as a user at a terminal does; what the terminal received.
-std::string runOnTerminal(const std::string& tmp,
-                          const std::vector<std::string>& args) {
-  int master = -1;
-  const pid_t child = forkpty(&master, nullptr, nullptr, nullptr);
-  if (child == 0) {
-    setenv("TMPDIR", tmp.c_str(), 1);
-    std::vector<char*> argv;
-    argv.push_back(const_cast<char*>(kWidgetctl));
-    for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
-    argv.push_back(nullptr);
-    execv(kWidgetctl, argv.data());
-    _exit(127);
-  }
-  std::string text;
-  if (child < 0) return text;
-  char buffer[4096];
-  ssize_t got;
-  // EIO once the child closed its side of the terminal.
-  while ((got = read(master, buffer, sizeof buffer)) > 0) text.append(buffer, got);
-  close(master);
-  waitpid(child, nullptr, 0);
-  return text;
 }
 
 TEST_F(WidgetctlTest, InstallShowsProgressOnATerminalOnly) {
