@@ -35,12 +35,15 @@ class UnpackWorkers {
   // directory when the failed extraction is cleaned. *started says whether
   // the helper thread ran. With digests, each thread digests the files it
   // writes (unpacker must be digesting already), and the digests go into
-  // digests in entry order.
+  // digests in entry order. With first (when not null), the entries it
+  // chooses are taken before the others; an entry that fails stops the
+  // taking of entries behind it in the archive, so that the refusal is
+  // the one the archive's order gives.
   static Outcome run(const std::vector<UnpackTask>& tasks, EntryUnpacker& unpacker,
                   int baseFd, int baseError, size_t baseLength,
                   const ZipReader& package, zip_int64_t count,
                   std::vector<std::string>& files, FileDigests* digests,
-                  bool* started);
+                  bool* started, const FirstEntries* first = nullptr);
 };
 
 #endif  // WIDGETENGINE_UNPACKWORKERS_H_

@@ -206,7 +206,9 @@ void SignatureDocument::check(const std::set<std::string>& packageFiles,
     checkReferences(signedInfo, packageFiles, failures);
   }
   checkProperties(signatureId, failures);
-  readCertificates(failures);
+  readCertificates();
+  failures->insert(failures->end(), certificateFailures_.begin(),
+                   certificateFailures_.end());
 }
 
 void SignatureDocument::checkReferences(xmlNode* signedInfo,
@@ -339,7 +341,10 @@ void SignatureDocument::checkProperties(const std::string& signatureId,
   }
 }
 
-void SignatureDocument::readCertificates(std::vector<std::string>* failures) {
+void SignatureDocument::readCertificates() {
+  if (certificatesRead_) return;
+  certificatesRead_ = true;
+  std::vector<std::string>* failures = &certificateFailures_;
   xmlNode* keyInfo = childNamed(signatureElement(), sv::kDsigNamespace, "KeyInfo");
   std::string complaint;
   CoreSignature::Quiet quiet(&complaint);
