@@ -178,7 +178,10 @@ void SignatureDocument::checkAlgorithm(const std::string& uri,
 
 void SignatureDocument::check(const std::set<std::string>& packageFiles,
                               std::vector<std::string>* failures) {
+  // A check may be repeated, against the same files or others.
   readyForValues_ = idsUnique_;
+  propertiesReferenced_ = false;
+  identifier_.clear();
   xmlNode* root = signatureElement();
   if (!root) {
     readyForValues_ = false;

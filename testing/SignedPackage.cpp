@@ -41,8 +41,10 @@ Verdict SignedPackage::verify() const {
       rootFiles.push_back(entry.path().filename().string());
   }
   const SignatureVerifier::Early early = verifier.prepare(folder.get(), rootFiles);
-  EXPECT_EQ(describe(read), describe(verifier.verify(folder.get(), &written, &early)))
-      << "checking the signature documents ahead gives a different verdict";
+  for (int time = 0; time < 2; ++time) {
+    EXPECT_EQ(describe(read), describe(verifier.verify(folder.get(), &written, &early)))
+        << "checking the signature documents ahead gives a different verdict";
+  }
   return read;
 }
 
