@@ -206,6 +206,16 @@ xmlSecKey* keyOf(EVP_PKEY* pkey) {
   return key.release();
 }
 
+// Readies libxmlsec and makes *ctx a context checking with key; what
+// failed ("internal: ...") when it cannot.
+std::string checkingContext(EVP_PKEY* key, DSigCtxPtr* ctx) {
+  std::string reason;
+  if (!CoreSignature::ready(&reason)) return "internal: " + reason;
+  *ctx = makeContext();
+  if (!*ctx || !((*ctx)->signKey = keyOf(key))) return "internal: out of memory";
+  return std::string();
+}
+
 // Runs operation (libxmlsec's sign or verify) on the signature, references
 // reading files below folderFd. False with *error saying why it failed.
 bool run(int (*operation)(xmlSecDSigCtx*, xmlNode*), xmlSecDSigCtx* ctx,
@@ -505,17 +515,9 @@ bool CoreSignature::ready(std::string* reason) {
 
 CoreSignature::Early CoreSignature::prepare(xmlNode* signature, EVP_PKEY* key) {
   Early early;
-  std::string reason;
-  if (!ready(&reason)) {
-    early.internal = "internal: " + reason;
-    return early;
-  }
-  DSigCtxPtr ctx = makeContext();
-  if (!ctx || !(ctx->signKey = keyOf(key))) {
-    early.internal = "internal: out of memory";
-    return early;
-  }
-  prepareSteps(ctx.get(), signature, &early);
+  DSigCtxPtr ctx;
+  early.internal = checkingContext(key, &ctx);
+  if (early.internal.empty()) prepareSteps(ctx.get(), signature, &early);
   return early;
 }
 
@@ -537,14 +539,10 @@ bool CoreSignature::verify(xmlNode* signature, EVP_PKEY* key, int folderFd,
     }
     values = checkWithWritten(*early, signature, folderFd, files, *written);
   } else {
-    std::string reason;
-    if (!ready(&reason)) {
-      failures->push_back("internal: " + reason);
-      return false;
-    }
-    DSigCtxPtr ctx = makeContext();
-    if (!ctx || !(ctx->signKey = keyOf(key))) {
-      failures->push_back("internal: out of memory");
+    DSigCtxPtr ctx;
+    const std::string internal = checkingContext(key, &ctx);
+    if (!internal.empty()) {
+      failures->push_back(internal);
       return false;
     }
     values = checkByLibrary(ctx.get(), signature, folderFd, files);
