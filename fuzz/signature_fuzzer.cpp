@@ -164,6 +164,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string onWritten = rulesOf(verifier.verify(fixture.package, &written));
   require(rulesOf(verdict) == onWritten, "the written digests judge otherwise:\n",
           rulesOf(verdict) + "against\n" + onWritten);
+  {
+    // The signature documents checked ahead, as while an unpacking writes
+    // the other files.
+    ScopedFd folder(open(fixture.package.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    require(folder.get() >= 0, "open package");
+    const std::vector<std::string> rootFiles(expected.begin(), expected.end());
+    const SignatureVerifier::Early early = verifier.prepare(folder.get(), rootFiles);
+    const std::string ahead = rulesOf(verifier.verify(folder.get(), &written, &early));
+    require(rulesOf(verdict) == ahead, "the documents checked ahead judge otherwise:\n",
+            rulesOf(verdict) + "against\n" + ahead);
+  }
   require(contents(fixture.package) == expected, "the check changed the package");
   require(verdict.failures.empty(), "the package itself was refused");
   require(verdict.signatures.size() == expected.size() - before.size(),

@@ -122,7 +122,7 @@ Outcome Extractor::unpack(std::vector<std::string>& files) {
       UnpackPlan::inAnyOrder(archive.get(), count, targetDir, package, &tasks)) {
     Outcome written = UnpackWorkers::run(tasks, unpacker, baseFd.get(),
                                          baseError, baseLength, package, count,
-                                         files, digests_, &twoThreads);
+                                         files, digests_, &twoThreads, &first_);
     if (!written.ok()) return written;
     progress::report(WIDGETENGINE_PROGRESS_UNPACK, static_cast<uint64_t>(count),
                      static_cast<uint64_t>(count));

@@ -8,9 +8,11 @@
 #include <sys/types.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "base/Outcome.h"
+#include "install/UnpackPlan.h"
 
 class FileDigests;
 
@@ -43,6 +45,11 @@ class Extractor {
   // SHA-256 digest of every file it writes, of the bytes as they are
   // written; unset, as by default, nothing is digested.
   void setDigests(FileDigests* digests) { digests_ = digests; }
+  // When extract() writes on two threads, the entries first chooses are
+  // written before the others and first's whenWritten runs as soon as they
+  // are (UnpackWorkers); in one thread, whenWritten never runs. Lines,
+  // files and refusals are the same either way.
+  void setFirst(FirstEntries first) { first_ = std::move(first); }
   // True when the last extract() wrote on two threads.
   bool wroteOnTwoThreads() const { return twoThreads; }
   void clean();
@@ -69,6 +76,7 @@ class Extractor {
   int workers;
   bool twoThreads = false;
   FileDigests* digests_ = nullptr;
+  FirstEntries first_;
   Outcome outcome_;
 };
 

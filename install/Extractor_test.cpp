@@ -13,6 +13,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstdint>
 #include <cstdio>
@@ -1107,13 +1108,15 @@ struct Extraction {
 };
 // workers 0 leaves the extractor's own choice.
 Extraction extractWith(const std::string& zipPath, const std::string& into, int workers,
-                       FileDigests* digests = nullptr) {
+                       FileDigests* digests = nullptr,
+                       const FirstEntries* first = nullptr) {
   Extraction run;
   CaptureStdout capture;
   {
     Extractor extractor(zipPath, into);
     if (workers > 0) extractor.setWorkers(workers);
     extractor.setDigests(digests);
+    if (first) extractor.setFirst(*first);
     run.result = extractor.extract(run.files);
     run.twoThreads = extractor.wroteOnTwoThreads();
     extractor.setKeepFiles(true);
@@ -1183,6 +1186,80 @@ TEST_F(ExtractorTest, FirstFailureInEntryOrderIsTheOneSaidOnTwoThreads) {
     EXPECT_EQ(25u, twice.files.size());
   }
   std::printf("20 rounds on one thread and on two\n");
+}
+
+// Entries 30 and 45 (the ".xml" ones) are chosen to be written first. The
+// lines, files and refusal stay those of the archive's order, and the
+// chosen entries' hook runs once, with both written whole, or not at all
+// when either failed.
+TEST_F(ExtractorTest, EntriesChosenFirstLeaveTheArchivesOrderAsItWas) {
+  VerifiedEntries verified;
+  const auto nameOf = [](int i) {
+    return i == 30 || i == 45 ? "doc" + std::to_string(i) + ".xml"
+                              : "page" + std::to_string(i) + ".html";
+  };
+  const auto contentsOf = [](int i) { return "<p>" + std::string(i * 500, 'x') + "</p>"; };
+  // Which entries are damaged (their checksum fails), and the entry whose
+  // refusal is said (-1 for none).
+  const struct {
+    std::vector<int> damaged;
+    int said;
+  } cases[] = {{{}, -1}, {{45}, 45}, {{25, 45}, 25}, {{30}, 30}, {{40}, 40}};
+  int round = 0;
+  for (const auto& c : cases) {
+    ZipBuilder zip;
+    for (int i = 0; i < 50; ++i) {
+      const bool damaged =
+          std::find(c.damaged.begin(), c.damaged.end(), i) != c.damaged.end();
+      zip.addFile(nameOf(i), damaged ? "var clockHands" + std::to_string(i) + " = 12;"
+                                     : contentsOf(i),
+                  ZipBuilder::kStored);
+    }
+    build(zip);
+    std::string bytes = TempDir::readFile(zipPath);
+    for (size_t at; (at = bytes.find("clockHands")) != std::string::npos;) bytes[at] = 'k';
+    TempDir::writeFile(zipPath, bytes);
+
+    for (int repeat = 0; repeat < 10; ++repeat, ++round) {
+      const std::string one = dir.file("one" + std::to_string(round)) + "/";
+      const std::string two = dir.file("two" + std::to_string(round)) + "/";
+      int calls = 0;
+      std::vector<std::string> given;
+      bool whole = true;
+      FirstEntries first{
+          [](const std::string& name) {
+            return name.size() > 4 && name.compare(name.size() - 4, 4, ".xml") == 0;
+          },
+          [&](const std::vector<std::string>& names) {
+            ++calls;
+            given = names;
+            for (int i : {30, 45})
+              whole = whole && TempDir::readFile(two + nameOf(i)) == contentsOf(i);
+          }};
+      const Extraction single = extractWith(zipPath, one, 1, nullptr, &first);
+      EXPECT_EQ(0, calls) << "one thread";
+      const Extraction twice = extractWith(zipPath, two, 2, nullptr, &first);
+      EXPECT_TRUE(twice.twoThreads);
+      EXPECT_EQ(single.result, twice.result);
+      ASSERT_EQ(single.output, twice.output) << "round " << round;
+      EXPECT_EQ(single.files, twice.files);
+      if (c.said < 0) {
+        EXPECT_EQ(0, twice.result);
+      } else {
+        EXPECT_NE(std::string::npos,
+                  twice.output.find("Damaged file in archive: " + nameOf(c.said) + "\n"))
+            << twice.output;
+      }
+      bool chosenDamaged = false;
+      for (int i : c.damaged) chosenDamaged = chosenDamaged || i == 30 || i == 45;
+      // Entry 40 damaged or not, the chosen ones were written before it.
+      EXPECT_EQ(chosenDamaged ? 0 : 1, calls) << "round " << round;
+      if (!chosenDamaged) {
+        EXPECT_EQ((std::vector<std::string>{"doc30.xml", "doc45.xml"}), given);
+        EXPECT_TRUE(whole);
+      }
+    }
+  }
 }
 
 TEST_F(ExtractorTest, WriteFailureOnTwoThreadsIsSaidWithItsErrorNumber) {

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "install/SignatureCheck.h"
 
+#include <fcntl.h>
 #include <widgetengine/WidgetEngineExtensions.h>
 
 #include <atomic>
@@ -12,6 +13,7 @@
 #include <optional>
 
 #include "base/EngineOutput.h"
+#include "base/ScopedFd.h"
 #include "signature/SignatureVerifier.h"
 #include "signature/TrustAnchors.h"
 
@@ -107,20 +109,39 @@ std::string SignatureCheck::anchorsFolder() {
   return settings::trustAnchorsDirectory();
 }
 
+// The anchors are read for each installation: a device maker who adds or
+// withdraws one expects the next installation to know.
+void SignatureCheck::readAnchors() {
+  std::unique_ptr<TrustAnchors> anchors(new TrustAnchors);
+  std::string why;
+  anchorsRead_ = anchors->addFolder(anchorsFolder_, &why);
+  anchorsUnread_.swap(why);
+  anchors_ = std::move(anchors);
+}
+
+void SignatureCheck::prepare(const std::string& folder,
+                             const std::vector<std::string>& written) {
+  if (!active()) return;
+  readAnchors();
+  ScopedFd fd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (fd.get() < 0) return;
+  early_ = SignatureVerifier(*anchors_).prepare(fd.get(), written);
+}
+
 Outcome SignatureCheck::check(const std::string& folder) {
   if (!active()) return Outcome();
-  // The anchors are read for each installation: a device maker who adds or
-  // withdraws one expects the next installation to know.
-  TrustAnchors anchors;
-  std::string why;
-  if (!anchors.addFolder(anchorsFolder_, &why)) {
+  if (!anchors_) readAnchors();
+  // Said here, where the check is, whenever the anchors were read.
+  if (!anchorsRead_) {
     engineError() << "Cannot read the trust anchors in " << anchorsFolder_
-                  << ": " << why << std::endl;
+                  << ": " << anchorsUnread_ << std::endl;
   }
-  for (const std::string& problem : anchors.problems())
+  for (const std::string& problem : anchors_->problems())
     engineError() << "A trust anchor is left out: " << problem << std::endl;
 
-  const Verdict verdict = SignatureVerifier(anchors).verify(folder, &written_);
+  const Verdict verdict =
+      SignatureVerifier(*anchors_).verify(folder, &written_, &early_);
+  early_ = SignatureVerifier::Early();
   const SignatureVerdict* author = verdict.author();
 
   nlohmann::json record = describe(verdict);

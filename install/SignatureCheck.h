@@ -7,12 +7,16 @@
 #define WIDGETENGINE_SIGNATURECHECK_H_
 
 #include <nlohmann/json_fwd.hpp>
+#include <memory>
 #include <string>
+#include <vector>
 
 #include "base/Outcome.h"
 #include "base/Settings.h"
 #include "registry/SqlLite3.h"
 #include "signature/FileDigests.h"
+#include "signature/SignatureVerifier.h"
+#include "signature/TrustAnchors.h"
 
 struct Verdict;
 
@@ -44,6 +48,14 @@ class SignatureCheck {
   // policy is on (null when it is off, so that nothing is digested).
   FileDigests* written() { return active() ? &written_ : nullptr; }
 
+  // Reads the trust anchors and checks what of the package's signature
+  // documents needs none of its other files, once the unpacking into
+  // folder has written the files named in written (every signature
+  // document among them) and while it writes the rest. It may run on
+  // another thread than check(), which must come after it has returned.
+  // Optional: check() does whatever it did not.
+  void prepare(const std::string& folder, const std::vector<std::string>& written);
+
   // Checks the package unpacked in folder, on the digests written() was
   // given as far as they go. A refusal, whose reason names the first rule
   // that failed, when the policy requires signatures and they do not hold;
@@ -57,8 +69,16 @@ class SignatureCheck {
   bool validAuthor() const { return validAuthor_; }
 
  private:
+  void readAnchors();
+
   settings::SignaturePolicy policy_;
   std::string anchorsFolder_;
+  // The anchors as read for this installation, and why their folder could
+  // not be used when it could not.
+  std::unique_ptr<TrustAnchors> anchors_;
+  bool anchorsRead_ = false;
+  std::string anchorsUnread_;
+  SignatureVerifier::Early early_;
   FileDigests written_;
   SqlLite3::SignatureRow row_;
   bool validAuthor_ = false;

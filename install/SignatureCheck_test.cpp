@@ -14,6 +14,7 @@
 #include <functional>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <regex>
 #include <string>
 
 #include "base/Refusal.h"
@@ -113,10 +114,16 @@ class SignatureCheckTest : public WidgetSandbox {
     widgetengine_set_trust_anchors(nullptr);
   }
 
-  // The package of a case, zipped; its file:// URL.
-  std::string packageOf(const Case& c) {
-    const std::string folder = dir.file(std::string("source-") + c.name);
+  // The package of a case, zipped, with padding more files of its own
+  // (signed with the rest); its file:// URL.
+  std::string packageOf(const Case& c, int padding = 0) {
+    const std::string folder = dir.file(std::string("source-") + c.name +
+                                        (padding ? "-" + std::to_string(padding) : ""));
     SignedPackage unpacked(folder);
+    for (int i = 0; i < padding; ++i) {
+      TempDir::writeFile(unpacked.file("page" + std::to_string(i) + ".html"),
+                         "<!DOCTYPE html><p>" + std::to_string(i) + "</p>\n");
+    }
     c.prepare(unpacked, pki);
     ZipBuilder zip;
     for (const auto& entry :
@@ -285,6 +292,47 @@ TEST_F(SignatureCheckTest, RemovalTakesTheRecordAlongAndAReusedIdStartsClean) {
   widgetengine_set_signature_policy(WIDGETENGINE_SIGNATURES_OFF);
   ASSERT_EQ(0, install(packageOf(kCases[9])));
   EXPECT_EQ(false, info("unsigned")["checked"]);
+}
+
+// A package of enough entries is written on two threads, its signature
+// documents first and checked while the other files are written; on one
+// thread they are checked after. Either way, under each policy, the same
+// lines, status, refusal and record.
+TEST_F(SignatureCheckTest, OneThreadOrTwoGiveTheSameAnswers) {
+  for (const Case& c : kCases) {
+    const std::string url = packageOf(c, 24);
+    for (int policy : {WIDGETENGINE_SIGNATURES_REPORT, WIDGETENGINE_SIGNATURES_REQUIRE}) {
+      widgetengine_set_signature_policy(policy);
+      int status[2];
+      Outcome outcome[2];
+      std::string output[2];
+      nlohmann::json record[2];
+      for (int threads = 1; threads <= 2; ++threads) {
+        ScopedEnv unpacking("WIDGETENGINE_UNPACK_THREADS", std::to_string(threads));
+        const int at = threads - 1;
+        status[at] = install(url, &outcome[at], &output[at]);
+        // The downloaded file's name is drawn afresh each time.
+        output[at] = std::regex_replace(output[at], std::regex("/file[A-Za-z0-9]{6}\n"),
+                                        "/fileXXXXXX\n");
+        record[at] = info(c.name);
+        if (status[at] == 0) {
+          EXPECT_EQ(1, remove(c.name)) << c.name;
+        }
+        EXPECT_TRUE(nothingLeft()) << c.name;
+      }
+      EXPECT_EQ(status[0], status[1]) << c.name;
+      EXPECT_EQ(outcome[0].code(), outcome[1].code()) << c.name;
+      EXPECT_EQ(outcome[0].reason(), outcome[1].reason()) << c.name;
+      EXPECT_EQ(output[0], output[1]) << c.name;
+      EXPECT_EQ(record[0], record[1]) << c.name;
+      const bool refused = policy == WIDGETENGINE_SIGNATURES_REQUIRE && *c.refusal;
+      EXPECT_EQ(refused ? 6 : 0, status[1]) << c.name << output[1];
+      if (refused) {
+        EXPECT_TRUE(startsWith(outcome[1].reason(), c.refusal))
+            << c.name << ": " << outcome[1].reason();
+      }
+    }
+  }
 }
 
 }  // namespace

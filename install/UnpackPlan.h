@@ -8,6 +8,7 @@
 #include <zip.h>
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -32,6 +33,16 @@ struct UnpackTask {
   uint64_t at = 0;
   uint64_t length = 0;
   uint16_t method = 0;
+};
+
+// Entries a package written on two threads has written before all others,
+// and what is done as soon as they are: whenWritten runs once, on one of
+// the writing threads, with the names of those entries (files only) while
+// the other entries are being written. Lines, files and refusals are those
+// of the archive's order all the same.
+struct FirstEntries {
+  std::function<bool(const std::string& name)> chosen;
+  std::function<void(const std::vector<std::string>& names)> whenWritten;
 };
 
 class UnpackPlan {

@@ -29,18 +29,20 @@ class UnpackWorkers {
   // Unpacks tasks, the calling thread with unpacker and the helper with one
   // of its own on the same base (baseFd, baseError, baseLength) and package;
   // count is the archive's entry count, for the progress reports. Appends the
-  // name of each file written to files. The refusal of the first entry
-  // that failed, after its line: both threads stop taking entries then, and
-  // whatever the helper wrote past the failure goes with the target
-  // directory when the failed extraction is cleaned. *started says whether
-  // the helper thread ran. With digests, each thread digests the files it
-  // writes (unpacker must be digesting already), and the digests go into
-  // digests in entry order.
+  // name of each file written to files. The refusal of the first entry in
+  // the archive that failed, after its line: neither thread takes an entry
+  // behind a failed one, and whatever was written past the failure goes
+  // with the target directory when the failed extraction is cleaned.
+  // *started says whether the helper thread ran. With digests, each thread
+  // digests the files it writes (unpacker must be digesting already), and
+  // the digests go into digests in entry order. With first (when not
+  // null), the entries it chooses are taken before the others, and its
+  // whenWritten runs on the thread that finds them all written.
   static Outcome run(const std::vector<UnpackTask>& tasks, EntryUnpacker& unpacker,
                   int baseFd, int baseError, size_t baseLength,
                   const ZipReader& package, zip_int64_t count,
                   std::vector<std::string>& files, FileDigests* digests,
-                  bool* started);
+                  bool* started, const FirstEntries* first = nullptr);
 };
 
 #endif  // WIDGETENGINE_UNPACKWORKERS_H_

@@ -27,6 +27,7 @@
 #include "install/Extractor.h"
 #include "install/InstallLock.h"
 #include "install/SignatureCheck.h"
+#include "signature/SignatureFiles.h"
 #include "base/UrlPath.h"
 #include "registry/LocalizedItemKeys.h"
 #include "registry/SqlLite3.h"
@@ -483,6 +484,19 @@ int WidgetInstaller::unpackPackage(const std::string& downloadPath,
   signatures_.reset(new SignatureCheck());
   if (checkSignatures_) signatures_->atLeastReport();
   extractor->setDigests(signatures_->written());
+  if (signatures_->active()) {
+    // The signature documents are written first, and what of them needs
+    // no other file is checked while the rest is being written.
+    SignatureCheck* check = signatures_.get();
+    const std::string folder = unpackPath;
+    extractor->setFirst(FirstEntries{
+        [](const std::string& name) {
+          return SignatureFiles::kindOf(name) != SignatureFiles::kNone;
+        },
+        [check, folder](const std::vector<std::string>& names) {
+          check->prepare(folder, names);
+        }});
+  }
   std::optional<Outcome> unpackRefusal;
   if (extractor->extract(files) == -1) {
     unpackRefusal = extractor->outcome();

@@ -29,20 +29,25 @@
 
 namespace {
 
-// The package folder of the check running on this thread (-1 outside one)
-// and its files, and where the first complaint libxmlsec makes goes.
+// Whether a check runs on this thread, the package folder its references
+// read from and its files, and where the first complaint libxmlsec makes
+// goes.
+thread_local bool checking = false;
 thread_local int currentFolder = -1;
 thread_local const std::set<std::string>* currentFiles = nullptr;
 thread_local std::string* currentError = nullptr;
 
-// While one lives, references on this thread read the files below folderFd.
+// While one lives, references on this thread read the files below folderFd
+// (with -1, none at all).
 class FolderScope {
  public:
   FolderScope(int folderFd, const std::set<std::string>& files) {
+    checking = true;
     currentFolder = folderFd;
     currentFiles = &files;
   }
   ~FolderScope() {
+    checking = false;
     currentFolder = -1;
     currentFiles = nullptr;
   }
@@ -54,7 +59,7 @@ class FolderScope {
 // a check they take every URI, so that libxml2's own (files relative to
 // the working directory, the network) are never reached; outside one they
 // take none and leave libxmlsec as it was for any other user in the process.
-int matchReference(const char*) { return currentFolder >= 0 ? 1 : 0; }
+int matchReference(const char*) { return checking ? 1 : 0; }
 
 // A file a reference reads. libxmlsec asks for a kilobyte at a time; the
 // file is read in larger blocks, one held at a time.
@@ -70,7 +75,8 @@ struct OpenReference {
 // package path when the URI names a file; only a path of the package is
 // opened, so that no second decoding can make one file's name another's.
 void* openReference(const char* path) {
-  if (currentFolder < 0 || !path || !currentFiles->count(path)) return nullptr;
+  if (!checking || currentFolder < 0 || !path || !currentFiles->count(path))
+    return nullptr;
   const int fd = PackageTree::openFile(currentFolder, path);
   if (fd < 0) return nullptr;
   return new OpenReference(fd);
@@ -198,6 +204,16 @@ xmlSecKey* keyOf(EVP_PKEY* pkey) {
     return nullptr;
   }
   return key.release();
+}
+
+// Readies libxmlsec and makes *ctx a context checking with key; what
+// failed ("internal: ...") when it cannot.
+std::string checkingContext(EVP_PKEY* key, DSigCtxPtr* ctx) {
+  std::string reason;
+  if (!CoreSignature::ready(&reason)) return "internal: " + reason;
+  *ctx = makeContext();
+  if (!*ctx || !((*ctx)->signKey = keyOf(key))) return "internal: out of memory";
+  return std::string();
 }
 
 // Runs operation (libxmlsec's sign or verify) on the signature, references
@@ -352,55 +368,118 @@ bool checkValue(xmlSecDSigCtx* ctx, xmlNode* signedInfo, xmlSecTransform* sign,
   return true;
 }
 
-// The check of values when the files' digests as written are known, in
-// libxmlsec's own order and on the structure it insists on: the
-// signature's and SignedInfo's elements, the methods and the key, every
-// reference in order (stopping at the first that differs), then the value
-// over SignedInfo. The properties' reference is libxmlsec's to digest;
-// files are compared with their written digests.
-Values checkWithWritten(xmlSecDSigCtx* ctx, xmlNode* signature, int folderFd,
-                        const std::set<std::string>& files,
+// The parts of a signature element the check of values walks.
+struct Parts {
+  xmlNode* signedInfo = nullptr;
+  xmlNode* signatureValue = nullptr;
+  xmlNode* canonicalization = nullptr;
+  xmlNode* method = nullptr;
+  xmlNode* firstReference = nullptr;
+};
+
+// False unless the element is shaped as libxmlsec insists a signature is:
+// SignedInfo, SignatureValue, then KeyInfo and Objects only, and SignedInfo
+// its methods followed by references only.
+bool partsOf(xmlNode* signature, Parts* parts) {
+  parts->signedInfo = elementFrom(signature->children);
+  parts->signatureValue =
+      parts->signedInfo ? elementFrom(parts->signedInfo->next) : nullptr;
+  xmlNode* rest =
+      parts->signatureValue ? elementFrom(parts->signatureValue->next) : nullptr;
+  if (isDsig(rest, "KeyInfo")) rest = elementFrom(rest->next);
+  while (isDsig(rest, "Object")) rest = elementFrom(rest->next);
+  parts->canonicalization =
+      parts->signedInfo ? elementFrom(parts->signedInfo->children) : nullptr;
+  parts->method =
+      parts->canonicalization ? elementFrom(parts->canonicalization->next) : nullptr;
+  parts->firstReference = parts->method ? elementFrom(parts->method->next) : nullptr;
+  xmlNode* afterReferences = parts->firstReference;
+  while (isDsig(afterReferences, "Reference"))
+    afterReferences = elementFrom(afterReferences->next);
+  return isDsig(parts->signedInfo, "SignedInfo") &&
+         isDsig(parts->signatureValue, "SignatureValue") && !rest &&
+         isDsig(parts->canonicalization, "CanonicalizationMethod") &&
+         isDsig(parts->method, "SignatureMethod") &&
+         isDsig(parts->firstReference, "Reference") && !afterReferences;
+}
+
+bool isSameDocument(const std::string& uri) { return !uri.empty() && uri[0] == '#'; }
+
+// What of the check of values needs no file of the package, in libxmlsec's
+// own order: the methods and the key, the references within the document
+// (stopping at the first that fails or differs), then the value over
+// SignedInfo. No reference can reach a file meanwhile.
+void prepareSteps(xmlSecDSigCtx* ctx, xmlNode* signature,
+                  CoreSignature::Early* early) {
+  const std::set<std::string> none;
+  FolderScope scope(-1, none);
+  ctx->operation = xmlSecTransformOperationVerify;
+  Parts parts;
+  early->shaped = partsOf(signature, &parts);
+  if (!early->shaped) return;
+  xmlSecTransform* sign = nullptr;
+  {
+    CoreSignature::Quiet quiet(&early->methods.complaint);
+    sign = readMethods(ctx, parts.canonicalization, parts.method);
+  }
+  early->methods.done = sign != nullptr;
+  if (!sign) return;
+
+  for (xmlNode* reference = parts.firstReference; reference;
+       reference = elementFrom(reference->next)) {
+    if (!isSameDocument(xmltext::getRawAttribute(reference, "URI"))) continue;
+    early->sameDocument.emplace_back();
+    CoreSignature::Early::Step& step = early->sameDocument.back();
+    CoreSignature::Quiet quiet(&step.complaint);
+    xmlSecDSigReferenceCtx* same =
+        xmlSecDSigReferenceCtxCreate(ctx, xmlSecDSigReferenceOriginSignedInfo);
+    if (!same) return;
+    step.done = xmlSecDSigReferenceCtxProcessNode(same, reference) >= 0;
+    step.matches = same->status == xmlSecDSigStatusSucceeded;
+    xmlSecDSigReferenceCtxDestroy(same);
+    if (!step.done || !step.matches) return;
+  }
+  CoreSignature::Quiet quiet(&early->value.complaint);
+  early->value.done = checkValue(ctx, parts.signedInfo, sign, parts.signatureValue,
+                                 &early->value.matches);
+}
+
+// The check of values when the files' digests as written are known, on
+// the steps prepareSteps() took: the methods, then every reference in
+// order (stopping at the first that differs), then the value over
+// SignedInfo. Files are compared with their written digests; what went
+// wrong is told as a check in one go would have told it, by the first
+// complaint heard.
+Values checkWithWritten(const CoreSignature::Early& early, xmlNode* signature,
+                        int folderFd, const std::set<std::string>& files,
                         const CoreSignature::WrittenDigests& written) {
   Values values;
   std::string& error = values.error;
   CoreSignature::Quiet quiet(&error);
   FolderScope scope(folderFd, files);
-  ctx->operation = xmlSecTransformOperationVerify;
-
-  xmlNode* signedInfo = elementFrom(signature->children);
-  xmlNode* signatureValue = signedInfo ? elementFrom(signedInfo->next) : nullptr;
-  xmlNode* rest = signatureValue ? elementFrom(signatureValue->next) : nullptr;
-  if (isDsig(rest, "KeyInfo")) rest = elementFrom(rest->next);
-  while (isDsig(rest, "Object")) rest = elementFrom(rest->next);
-  xmlNode* canonicalization = signedInfo ? elementFrom(signedInfo->children) : nullptr;
-  xmlNode* method = canonicalization ? elementFrom(canonicalization->next) : nullptr;
-  xmlNode* firstReference = method ? elementFrom(method->next) : nullptr;
-  xmlNode* afterReferences = firstReference;
-  while (isDsig(afterReferences, "Reference"))
-    afterReferences = elementFrom(afterReferences->next);
-  if (!isDsig(signedInfo, "SignedInfo") || !isDsig(signatureValue, "SignatureValue") ||
-      rest || !isDsig(canonicalization, "CanonicalizationMethod") ||
-      !isDsig(method, "SignatureMethod") || !isDsig(firstReference, "Reference") ||
-      afterReferences) {
+  auto heard = [&error](const CoreSignature::Early::Step& step) {
+    if (error.empty()) error = step.complaint;
+  };
+  Parts parts;
+  if (!early.shaped || !partsOf(signature, &parts)) {
     error = "the signature's elements are not those of an XML signature";
     return values;
   }
-  xmlSecTransform* sign = readMethods(ctx, canonicalization, method);
-  if (!sign) return values;
+  heard(early.methods);
+  if (!early.methods.done) return values;
 
-  for (xmlNode* reference = firstReference; reference;
+  size_t sameDocument = 0;
+  for (xmlNode* reference = parts.firstReference; reference;
        reference = elementFrom(reference->next)) {
     const std::string uri = xmltext::getRawAttribute(reference, "URI");
     std::string path;
     bool matches = false;
-    if (!uri.empty() && uri[0] == '#') {
-      xmlSecDSigReferenceCtx* same =
-          xmlSecDSigReferenceCtxCreate(ctx, xmlSecDSigReferenceOriginSignedInfo);
-      if (!same) return values;
-      const bool done = xmlSecDSigReferenceCtxProcessNode(same, reference) >= 0;
-      matches = same->status == xmlSecDSigStatusSucceeded;
-      xmlSecDSigReferenceCtxDestroy(same);
-      if (!done) return values;
+    if (isSameDocument(uri)) {
+      if (sameDocument >= early.sameDocument.size()) return values;
+      const CoreSignature::Early::Step& step = early.sameDocument[sameDocument++];
+      heard(step);
+      if (!step.done) return values;
+      matches = step.matches;
     } else if (!ReferenceUri::toPath(uri, &path) || !files.count(path)) {
       error = "a reference names no file of the package";
       return values;
@@ -413,7 +492,9 @@ Values checkWithWritten(xmlSecDSigCtx* ctx, xmlNode* signature, int folderFd,
       return values;
     }
   }
-  values.processed = checkValue(ctx, signedInfo, sign, signatureValue, &values.valueValid);
+  heard(early.value);
+  values.processed = early.value.done;
+  values.valueValid = early.value.matches;
   return values;
 }
 
@@ -432,23 +513,40 @@ bool CoreSignature::ready(std::string* reason) {
   return readied;
 }
 
+CoreSignature::Early CoreSignature::prepare(xmlNode* signature, EVP_PKEY* key) {
+  Early early;
+  DSigCtxPtr ctx;
+  early.internal = checkingContext(key, &ctx);
+  if (early.internal.empty()) prepareSteps(ctx.get(), signature, &early);
+  return early;
+}
+
 bool CoreSignature::verify(xmlNode* signature, EVP_PKEY* key, int folderFd,
                            const std::set<std::string>& files,
                            const WrittenDigests* written,
-                           std::vector<std::string>* failures) {
-  std::string reason;
-  if (!ready(&reason)) {
-    failures->push_back("internal: " + reason);
-    return false;
+                           std::vector<std::string>* failures,
+                           const Early* early) {
+  Values values;
+  if (written) {
+    Early now;
+    if (!early) {
+      now = prepare(signature, key);
+      early = &now;
+    }
+    if (!early->internal.empty()) {
+      failures->push_back(early->internal);
+      return false;
+    }
+    values = checkWithWritten(*early, signature, folderFd, files, *written);
+  } else {
+    DSigCtxPtr ctx;
+    const std::string internal = checkingContext(key, &ctx);
+    if (!internal.empty()) {
+      failures->push_back(internal);
+      return false;
+    }
+    values = checkByLibrary(ctx.get(), signature, folderFd, files);
   }
-  DSigCtxPtr ctx = makeContext();
-  if (!ctx || !(ctx->signKey = keyOf(key))) {
-    failures->push_back("internal: out of memory");
-    return false;
-  }
-  const Values values =
-      written ? checkWithWritten(ctx.get(), signature, folderFd, files, *written)
-              : checkByLibrary(ctx.get(), signature, folderFd, files);
   if (!values.processed) {
     failures->push_back("signature-not-processed: " +
                         (values.error.empty() ? std::string("failed") : values.error));

@@ -51,14 +51,36 @@ class CoreSignature {
   // The digest of each package path's bytes as they were written.
   typedef std::map<std::string, Sha256::Digest> WrittenDigests;
 
+  // What of a signature's values can be checked without the package's
+  // files, when those are compared with the digests they were written
+  // with: the methods and the key, the references within the document
+  // (the properties) up to the first that fails, and the value over
+  // SignedInfo. Each step keeps what libxmlsec said during it, so that the
+  // check that uses it tells what the check in one go would have.
+  struct Early {
+    struct Step {
+      bool done = false;     // false when it could not be carried out
+      bool matches = false;  // a reference: its digest is right
+      std::string complaint;
+    };
+    std::string internal;   // why nothing could be checked: "internal: ..."
+    bool shaped = false;    // the elements are those of an XML signature
+    Step methods;
+    std::vector<Step> sameDocument;
+    Step value;             // matches: the value is right
+  };
+  static Early prepare(xmlNode* signature, EVP_PKEY* key);
+
   // Checks the signature element with key; a reference reads the file of
   // files (package paths) it names below folderFd, unless written (when
-  // not null) holds its digest. Each failed rule goes on *failures; true
-  // when none did.
+  // not null) holds its digest. With written, early (when not null) is
+  // what prepare() found for the same element and key. Each failed rule
+  // goes on *failures; true when none did.
   static bool verify(xmlNode* signature, EVP_PKEY* key, int folderFd,
                      const std::set<std::string>& files,
                      const WrittenDigests* written,
-                     std::vector<std::string>* failures);
+                     std::vector<std::string>* failures,
+                     const Early* early = nullptr);
 
   // Fills in the digests and the signature value of the signature element,
   // a template, with key; certificates (the signer's first) go into its

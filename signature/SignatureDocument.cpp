@@ -178,7 +178,10 @@ void SignatureDocument::checkAlgorithm(const std::string& uri,
 
 void SignatureDocument::check(const std::set<std::string>& packageFiles,
                               std::vector<std::string>* failures) {
+  // A check may be repeated, against the same files or others.
   readyForValues_ = idsUnique_;
+  propertiesReferenced_ = false;
+  identifier_.clear();
   xmlNode* root = signatureElement();
   if (!root) {
     readyForValues_ = false;
@@ -206,7 +209,9 @@ void SignatureDocument::check(const std::set<std::string>& packageFiles,
     checkReferences(signedInfo, packageFiles, failures);
   }
   checkProperties(signatureId, failures);
-  readCertificates(failures);
+  readCertificates();
+  failures->insert(failures->end(), certificateFailures_.begin(),
+                   certificateFailures_.end());
 }
 
 void SignatureDocument::checkReferences(xmlNode* signedInfo,
@@ -339,7 +344,10 @@ void SignatureDocument::checkProperties(const std::string& signatureId,
   }
 }
 
-void SignatureDocument::readCertificates(std::vector<std::string>* failures) {
+void SignatureDocument::readCertificates() {
+  if (certificatesRead_) return;
+  certificatesRead_ = true;
+  std::vector<std::string>* failures = &certificateFailures_;
   xmlNode* keyInfo = childNamed(signatureElement(), sv::kDsigNamespace, "KeyInfo");
   std::string complaint;
   CoreSignature::Quiet quiet(&complaint);

@@ -32,13 +32,20 @@ class SignatureDocument {
   void check(const std::set<std::string>& packageFiles,
              std::vector<std::string>* failures);
 
+  // Takes the certificates out of KeyInfo, which needs none of the
+  // package's files, so that the signer's chain can be checked before
+  // they are all written; check() does it when nothing has, and reports
+  // what was wrong with them in its place among its failures.
+  void readCertificates();
+
   // After check(): whether the references and algorithms are such that the
   // values can be checked (every file reference names a package file, and
   // every algorithm is one the engine runs).
   bool readyForValues() const { return readyForValues_; }
 
   xmlNode* signatureElement() const;
-  // The certificates of KeyInfo, DER, as they appear.
+  // After readCertificates() or check(): the certificates of KeyInfo, DER,
+  // as they appear.
   const std::vector<std::string>& certificates() const { return certificates_; }
   const std::string& identifier() const { return identifier_; }
 
@@ -49,7 +56,6 @@ class SignatureDocument {
                        std::vector<std::string>* failures);
   void checkProperties(const std::string& signatureId,
                        std::vector<std::string>* failures);
-  void readCertificates(std::vector<std::string>* failures);
 
   std::string file_;
   bool author_;
@@ -57,7 +63,9 @@ class SignatureDocument {
   bool idsUnique_ = true;
   bool propertiesReferenced_ = false;
   bool readyForValues_ = false;
+  bool certificatesRead_ = false;
   std::vector<std::string> certificates_;
+  std::vector<std::string> certificateFailures_;
   std::string identifier_;
 };
 

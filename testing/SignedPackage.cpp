@@ -5,6 +5,10 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <filesystem>
+#include <string>
+#include <vector>
+
 #include "base/ScopedFd.h"
 #include "signature/PackageTree.h"
 #include "testing/FolderDigests.h"
@@ -27,6 +31,20 @@ Verdict SignedPackage::verify() const {
   const FileDigests written = digestsOf(path_);
   EXPECT_EQ(describe(read), describe(verifier.verify(path_, &written)))
       << "the files read and their written digests give different verdicts";
+  // As an unpacking that wrote the files at the root first has it: what
+  // needs no other file checked before the rest.
+  ScopedFd folder(open(path_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  EXPECT_LE(0, folder.get()) << path_;
+  std::vector<std::string> rootFiles;
+  for (const auto& entry : std::filesystem::directory_iterator(path_)) {
+    if (std::filesystem::is_regular_file(entry.symlink_status()))
+      rootFiles.push_back(entry.path().filename().string());
+  }
+  const SignatureVerifier::Early early = verifier.prepare(folder.get(), rootFiles);
+  for (int time = 0; time < 2; ++time) {
+    EXPECT_EQ(describe(read), describe(verifier.verify(folder.get(), &written, &early)))
+        << "checking the signature documents ahead gives a different verdict";
+  }
   return read;
 }
 
