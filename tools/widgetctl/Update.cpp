@@ -100,6 +100,19 @@ std::string notInstalled(const std::string& name) {
 
 // The registry, a root or a folder that cannot be used is the environment's
 // failure; anything else is the engine's no.
+// The entry of an update of a widget that is not installed; src is the
+// package it was to come from, or null.
+json notInstalledEntry(const std::string& name, const json& src) {
+  return {{"name", name},
+          {"result", "not installed"},
+          {"from", nullptr},
+          {"to", nullptr},
+          {"src", src},
+          {"refusal", WIDGETENGINE_REFUSAL_NOT_INSTALLED},
+          {"reason", "no widget is called " + name},
+          {"check", nullptr}};
+}
+
 int exitForRefusal(int code) {
   return code == WIDGETENGINE_REFUSAL_REGISTRY || code == WIDGETENGINE_REFUSAL_UNTRUSTED
              ? kEnvironment
@@ -189,14 +202,7 @@ void UpdateRun::runOne(const std::string& name) {
             {"refusal", WIDGETENGINE_REFUSAL_NOT_INSTALLED},
             {"reason", "no widget is called " + name}});
   } else {
-    record({{"name", name},
-            {"result", "not installed"},
-            {"from", nullptr},
-            {"to", nullptr},
-            {"src", nullptr},
-            {"refusal", WIDGETENGINE_REFUSAL_NOT_INSTALLED},
-            {"reason", "no widget is called " + name},
-            {"check", nullptr}});
+    record(notInstalledEntry(name, nullptr));
   }
   fail(kNo, notInstalled(name));
 }
@@ -262,14 +268,7 @@ void UpdateRun::handle(const json& answer, bool named) {
 void UpdateRun::runFrom(const std::string& name, const std::string& url) {
   std::string installed;
   if (!installedVersion(name, &installed)) {
-    record({{"name", name},
-            {"result", "not installed"},
-            {"from", nullptr},
-            {"to", nullptr},
-            {"src", url},
-            {"refusal", WIDGETENGINE_REFUSAL_NOT_INSTALLED},
-            {"reason", "no widget is called " + name},
-            {"check", nullptr}});
+    record(notInstalledEntry(name, url));
     fail(kNo, notInstalled(name));
     return;
   }
