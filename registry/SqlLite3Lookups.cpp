@@ -258,7 +258,9 @@ int SqlLite3::findInCache(std::string& url, const std::vector<std::string>& loca
     mapped.resize(7 + dirLength + 9 + locale.size() + 1 + restLength + queryLength);
     char* out = &mapped[0];
     memcpy(out, kScheme, 7);
-    memcpy(out += 7, dir, dirLength);
+    out += 7;
+    // An empty directory may come from an arena with no storage at all.
+    if (dirLength) memcpy(out, dir, dirLength);
     memcpy(out += dirLength, kLocales, 9);
     memcpy(out += 9, locale.data(), locale.size());
     out += locale.size();

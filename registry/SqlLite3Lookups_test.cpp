@@ -236,3 +236,24 @@ TEST(LocalizedItemKeysTest, FiveKeysInTheirOrder) {
   EXPECT_STREQ("license", localizeditems::kAll[3]);
   EXPECT_STREQ("licensehref", localizeditems::kAll[4]);
 }
+
+// A widget whose directory is empty begins every path; with nothing else
+// in the registry's texts, the lookups still answer from its rows.
+TEST_F(RegistryTest, WidgetOfAnEmptyDirectoryIsLookedUp) {
+  { SqlLite3 create; }
+  {
+    Raw raw(dbPath());
+    ASSERT_EQ(SQLITE_OK,
+              raw.exec("INSERT INTO Widgets (id, storagePath, launchURL, name) "
+                       "VALUES (1, '', '', '');"
+                       "INSERT INTO widgetFiles (widgetID, path) VALUES "
+                       "(1, 'index.html'), (1, 'locales/fr/index.html')"));
+  }
+  SqlLite3 db;
+  std::string url = "file://index.html";
+  EXPECT_EQ(1, db.findLocalizedResource(url, {"fr"}));
+  EXPECT_EQ("file:///locales/fr/index.html", url);
+  std::string name = "unchanged";
+  EXPECT_TRUE(db.getNameByLaunchURL("", name));
+  EXPECT_EQ("", name);
+}

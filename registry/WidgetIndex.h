@@ -107,8 +107,10 @@ bool WidgetIndex::eachOwnerOf(const char* path, size_t pathLength, Visit visit) 
   }
   for (const uint32_t number : otherDirs_) {
     const Widget& w = widgets_[number];
+    // An arena of empty texts has no storage at all, and memcmp() may not
+    // be handed a null pointer even for no bytes.
     if (w.dirLength <= pathLength &&
-        memcmp(arena_.data() + w.dirOffset, path, w.dirLength) == 0 &&
+        (w.dirLength == 0 || memcmp(arena_.data() + w.dirOffset, path, w.dirLength) == 0) &&
         !visit(number)) {
       return false;
     }

@@ -83,6 +83,21 @@ TEST_F(RegistryTest, WidgetIndexAnswersLaunchURLsAndDirectoriesOfItsRows) {
   EXPECT_EQ((std::vector<int64_t>{}), owners(index, "/w/a/x.html"));
 }
 
+// Empty texts leave nothing in the arena: a directory of no bytes begins
+// every path, and an empty launch URL is a key like any other.
+TEST_F(RegistryTest, WidgetIndexAnswersRowsOfEmptyTexts) {
+  { SqlLite3 create; }
+  Raw raw(dbPath());
+  ASSERT_EQ(SQLITE_OK, raw.exec("INSERT INTO Widgets (id, storagePath, launchURL, name) "
+                                "VALUES (1, '', '', '')"));
+  WidgetIndex index;
+  ASSERT_TRUE(loadsStandard(index, raw));
+  EXPECT_EQ("[]", nameFor(index, ""));
+  EXPECT_EQ("none", nameFor(index, "file:///w/a/index.html"));
+  EXPECT_EQ((std::vector<int64_t>{1}), owners(index, "/w/a/x.html"));
+  EXPECT_EQ((std::vector<int64_t>{1}), owners(index, ""));
+}
+
 TEST_F(RegistryTest, WidgetIndexReadsNoRowsOfTablesOfAnotherShape) {
   { SqlLite3 create; }
   Raw raw(dbPath());
