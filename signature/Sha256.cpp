@@ -15,8 +15,20 @@ Sha256::Sha256() : ctx_(EVP_MD_CTX_new()) {
 
 Sha256::~Sha256() { EVP_MD_CTX_free(ctx_); }
 
+namespace {
+
+// OpenSSL looks the implementation up in its providers whenever it is named
+// by EVP_sha256(), under a lock; a file is digested per restart, so the
+// lookup is made once and kept for the life of the process.
+const EVP_MD* sha256() {
+  static EVP_MD* const fetched = EVP_MD_fetch(nullptr, "SHA256", nullptr);
+  return fetched ? fetched : EVP_sha256();
+}
+
+}  // namespace
+
 void Sha256::restart() {
-  ok_ = EVP_DigestInit_ex(ctx_, EVP_sha256(), nullptr) == 1;
+  ok_ = EVP_DigestInit_ex(ctx_, sha256(), nullptr) == 1;
 }
 
 void Sha256::add(const void* data, size_t size) {
