@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // UnpackWorkers writes a planned package (UnpackPlan) on the calling thread
-// and one helper thread, which it starts and joins before it returns. The
-// lines, progress reports and files are exactly those one thread writing
-// the entries in order would give.
+// and one helper thread, which it starts and joins before it returns: the
+// calling thread takes the entries in the archive's order, the helper the
+// largest left. The lines, progress reports and files are exactly those one
+// thread writing the entries in order would give.
 #ifndef WIDGETENGINE_UNPACKWORKERS_H_
 #define WIDGETENGINE_UNPACKWORKERS_H_
 
