@@ -46,8 +46,8 @@ class Extractor {
   // written; unset, as by default, nothing is digested.
   void setDigests(FileDigests* digests) { digests_ = digests; }
   // When extract() writes on two threads, the entries first chooses are
-  // written before the others and first's whenWritten runs as soon as they
-  // are (UnpackWorkers); in one thread, whenWritten never runs. Lines,
+  // taken before the others and first's whenWritten runs as soon as they
+  // are all written (UnpackWorkers); in one thread, whenWritten never runs. Lines,
   // files and refusals are the same either way.
   void setFirst(FirstEntries first) { first_ = std::move(first); }
   // True when the last extract() wrote on two threads.

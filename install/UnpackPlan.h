@@ -35,10 +35,10 @@ struct UnpackTask {
   uint16_t method = 0;
 };
 
-// Entries a package written on two threads has written before all others,
-// and what is done as soon as they are: whenWritten runs once, on one of
-// the writing threads, with the names of those entries (files only) while
-// the other entries are being written. Lines, files and refusals are those
+// Entries a package written on two threads takes before all others, and
+// what is done as soon as they are all written: whenWritten runs once, on
+// one of the writing threads, with the names of those entries (files only)
+// while the other entries are being written. Lines, files and refusals are those
 // of the archive's order all the same.
 struct FirstEntries {
   std::function<bool(const std::string& name)> chosen;

@@ -10,6 +10,9 @@
 
 #include <cstdio>
 #include <memory>
+#include <string>
+
+#include "signature/Vocabulary.h"
 
 namespace {
 
@@ -132,17 +135,17 @@ bool CertificateChain::verify(const TrustAnchors& anchors, time_t at,
         subjectOf(X509_STORE_CTX_get_current_cert(context.get()));
     switch (error) {
       case X509_V_ERR_CERT_HAS_EXPIRED:
-        failures->push_back("expired-certificate: " + where);
+        failures->push_back(std::string(signatureVocabulary::kExpiredCertificate) + ": " + where);
         break;
       case X509_V_ERR_CERT_NOT_YET_VALID:
-        failures->push_back("certificate-not-yet-valid: " + where);
+        failures->push_back(std::string(signatureVocabulary::kCertificateNotYetValid) + ": " + where);
         break;
       case X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT:
       case X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY:
       case X509_V_ERR_UNABLE_TO_VERIFY_LEAF_SIGNATURE:
       case X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT:
       case X509_V_ERR_SELF_SIGNED_CERT_IN_CHAIN:
-        failures->push_back("untrusted-signer: " + subject);
+        failures->push_back(std::string(signatureVocabulary::kUntrustedSigner) + ": " + subject);
         break;
       default:
         failures->push_back("bad-certificate: " + where + ": " +

@@ -21,8 +21,11 @@ namespace {
 // by EVP_sha256(), under a lock; a file is digested per restart, so the
 // lookup is made once and kept for the life of the process.
 const EVP_MD* sha256() {
+#if OPENSSL_VERSION_NUMBER >= 0x30000000L
   static EVP_MD* const fetched = EVP_MD_fetch(nullptr, "SHA256", nullptr);
-  return fetched ? fetched : EVP_sha256();
+  if (fetched) return fetched;
+#endif
+  return EVP_sha256();
 }
 
 }  // namespace

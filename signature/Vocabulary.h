@@ -30,6 +30,12 @@ const char kRsaSha256[] = "http://www.w3.org/2001/04/xmldsig-more#rsa-sha256";
 const char kEcdsaSha256[] = "http://www.w3.org/2001/04/xmldsig-more#ecdsa-sha256";
 const char kSha256[] = "http://www.w3.org/2001/04/xmlenc#sha256";
 
+// Rules a signer's certificate chain can break; a failure reads
+// "<rule>: <detail>". They say nothing of the package's files.
+const char kUntrustedSigner[] = "untrusted-signer";
+const char kExpiredCertificate[] = "expired-certificate";
+const char kCertificateNotYetValid[] = "certificate-not-yet-valid";
+
 // Largest signature document read, in bytes: a real one holds a reference
 // per file (some 200 bytes each) and a few certificates.
 const size_t kLargestDocument = 1u << 20;

@@ -2,6 +2,7 @@
 #include "tools/widgetctl/Signatures.h"
 
 #include "engine/ToolsFacade.h"
+#include "signature/Vocabulary.h"
 #include "tools/widgetctl/Reply.h"
 
 #include <string.h>
@@ -82,18 +83,22 @@ std::vector<std::string> signatureLines(const json& record) {
 std::vector<std::string> fileFailures(const json& record) {
   // A signer whose anchor was withdrawn, or whose certificate has since
   // expired, says nothing about the files.
-  static const char* const kNotAboutFiles[] = {
-      "untrusted-signer:", "expired-certificate:", "certificate-not-yet-valid:"};
+  static const char* const kNotAboutFiles[] = {signatureVocabulary::kUntrustedSigner,
+                                               signatureVocabulary::kExpiredCertificate,
+                                               signatureVocabulary::kCertificateNotYetValid};
   std::vector<std::string> failures;
   for (const json& failure : record.value("failures", json::array())) {
     if (!failure.is_string()) continue;
     const std::string line = failure.get<std::string>();
-    // "file: rule: detail"
+    // "file: rule: detail", as the record keeps each failure.
     const size_t colon = line.find(": ");
     const std::string rule = colon == std::string::npos ? line : line.substr(colon + 2);
     bool aboutFiles = true;
-    for (const char* name : kNotAboutFiles)
-      if (rule.compare(0, strlen(name), name) == 0) aboutFiles = false;
+    for (const char* name : kNotAboutFiles) {
+      const size_t length = strlen(name);
+      if (rule.compare(0, length, name) == 0 && rule.compare(length, 1, ":") == 0)
+        aboutFiles = false;
+    }
     if (aboutFiles) failures.push_back(line);
   }
   return failures;
