@@ -293,9 +293,10 @@ bool InstallLock::noteSwitch(int widgetId, int64_t fileMark,
                              const std::string& storagePath) {
   // The folder is the one of the journal's staging line: the last one made.
   const std::string journal = fd_ >= 0 ? readAll(fd_) : std::string();
-  const size_t line = journal.find(kStagingLine);
+  // At the start of a line: the package line before it may hold the text.
+  const size_t line = journal.find(std::string("\n") + kStagingLine);
   if (line == std::string::npos) return false;
-  const size_t start = line + strlen(kStagingLine);
+  const size_t start = line + 1 + strlen(kStagingLine);
   const size_t end = journal.find('\n', start);
   if (end == std::string::npos) return false;
   std::string parent;

@@ -100,7 +100,7 @@ bool removeUnder(const std::string& home, const std::string& token,
   }
   int failure = 0;
   const TreeRemover remover([&failure](int error) { failure = error; });
-  remover.removeContents(folder);
+  if (!remover.removeContents(folder) && failure == 0) failure = errno;
   close(folder);
   if (unlinkat(parent.get(), token.c_str(), AT_REMOVEDIR) != 0) {
     *reason = "cannot remove " + path + ": " +

@@ -261,8 +261,11 @@ Outcome WidgetUpdater::update(const WidgetsData& installed) {
   }
   reached(kSwitchNoted);
 
-  // Every reader of the registry waits on this transaction, so the files
-  // and the rows change for it at one moment: at the commit.
+  // Lookups that answer from memory could go on answering the old rows
+  // beside the new files: they are sent to the registry first, where they
+  // wait on this transaction, so that the files and the rows change for
+  // them at one moment: at the commit.
+  database_->announceChange();
   if (!exchange(staging, live)) {
     const std::string why = std::string("cannot put the new files in place: ") +
                             strerror(errno);
@@ -272,10 +275,6 @@ Outcome WidgetUpdater::update(const WidgetsData& installed) {
   }
   reached(kExchanged);
 
-  // Lookups that answer from memory could go on answering the old rows for
-  // a moment after the commit, beside the new files: they are sent to the
-  // registry now, where they wait for the commit.
-  database_->announceChange();
   if (!database_->endJob()) {
     const std::string error = database_->lastError();
     // The old files go back to the rows that stayed; should that fail, the
@@ -308,13 +307,19 @@ bool WidgetUpdater::installedSigner(Signer* signer) {
   if (found < 2) return true;
   const nlohmann::json record = nlohmann::json::parse(kept, nullptr, false);
   if (!record.is_object()) return true;
+  // A record of another shape (a registry some other program wrote) names
+  // no signer rather than failing the update.
   const auto author = record.find("author");
-  if (author == record.end() || !author->is_object() ||
-      author->value("valid", false) != true) {
-    return true;
-  }
-  signer->fingerprint = author->value("fingerprint", "");
-  signer->subject = author->value("subject", "");
+  if (author == record.end() || !author->is_object()) return true;
+  const auto valid = author->find("valid");
+  if (valid == author->end() || !valid->is_boolean() || !valid->get<bool>()) return true;
+  const auto text = [&](const char* key) {
+    const auto value = author->find(key);
+    return value != author->end() && value->is_string() ? value->get<std::string>()
+                                                         : std::string();
+  };
+  signer->fingerprint = text("fingerprint");
+  signer->subject = text("subject");
   return true;
 }
 

@@ -248,6 +248,7 @@ void SqlLite3::ensureIndexes() {
 
 std::string SqlLite3::lastError() const {
   if (!impl->db) return "the registry is not open";
+  if (!impl->refusedBeforeSQLite.empty()) return impl->refusedBeforeSQLite;
   return std::string(sqlite3_errmsg(impl->db)) + " (" +
          std::to_string(sqlite3_extended_errcode(impl->db)) + ")";
 }

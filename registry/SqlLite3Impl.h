@@ -160,6 +160,8 @@ struct SqlLite3::Impl {
   sqlite3* db = nullptr;
   char* errorMessage = nullptr;
   int resultCode = 0;
+  // Why the last write was refused before SQLite saw it, when it was.
+  std::string refusedBeforeSQLite;
   int rowCount = 0;
   int columnCount = 0;
   bool opened = false;

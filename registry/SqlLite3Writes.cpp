@@ -246,6 +246,7 @@ int runWithId(sqlite3* db, const char* sql, int widgetId,
 }  // namespace
 
 bool SqlLite3::replaceWidgetRows(int widgetId, const WidgetsData& widget) {
+  impl->refusedBeforeSQLite.clear();
   if (!impl->db || !impl->jobOpen) return false;
   const std::vector<const std::string*> texts = {
       &widget.getVersion(),    &widget.getWidgetName(),
@@ -255,6 +256,8 @@ bool SqlLite3::replaceWidgetRows(int widgetId, const WidgetsData& widget) {
   for (const std::string* text : texts) {
     if (!quotable(*text, '\'')) {
       impl->resultCode = SQLITE_ERROR;
+      impl->refusedBeforeSQLite =
+          "a text of config.xml holds a quote or a NUL character: " + *text;
       return false;
     }
   }
@@ -267,10 +270,15 @@ bool SqlLite3::replaceWidgetRows(int widgetId, const WidgetsData& widget) {
     impl->resultCode =
         runWithId(impl->db, statements::kDeleteItemsOfWidget, widgetId);
   sqlite3_stmt* insertFile = impl->statement(kInsertWidgetFileStatement);
+  // Without its file rows the widget would look empty, and a switch that
+  // was cut short could not tell that these rows were committed.
+  if (impl->resultCode == SQLITE_OK && !insertFile)
+    impl->resultCode = sqlite3_errcode(impl->db) != SQLITE_OK ? sqlite3_errcode(impl->db)
+                                                               : SQLITE_ERROR;
   for (const std::string& path : widget.getFiles()) {
     if (impl->resultCode != SQLITE_OK) break;
     // A name the installation would have left out is left out here too.
-    if (!insertFile || !quotable(path, '"')) continue;
+    if (!quotable(path, '"')) continue;
     ResetOnExit reset(insertFile);
     sqlite3_bind_int(insertFile, 1, widgetId);
     bindText(insertFile, 2, path);
@@ -313,6 +321,7 @@ bool SqlLite3::hasFilesWrittenAfter(int widgetId, int64_t mark, bool* ok) {
 
 void SqlLite3::rollbackJob() {
   PublishOnExit<Impl> publish(impl.get());
+  impl->refusedBeforeSQLite.clear();
   if (!impl->jobOpen) return;
   impl->jobOpen = false;
   if (!sqlite3_get_autocommit(impl->db)) impl->exec(statements::kRollback);

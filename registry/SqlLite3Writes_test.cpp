@@ -234,3 +234,27 @@ TEST_F(RegistryTest, InsertedRecordReadsBackWhole) {
   EXPECT_TRUE(r.getDescription().empty());
   deleteAll(rows);
 }
+
+// An update's rows: a text holding a quote is refused before SQLite sees
+// it, with a reason of its own, and the old rows stay.
+TEST_F(RegistryTest, ReplacedRowsWithAQuoteAreRefusedWithTheirReason) {
+  SqlLite3 db;
+  WidgetsData w = makeWidget("kept", {"index.html"});
+  ASSERT_EQ(1, db.insertWidget(&w));
+  WidgetsData next = makeWidget("kept", {"index.html", "new.html"});
+  next.setVersion("2.0 'beta'");
+  ASSERT_TRUE(db.beginExclusiveJob());
+  EXPECT_FALSE(db.replaceWidgetRows(1, next));
+  EXPECT_EQ("a text of config.xml holds a quote or a NUL character: 2.0 'beta'",
+            db.lastError());
+  db.rollbackJob();
+  EXPECT_EQ(std::string::npos, db.lastError().find("config.xml"));
+
+  next.setVersion("2.0");
+  ASSERT_TRUE(db.beginExclusiveJob());
+  EXPECT_TRUE(db.replaceWidgetRows(1, next));
+  ASSERT_TRUE(db.endJob());
+  Raw raw(dbPath());
+  EXPECT_EQ("2.0", raw.one("SELECT version FROM Widgets WHERE id = 1"));
+  EXPECT_EQ("2", raw.one("SELECT COUNT(*) FROM widgetFiles WHERE widgetID = 1"));
+}
