@@ -1,12 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tools/widgetctl/Sign.h"
 
+#include <dirent.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <zip.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <fstream>
@@ -128,7 +130,11 @@ bool pack(const std::string& folder, const std::vector<std::string>& original,
   int code = 0;
   Archive archive(zip_open(path.c_str(), ZIP_TRUNCATE, &code));
   if (!archive) {
-    *error = "cannot write the signed package " + path;
+    zip_error_t zipError;
+    zip_error_init_with_code(&zipError, code);
+    *error = "cannot write the signed package " + path + ": " +
+             zip_error_strerror(&zipError);
+    zip_error_fini(&zipError);
     return false;
   }
   std::vector<std::string> order = {"config.xml"};
@@ -169,9 +175,37 @@ bool pack(const std::string& folder, const std::vector<std::string>& original,
   return true;
 }
 
+// The distributor documents at the root of folder ("signature1.xml", ...).
+std::vector<std::string> distributorDocuments(const std::string& folder) {
+  std::vector<std::string> found;
+  DIR* dir = opendir(folder.c_str());
+  if (!dir) return found;
+  while (const struct dirent* entry = readdir(dir)) {
+    const std::string name = entry->d_name;
+    const size_t digits = name.size() > 13 ? name.size() - 13 : 0;
+    if (digits > 0 && name.compare(0, 9, "signature") == 0 &&
+        name.compare(name.size() - 4, 4, ".xml") == 0 && name[9] != '0' &&
+        name.find_first_not_of("0123456789", 9) == name.size() - 4) {
+      found.push_back(name);
+    }
+  }
+  closedir(dir);
+  std::sort(found.begin(), found.end());
+  return found;
+}
+
 int signFolder(const std::string& folder, const std::string& key,
                const std::string& chain, const SignOptions& options,
                std::string* written, std::string* error) {
+  // A distributor signs the author's document too: a new one breaks it.
+  if (!options.distributor) {
+    for (const std::string& document : distributorDocuments(folder)) {
+      std::cerr << "widgetctl: warning: " << document
+                << " signs the author signature this replaces; sign as that "
+                   "distributor again"
+                << std::endl;
+    }
+  }
   std::vector<std::string> lines;
   bool signedIt;
   {
@@ -211,6 +245,10 @@ int signPackage(const std::string& package, const std::string& key,
     *error = "cannot unpack the package " + package + ": " + *error;
     return kNo;
   }
+  if (!isFile(folder + "/config.xml")) {
+    *error = "the package " + package + " holds no config.xml";
+    return kNo;
+  }
   const int status = signFolder(folder, key, chain, options, written, error);
   if (status != kOk) return status;
 
@@ -226,7 +264,11 @@ int signPackage(const std::string& package, const std::string& key,
     *error = "cannot write beside " + package + ": " + strerror(errno);
     return kEnvironment;
   }
-  close(fd);
+  if (close(fd) != 0) {
+    *error = "cannot write beside " + package + ": " + strerror(errno);
+    unlink(fresh.c_str());
+    return kEnvironment;
+  }
   if (!pack(folder, original, *written, fresh, error)) {
     unlink(fresh.c_str());
     return kEnvironment;
@@ -255,6 +297,10 @@ int runSign(const std::string& target, const SignOptions& options) {
   std::string written;
   struct stat status;
   const bool folder = stat(target.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+  if (folder && !isFile(target + "/config.xml")) {
+    return finish(kNo, "could not sign " + target + ": " + target +
+                           " is not an unpacked widget (no config.xml)");
+  }
   const int result = folder ? signFolder(target, key, chain, options, &written, &error)
                             : signPackage(target, key, chain, options, &written, &error);
   if (result != kOk) {

@@ -1032,6 +1032,15 @@ TEST_F(WidgetctlSignatureTest, SignedFolderVerifiesWithXmlsec1) {
             TempDir::readFile(folder + "/signature1.xml").find("xml-exc-c14n#"));
   Result again = sign(folder, "distributor", {"--distributor"});
   EXPECT_EQ("signed " + folder + ": wrote signature2.xml\n", again.out);
+
+  // The author signing again breaks what the distributors signed: said.
+  Result anew = sign(folder);
+  EXPECT_EQ(0, anew.status) << anew.err;
+  EXPECT_EQ("widgetctl: warning: signature1.xml signs the author signature this "
+            "replaces; sign as that distributor again\n"
+            "widgetctl: warning: signature2.xml signs the author signature this "
+            "replaces; sign as that distributor again\n",
+            anew.err);
 }
 
 TEST_F(WidgetctlSignatureTest, SignedPackageIsReplacedInPlaceAndInstallsUnderRequire) {
@@ -1108,6 +1117,17 @@ TEST_F(WidgetctlSignatureTest, SignRefusesWhatItCannotSignAndLeavesItAsItWas) {
   EXPECT_EQ(1, refused.status);
   EXPECT_EQ(0u, refused.err.find("widgetctl: could not sign " + notAZip + ": "));
   EXPECT_EQ("<html>not found</html>", TempDir::readFile(notAZip));
+
+  // A folder that is not a widget (a slip of the path) is not signed.
+  const std::string notAWidget = dir.file("keys-only");
+  ASSERT_EQ(0, mkdir(notAWidget.c_str(), 0755));
+  TempDir::writeFile(notAWidget + "/secret.key", "private");
+  Result stray = sign(notAWidget);
+  EXPECT_EQ(1, stray.status);
+  EXPECT_EQ("widgetctl: could not sign " + notAWidget + ": " + notAWidget +
+                " is not an unpacked widget (no config.xml)\n",
+            stray.err);
+  EXPECT_EQ(std::vector<std::string>({"secret.key"}), TempDir::listDirectory(notAWidget));
 
   Result json = run({"--json", "sign", "--key", keys + "stranger.key", "--cert",
                      keys + "author.pem", package});
