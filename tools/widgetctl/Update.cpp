@@ -33,8 +33,8 @@ const char kUpdateHelp[] =
     "launch URL, and a refused or interrupted update leaves it as it was.\n"
     "Prints one line per widget: \"NAME: updated OLD -> NEW\", \"NAME VERSION:\n"
     "up to date\" or \"NAME VERSION: no update description\"; a widget that\n"
-    "could not be checked or updated gets one line on standard error that says\n"
-    "why. --all updates every widget whose description offers another\n"
+    "could not be checked or updated ends with a line on standard error that\n"
+    "says why. --all updates every widget whose description offers another\n"
     "version; a widget named without a description is a failure. --from\n"
     "updates the one widget NAME from that package, without a description.\n"
     "\n"
@@ -49,7 +49,9 @@ const char kUpdateHelp[] =
     "\n"
     "Exit status 0 when every widget could be checked (and, without --check,\n"
     "is up to date or was updated), whether or not updates were on offer; 1\n"
-    "when a named widget is not installed or a check or an update failed.\n";
+    "when a named widget is not installed or a check or an update failed; 3\n"
+    "when the registry cannot be used or a folder another user could write is\n"
+    "refused.\n";
 
 namespace {
 
@@ -98,8 +100,6 @@ std::string notInstalled(const std::string& name) {
          " is installed (\"widgetctl list\" lists them)";
 }
 
-// The registry, a root or a folder that cannot be used is the environment's
-// failure; anything else is the engine's no.
 // The entry of an update of a widget that is not installed; src is the
 // package it was to come from, or null.
 json notInstalledEntry(const std::string& name, const json& src) {
@@ -113,6 +113,8 @@ json notInstalledEntry(const std::string& name, const json& src) {
           {"check", nullptr}};
 }
 
+// The registry, a root or a folder that cannot be used is the environment's
+// failure; anything else is the engine's no.
 int exitForRefusal(int code) {
   return code == WIDGETENGINE_REFUSAL_REGISTRY || code == WIDGETENGINE_REFUSAL_UNTRUSTED
              ? kEnvironment

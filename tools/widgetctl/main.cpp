@@ -70,7 +70,7 @@ const char kUsageText[] =
     "  --check           update: only ask whether updates are on offer\n"
     "  --all             update: every installed widget\n"
     "  --from URL|PATH   update: the package to update the one NAME from\n"
-    "  --jitter SECONDS  update --all: first wait a random time up to SECONDS\n"
+    "  --jitter SECONDS  update of every widget: first wait up to SECONDS at random\n"
     "  -V, --version     the library version and its compiled-in paths\n"
     "  -h, --help        this text\n"
     "\n"
@@ -384,7 +384,7 @@ int main(int argc, char** argv) {
   if (command->arguments == -1 && words.empty())
     return usageError(name + " needs at least one package", command->name);
   if (options.hasLanguage && name != "info" && name != "map" && name != "update")
-    return usageError("--lang is for info and map", command->name);
+    return usageError("--lang is for info, map and update", command->name);
   if ((options.repair || options.reinstall || options.removeOrphans) && name != "doctor")
     return usageError("--repair, --reinstall and --remove-orphans are for doctor",
                       command->name);
