@@ -264,7 +264,9 @@ Outcome WidgetUpdater::update(const WidgetsData& installed) {
   // Lookups that answer from memory could go on answering the old rows
   // beside the new files: they are sent to the registry first, where they
   // wait on this transaction, so that the files and the rows change for
-  // them at one moment: at the commit.
+  // them at one moment: at the commit. (That is the rollback journal the
+  // engine keeps; in a registry another program switched to WAL, readers
+  // go on with the old rows until the commit.)
   database_->announceChange();
   if (!exchange(staging, live)) {
     const std::string why = std::string("cannot put the new files in place: ") +
