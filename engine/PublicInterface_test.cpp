@@ -286,6 +286,7 @@ TEST_F(PublicInterfaceTest, LibraryExportsOnlyTheEngineInterface) {
       "toolsfacade::signFolder",
       "toolsfacade::signaturePolicy[abi:cxx11]",
       "toolsfacade::signatureDocuments",
+      "toolsfacade::signatureDocumentsInFolder",
       "toolsfacade::sweepLeftovers",
       "toolsfacade::trustedDirectory",
       "toolsfacade::unpack",

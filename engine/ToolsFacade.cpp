@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "engine/ToolsFacade.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <stdio.h>
 #include <sys/file.h>
@@ -219,6 +220,17 @@ std::vector<std::string> signatureDocuments(const std::string& packagePath) {
     if (zip_stat_index(archive.get(), static_cast<zip_uint64_t>(index), 0, &stat) == 0)
       names.push_back(EntryName::of(stat));
   }
+  return SignatureFiles::inProcessingOrder(names);
+}
+
+std::vector<std::string> signatureDocumentsInFolder(const std::string& folder) {
+  std::vector<std::string> names;
+  DIR* dir = opendir(folder.c_str());
+  if (!dir) return names;
+  while (const struct dirent* entry = readdir(dir)) {
+    if (entry->d_type == DT_REG || entry->d_type == DT_UNKNOWN) names.push_back(entry->d_name);
+  }
+  closedir(dir);
   return SignatureFiles::inProcessingOrder(names);
 }
 

@@ -200,6 +200,10 @@ WIDGETENGINE_TOOLS_EXPORT std::string signaturePolicy();
 // when it has none or its list of entries cannot be read.
 WIDGETENGINE_TOOLS_EXPORT std::vector<std::string> signatureDocuments(
     const std::string& packagePath);
+// The same for the files at the root of the unpacked widget in folder;
+// empty when it has none or cannot be listed.
+WIDGETENGINE_TOOLS_EXPORT std::vector<std::string> signatureDocumentsInFolder(
+    const std::string& folder);
 
 struct SignatureReport {
   // The folder of trust anchors installations use now.

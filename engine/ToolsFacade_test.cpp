@@ -171,6 +171,19 @@ TEST_F(ToolsFacadeTest, SignatureDocumentsAreThoseAtTheRootInTheOrderTheyAreChec
   EXPECT_TRUE(toolsfacade::signatureDocuments(writePackage("plain.wgt", plain)).empty());
   TempDir::writeFile(packages + "page.wgt", "<html/>");
   EXPECT_TRUE(toolsfacade::signatureDocuments(packages + "page.wgt").empty());
+
+  // The same of a folder's own files: not of its subfolders, nor folders.
+  const std::string folder = packages + "unpacked";
+  ASSERT_EQ(0, mkdir(folder.c_str(), 0755));
+  ASSERT_EQ(0, mkdir((folder + "/docs").c_str(), 0755));
+  ASSERT_EQ(0, mkdir((folder + "/signature3.xml").c_str(), 0755));
+  for (const char* name : {"signature2.xml", "docs/author-signature.xml", "index.html",
+                           "signature10.xml", "author-signature.xml", "signature01.xml"})
+    TempDir::writeFile(folder + "/" + name, "x");
+  EXPECT_EQ(std::vector<std::string>(
+                {"author-signature.xml", "signature10.xml", "signature2.xml"}),
+            toolsfacade::signatureDocumentsInFolder(folder));
+  EXPECT_TRUE(toolsfacade::signatureDocumentsInFolder(packages + "none").empty());
 }
 
 TEST_F(ToolsFacadeTest, AnUnpackedPackageIsJudgedAgainstTheAnchorsInstallationsUse) {

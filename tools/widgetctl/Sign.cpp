@@ -1,14 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "tools/widgetctl/Sign.h"
 
-#include <dirent.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <zip.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <fstream>
@@ -175,31 +173,13 @@ bool pack(const std::string& folder, const std::vector<std::string>& original,
   return true;
 }
 
-// The distributor documents at the root of folder ("signature1.xml", ...).
-std::vector<std::string> distributorDocuments(const std::string& folder) {
-  std::vector<std::string> found;
-  DIR* dir = opendir(folder.c_str());
-  if (!dir) return found;
-  while (const struct dirent* entry = readdir(dir)) {
-    const std::string name = entry->d_name;
-    const size_t digits = name.size() > 13 ? name.size() - 13 : 0;
-    if (digits > 0 && name.compare(0, 9, "signature") == 0 &&
-        name.compare(name.size() - 4, 4, ".xml") == 0 && name[9] != '0' &&
-        name.find_first_not_of("0123456789", 9) == name.size() - 4) {
-      found.push_back(name);
-    }
-  }
-  closedir(dir);
-  std::sort(found.begin(), found.end());
-  return found;
-}
-
 int signFolder(const std::string& folder, const std::string& key,
                const std::string& chain, const SignOptions& options,
                std::string* written, std::string* error) {
   // A distributor signs the author's document too: a new one breaks it.
   if (!options.distributor) {
-    for (const std::string& document : distributorDocuments(folder)) {
+    for (const std::string& document : toolsfacade::signatureDocumentsInFolder(folder)) {
+      if (document == "author-signature.xml") continue;
       std::cerr << "widgetctl: warning: " << document
                 << " signs the author signature this replaces; sign as that "
                    "distributor again"

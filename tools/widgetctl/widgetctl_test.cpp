@@ -1036,9 +1036,9 @@ TEST_F(WidgetctlSignatureTest, SignedFolderVerifiesWithXmlsec1) {
   // The author signing again breaks what the distributors signed: said.
   Result anew = sign(folder);
   EXPECT_EQ(0, anew.status) << anew.err;
-  EXPECT_EQ("widgetctl: warning: signature1.xml signs the author signature this "
+  EXPECT_EQ("widgetctl: warning: signature2.xml signs the author signature this "
             "replaces; sign as that distributor again\n"
-            "widgetctl: warning: signature2.xml signs the author signature this "
+            "widgetctl: warning: signature1.xml signs the author signature this "
             "replaces; sign as that distributor again\n",
             anew.err);
 }
