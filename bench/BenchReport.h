@@ -30,8 +30,19 @@ class MedianReporter : public benchmark::ConsoleReporter {
 
   double median(const std::string& name) const {
     auto it = seconds_.find(name);
-    if (it == seconds_.end() || it->second.empty()) return 0;
-    std::vector<double> values = it->second;
+    if (it == seconds_.end()) return 0;
+    return medianOf(it->second);
+  }
+
+  // Each round's time of name, in the order of the rounds; empty when it
+  // was not measured.
+  std::vector<double> rounds(const std::string& name) const {
+    auto it = seconds_.find(name);
+    return it == seconds_.end() ? std::vector<double>() : it->second;
+  }
+
+  static double medianOf(std::vector<double> values) {
+    if (values.empty()) return 0;
     std::sort(values.begin(), values.end());
     const size_t n = values.size();
     return n % 2 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;

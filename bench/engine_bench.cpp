@@ -14,6 +14,11 @@
 //  - widgetengine_update_widget of that package over an installed copy of
 //    it (download, unpacking beside it, the switch, the removal of the old
 //    files) against the fresh receiveWidget of the same round.
+//  - the receiveWidget of that package with an author signature, under the
+//    policy that requires one, against the plain one; and, to say how much
+//    of that any check of the written bytes must cost, the unpacking of the
+//    plain package with every written byte digested against the same
+//    unpacking without.
 // Every benchmark runs once per round and the rounds follow one another, so
 // that a figure and its twin share the machine's load; the summary at the
 // end gives the medians over the rounds and the ratios the targets are
@@ -34,6 +39,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <iostream>
 #include <iterator>
 #include <map>
@@ -50,6 +56,7 @@
 #include "bench/BenchRuns.h"
 #include "install/Extractor.h"
 #include "registry/SqlLite3.h"
+#include "signature/FileDigests.h"
 #include "signature/SignatureMaker.h"
 #include "testing/HttpServer.h"
 #include "testing/LiteralRegistry.h"
@@ -511,6 +518,29 @@ void BM_Update(benchmark::State& state, const std::string& scheme) {
   unregisterTypical(state, place, root);
 }
 
+// The unpacking of the typical package alone, as an installation does it,
+// into a directory never used before and kept; digested, every byte written
+// is digested as under a signature policy, and nothing else is done. The
+// difference is the least any check of a signature on the written bytes
+// adds to an installation.
+void BM_Unpack(benchmark::State& state, bool digested) {
+  const std::string package = benchpackages::path(benchpackages::kTypical);
+  const std::string target =
+      freshRunPath(digested ? "unpack-digested" : "unpack") + "widget_typical/";
+  FileDigests digests;
+  QuietStdout quiet;
+  for (auto _ : state) {
+    Extractor extractor(package, target);
+    extractor.setKeepFiles(true);
+    if (digested) extractor.setDigests(&digests);
+    std::vector<std::string> files;
+    if (extractor.extract(files) != 0) {
+      state.SkipWithError("extract failed");
+      break;
+    }
+  }
+}
+
 // The same package fetched by the curl program and unpacked by bsdtar.
 void BM_CurlBsdtar(benchmark::State& state, const std::string& scheme) {
   const std::string url = packageURL(scheme);
@@ -532,6 +562,7 @@ void BM_CurlBsdtar(benchmark::State& state, const std::string& scheme) {
 
 // Keeps the real time per iteration of every run, in seconds, by benchmark
 // name without the decorations that the registration adds.
+using benchreport::formatTime;
 using benchreport::MedianReporter;
 using benchreport::printAtLeast;
 using benchreport::printAtMost;
@@ -539,6 +570,46 @@ using benchreport::printAtMost;
 int envInt(const char* name, int fallback) {
   const char* value = getenv(name);
   return value && *value ? atoi(value) : fallback;
+}
+
+// No target of its own: what digesting every written byte adds to the
+// unpacking, and what that alone would make of BM_Install/file, the least a
+// signed installation can cost on this machine. Both are medians of the
+// rounds' own figures, each round's unpackings set against its installation:
+// the machine's speed drifts over a run, which a ratio of medians over all
+// the rounds would mix in.
+void printDigestFloor(const MedianReporter& reporter) {
+  const std::vector<double> plain = reporter.rounds("BM_Unpack/typical");
+  const std::vector<double> digested = reporter.rounds("BM_UnpackDigested/typical");
+  const std::vector<double> install = reporter.rounds("BM_Install/file");
+  if (plain.empty() || plain.size() != digested.size() ||
+      plain.size() != install.size()) {
+    printf("%-28s %-28s not measured\n", "BM_UnpackDigested/typical",
+           "BM_Unpack/typical");
+    return;
+  }
+  // Over a few rounds the 5 to 8 ms the digests add are lost in how much
+  // two unpackings a moment apart differ on this kind of machine (10 ms
+  // either way is common).
+  constexpr size_t kFewestRounds = 21;
+  if (plain.size() < kFewestRounds) {
+    printf("%-28s %-28s needs ENGINE_BENCH_ROUNDS=%zu or more\n",
+           "BM_UnpackDigested/typical", "BM_Unpack/typical", kFewestRounds);
+    return;
+  }
+  std::vector<double> added, floor;
+  for (size_t round = 0; round < plain.size(); ++round) {
+    added.push_back(digested[round] - plain[round]);
+    floor.push_back((install[round] + added.back()) / install[round]);
+  }
+  const double more = MedianReporter::medianOf(added);
+  printf("%-28s %12s  %-28s %12s  adds %s%s a round: BM_Install/file at least "
+         "%.3f signed\n",
+         "BM_UnpackDigested/typical",
+         formatTime(reporter.median("BM_UnpackDigested/typical")).c_str(),
+         "BM_Unpack/typical", formatTime(reporter.median("BM_Unpack/typical")).c_str(),
+         more < 0 ? "-" : "", formatTime(more < 0 ? -more : more).c_str(),
+         MedianReporter::medianOf(floor));
 }
 
 }  // namespace
@@ -578,36 +649,41 @@ int main(int argc, char** argv) {
               ->MinTime(0.2);
       if (query.manualTime) b->UseManualTime();
     }
+    // A twin that always ran second would carry alone whatever going second
+    // does to a round (the file system has just taken another 200 files),
+    // so the signed and the digested twins take turns at going first.
+    const bool turned = round % 2 == 1;
+    const auto once = [](const std::string& name,
+                         std::function<void(benchmark::State&)> function) {
+      benchmark::RegisterBenchmark(name.c_str(), std::move(function))
+          ->Iterations(1)
+          ->Unit(benchmark::kMillisecond)
+          ->UseRealTime();
+    };
     for (const char* scheme : {"file", "http"}) {
       const std::string s = scheme;
-      benchmark::RegisterBenchmark(("BM_Install/" + s).c_str(),
-                                   [s](benchmark::State& st) { BM_Install(st, s); })
-          ->Iterations(1)
-          ->Unit(benchmark::kMillisecond)
-          ->UseRealTime();
-      benchmark::RegisterBenchmark(("BM_InstallOneThread/" + s).c_str(),
-                                   [s](benchmark::State& st) { BM_Install(st, s, "1"); })
-          ->Iterations(1)
-          ->Unit(benchmark::kMillisecond)
-          ->UseRealTime();
+      const auto plain = [&] {
+        once("BM_Install/" + s, [s](benchmark::State& st) { BM_Install(st, s); });
+      };
+      const auto signedToo = [&] {
+        if (s == "file") {
+          once("BM_InstallSigned/file",
+               [](benchmark::State& st) { BM_Install(st, "file", "", true); });
+        }
+      };
+      if (turned) signedToo();
+      plain();
+      if (!turned) signedToo();
+      once("BM_InstallOneThread/" + s,
+           [s](benchmark::State& st) { BM_Install(st, s, "1"); });
       if (s == "file") {
-        benchmark::RegisterBenchmark(
-            "BM_InstallSigned/file",
-            [](benchmark::State& st) { BM_Install(st, "file", "", true); })
-            ->Iterations(1)
-            ->Unit(benchmark::kMillisecond)
-            ->UseRealTime();
+        for (const bool digested : {turned, !turned}) {
+          once(digested ? "BM_UnpackDigested/typical" : "BM_Unpack/typical",
+               [digested](benchmark::State& st) { BM_Unpack(st, digested); });
+        }
       }
-      benchmark::RegisterBenchmark(("BM_Update/" + s).c_str(),
-                                   [s](benchmark::State& st) { BM_Update(st, s); })
-          ->Iterations(1)
-          ->Unit(benchmark::kMillisecond)
-          ->UseRealTime();
-      benchmark::RegisterBenchmark(("BM_CurlBsdtar/" + s).c_str(),
-                                   [s](benchmark::State& st) { BM_CurlBsdtar(st, s); })
-          ->Iterations(1)
-          ->Unit(benchmark::kMillisecond)
-          ->UseRealTime();
+      once("BM_Update/" + s, [s](benchmark::State& st) { BM_Update(st, s); });
+      once("BM_CurlBsdtar/" + s, [s](benchmark::State& st) { BM_CurlBsdtar(st, s); });
     }
   }
   benchmark::Initialize(&argc, argv);
@@ -630,6 +706,7 @@ int main(int argc, char** argv) {
   // Checking the author signature of the typical package, under the policy
   // that requires one, against the same installation without.
   missed += !printAtMost(reporter, "BM_InstallSigned/file", "BM_Install/file", 1.15);
+  printDigestFloor(reporter);
   for (const char* op : {"GetInfo", "GetAll"}) {
     const std::string ours = std::string("BM_") + op;
     missed += !printAtLeast(reporter, ours + "/1000", ours + "Literal/1000", 20);
