@@ -152,8 +152,11 @@ UnpackOutcome EntryUnpacker::unpack(const UnpackTask& task, zip_file_t* entry) {
   // copy, and the file counts as unpacked as far as it was read; a host
   // that asked for checked entries has an entry whose bytes are not the
   // ones its checksum was made of (a short one among them) fail instead.
+  // Read once: an entry is checked, and its checksum summed, or neither.
+  const bool verify =
+      gVerifyEntries.load(std::memory_order_relaxed) && task.hasCrc;
   if (digest_) digest_->restart();
-  EntryWriter writer(out.get(), task.size, digest_.get());
+  EntryWriter writer(out.get(), task.size, digest_.get(), verify);
   if (task.spanned) {
     if (!copySpan(package_, writer, task.at, task.length, task.method,
                   input_.get(), buffer_.get(), kCopyBufferSize)) {
@@ -167,8 +170,7 @@ UnpackOutcome EntryUnpacker::unpack(const UnpackTask& task, zip_file_t* entry) {
       }
     }
   }
-  if (gVerifyEntries.load(std::memory_order_relaxed) && task.hasCrc &&
-      !writer.matches(task.crc)) {
+  if (verify && !writer.matches(task.crc)) {
     return failed(UnpackOutcome::kDamaged, 0);
   }
   UnpackOutcome done;

@@ -41,7 +41,7 @@ bool EntryWriter::write(const char* data, size_t size) {
     return false;
   }
   left_ -= size;
-  crc_ = crc32Of(crc_, data, size);
+  if (checksum_) crc_ = crc32Of(crc_, data, size);
   if (!writeAll(fd_, data, size)) return false;
   if (digest_) digest_->add(data, size);
   return true;

@@ -59,6 +59,14 @@ TEST_F(EntryWriterTest, AShortEntryDoesNotMatch) {
   EXPECT_FALSE(writer.matches(kCrcOfAbc));
 }
 
+TEST_F(EntryWriterTest, WithoutChecksumWritesTheSameAndMatchesNothing) {
+  EntryWriter writer(fd, 3, nullptr, false);
+  ASSERT_TRUE(writer.write("abc", 3));
+  EXPECT_EQ("abc", TempDir::readFile(path));
+  EXPECT_FALSE(writer.matches(kCrcOfAbc));
+  EXPECT_FALSE(writer.matches(0));
+}
+
 TEST_F(EntryWriterTest, AFailedWriteSaysWhy) {
   const int readOnly = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   ASSERT_GE(readOnly, 0);
