@@ -588,7 +588,7 @@ void printDigestFloor(const MedianReporter& reporter) {
            "BM_Unpack/typical");
     return;
   }
-  // Over a few rounds the 5 to 8 ms the digests add are lost in how much
+  // Over a few rounds the 4 to 8 ms the digests add are lost in how much
   // two unpackings a moment apart differ on this kind of machine (10 ms
   // either way is common).
   constexpr size_t kFewestRounds = 21;
