@@ -562,10 +562,10 @@ void BM_CurlBsdtar(benchmark::State& state, const std::string& scheme) {
 
 // Keeps the real time per iteration of every run, in seconds, by benchmark
 // name without the decorations that the registration adds.
-using benchreport::formatTime;
 using benchreport::MedianReporter;
 using benchreport::printAtLeast;
 using benchreport::printAtMost;
+using benchreport::formatTime;
 
 int envInt(const char* name, int fallback) {
   const char* value = getenv(name);
@@ -597,10 +597,10 @@ void printDigestFloor(const MedianReporter& reporter) {
            "BM_UnpackDigested/typical", "BM_Unpack/typical", kFewestRounds);
     return;
   }
-  std::vector<double> added, floor;
+  std::vector<double> added, least;
   for (size_t round = 0; round < plain.size(); ++round) {
     added.push_back(digested[round] - plain[round]);
-    floor.push_back((install[round] + added.back()) / install[round]);
+    least.push_back((install[round] + added.back()) / install[round]);
   }
   const double more = MedianReporter::medianOf(added);
   printf("%-28s %12s  %-28s %12s  adds %s%s a round: BM_Install/file at least "
@@ -609,7 +609,7 @@ void printDigestFloor(const MedianReporter& reporter) {
          formatTime(reporter.median("BM_UnpackDigested/typical")).c_str(),
          "BM_Unpack/typical", formatTime(reporter.median("BM_Unpack/typical")).c_str(),
          more < 0 ? "-" : "", formatTime(more < 0 ? -more : more).c_str(),
-         MedianReporter::medianOf(floor));
+         MedianReporter::medianOf(least));
 }
 
 }  // namespace
